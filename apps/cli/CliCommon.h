@@ -1,0 +1,45 @@
+// Shared pieces of the orvex command line: global options, exit codes, errors.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+#include <string>
+
+namespace orvexcli {
+
+/// Exit codes of every command.
+enum ExitCode : int {
+  kExitOk = 0,      ///< success
+  kExitFailure = 1, ///< the operation failed or the input is bad
+  kExitUsage = 2,   ///< wrong usage, or a file that can't be read
+};
+
+/// Options of the whole program; they may stand before or after a command's name.
+struct CliContext {
+  bool AnswerYes = false;
+  bool AnswerNo = false;
+  int Threads = 0; ///< 0: all processors the process may use
+  std::string Memory;  ///< "", "heap" or "mmf"
+  std::string MmfDir;
+  double MmfSizeGB = 0;
+  double MapSizeMB = 0;
+  int ExitCode = kExitOk;
+};
+
+/// A failure that a command reports: one line on stderr and the exit code.
+class CliError : public std::runtime_error {
+public:
+  CliError(int exitCode, const std::string& message) : std::runtime_error(message), FExitCode(exitCode) {}
+  int ExitCodeValue() const { return FExitCode; }
+
+private:
+  int FExitCode;
+};
+
+/// Adds a global option to the program; fallthrough lets it follow the command's name as well.
+void AddGlobalOptions(CLI::App& app, CliContext& ctx);
+
+// Command groups, one per file.
+void AddTagCommands(CLI::App& app, CliContext& ctx);
+
+} // namespace orvexcli
