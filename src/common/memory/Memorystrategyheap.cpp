@@ -1,0 +1,183 @@
+// The heap memory strategy: arrays made of page-sized heap blocks.
+#include "common/memory/Memorystrategyheap.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include <unistd.h>
+
+namespace {
+
+// Reads or writes a whole range of a file, retrying on interruption; returns the bytes moved.
+uint64_t TransferFile(int fileDescriptor, uint8_t* memory, uint64_t size, bool toMemory) {
+  uint64_t moved = 0;
+  while (moved < size) {
+    const size_t chunk = size_t(std::min<uint64_t>(size - moved, 1u << 30));
+    const ssize_t result = toMemory ? ::read(fileDescriptor, memory + moved, chunk)
+                                    : ::write(fileDescriptor, memory + moved, chunk);
+    if (result < 0 && errno == EINTR) continue;
+    if (result <= 0) break;
+    moved += uint64_t(result);
+  }
+  return moved;
+}
+
+} // namespace
+
+TPartialMemoryFromHeapArray::~TPartialMemoryFromHeapArray() {
+  if (FAllocator) FAllocator->FreeArray(this);
+}
+
+void TPartialMemoryFromHeapArray::GetDataAtAddress(uint64_t address, void* destination, uint32_t size) {
+  const THeapFragment& fragment = FFragments[address / FPageSize];
+  std::memcpy(destination, fragment.Block + (address - fragment.StartAddress), size);
+}
+
+void TPartialMemoryFromHeapArray::SetDataAtAddress(uint64_t address, const void* source, uint32_t size) {
+  const THeapFragment& fragment = FFragments[address / FPageSize];
+  std::memcpy(fragment.Block + (address - fragment.StartAddress), source, size);
+}
+
+void TPartialMemoryFromHeapArray::GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) {
+  auto* target = static_cast<uint8_t*>(destination);
+  while (size > 0) {
+    const THeapFragment& fragment = FFragments[address / FPageSize];
+    const uint64_t offset = address - fragment.StartAddress;
+    const uint64_t chunk = std::min<uint64_t>(size, fragment.Size - offset);
+    std::memcpy(target, fragment.Block + offset, chunk);
+    target += chunk;
+    address += chunk;
+    size -= chunk;
+  }
+}
+
+void TPartialMemoryFromHeapArray::SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) {
+  auto* from = static_cast<const uint8_t*>(source);
+  while (size > 0) {
+    const THeapFragment& fragment = FFragments[address / FPageSize];
+    const uint64_t offset = address - fragment.StartAddress;
+    const uint64_t chunk = std::min<uint64_t>(size, fragment.Size - offset);
+    std::memcpy(fragment.Block + offset, from, chunk);
+    from += chunk;
+    address += chunk;
+    size -= chunk;
+  }
+}
+
+bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  uint64_t movedTotal = 0;
+  while (size > 0) {
+    const THeapFragment& fragment = FFragments[address / FPageSize];
+    const uint64_t offset = address - fragment.StartAddress;
+    const uint64_t chunk = std::min<uint64_t>(size, fragment.Size - offset);
+    const uint64_t moved = TransferFile(fileDescriptor, fragment.Block + offset, chunk, true);
+    movedTotal += moved;
+    if (moved != chunk) break;
+    address += chunk;
+    size -= chunk;
+  }
+  return movedTotal > 0;
+}
+
+bool TPartialMemoryFromHeapArray::SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  uint64_t movedTotal = 0;
+  while (size > 0) {
+    const THeapFragment& fragment = FFragments[address / FPageSize];
+    const uint64_t offset = address - fragment.StartAddress;
+    const uint64_t chunk = std::min<uint64_t>(size, fragment.Size - offset);
+    const uint64_t moved = TransferFile(fileDescriptor, fragment.Block + offset, chunk, false);
+    movedTotal += moved;
+    if (moved != chunk) break;
+    address += chunk;
+    size -= chunk;
+  }
+  return movedTotal > 0;
+}
+
+void TPartialMemoryFromHeapArray::ClearData() {
+  for (const THeapFragment& fragment : FFragments) std::memset(fragment.Block, 0, fragment.Size);
+}
+
+uint64_t TPartialMemoryFromHeapAllocator::ApplicationAddressSpan() {
+  // x86-64 Linux gives user space the addresses from the lowest mappable page (64 KiB by the
+  // usual mmap_min_addr) up to 2^47 less one guard page.
+  constexpr uint64_t lowest = 0x10000;
+  constexpr uint64_t highest = (uint64_t(1) << 47) - 4096;
+  return highest - lowest;
+}
+
+bool TPartialMemoryFromHeapAllocator::Initialize(const void* configuration) {
+  if (!configuration) return false;
+  const auto* record = static_cast<const TPartialMemoryHeapConfiguration*>(configuration);
+  if (record->RecordSize != sizeof(TPartialMemoryHeapConfiguration)) return false;
+  const uint64_t limit = std::min(record->LimitInBytes, ApplicationAddressSpan());
+  if (limit == 0) return false;
+  // One page more than the limit holds, even for an exact multiple.
+  const uint64_t pages = limit / kPartialMemoryPageSize + 1;
+  if (pages > UINT32_MAX) return false;
+  TPageLockGuard guard(FLock);
+  FPageSize = kPartialMemoryPageSize;
+  ResetPages(uint32_t(pages));
+  return true;
+}
+
+IPartialArray* TPartialMemoryFromHeapAllocator::AllocateArray(uint64_t bytes) {
+  if (bytes == 0) return nullptr;
+  const uint64_t needed = PagesNeededFor(bytes, FPageSize);
+  if (needed > UINT32_MAX) return nullptr;
+  const auto count = uint32_t(needed);
+
+  TPartialMemoryFromHeapArray* array = nullptr;
+  {
+    TPageLockGuard guard(FLock);
+    if (FFreePages < count) return nullptr;
+    try {
+      array = new TPartialMemoryFromHeapArray(this);
+      array->FPageNumbers.resize(count);
+      array->FFragments.resize(count);
+    } catch (const std::bad_alloc&) {
+      delete array; // holds no pages yet, so nothing goes back
+      return nullptr;
+    }
+    array->FPageSize = FPageSize;
+    array->FTotalBytes = bytes;
+    if (!TakePages(count, array->FPageNumbers.data())) {
+      array->FPageNumbers.clear();
+      array->FFragments.clear();
+      delete array;
+      return nullptr;
+    }
+  }
+
+  // The blocks are allocated outside the lock: malloc may take long for many pages.
+  uint64_t start = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    THeapFragment& fragment = array->FFragments[i];
+    fragment.StartAddress = start;
+    fragment.Size = uint32_t(std::min<uint64_t>(bytes - start, FPageSize));
+    fragment.EndAddress = start + fragment.Size;
+    fragment.Block = static_cast<uint8_t*>(std::malloc(fragment.Size));
+    if (!fragment.Block) {
+      delete array; // FreeArray gives back pages and the blocks made so far
+      return nullptr;
+    }
+    start += fragment.Size;
+  }
+  return array;
+}
+
+void TPartialMemoryFromHeapAllocator::FreeArray(IPartialArray* array) {
+  auto* heapArray = dynamic_cast<TPartialMemoryFromHeapArray*>(array);
+  if (!heapArray || heapArray->FAllocator != this || heapArray->FPageNumbers.empty()) return;
+  for (THeapFragment& fragment : heapArray->FFragments) {
+    std::free(fragment.Block);
+    fragment.Block = nullptr;
+  }
+  TPageLockGuard guard(FLock);
+  ReturnPages(heapArray->FPageNumbers.data(), uint32_t(heapArray->FPageNumbers.size()));
+  heapArray->FPageNumbers.clear();
+  heapArray->FFragments.clear();
+}

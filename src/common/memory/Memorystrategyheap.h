@@ -1,0 +1,62 @@
+// The heap memory strategy: every page of an array is its own block of the program heap.
+#pragma once
+
+#include "common/memory/Partialmemoryallocator.h"
+
+#include <cstdint>
+#include <vector>
+
+/// One page of a heap array; the last page of an array holds only the remainder.
+struct THeapFragment {
+  uint64_t StartAddress = 0;
+  uint64_t EndAddress = 0; ///< one past the last byte
+  uint32_t Size = 0;
+  uint32_t Reserved = 0;
+  uint8_t* Block = nullptr;
+};
+
+class TPartialMemoryFromHeapAllocator;
+
+/// An array of the heap strategy: a table of page-sized heap blocks.
+class TPartialMemoryFromHeapArray : public IPartialArray {
+public:
+  ~TPartialMemoryFromHeapArray() override;
+
+  bool LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) override;
+  bool SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) override;
+  void GetDataAtAddress(uint64_t address, void* destination, uint32_t size) override;
+  void SetDataAtAddress(uint64_t address, const void* source, uint32_t size) override;
+  void GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) override;
+  void SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) override;
+  void ClearData() override;
+
+  uint64_t TotalBytes() const { return FTotalBytes; }
+  uint32_t NumberOfFragments() const { return uint32_t(FFragments.size()); }
+  const THeapFragment& Fragment(uint32_t index) const { return FFragments[index]; }
+
+private:
+  friend class TPartialMemoryFromHeapAllocator;
+  explicit TPartialMemoryFromHeapArray(TPartialMemoryFromHeapAllocator* allocator) : FAllocator(allocator) {}
+
+  TPartialMemoryFromHeapAllocator* FAllocator;
+  std::vector<THeapFragment> FFragments;
+  std::vector<uint32_t> FPageNumbers;
+  uint64_t FTotalBytes = 0;
+  uint32_t FPageSize = kPartialMemoryPageSize;
+};
+
+/// Allocator of the heap strategy. Its limit bounds the sum of all arrays.
+class TPartialMemoryFromHeapAllocator : public TCustomPartialMemoryAllocator {
+public:
+  TPartialMemoryFromHeapAllocator() = default;
+  ~TPartialMemoryFromHeapAllocator() override = default;
+
+  /// Takes a TPartialMemoryHeapConfiguration; the limit is capped at the span of the process's
+  /// application addresses, and 0 is refused.
+  bool Initialize(const void* configuration) override;
+  IPartialArray* AllocateArray(uint64_t bytes) override;
+  void FreeArray(IPartialArray* array) override;
+
+  /// Span of addresses a 64-bit Linux process can give to its data.
+  static uint64_t ApplicationAddressSpan();
+};

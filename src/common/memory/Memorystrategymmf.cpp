@@ -1,0 +1,283 @@
+// The memory-mapped file strategy: allocator, arrays and their background flushing.
+#include "common/memory/Memorystrategymmf.h"
+
+#include "common/Logfile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iomanip>
+#include <sstream>
+
+#include <unistd.h>
+
+TPartialMemoryMappedArray::TPartialMemoryMappedArray(TPartialMemoryFromMMFAllocator* allocator,
+                                                     TPartialMMFMemory* memory)
+    : FAllocator(allocator), FMemory(memory), FPageSize(memory->PageSize()),
+      FTimerQueue(allocator->FTimerQueue.get()) {}
+
+TPartialMemoryMappedArray::~TPartialMemoryMappedArray() {
+  FCancelFlush.store(true);
+  {
+    TPageLockGuard guard(FTimerLock);
+    if (FTimerHandle != 0) {
+      FTimerQueue->DeleteTimer(FTimerHandle, &FTimerGone);
+      FTimerHandle = 0;
+      FTimerExists.store(false);
+    }
+  }
+  FTimerGone.Wait();
+  if (FAllocator) FAllocator->FreeArray(this);
+}
+
+bool TPartialMemoryMappedArray::HasFlushTimer() {
+  TPageLockGuard guard(FTimerLock);
+  return FTimerHandle != 0;
+}
+
+uint8_t* TPartialMemoryMappedArray::Reach(uint64_t address, std::atomic<uint32_t>*& referenceCount,
+                                          uint32_t& available) {
+  const uint64_t index = address / FPageSize;
+  const auto offset = uint32_t(address % FPageSize);
+  available = FPageSize - offset;
+  return FMemory->GetAddressWithinPage(offset, FPageNumbers[index], referenceCount);
+}
+
+void TPartialMemoryMappedArray::GetDataAtAddress(uint64_t address, void* destination, uint32_t size) {
+  std::atomic<uint32_t>* reference;
+  uint32_t available;
+  uint8_t* memory = Reach(address, reference, available);
+  if (!memory) return;
+  std::memcpy(destination, memory, size);
+  TPartialMMFMemory::ReleasePage(reference);
+}
+
+void TPartialMemoryMappedArray::SetDataAtAddress(uint64_t address, const void* source, uint32_t size) {
+  std::atomic<uint32_t>* reference;
+  uint32_t available;
+  uint8_t* memory = Reach(address, reference, available);
+  if (!memory) return;
+  std::memcpy(memory, source, size);
+  TPartialMMFMemory::ReleasePage(reference);
+  WriteAccessPage();
+}
+
+void TPartialMemoryMappedArray::GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) {
+  auto* target = static_cast<uint8_t*>(destination);
+  while (size > 0) {
+    std::atomic<uint32_t>* reference;
+    uint32_t available;
+    uint8_t* memory = Reach(address, reference, available);
+    if (!memory) return;
+    const uint64_t chunk = std::min<uint64_t>(size, available);
+    std::memcpy(target, memory, chunk);
+    TPartialMMFMemory::ReleasePage(reference);
+    target += chunk;
+    address += chunk;
+    size -= chunk;
+  }
+}
+
+void TPartialMemoryMappedArray::SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) {
+  auto* from = static_cast<const uint8_t*>(source);
+  bool written = false;
+  while (size > 0) {
+    std::atomic<uint32_t>* reference;
+    uint32_t available;
+    uint8_t* memory = Reach(address, reference, available);
+    if (!memory) break;
+    const uint64_t chunk = std::min<uint64_t>(size, available);
+    std::memcpy(memory, from, chunk);
+    TPartialMMFMemory::ReleasePage(reference);
+    written = true;
+    from += chunk;
+    address += chunk;
+    size -= chunk;
+  }
+  if (written) WriteAccessPage();
+}
+
+bool TPartialMemoryMappedArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  uint64_t movedTotal = 0;
+  bool complete = true;
+  while (size > 0 && complete) {
+    std::atomic<uint32_t>* reference;
+    uint32_t available;
+    uint8_t* memory = Reach(address, reference, available);
+    if (!memory) break;
+    const uint64_t chunk = std::min<uint64_t>(size, available);
+    uint64_t moved = 0;
+    while (moved < chunk) {
+      const ssize_t result = ::read(fileDescriptor, memory + moved, size_t(chunk - moved));
+      if (result < 0 && errno == EINTR) continue;
+      if (result <= 0) break;
+      moved += uint64_t(result);
+    }
+    TPartialMMFMemory::ReleasePage(reference);
+    movedTotal += moved;
+    complete = moved == chunk;
+    address += chunk;
+    size -= chunk;
+  }
+  if (movedTotal > 0) WriteAccessPage();
+  return movedTotal > 0;
+}
+
+bool TPartialMemoryMappedArray::SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  uint64_t movedTotal = 0;
+  bool complete = true;
+  while (size > 0 && complete) {
+    std::atomic<uint32_t>* reference;
+    uint32_t available;
+    uint8_t* memory = Reach(address, reference, available);
+    if (!memory) break;
+    const uint64_t chunk = std::min<uint64_t>(size, available);
+    uint64_t moved = 0;
+    while (moved < chunk) {
+      const ssize_t result = ::write(fileDescriptor, memory + moved, size_t(chunk - moved));
+      if (result < 0 && errno == EINTR) continue;
+      if (result <= 0) break;
+      moved += uint64_t(result);
+    }
+    TPartialMMFMemory::ReleasePage(reference);
+    movedTotal += moved;
+    complete = moved == chunk;
+    address += chunk;
+    size -= chunk;
+  }
+  return movedTotal > 0;
+}
+
+void TPartialMemoryMappedArray::ClearData() {
+  for (uint32_t page : FPageNumbers) {
+    std::atomic<uint32_t>* reference;
+    uint8_t* memory = FMemory->GetAddressWithinPage(0, page, reference);
+    if (!memory) continue;
+    std::memset(memory, 0, FPageSize);
+    TPartialMMFMemory::ReleasePage(reference);
+  }
+  WriteAccessPage();
+}
+
+void TPartialMemoryMappedArray::WriteAccessPage() {
+  // Fast path: already marked written and a timer will flush it.
+  if (!FClean.load() && FTimerExists.load()) return;
+  TPageLockGuard guard(FTimerLock);
+  FClean.store(false);
+  if (FTimerHandle == 0) {
+    FCancelFlush.store(false);
+    FTimerGone.Reset();
+    const uint32_t period = FAllocator->FlushPeriodMs();
+    FTimerHandle = FTimerQueue->CreateTimer([this] { FlushPagesFunc(); }, period, period);
+    FTimerExists.store(true);
+  }
+}
+
+void TPartialMemoryMappedArray::FlushPagesFunc() {
+  if (!FAllocator->FFlushSemaphore.try_acquire()) return;
+  if (FFlushLock.TryEnter()) {
+    bool flush = false;
+    {
+      TPageLockGuard guard(FTimerLock);
+      if (!FClean.load()) {
+        flush = true;
+        FClean.store(true);
+      } else if (FTimerHandle != 0) {
+        // A whole period without writes: the timer ends, and signals once this call returns.
+        FTimerQueue->DeleteTimer(FTimerHandle, &FTimerGone);
+        FTimerHandle = 0;
+        FTimerExists.store(false);
+      }
+    }
+    if (flush) {
+      const auto start = std::chrono::steady_clock::now();
+      for (uint32_t page : FPageNumbers) {
+        if (FCancelFlush.load()) break;
+        std::atomic<uint32_t>* reference;
+        uint8_t* memory = FMemory->GetAddressWithinPage(0, page, reference);
+        if (!memory) continue;
+        FMemory->FlushPage(memory);
+        TPartialMMFMemory::ReleasePage(reference);
+      }
+      const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      if (seconds > 5.0 && GlobalLogFile) {
+        std::ostringstream text;
+        text << "TPartialMemoryMappedArray->FlushPagesFunc(): FlushViewOfFile() Time = " << std::fixed
+             << seconds << ", PageSize = " << FPageSize;
+        GlobalLogFile->AddLog(text.str());
+      }
+      FFlushPasses.fetch_add(1);
+    }
+    FFlushLock.Leave();
+  }
+  FAllocator->FFlushSemaphore.release();
+}
+
+TPartialMemoryFromMMFAllocator::TPartialMemoryFromMMFAllocator()
+    : FTimerQueue(std::make_unique<TMemoryTimerQueue>()) {}
+
+TPartialMemoryFromMMFAllocator::~TPartialMemoryFromMMFAllocator() {
+  // The timer thread goes first, so that no flush runs while the file disappears.
+  FTimerQueue.reset();
+  FMemory.reset();
+}
+
+bool TPartialMemoryFromMMFAllocator::Initialize(const void* configuration) {
+  if (!configuration) return false;
+  const auto* record = static_cast<const TPartialMemoryMMFConfiguration*>(configuration);
+  if (record->RecordSize != sizeof(TPartialMemoryMMFConfiguration)) return false;
+  TPageLockGuard guard(FLock);
+  FMemory.reset();
+  ResetPages(0);
+  if (record->FileSizeInBytes == 0 || record->MapSizeInBytes == 0) return false;
+  if (record->MapSizeInBytes > record->FileSizeInBytes) return false;
+  if (record->MapSizeInBytes < kPartialMemoryPageSize) return false; // not a single view
+  std::string directory;
+  if (record->Directory) directory.assign(record->Directory, record->DirectoryLength);
+  auto memory =
+      std::make_unique<TPartialMMFMemory>(record->FileSizeInBytes, record->MapSizeInBytes, directory);
+  if (!memory->MemoryBackingAllocated()) return false;
+  FPageSize = memory->PageSize();
+  ResetPages(memory->TotalPages());
+  FMemory = std::move(memory);
+  return true;
+}
+
+IPartialArray* TPartialMemoryFromMMFAllocator::AllocateArray(uint64_t bytes) {
+  if (bytes == 0 || !FMemory) return nullptr;
+  const uint64_t needed = PagesNeededFor(bytes, FPageSize);
+  if (needed > UINT32_MAX) return nullptr;
+  const auto count = uint32_t(needed);
+  TPartialMemoryMappedArray* array = nullptr;
+  bool withAction = false;
+  {
+    TPageLockGuard guard(FLock);
+    if (FFreePages < count) return nullptr;
+    try {
+      array = new TPartialMemoryMappedArray(this, FMemory.get());
+      array->FPageNumbers.assign(count, TMMFPageInfo::kNoPage);
+    } catch (const std::bad_alloc&) {
+      delete array;
+      return nullptr;
+    }
+    if (!TakePages(count, array->FPageNumbers.data())) {
+      array->FPageNumbers.clear();
+      delete array;
+      return nullptr;
+    }
+    withAction = bool(FAllocateAction);
+  }
+  if (withAction) array->WriteAccessPage();
+  return array;
+}
+
+void TPartialMemoryFromMMFAllocator::FreeArray(IPartialArray* array) {
+  auto* mappedArray = dynamic_cast<TPartialMemoryMappedArray*>(array);
+  if (!mappedArray || mappedArray->FAllocator != this || mappedArray->FPageNumbers.empty()) return;
+  mappedArray->FCancelFlush.store(true);
+  mappedArray->FTimerGone.Wait(10000);
+  TPageLockGuard guard(FLock);
+  ReturnPages(mappedArray->FPageNumbers.data(), uint32_t(mappedArray->FPageNumbers.size()));
+  mappedArray->FPageNumbers.clear();
+}
