@@ -349,11 +349,10 @@ IStandardMessageReply* TMessageProxy::IssueMessage(IStandardMessage* message, bo
     IMessageLoggingStrategy* logger;
     {
       std::lock_guard guard(FStrategyLock);
-      if (message) {
-        auto found = FStrategies.find(message->GetTypeId());
-        if (found == FStrategies.end()) found = FStrategies.find(TGuid{});
-        if (found != FStrategies.end()) strategy = found->second;
-      }
+      // A null message goes to the default strategy, which declines it; the log then names that strategy.
+      auto found = message ? FStrategies.find(message->GetTypeId()) : FStrategies.end();
+      if (found == FStrategies.end()) found = FStrategies.find(TGuid{});
+      if (found != FStrategies.end()) strategy = found->second;
       logger = FLogger;
     }
     if (strategy) {
