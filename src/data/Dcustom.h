@@ -1,0 +1,196 @@
+// The base of every data object of a project, and the registry that turns stored class names into objects.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/Tagcontrol.h"
+
+class TDataField;
+class TProject;
+class TMCC;
+class TData;
+
+/// How an object travels with the project's file.
+enum class TDataSaveMode : int32_t {
+  Always = 0,        ///< always saved; a change marks the project changed
+  WhileUsed = 1,     ///< saved while another object or a viewer uses it
+  Never = 2,         ///< never saved; a change doesn't mark the project changed
+  HardwareOwned = 3, ///< owned by the acquisition side: never saved, left out of user lists
+};
+
+/// What a change notification announces.
+enum class TDataChangeInfo : int32_t {
+  Added = 0,
+  Removed = 1,
+  Unused = 2,
+  DataChanged = 3,
+  HistoryChanged = 4,
+  CaptionChanged = 5,
+  AboutToBeDeleted = 6,
+};
+
+/// History entry types; 2 marks an ID change, the others are as the callers give them.
+using THistoryEntryType = int32_t;
+inline constexpr THistoryEntryType kHistoryEntryIDChange = 2;
+
+/// One line of an object's history: when, what, and of which type.
+struct THistoryEntry {
+  /// year, month, day, hour, minute, second, millisecond
+  std::array<uint16_t, 7> Date{};
+  std::string Text;
+  THistoryEntryType Type = 0;
+
+  /// An entry dated now.
+  static THistoryEntry Now(const std::string& text, THistoryEntryType type);
+  bool operator==(const THistoryEntry&) const = default;
+};
+
+using TDataChangeCallback = std::function<void(TData*, TDataChangeInfo)>;
+using TDataList = std::vector<TData*>;
+
+/// Base of all data objects: ID, caption, history, metadata, save mode, lock number, change notification.
+class TData {
+public:
+  using TFactory = std::function<std::unique_ptr<TData>()>;
+
+  TData();
+  virtual ~TData();
+  TData(const TData&) = delete;
+  TData& operator=(const TData&) = delete;
+
+  static constexpr int32_t ThisVersion = 0;
+
+  // --- Virtual operations ----------------------------------------------------------------------
+
+  /// The object's data field; null for objects without one.
+  virtual TDataField* GetDataField() { return nullptr; }
+  virtual TTagError SaveDataToTagFile(TFileHandle file);
+  virtual TTagError LoadDataFromTagFile(TFileHandle file, const TTagControl& parent);
+  virtual void BeforeClearProject() {}
+  virtual void AddToHistoryList(const std::string& text, THistoryEntryType type);
+  /// Another object of the project changed.
+  virtual void DataChanged(TData* /*sender*/, TDataChangeInfo /*info*/) {}
+  virtual void CaptionChanged(bool /*byUser*/) {}
+  virtual void DoDataUpdate() {}
+  virtual void AfterOnDataChange() {}
+  /// True if this object refers to id.
+  virtual bool IsDataUsed(int32_t /*id*/) const { return false; }
+  /// Renumbering: adds delta to the own ID (and, in subclasses, to every stored reference).
+  virtual void AddToID(int32_t delta);
+  /// Clears references that point to nothing in the project.
+  virtual void CleanWrongDataConnections() {}
+  virtual void ExchangeID(int32_t /*oldID*/, int32_t /*newID*/) {}
+  /// An ID list was dropped on the object; the base refuses.
+  virtual bool IDListDropAccept(const TIntList& /*idList*/) const { return false; }
+  virtual void IDListDrop(const TIntList& /*idList*/) {}
+  /// The class name as stored in files.
+  virtual std::string GetClassNameA() const = 0;
+  /// True when this object's class is className or derives from it.
+  virtual bool InheritsFrom(std::string_view className) const { return className == "TData"; }
+  virtual void DoDataChange(TDataChangeInfo info);
+  virtual void SetCaption(const std::string& caption);
+  virtual void SetAutoDataChange(bool on);
+  virtual void SetImageIndex(int32_t index) { FImageIndex = index; }
+  virtual int32_t GetImageIndex() const { return FImageIndex; }
+  /// Which group of objects this is, for the project's lists.
+  virtual int32_t GetDataCategory() const = 0;
+  /// The IDs this object refers to, each with its name ("SpaceTransformationID", ...), for listings.
+  virtual std::vector<std::pair<std::string, int32_t>> GetReferencedIDs() const { return {}; }
+  /// True for objects so large that tools start without an automatic preview.
+  virtual bool IsLargeObject() const { return false; }
+
+  // --- Plain operations ------------------------------------------------------------------------
+
+  void SetUserCaption(const std::string& caption);
+  const std::string& GetCaption() const { return FCaption; }
+  int32_t GetID() const { return FID; }
+  void SetID(int32_t id) { FID = id; }
+  TProject* GetProject() const { return FProject; }
+  void SetProject(TProject* project) { FProject = project; }
+  void SetOnDataChange(TDataChangeCallback callback) { FOnDataChange = std::move(callback); }
+  TDataSaveMode GetSaveMode() const { return FSaveMode; }
+  void SetSaveMode(TDataSaveMode mode) { FSaveMode = mode; }
+  int32_t GetLockNumber() const { return FLockNumber; }
+  void Lock() { ++FLockNumber; }
+  void Unlock() { --FLockNumber; }
+  bool GetAutoDataChange() const { return FAutoDataChange; }
+  bool IsDataChangePending() const { return FPendingDataChange; }
+  const std::vector<THistoryEntry>& GetHistoryList() const { return FHistoryList; }
+  /// Replaces the history without notification (copying a source's history into a result).
+  void SetHistoryList(std::vector<THistoryEntry> history) { FHistoryList = std::move(history); }
+  TTagControl& GetMetaData() { return FMetaData; }
+  const TTagControl& GetMetaData() const { return FMetaData; }
+  TMCC* GetProgressController() const { return FProgressController; }
+  void SetProgressController(TMCC* controller) { FProgressController = controller; }
+  int32_t GetVersion() const { return FVersion; }
+
+  /// Adds delta to a referenced ID unless it is 0, so that a missing reference stays missing.
+  static void SafeAddToDataID(int32_t& id, int32_t delta) {
+    if (id != 0)
+      id += delta;
+  }
+
+  // --- Registry --------------------------------------------------------------------------------
+
+  /// Registers a factory under a class name; a name registered already is ignored.
+  static void RegisterDataObject(const std::string& className, TFactory factory);
+  /// A new object of the class, or null when the name is unknown.
+  static std::unique_ptr<TData> CreateDataObjectByName(const std::string& className);
+  static void DeleteRegisteredDataObjectList();
+  /// The registered names in registration order.
+  static std::vector<std::string> RegisteredDataObjectNames();
+
+protected:
+  /// Shows the caption as the progress main caption while a controller loads or saves the object.
+  void ShowCaptionAsProgress();
+
+private:
+  TTagError LoadHistoryList(TFileHandle file, const TTagControl& dataTag);
+
+  std::vector<THistoryEntry> FHistoryList;
+  TProject* FProject = nullptr;
+  int32_t FLockNumber = 0;
+  TDataSaveMode FSaveMode = TDataSaveMode::Always;
+  TTagControl FMetaData{"MetaData", TTagKind::TagList};
+  bool FPendingDataChange = false;
+  int32_t FImageIndex = -1;
+  TMCC* FProgressController = nullptr;
+  TDataChangeCallback FOnDataChange;
+  int32_t FVersion = 0;
+  std::string FCaption;
+  bool FAutoDataChange = true;
+  int32_t FID = 0;
+};
+
+/// Declares the class-name plumbing of a data class: its stored name, inheritance test and factory.
+#define ORVEX_DATA_CLASS(ClassName, ParentName)                                                                  \
+public:                                                                                                        \
+  static constexpr const char* kClassName = #ClassName;                                                       \
+  std::string GetClassNameA() const override { return kClassName; }                                           \
+  bool InheritsFrom(std::string_view className) const override {                                              \
+    return className == kClassName || ParentName::InheritsFrom(className);                                    \
+  }                                                                                                            \
+  static std::unique_ptr<TData> CreateDataObject() { return std::make_unique<ClassName>(); }
+
+/// Data category numbers for the project's lists.
+enum TDataCategory : int32_t {
+  dcImage = 0,
+  dcGraph = 1,
+  dcBitmap = 2,
+  dcText = 3,
+  dcTransformation = 4,
+  dcInterpretation = 5,
+  dcCursor = 6,
+  dcColorProfile = 7,
+  dcFilter = 8,
+  dcConnector = 9,
+  dcStream = 10,
+  dcOther = 11,
+};

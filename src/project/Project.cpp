@@ -1,0 +1,1082 @@
+// The project: IDs, the reference graph between objects, change routing, and the project, data and
+// settings files.
+#include "project/Project.h"
+
+#include <algorithm>
+#include <set>
+
+#include "common/Standardmessage.h"
+#include "common/threads/Multicorecalc.h"
+
+int32_t TProject::SaveVersion = TProject::ThisVersion;
+bool TProject::ShowLockNumber = false;
+
+namespace {
+
+bool AskYesNo(const std::string& text, const std::string& caption, TStandardMessageSeverityCategory severity) {
+  auto* message = TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, severity, kProgressionInterrupt);
+  std::unique_ptr<IStandardMessageReply> reply(TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
+  // No reply is no confirmation.
+  return reply && reply->GetAnswer().first == kAnswerYes;
+}
+
+void Notify(const std::string& text, const std::string& caption, TStandardMessageSeverityCategory severity) {
+  TMessageProxy::MsgProxySingleton()->IssueMessage(TBlockingNotification::CreateAndInit(text, caption, severity),
+                                                   true);
+}
+
+// Runs job on one calculation worker while the calling thread keeps the user interface alive; the
+// progress form shows when the job takes longer than 100 ms. One worker: a file position can't be shared.
+TTagError RunOnWorker(const std::string& caption, const std::function<TTagError(TMCC*)>& job) {
+  TTagError result = teUnspecificError;
+  TMCC mcc(caption, [&](TMCC* controller, int) { result = job(controller); }, 1);
+  mcc.SetProgressMainCaption(caption);
+  mcc.StartThreads(1);
+  mcc.WaitAndShowProgressOnDelay(100);
+  return result;
+}
+
+const char* kDataTag = "Data";
+const char* kViewerTag = "Viewer";
+
+} // namespace
+
+TProject::TProject() { FSystemInformation.AfterNewProject(); }
+
+TProject::~TProject() {
+  // Viewers first: they may hold IDs of objects.
+  FViewerList.clear();
+  FDataList.clear();
+}
+
+std::string TProject::GetVersionStringForFileVersion(int32_t version) {
+  switch (version) {
+  case 1: return "Orvex Project < 1.96, Orvex Control < 1.50";
+  case 2: return "Orvex Project 1.96, Orvex Control 1.50";
+  case 3: return "Orvex Project 2.04, Orvex Control 1.54";
+  case 4: return "Orvex Project 2.06, Orvex Control 1.56";
+  case 5: return "Orvex Project 2.08/2.10, Orvex Control 1.58/2.10";
+  case 6: return "Orvex Project 4.0, Orvex Control 4.0";
+  default: return "Unknown version \"" + std::to_string(version) + "\"";
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Whole project
+
+void TProject::ClearProject() {
+  FClearing = true;
+  SetProjectChanged(false);
+  SetFileName("");
+  FLoadedVersion = -1;
+  // A viewer may remove itself: restart the walk whenever the list changed.
+  for (size_t i = 0; i < FViewerList.size();) {
+    const size_t before = FViewerList.size();
+    FViewerList[i]->BeforeClearProject();
+    i = FViewerList.size() == before ? i + 1 : 0;
+  }
+  // Each object exactly once, although the list may change under the walk.
+  std::set<TData*> done;
+  for (bool restart = true; restart;) {
+    restart = false;
+    for (size_t i = 0; i < FDataList.size(); ++i) {
+      TData* data = FDataList[i].get();
+      if (done.insert(data).second) {
+        const size_t before = FDataList.size();
+        data->BeforeClearProject();
+        if (FDataList.size() != before) {
+          restart = true;
+          break;
+        }
+      }
+    }
+  }
+  if (OnClear)
+    OnClear();
+  FDataList.clear();
+  FClosingViewers = true;
+  while (!FViewerList.empty()) FViewerList.erase(FViewerList.begin());
+  FClosingViewers = false;
+  FViewersToReposition.clear();
+  FNextDataID = 1;
+  FThumbnail = TThumbnail{};
+  FClearing = false;
+}
+
+void TProject::NewProject() {
+  FCreatingNew = true;
+  SetProjectChanged(false);
+  ClearProject();
+  if (OnAfterNewOrLoad)
+    OnAfterNewOrLoad();
+  SetFileName("");
+  FSystemInformation.AfterNewProject();
+  FCreatingNew = false;
+}
+
+TTagError TProject::SaveProjectToTagFile(TFileHandle file) {
+  FSystemInformation.BeforeSaveProject();
+  TTagError result = SaveIdentificationToFile(
+      file, SaveVersion < 6 ? kProjectIdentificationOld : kProjectIdentification);
+  if (result < 1)
+    return result;
+  TTagControl root, t;
+  if ((result = root.WriteTag(file, "Orvex Project", TTagKind::TagList)) < 1 ||
+      (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 ||
+      (result = FSystemInformation.SaveToTagFile(file)) < 1 ||
+      (result = t.SaveIntTag(file, "NextDataID", FNextDataID)) < 1 || (result = SaveShellExtensionInfo(file)) < 1)
+    return result;
+  TDataList all;
+  for (const auto& data : FDataList) all.push_back(data.get());
+  if ((result = SaveDataToTagFile(file, all)) < 1 || (result = SaveViewerToTagFile(file)) < 1)
+    return result;
+  if ((result = root.CloseWriteTag(file)) < 1)
+    return result;
+  SetProjectChanged(false);
+  FLoadedVersion = ThisVersion;
+  return teNoError;
+}
+
+TTagError TProject::LoadProjectFromTagFile(TFileHandle file) {
+  FLoading = true;
+  struct TClearLoading {
+    bool& Flag;
+    ~TClearLoading() { Flag = false; }
+  } clearLoading{FLoading};
+
+  std::string identification;
+  TTagError result = LoadIdentificationFromFile(file, identification);
+  if (result < 1)
+    return result;
+  if (identification != kProjectIdentification && identification != kProjectIdentificationOld)
+    return teWrongFileIdentification;
+  TTagControl root, t;
+  std::string rootName;
+  if ((result = root.ReadTag(file, rootName)) < 1)
+    return result;
+  t.LoadOrDefaultIntTag(file, "Version", root, &FFileVersion, 1, 0);
+  if (!NewerVersionLoadOK(FFileVersion))
+    return teWrongFileVersion;
+  FLoadedVersion = FFileVersion;
+  FSystemInformation.LoadFromTagFile(file, root);
+  t.LoadOrDefaultIntTag(file, "NextDataID", root, &FNextDataID, 1, 0);
+  LoadShellExtensionInfo(file, root);
+
+  std::vector<std::unique_ptr<TData>> loaded;
+  FSkippedObjects.clear();
+  result = LoadDataFromTagFile(file, root, loaded);
+  for (auto& data : loaded) OwnData(std::move(data));
+  TTagControl viewers;
+  if (viewers.FindTag(file, kViewerTag, root) == teNoError)
+    LoadViewerFromTagFile(file, viewers);
+  AskForDataChangeInformation();
+  if (OnAfterNewOrLoad)
+    OnAfterNewOrLoad();
+  SetProjectChanged(false);
+  FSystemInformation.AfterLoadProject();
+  return result;
+}
+
+void TProject::AppendProject(TProject& source) {
+  FLoadedVersion = FLoadedVersion < 0 ? source.FLoadedVersion : std::min(FLoadedVersion, source.FLoadedVersion);
+  const int32_t delta = FNextDataID;
+  for (auto& data : source.FDataList) data->AddToID(delta);
+  for (auto& viewer : source.FViewerList) viewer->AddToID(delta);
+  FNextDataID += source.FNextDataID;
+  std::vector<std::unique_ptr<TData>> taken = std::move(source.FDataList);
+  source.FDataList.clear();
+  for (auto& data : taken) AddData(std::move(data));
+  while (!source.FViewerList.empty()) {
+    std::unique_ptr<TVCustomForm> viewer = std::move(source.FViewerList.front());
+    source.FViewerList.erase(source.FViewerList.begin());
+    // A stored viewer of an unknown class can't follow the renumbering: its references would be wrong.
+    if (!viewer->CanRenumber())
+      continue;
+    TVCustomForm* raw = viewer.get();
+    AddViewer(std::move(viewer));
+    FViewersToReposition.push_back(raw);
+  }
+}
+
+TTagError TProject::SaveToFileSafely(const std::string& fileName,
+                                     const std::function<TTagError(TFileHandle)>& writer) {
+  std::string tempName = fileName;
+  const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
+  if (file == kInvalidFileHandle)
+    return teCreateFileForWriteError;
+  TTagError result = teUnspecificError;
+  try {
+    result = writer(file);
+  } catch (...) {
+    CloseFile(file);
+    DeleteFileByName(tempName != fileName && !tempName.empty() ? tempName : fileName);
+    throw;
+  }
+  CloseFile(file);
+  const bool wroteTemp = !tempName.empty() && tempName != fileName;
+  if (result < 1) {
+    // The old file stays as it was; only the unfinished new one goes.
+    DeleteFileByName(wroteTemp ? tempName : fileName);
+    return result;
+  }
+  if (wroteTemp && !DeleteAndRenameFiles(fileName, tempName))
+    return teWriteFileError;
+  return result;
+}
+
+TTagError TProject::SaveProjectToFile(const std::string& fileName) {
+  const TTagError result = SaveToFileSafely(fileName, [this](TFileHandle file) { return SaveProjectToTagFile(file); });
+  if (result >= 1)
+    SetFileName(fileName);
+  return result;
+}
+
+TTagError TProject::LoadProjectFromFile(const std::string& fileName) {
+  const TFileHandle file = OpenFileForReading(fileName);
+  if (file == kInvalidFileHandle)
+    return teCreateFileForReadError;
+  ClearProject();
+  TTagError result = teUnspecificError;
+  try {
+    result = LoadProjectFromTagFile(file);
+  } catch (...) {
+    CloseFile(file);
+    throw;
+  }
+  CloseFile(file);
+  if (result >= 1)
+    SetFileName(fileName);
+  return result;
+}
+
+TTagError TProject::SaveDataListToFile(const std::string& fileName, const TDataList& list) {
+  return SaveToFileSafely(fileName, [&](TFileHandle file) { return SaveDataListToTagFile(file, list); });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Objects in files
+
+bool TProject::ShouldSave(const TData& data) const {
+  switch (data.GetSaveMode()) {
+  case TDataSaveMode::Always: return true;
+  case TDataSaveMode::WhileUsed: return IsDataUsed(data.GetID());
+  default: return false;
+  }
+}
+
+TDataList TProject::SaveableObjects(const TDataList& list) const {
+  TDataList result;
+  for (TData* data : list)
+    if (data && ShouldSave(*data))
+      result.push_back(data);
+  return result;
+}
+
+TTagError TProject::SaveDataToTagFile(TFileHandle file, const TDataList& list) {
+  const TDataList saveable = SaveableObjects(list);
+  return RunOnWorker("Saving Project Data", [&](TMCC* mcc) { return SaveDataObjects(file, saveable, mcc); });
+}
+
+TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc) {
+  TTagControl dataTag, t;
+  TTagError result = dataTag.WriteTag(file, kDataTag, TTagKind::TagList);
+  if (result < 1)
+    return result;
+  if (mcc)
+    mcc->OverallProgressMax = static_cast<int64_t>(list.size());
+  int32_t n = 0;
+  for (TData* data : list) {
+    if (mcc) {
+      mcc->OverallProgress = n;
+      if (mcc->GetCancel())
+        return teUnspecificError; // a cancelled save: the caller keeps the old file
+    }
+    if ((result = t.SaveAnsiStringTag(file, "DataClassName " + std::to_string(n), data->GetClassNameA())) < 1)
+      return result;
+    TTagControl objectTag;
+    if ((result = objectTag.WriteTag(file, "Data " + std::to_string(n), TTagKind::TagList)) < 1)
+      return result;
+    data->SetProgressController(mcc);
+    result = data->SaveDataToTagFile(file);
+    data->SetProgressController(nullptr);
+    if (result < 1)
+      return result;
+    if ((result = objectTag.CloseWriteTag(file)) < 1)
+      return result;
+    ++n;
+  }
+  if ((result = t.SaveIntTag(file, "NumberOfData", n)) < 1)
+    return result;
+  return dataTag.CloseWriteTag(file);
+}
+
+TTagError TProject::LoadDataFromTagFile(TFileHandle file, const TTagControl& parent,
+                                        std::vector<std::unique_ptr<TData>>& list) {
+  TTagControl dataTag;
+  if (dataTag.FindTag(file, kDataTag, parent) != teNoError)
+    return teNoError; // no "Data": an empty project
+  return RunOnWorker("Loading Project Data", [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
+}
+
+TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
+                                    std::vector<std::unique_ptr<TData>>& list, TMCC* mcc) {
+  TTagControl t;
+  int32_t count = -1;
+  const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError;
+  if (mcc)
+    mcc->OverallProgressMax = counted ? count : 0;
+  TTagError result = teNoError;
+  // With "NumberOfData" objects 0 … n-1 are tried; without it (a truncated file) until a class name is
+  // missing, so that as much as possible is recovered.
+  for (int32_t i = 0; counted ? i < count : true; ++i) {
+    if (mcc) {
+      mcc->OverallProgress = i;
+      if (mcc->GetCancel())
+        break; // a cancelled load keeps the objects read so far: a consistent project
+    }
+    std::string className;
+    if (t.LoadAnsiStringTag(file, "DataClassName " + std::to_string(i), dataTag, className) != teNoError) {
+      if (!counted)
+        break;
+      continue;
+    }
+    std::unique_ptr<TData> data = TData::CreateDataObjectByName(className);
+    if (!data) {
+      FSkippedObjects.emplace_back(i, className); // a class unknown to this program leaves a gap
+      continue;
+    }
+    data->SetAutoDataChange(false);
+    TTagControl objectTag;
+    result = objectTag.FindTag(file, "Data " + std::to_string(i), dataTag);
+    if (result == teNoError) {
+      data->SetProgressController(mcc);
+      result = data->LoadDataFromTagFile(file, objectTag);
+      data->SetProgressController(nullptr);
+    }
+    if (result >= 1) {
+      data->SetAutoDataChange(true);
+      AddDataSortedToList(std::move(data), list);
+    }
+  }
+  return result;
+}
+
+TTagError TProject::SaveViewerToTagFile(TFileHandle file) {
+  TTagControl viewerTag, t;
+  TTagError result = viewerTag.WriteTag(file, kViewerTag, TTagKind::TagList);
+  if (result < 1)
+    return result;
+  int32_t n = 0;
+  for (const auto& viewer : FViewerList) {
+    if (viewer->GetMode() != TViewerMode::Normal)
+      continue;
+    if ((result = t.SaveAnsiStringTag(file, "ViewerClassName " + std::to_string(n), viewer->GetClassNameA())) < 1)
+      return result;
+    TTagControl one;
+    if ((result = one.WriteTag(file, "Viewer " + std::to_string(n), TTagKind::TagList)) < 1 ||
+        (result = viewer->SaveViewerToTagFile(file)) < 1 || (result = one.CloseWriteTag(file)) < 1)
+      return result;
+    ++n;
+  }
+  if ((result = t.SaveIntTag(file, "NumberOfViewer", n)) < 1)
+    return result;
+  return viewerTag.CloseWriteTag(file);
+}
+
+TTagError TProject::LoadViewerFromTagFile(TFileHandle file, const TTagControl& parent) {
+  TTagControl t;
+  int32_t count = 0;
+  t.LoadOrDefaultIntTag(file, "NumberOfViewer", parent, &count, 1, 0);
+  for (int32_t i = 0; i < count; ++i) {
+    std::string className;
+    if (t.LoadAnsiStringTag(file, "ViewerClassName " + std::to_string(i), parent, className) != teNoError)
+      continue;
+    if (FWithoutProjectManager && className == "TVProjectManagerForm")
+      continue;
+    TTagControl one;
+    if (one.FindTag(file, "Viewer " + std::to_string(i), parent) != teNoError)
+      continue;
+    std::unique_ptr<TVCustomForm> viewer = TVCustomForm::CreateViewerByName(className);
+    if (!viewer)
+      viewer = std::make_unique<TVStoredViewer>(className);
+    // An unknown or failing viewer is dropped; the others load.
+    if (viewer->LoadViewerFromTagFile(file, one) < 1)
+      continue;
+    viewer->SetProject(this);
+    FViewersToReposition.push_back(viewer.get());
+    FViewerList.push_back(std::move(viewer));
+  }
+  return teNoError;
+}
+
+TTagError TProject::SaveDataListToTagFile(TFileHandle file, const TDataList& list) {
+  TTagError result =
+      SaveIdentificationToFile(file, SaveVersion < 6 ? kDataIdentificationOld : kDataIdentification);
+  if (result < 1)
+    return result;
+  TTagControl root, t;
+  if ((result = root.WriteTag(file, "Orvex Data", TTagKind::TagList)) < 1 ||
+      (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 ||
+      (result = FSystemInformation.SaveToTagFile(file)) < 1 || (result = SaveDataToTagFile(file, list)) < 1)
+    return result;
+  return root.CloseWriteTag(file);
+}
+
+TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list) {
+  std::string identification;
+  TTagError result = LoadIdentificationFromFile(file, identification);
+  if (result < 1)
+    return result;
+  if (identification != kDataIdentification && identification != kDataIdentificationOld)
+    return teWrongFileIdentification;
+  TTagControl root, t;
+  std::string rootName;
+  if ((result = root.ReadTag(file, rootName)) < 1)
+    return result;
+  int32_t version = 0;
+  t.LoadOrDefaultIntTag(file, "Version", root, &version, 1, 0);
+  if (version > ThisVersion)
+    return teWrongFileVersion; // a data file is refused at once, without a question
+  TProject temporary;
+  temporary.FLoading = true;
+  std::vector<std::unique_ptr<TData>> loaded;
+  result = temporary.LoadDataFromTagFile(file, root, loaded);
+  for (auto& data : loaded) temporary.OwnData(std::move(data));
+  // A data file may refer to objects that weren't saved with it.
+  temporary.CleanWrongDataConnections();
+  temporary.FindNextDataID();
+  for (auto& data : temporary.FDataList) data->AddToID(FNextDataID);
+  FNextDataID += temporary.FNextDataID;
+  for (auto& data : temporary.FDataList) {
+    temporary.UnOwnData(data.get());
+    list.push_back(std::move(data));
+  }
+  temporary.FDataList.clear();
+  return result;
+}
+
+TTagError TProject::SaveShellExtensionInfo(TFileHandle file) {
+  TTagControl info;
+  TTagError result = info.WriteTag(file, "ShellExtensionInfo", TTagKind::TagList);
+  if (result < 1)
+    return result;
+  if (!FThumbnail.Valid && OnDrawThumbnail)
+    FThumbnail.Valid = OnDrawThumbnail(FThumbnail);
+  const int64_t bytes = int64_t(FThumbnail.SizeX) * FThumbnail.SizeY * 3;
+  if (FThumbnail.Valid && bytes > 0 && static_cast<int64_t>(FThumbnail.Pixels.size()) == bytes) {
+    TTagControl bitmap, t;
+    if ((result = bitmap.WriteTag(file, "ThumbnailPreviewBitmap", TTagKind::TagList)) < 1 ||
+        (result = t.SaveIntTag(file, "SizeX", FThumbnail.SizeX)) < 1 ||
+        (result = t.SaveIntTag(file, "SizeY", FThumbnail.SizeY)) < 1 ||
+        (result = t.SaveIntTag(file, "BitsPerPixel", 24)) < 1 ||
+        (result = t.SaveByteTag(file, "BitmapData", FThumbnail.Pixels.data(), bytes)) < 1 ||
+        (result = bitmap.CloseWriteTag(file)) < 1)
+      return result;
+  }
+  return info.CloseWriteTag(file);
+}
+
+TTagError TProject::LoadShellExtensionInfo(TFileHandle file, const TTagControl& parent) {
+  FThumbnail = TThumbnail{};
+  TTagControl info, bitmap, t;
+  if (info.FindTag(file, "ShellExtensionInfo", parent) != teNoError ||
+      bitmap.FindTag(file, "ThumbnailPreviewBitmap", info) != teNoError)
+    return teNoError;
+  int32_t sizeX = 0, sizeY = 0, bits = 0;
+  t.LoadOrDefaultIntTag(file, "SizeX", bitmap, &sizeX, 1, 0);
+  t.LoadOrDefaultIntTag(file, "SizeY", bitmap, &sizeY, 1, 0);
+  t.LoadOrDefaultIntTag(file, "BitsPerPixel", bitmap, &bits, 1, 0);
+  if (sizeX <= 0 || sizeY <= 0 || bits != 24 || t.FindTag(file, "BitmapData", bitmap) != teNoError)
+    return teNoError;
+  const int64_t bytes = int64_t(sizeX) * sizeY * 3;
+  if (bytes > t.End() - t.Begin())
+    return teNoError;
+  FThumbnail.Pixels.resize(static_cast<size_t>(bytes));
+  if (LoadByteFromFile(file, FThumbnail.Pixels.data(), bytes) < 1)
+    return teNoError;
+  FThumbnail.SizeX = sizeX;
+  FThumbnail.SizeY = sizeY;
+  FThumbnail.Valid = true;
+  return teNoError;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Settings files
+
+TTagError TProject::SaveProjectSettingsToTagFile(TFileHandle file, TSaveProjectSettingsKind kind) {
+  TTagError result = SaveIdentificationToFile(file, kSettingsIdentification);
+  if (result < 1)
+    return result;
+  TTagControl root, settings;
+  if ((result = root.WriteTag(file, "OrvexProjectSettings", TTagKind::TagList)) < 1 ||
+      (result = settings.WriteTag(file, "ProjectSettings", TTagKind::TagList)) < 1)
+    return result;
+  // Viewer positions come with the viewers; only the project's own settings are written here.
+  if (kind != TSaveProjectSettingsKind::ViewerPositions && (result = SaveOnlyProjectSettingsToTagFile(file)) < 1)
+    return result;
+  if ((result = settings.CloseWriteTag(file)) < 1)
+    return result;
+  return root.CloseWriteTag(file);
+}
+
+TTagError TProject::LoadProjectSettingsFromTagFile(TFileHandle file, TSaveProjectSettingsKind kind) {
+  std::string identification;
+  TTagError result = LoadIdentificationFromFile(file, identification);
+  if (result < 1)
+    return result;
+  if (identification != kSettingsIdentification)
+    return teTagNotFound; // the settings loader answers -1 here, unlike the project loader
+  TTagControl root, settings;
+  std::string rootName;
+  if ((result = root.ReadTag(file, rootName)) < 1)
+    return result;
+  if (settings.FindTag(file, "ProjectSettings", root) != teNoError &&
+      (result = settings.FindTag(file, "FormSettings", root)) != teNoError)
+    return result;
+  if (kind != TSaveProjectSettingsKind::ViewerPositions)
+    return LoadOnlyProjectSettingsFromTagFile(file, settings);
+  return teNoError;
+}
+
+TTagError TProject::SaveOnlyProjectSettingsToTagFile(TFileHandle file) {
+  TTagError result = teNoError;
+  for (IConfigurationSet* set : FConfigurationSets)
+    if ((result = set->SaveConfigurationToTagFile(file)) < 1)
+      return result;
+  TTagControl t;
+  if ((result = t.SaveIntTag(file, "LastModeIndex", FModeIndex)) < 1 ||
+      (result = t.SaveAnsiStringTag(file, "DataPath", FDataPath)) < 1)
+    return result;
+  return t.SaveBoolTag(file, "ShowPlusFeatures", FShowPlusFeatures);
+}
+
+TTagError TProject::LoadOnlyProjectSettingsFromTagFile(TFileHandle file, const TTagControl& parent) {
+  for (IConfigurationSet* set : FConfigurationSets) set->LoadConfigurationFromTagFile(file, parent);
+  TTagControl t;
+  t.LoadOrDefaultIntTag(file, "LastModeIndex", parent, &FModeIndex, 1, 0);
+  t.LoadOrDefaultAnsiStringTag(file, "DataPath", parent, FDataPath, FDataPath);
+  t.LoadOrDefaultBoolTag(file, "ShowPlusFeatures", parent, &FShowPlusFeatures, 1, true);
+  return teNoError;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Changes
+
+void TProject::DataChangeToAll(TDataChangeInfo info) {
+  for (size_t i = 0; i < FDataList.size(); ++i) {
+    TData* data = FDataList[i].get();
+    data->Lock();
+    DataChange(data, info);
+    data->Unlock();
+  }
+}
+
+void TProject::DataChange(TData* data, TDataChangeInfo info) {
+  if (!FLoading && (data->GetSaveMode() == TDataSaveMode::Always || data->GetSaveMode() == TDataSaveMode::WhileUsed) &&
+      !data->InheritsFrom("TDCursor") && !data->InheritsFrom("TDZInterpretation"))
+    SetProjectChanged(true);
+  data->Lock();
+  for (size_t i = 0; i < FViewerList.size(); ++i) FViewerList[i]->DataChanged(data, info);
+  for (size_t i = 0; i < FDataList.size(); ++i)
+    if (FDataList[i].get() != data)
+      FDataList[i]->DataChanged(data, info);
+  if (OnDataChange)
+    OnDataChange(data, info);
+  data->Unlock();
+}
+
+void TProject::ExchangeID(int32_t oldID, int32_t newID) {
+  for (auto& viewer : FViewerList) viewer->ExchangeID(oldID, newID);
+  for (auto& data : FDataList) data->ExchangeID(oldID, newID);
+}
+
+void TProject::AskForDataChangeInformation() {
+  for (auto& viewer : FViewerList) viewer->DoDataUpdate();
+  for (auto& data : FDataList) data->DoDataUpdate();
+}
+
+void TProject::SendViewerMessage(int32_t message, int32_t id) {
+  for (auto& viewer : FViewerList)
+    if (viewer->IsDataUsed(id))
+      viewer->RecieveViewerMessage(message);
+}
+
+void TProject::CleanWrongDataConnections() {
+  for (size_t i = 0; i < FDataList.size(); ++i) {
+    TData* data = FDataList[i].get();
+    data->Lock();
+    data->CleanWrongDataConnections();
+    data->Unlock();
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// IDs and ownership
+
+void TProject::FindNextDataID() {
+  int32_t highest = 0;
+  UniqueIDTest(highest);
+  FNextDataID = std::max(1, highest) + 1;
+}
+
+int32_t TProject::GetNewDataID() { return FNextDataID++; }
+
+bool TProject::UniqueIDTest(int32_t& highest) const {
+  highest = 0;
+  bool unique = true;
+  std::set<int32_t> seen;
+  for (const auto& data : FDataList) {
+    highest = std::max(highest, data->GetID());
+    unique = seen.insert(data->GetID()).second && unique;
+  }
+  return unique;
+}
+
+void TProject::AddDataSortedToList(std::unique_ptr<TData> data, std::vector<std::unique_ptr<TData>>& list) {
+  // In front of the first higher ID; equal IDs stay in insertion order.
+  const int32_t id = data->GetID();
+  auto it = std::find_if(list.begin(), list.end(), [id](const auto& other) { return other->GetID() > id; });
+  list.insert(it, std::move(data));
+}
+
+void TProject::AddData(std::unique_ptr<TData> data) {
+  if (!data)
+    return;
+  TData* raw = data.get();
+  raw->SetProject(this);
+  if (raw->GetID() == 0)
+    Notify("TProject::AddData:\n\nID of Data Object \"" + raw->GetCaption() + "\" is 0!", "Error", kSeverityError);
+  AddDataSortedToList(std::move(data), FDataList);
+  raw->SetOnDataChange([this](TData* d, TDataChangeInfo info) { DataChange(d, info); });
+  raw->DoDataChange(TDataChangeInfo::Added);
+}
+
+void TProject::OwnData(std::unique_ptr<TData> data) {
+  if (!data)
+    return;
+  TData* raw = data.get();
+  raw->SetProject(this);
+  raw->SetOnDataChange([this](TData* d, TDataChangeInfo info) { DataChange(d, info); });
+  AddDataSortedToList(std::move(data), FDataList);
+  raw->DoDataChange(TDataChangeInfo::Added);
+}
+
+void TProject::UnOwnData(TData* data) {
+  if (!data)
+    return;
+  data->SetProject(nullptr);
+  data->SetOnDataChange(nullptr);
+}
+
+void TProject::FillIDListWithDependencies(TIntList& idList) {
+  for (bool added = true; added;) {
+    added = false;
+    for (size_t m = 0; m < idList.size() && !added; ++m) {
+      TData* member = LockData(idList[m]);
+      if (!member)
+        continue;
+      for (const auto& candidate : FDataList) {
+        const int32_t id = candidate->GetID();
+        if (std::find(idList.begin(), idList.end(), id) != idList.end())
+          continue;
+        if (member->IsDataUsed(id)) {
+          idList.push_back(id);
+          added = true; // start over from the first member
+          break;
+        }
+      }
+      UnlockData(member);
+    }
+  }
+}
+
+TData* TProject::FindData(int32_t id) const {
+  for (const auto& data : FDataList)
+    if (data->GetID() == id)
+      return data.get();
+  return nullptr;
+}
+
+TData* TProject::LockData(int32_t id) {
+  TData* data = FindData(id);
+  if (data)
+    data->Lock();
+  return data;
+}
+
+void TProject::UnlockData(int32_t id) {
+  if (TData* data = FindData(id))
+    data->Unlock();
+}
+
+void TProject::UnlockData(TData* data) {
+  if (data)
+    data->Unlock();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Lookups
+
+TDataList TProject::GetDataListByClassName(const std::string& className) {
+  TDataList list;
+  for (const auto& data : FDataList)
+    if (data->GetClassNameA() == className) {
+      data->Lock();
+      list.push_back(data.get());
+    }
+  return list;
+}
+
+TDataList TProject::GetDataListByIDList(const TIntList& idList) {
+  TDataList list;
+  for (int32_t id : idList)
+    if (TData* data = LockData(id))
+      list.push_back(data);
+  return list;
+}
+
+TDataList TProject::GetDataListByIDListAndClassName(const TIntList& idList, const std::string& className) {
+  return GetDataListByIDListAndClassNames(idList, {className});
+}
+
+TDataList TProject::GetDataListByIDListAndClassNames(const TIntList& idList,
+                                                     const std::vector<std::string>& classNames) {
+  TDataList list;
+  for (int32_t id : idList) {
+    TData* data = FindData(id);
+    if (data && std::find(classNames.begin(), classNames.end(), data->GetClassNameA()) != classNames.end()) {
+      data->Lock();
+      list.push_back(data);
+    }
+  }
+  return list;
+}
+
+TDataList TProject::GetDataListByIDListInheritingFrom(const TIntList& idList, const std::string& className) {
+  TDataList list;
+  for (int32_t id : idList) {
+    TData* data = FindData(id);
+    if (data && data->InheritsFrom(className)) {
+      data->Lock();
+      list.push_back(data);
+    }
+  }
+  return list;
+}
+
+void TProject::ReleaseDataList(TDataList& list) {
+  for (TData* data : list) UnlockData(data);
+  list.clear();
+}
+
+TIntList TProject::GetIDListOfAllData(bool filterByMode, TDataSaveMode mode) const {
+  TIntList ids;
+  for (const auto& data : FDataList)
+    if (!filterByMode || data->GetSaveMode() == mode)
+      ids.push_back(data->GetID());
+  return ids;
+}
+
+TIntList TProject::GetIDListByClassName(const std::string& className, int32_t minExclusive,
+                                        int32_t maxInclusive) const {
+  TIntList ids;
+  for (const auto& data : FDataList)
+    if (data->GetClassNameA() == className && data->GetID() > minExclusive && data->GetID() <= maxInclusive)
+      ids.push_back(data->GetID());
+  return ids;
+}
+
+TIntList TProject::GetIDListByClassNameWithoutHardwareData(const std::string& className, int32_t minExclusive,
+                                                           int32_t maxInclusive) const {
+  TIntList ids;
+  for (const auto& data : FDataList)
+    if (data->GetClassNameA() == className && data->GetSaveMode() != TDataSaveMode::HardwareOwned &&
+        data->GetID() > minExclusive && data->GetID() <= maxInclusive)
+      ids.push_back(data->GetID());
+  return ids;
+}
+
+TIntList TProject::GetIDListByIDListAndClassName(const std::string& className, const TIntList& idList) const {
+  TIntList ids;
+  for (int32_t id : idList) {
+    const TData* data = FindData(id);
+    if (data && data->GetClassNameA() == className)
+      ids.push_back(id);
+  }
+  return ids;
+}
+
+TIntList TProject::GetIDListByUsedID(int32_t id) const {
+  TIntList ids;
+  for (const auto& data : FDataList)
+    if (data->IsDataUsed(id))
+      ids.push_back(data->GetID());
+  return ids;
+}
+
+TIntList TProject::GetIDListByClassNameAndUsedID(const std::string& className, int32_t id) const {
+  TIntList ids;
+  for (const auto& data : FDataList)
+    if (data->GetClassNameA() == className && data->IsDataUsed(id))
+      ids.push_back(data->GetID());
+  return ids;
+}
+
+int32_t TProject::ToggleToNextDataID(int32_t id) const {
+  const auto n = static_cast<int64_t>(FDataList.size());
+  int64_t index = -1;
+  for (int64_t i = 0; i < n; ++i)
+    if (FDataList[i]->GetID() == id)
+      index = i;
+  if (index < 0)
+    return 0;
+  const std::string className = FDataList[index]->GetClassNameA();
+  for (int64_t step = 1; step <= n; ++step) {
+    const TData& candidate = *FDataList[(index + step) % n];
+    if (candidate.GetClassNameA() == className && candidate.GetSaveMode() != TDataSaveMode::HardwareOwned)
+      return candidate.GetID();
+  }
+  return id;
+}
+
+int32_t TProject::ToggleToPriorDataID(int32_t id) const {
+  const auto n = static_cast<int64_t>(FDataList.size());
+  int64_t index = -1;
+  for (int64_t i = 0; i < n; ++i)
+    if (FDataList[i]->GetID() == id)
+      index = i;
+  if (index < 0)
+    return 0;
+  const std::string className = FDataList[index]->GetClassNameA();
+  for (int64_t step = 1; step <= n; ++step) {
+    const TData& candidate = *FDataList[((index - step) % n + n) % n];
+    if (candidate.GetClassNameA() == className && candidate.GetSaveMode() != TDataSaveMode::HardwareOwned)
+      return candidate.GetID();
+  }
+  return id;
+}
+
+bool TProject::IsDataUsed(int32_t id) const {
+  for (const auto& viewer : FViewerList)
+    if (viewer->IsDataUsed(id))
+      return true;
+  for (const auto& data : FDataList)
+    if (data->GetID() != id && data->IsDataUsed(id))
+      return true;
+  return false;
+}
+
+bool TProject::IsIDInheritFrom(int32_t id, const std::string& className) const {
+  const TData* data = FindData(id);
+  return data && data->InheritsFrom(className);
+}
+
+std::string TProject::GetClassNameByID(int32_t id) const {
+  const TData* data = FindData(id);
+  return data ? data->GetClassNameA() : std::string();
+}
+
+std::string TProject::UsedByListAsString(int32_t id) const {
+  std::string text = "Data:";
+  for (const auto& data : FDataList)
+    if (data->GetID() != id && data->IsDataUsed(id))
+      text += "\n" + data->GetCaption();
+  text += "\nViewer:";
+  for (const auto& viewer : FViewerList)
+    if (viewer->IsDataUsed(id))
+      text += "\n" + viewer->GetTitle();
+  if (ShowLockNumber) {
+    text += "\nLockNumber, ID:";
+    for (const auto& data : FDataList)
+      text += "\n" + std::to_string(data->GetLockNumber()) + ", " + std::to_string(data->GetID());
+  }
+  return text;
+}
+
+int32_t TProject::GetFirstIDByClassName(const std::string& className) const {
+  for (const auto& data : FDataList)
+    if (data->GetClassNameA() == className)
+      return data->GetID();
+  return 0;
+}
+
+bool TProject::DeleteData(int32_t id) {
+  TData* data = FindData(id);
+  if (!data)
+    return true;
+  DataChange(data, TDataChangeInfo::AboutToBeDeleted);
+  if (data->GetLockNumber() != 0) {
+    std::string text = "Cannot delete object \"" + data->GetCaption() + "\"\n\nObject is locked!";
+    if (ShowLockNumber)
+      text += " (LockNumber = " + std::to_string(data->GetLockNumber()) + ")";
+    Notify(text, "Error", kSeverityError);
+    return false;
+  }
+  DataChange(data, TDataChangeInfo::Removed);
+  auto it = std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
+  if (it != FDataList.end())
+    FDataList.erase(it);
+  return true;
+}
+
+std::unique_ptr<TData> TProject::DeleteDataAndReturnPointer(int32_t id) {
+  TData* data = FindData(id);
+  if (!data)
+    return nullptr;
+  DataChange(data, TDataChangeInfo::Removed);
+  auto it = std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
+  std::unique_ptr<TData> owned = std::move(*it);
+  FDataList.erase(it);
+  UnOwnData(owned.get());
+  return owned;
+}
+
+int32_t TProject::MakeOrGetFirstIDByClassName(const std::string& className) {
+  TData* data = MakeOrGetFirstDataByClassName(className);
+  return data ? data->GetID() : 0;
+}
+
+TData* TProject::MakeOrGetFirstDataByClassName(const std::string& className) {
+  if (const int32_t id = GetFirstIDByClassName(className))
+    return FindData(id);
+  std::unique_ptr<TData> data = TData::CreateDataObjectByName(className);
+  if (!data)
+    return nullptr;
+  data->SetID(GetNewDataID());
+  TData* raw = data.get();
+  AddData(std::move(data));
+  return raw;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Viewers
+
+void TProject::AddViewer(std::unique_ptr<TVCustomForm> viewer) {
+  if (!viewer)
+    return;
+  viewer->SetProject(this);
+  TVCustomForm* raw = viewer.get();
+  FViewerList.push_back(std::move(viewer));
+  raw->DoDataUpdate();
+  ProjectChangedForSave(raw);
+}
+
+std::unique_ptr<TVCustomForm> TProject::ReleaseViewer(TVCustomForm* viewer) {
+  auto it = std::find_if(FViewerList.begin(), FViewerList.end(), [viewer](const auto& v) { return v.get() == viewer; });
+  if (it == FViewerList.end())
+    return nullptr;
+  std::unique_ptr<TVCustomForm> owned = std::move(*it);
+  FViewerList.erase(it);
+  std::erase(FViewersToReposition, viewer);
+  ProjectChangedForSave(owned.get());
+  owned->SetProject(nullptr);
+  return owned;
+}
+
+void TProject::CheckAndDeleteViewers() {
+  std::erase_if(FViewerList, [this](const auto& viewer) {
+    if (!viewer->GetDeleteRequested())
+      return false;
+    std::erase(FViewersToReposition, viewer.get());
+    return true;
+  });
+}
+
+TVCustomForm* TProject::GetFirstViewerByClassName(const std::string& className) const {
+  for (const auto& viewer : FViewerList)
+    if (viewer->GetClassNameA() == className)
+      return viewer.get();
+  return nullptr;
+}
+
+std::vector<TVCustomForm*> TProject::GetViewerListByClassName(const std::string& className) const {
+  std::vector<TVCustomForm*> list;
+  for (const auto& viewer : FViewerList)
+    if (viewer->GetClassNameA() == className)
+      list.push_back(viewer.get());
+  return list;
+}
+
+std::vector<TVCustomForm*> TProject::GetAllViewersWithoutHardwareAndDialog() const {
+  std::vector<TVCustomForm*> list;
+  for (const auto& viewer : FViewerList)
+    if (viewer->GetMode() == TViewerMode::Normal)
+      list.push_back(viewer.get());
+  return list;
+}
+
+// ---------------------------------------------------------------------------------------------
+// State
+
+void TProject::SetFileName(const std::string& name) {
+  if (name != FFileName || name.empty()) {
+    FFileName = name;
+    if (OnFileNameOrChangedState)
+      OnFileNameOrChangedState();
+  }
+}
+
+void TProject::SetProjectChanged(bool changed) {
+  FProjectChanged = changed;
+  if (OnFileNameOrChangedState)
+    OnFileNameOrChangedState();
+}
+
+void TProject::ProjectChangedForSave(const TVCustomForm* viewer) {
+  if (FLoading || FClearing || FCreatingNew)
+    return;
+  if (viewer && (viewer->GetMode() == TViewerMode::Dialog || viewer->GetNotCountingForSave()))
+    return;
+  SetProjectChanged(true);
+}
+
+bool TProject::ProjectHasData() const {
+  for (const auto& data : FDataList) {
+    if (data->GetSaveMode() == TDataSaveMode::HardwareOwned)
+      continue;
+    for (const char* name : {"TDGraph", "TDImage", "TDBitmap", "TDText"})
+      if (data->InheritsFrom(name))
+        return true;
+  }
+  return false;
+}
+
+bool TProject::EmptyProjectSaveOK() {
+  if (ProjectHasData())
+    return true;
+  return AskYesNo("Project does not contain User Data Objects, really save ?", "Confirmation", kSeverityQuestion);
+}
+
+bool TProject::NewerVersionLoadOK(int32_t version) {
+  if (version <= ThisVersion)
+    return true;
+  return AskYesNo("The file version of the loaded or appended Project-File\r\nis newer than the file version of "
+                  "this software (File Version: " +
+                      std::to_string(version) + " - Software Version: " + std::to_string(ThisVersion) +
+                      ").\r\n\r\nPlease use a newer software version.\r\n\r\nIf you load the project with this "
+                      "software,\r\nthe application may crash or show other unpredictable behaviour.\r\nAlso some "
+                      "stored information will possibly not be loaded and\r\ntherefore not be stored when saving "
+                      "the project.\r\n\r\nDo you want to load the project anyway ?",
+                  "Error", kSeverityError);
+}
+
+bool TProject::NewerVersionSaveOK() {
+  if (FLoadedVersion == -1 || FLoadedVersion >= ThisVersion)
+    return true;
+  return AskYesNo("The file version of the loaded or appended Project-File\nis older than the file version of this "
+                  "software:\nLoaded File Version: " +
+                      std::to_string(FLoadedVersion) + " - Software File Version: " + std::to_string(ThisVersion) +
+                      ".\n\nIf you save the project with this software,\nyou won't be able to open the file with "
+                      "an\nolder version of Orvex Project or Orvex Control.\n\nDo you want to save the project "
+                      "anyway ?",
+                  "File Version Warning", kSeverityWarning);
+}
+
+bool TProject::IsLargeObject(int32_t id) const {
+  const TData* data = FindData(id);
+  return data && data->IsLargeObject();
+}
+
+bool TProject::IsLargeObjectInList(const TIntList& idList) const {
+  return std::any_of(idList.begin(), idList.end(), [this](int32_t id) { return IsLargeObject(id); });
+}

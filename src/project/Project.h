@@ -1,0 +1,258 @@
+// The project: owner of all data objects and viewers of a run, their IDs, references and files.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/Tagcontrol.h"
+#include "data/Dcustom.h"
+#include "project/Systeminformation.h"
+#include "project/Viewerbase.h"
+
+/// What a settings file holds: 0 project settings, 1 viewer positions, 2 both.
+enum class TSaveProjectSettingsKind : int32_t { ProjectSettings = 0, ViewerPositions = 1, Both = 2 };
+
+/// A component whose settings travel in the project's settings file.
+class IConfigurationSet {
+public:
+  virtual ~IConfigurationSet() = default;
+  virtual TTagError SaveConfigurationToTagFile(TFileHandle file) = 0;
+  virtual TTagError LoadConfigurationFromTagFile(TFileHandle file, const TTagControl& parent) = 0;
+};
+
+class TMCC;
+
+class TProject {
+public:
+  TProject();
+  virtual ~TProject();
+  TProject(const TProject&) = delete;
+  TProject& operator=(const TProject&) = delete;
+
+  static constexpr int32_t ThisVersion = 6;
+  /// The version written for: 6, or 5 while a compatible save runs.
+  static int32_t SaveVersion;
+  static bool ShowLockNumber;
+  /// File identifications.
+  static constexpr const char* kProjectIdentification = "ORX_PR06";
+  static constexpr const char* kProjectIdentificationOld = "ORX_PRCT";
+  static constexpr const char* kDataIdentification = "ORX_DA06";
+  static constexpr const char* kDataIdentificationOld = "ORX_DATA";
+  static constexpr const char* kSettingsIdentification = "ORX_PRSE";
+
+  static std::string GetVersionStringForFileVersion(int32_t version);
+
+  // --- Whole project ---------------------------------------------------------------------------
+
+  virtual void ClearProject();
+  virtual void NewProject();
+  /// Writes the whole project into a file created by the caller (positioned at 0).
+  virtual TTagError SaveProjectToTagFile(TFileHandle file);
+  /// Reads a whole project into this (cleared) project from a file positioned at 0.
+  virtual TTagError LoadProjectFromTagFile(TFileHandle file);
+  /// Takes over all objects and viewers of source with their IDs shifted behind this project's.
+  virtual void AppendProject(TProject& source);
+
+  /// Loads a project file by name into this project (cleared first); sets the file name on success.
+  TTagError LoadProjectFromFile(const std::string& fileName);
+  /// Saves the project by name through a temporary file, so that a failed save leaves the old file intact.
+  TTagError SaveProjectToFile(const std::string& fileName);
+  /// The same for a data file of the given objects (all saveable ones when the list is empty).
+  TTagError SaveDataListToFile(const std::string& fileName, const TDataList& list);
+
+  virtual TTagError SaveProjectSettingsToTagFile(TFileHandle file, TSaveProjectSettingsKind kind);
+  virtual TTagError LoadProjectSettingsFromTagFile(TFileHandle file, TSaveProjectSettingsKind kind);
+  virtual TTagError SaveOnlyProjectSettingsToTagFile(TFileHandle file);
+  virtual TTagError LoadOnlyProjectSettingsFromTagFile(TFileHandle file, const TTagControl& parent);
+
+  /// Saves the objects of list that their save mode keeps, under "Data" (one worker, in list order).
+  virtual TTagError SaveDataToTagFile(TFileHandle file, const TDataList& list);
+  /// Loads "Data" of parent into list (sorted by ID); unknown classes leave gaps.
+  virtual TTagError LoadDataFromTagFile(TFileHandle file, const TTagControl& parent,
+                                        std::vector<std::unique_ptr<TData>>& list);
+  virtual TTagError SaveViewerToTagFile(TFileHandle file);
+  virtual TTagError LoadViewerFromTagFile(TFileHandle file, const TTagControl& parent);
+  /// A data file of the given objects.
+  virtual TTagError SaveDataListToTagFile(TFileHandle file, const TDataList& list);
+  /// Reads a data file: objects renumbered behind this project's IDs, not added; the caller owns them.
+  virtual TTagError LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list);
+  virtual TTagError SaveShellExtensionInfo(TFileHandle file);
+  virtual TTagError LoadShellExtensionInfo(TFileHandle file, const TTagControl& parent);
+
+  // --- Changes ---------------------------------------------------------------------------------
+
+  virtual void DataChangeToAll(TDataChangeInfo info);
+  /// Routes a change of data to every viewer and every other object.
+  virtual void DataChange(TData* data, TDataChangeInfo info);
+  virtual void ExchangeID(int32_t oldID, int32_t newID);
+  virtual void AskForDataChangeInformation();
+  virtual void SendViewerMessage(int32_t message, int32_t id);
+  virtual void CleanWrongDataConnections();
+
+  // --- IDs and ownership -----------------------------------------------------------------------
+
+  virtual void FindNextDataID();
+  virtual int32_t GetNewDataID();
+  int32_t GetNextDataID() const { return FNextDataID; }
+  void SetNextDataID(int32_t id) { FNextDataID = id; }
+  /// False if two objects share an ID; highest receives the highest ID.
+  bool UniqueIDTest(int32_t& highest) const;
+  /// Takes ownership; an ID of 0 is reported but the object is added all the same.
+  virtual void AddData(std::unique_ptr<TData> data);
+  /// Takes ownership of an object that already has its ID.
+  virtual void OwnData(std::unique_ptr<TData> data);
+  /// Clears project and callback of an object.
+  virtual void UnOwnData(TData* data);
+  virtual void FillIDListWithDependencies(TIntList& idList);
+
+  /// Locks and returns the object of id, null when unknown.
+  virtual TData* LockData(int32_t id);
+  virtual void UnlockData(int32_t id);
+  virtual void UnlockData(TData* data);
+
+  // --- Lookups (every returned object is locked once; hand the list back to a Release call) ------
+
+  TDataList GetDataListByClassName(const std::string& className);
+  TDataList GetDataListByIDList(const TIntList& idList);
+  TDataList GetDataListByIDListAndClassName(const TIntList& idList, const std::string& className);
+  TDataList GetDataListByIDListAndClassNames(const TIntList& idList, const std::vector<std::string>& classNames);
+  /// Objects of the ID list whose class is or derives from className.
+  TDataList GetDataListByIDListInheritingFrom(const TIntList& idList, const std::string& className);
+  void ReleaseDataList(TDataList& list);
+
+  /// Typed list of the objects of idList that are a T (locked); release with ReleaseTypedList.
+  template <class T>
+  std::vector<T*> GetTypedDataListByIDList(const TIntList& idList) {
+    std::vector<T*> result;
+    for (int32_t id : idList)
+      if (TData* data = FindData(id))
+        if (auto* typed = dynamic_cast<T*>(data)) {
+          typed->Lock();
+          result.push_back(typed);
+        }
+    return result;
+  }
+  template <class T>
+  void ReleaseTypedList(std::vector<T*>& list) {
+    for (T* data : list) UnlockData(data);
+    list.clear();
+  }
+
+  TIntList GetIDListOfAllData(bool filterByMode = false, TDataSaveMode mode = TDataSaveMode::Always) const;
+  TIntList GetIDListByClassName(const std::string& className, int32_t minExclusive = 0,
+                                int32_t maxInclusive = INT32_MAX) const;
+  TIntList GetIDListByClassNameWithoutHardwareData(const std::string& className, int32_t minExclusive = 0,
+                                                   int32_t maxInclusive = INT32_MAX) const;
+  TIntList GetIDListByIDListAndClassName(const std::string& className, const TIntList& idList) const;
+  TIntList GetIDListByUsedID(int32_t id) const;
+  TIntList GetIDListByClassNameAndUsedID(const std::string& className, int32_t id) const;
+  int32_t ToggleToNextDataID(int32_t id) const;
+  int32_t ToggleToPriorDataID(int32_t id) const;
+
+  virtual bool IsDataUsed(int32_t id) const;
+  bool DataIDExists(int32_t id) const { return FindData(id) != nullptr; }
+  bool IsIDInheritFrom(int32_t id, const std::string& className) const;
+  std::string GetClassNameByID(int32_t id) const;
+  std::string UsedByListAsString(int32_t id) const;
+  int32_t GetFirstIDByClassName(const std::string& className) const;
+  /// Deletes the object of id; false (with a message) when it is locked. Unknown IDs give true.
+  virtual bool DeleteData(int32_t id);
+  /// Removes the object without freeing it; null for an unknown ID.
+  virtual std::unique_ptr<TData> DeleteDataAndReturnPointer(int32_t id);
+  int32_t MakeOrGetFirstIDByClassName(const std::string& className);
+  TData* MakeOrGetFirstDataByClassName(const std::string& className);
+
+  /// Unlocked access by ID (for code that holds the object only for the moment of the call).
+  TData* FindData(int32_t id) const;
+  const std::vector<std::unique_ptr<TData>>& DataList() const { return FDataList; }
+  static void AddDataSortedToList(std::unique_ptr<TData> data, std::vector<std::unique_ptr<TData>>& list);
+
+  // --- Viewers ---------------------------------------------------------------------------------
+
+  void AddViewer(std::unique_ptr<TVCustomForm> viewer);
+  std::unique_ptr<TVCustomForm> ReleaseViewer(TVCustomForm* viewer);
+  void CheckAndDeleteViewers();
+  TVCustomForm* GetFirstViewerByClassName(const std::string& className) const;
+  std::vector<TVCustomForm*> GetViewerListByClassName(const std::string& className) const;
+  std::vector<TVCustomForm*> GetAllViewersWithoutHardwareAndDialog() const;
+  const std::vector<std::unique_ptr<TVCustomForm>>& ViewerList() const { return FViewerList; }
+
+  // --- State -----------------------------------------------------------------------------------
+
+  void SetFileName(const std::string& name);
+  const std::string& GetFileName() const { return FFileName; }
+  void SetProjectChanged(bool changed);
+  bool GetProjectChanged() const { return FProjectChanged; }
+  void ProjectChangedForSave(const TVCustomForm* viewer);
+  /// Any graph, image, bitmap or text that isn't hardware data.
+  bool ProjectHasData() const;
+  bool EmptyProjectSaveOK();
+  bool NewerVersionLoadOK(int32_t version);
+  bool NewerVersionSaveOK();
+  bool IsLargeObject(int32_t id) const;
+  bool IsLargeObjectInList(const TIntList& idList) const;
+  int32_t GetLoadedVersion() const { return FLoadedVersion; }
+  int32_t GetFileVersion() const { return FFileVersion; }
+  bool IsLoading() const { return FLoading; }
+  void SetWithoutProjectManager(bool value) { FWithoutProjectManager = value; }
+  TOrvexSystemInformation& SystemInformation() { return FSystemInformation; }
+  /// Objects of the last load whose class this program doesn't know: index in the file and class name.
+  const std::vector<std::pair<int32_t, std::string>>& SkippedObjects() const { return FSkippedObjects; }
+
+  void AddConfigurationSet(IConfigurationSet* set) { FConfigurationSets.push_back(set); }
+  int32_t GetModeIndex() const { return FModeIndex; }
+  void SetModeIndex(int32_t index) { FModeIndex = index; }
+  const std::string& GetDataPath() const { return FDataPath; }
+  void SetDataPath(const std::string& path) { FDataPath = path; }
+  bool GetShowPlusFeatures() const { return FShowPlusFeatures; }
+
+  /// 24-bit thumbnail, rows top-down, blue-green-red, no padding.
+  struct TThumbnail {
+    int32_t SizeX = 0;
+    int32_t SizeY = 0;
+    std::vector<uint8_t> Pixels;
+    bool Valid = false;
+  };
+  TThumbnail& Thumbnail() { return FThumbnail; }
+
+  /// Events; unset ones are skipped.
+  std::function<void()> OnClear;
+  std::function<void()> OnAfterNewOrLoad;
+  std::function<void()> OnFileNameOrChangedState;
+  std::function<void(TData*, TDataChangeInfo)> OnDataChange;
+  /// Asked for a thumbnail when none is valid at save time (the workbench draws one from a viewer).
+  std::function<bool(TThumbnail&)> OnDrawThumbnail;
+
+private:
+  TTagError SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc);
+  TTagError LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
+                            std::vector<std::unique_ptr<TData>>& list, TMCC* mcc);
+  bool ShouldSave(const TData& data) const;
+  TDataList SaveableObjects(const TDataList& list) const;
+  TTagError SaveToFileSafely(const std::string& fileName, const std::function<TTagError(TFileHandle)>& writer);
+
+  std::vector<std::string> FModeNames;
+  int32_t FModeIndex = -1;
+  int32_t FLoadedVersion = -1;
+  std::vector<IConfigurationSet*> FConfigurationSets;
+  TThumbnail FThumbnail;
+  TOrvexSystemInformation FSystemInformation;
+  int32_t FNextDataID = 1;
+  bool FLoading = false;
+  bool FClearing = false;
+  bool FCreatingNew = false;
+  int32_t FFileVersion = 0;
+  std::string FFileName;
+  std::vector<std::unique_ptr<TData>> FDataList;
+  std::vector<std::unique_ptr<TVCustomForm>> FViewerList;
+  std::vector<TVCustomForm*> FViewersToReposition;
+  bool FWithoutProjectManager = false;
+  bool FClosingViewers = false;
+  bool FProjectChanged = false;
+  std::string FDataPath;
+  bool FShowPlusFeatures = true;
+  std::vector<std::pair<int32_t, std::string>> FSkippedObjects;
+};
