@@ -3,7 +3,23 @@
 
 #include "common/Logfile.h"
 
+#include <atomic>
+
 namespace oxthreads {
+
+namespace {
+std::atomic<bool> gFPUExceptionOccurred{false};
+} // namespace
+
+void SetFPUExceptionOccurred() {
+  gFPUExceptionOccurred.store(true);
+}
+bool FPUExceptionOccurred() {
+  return gFPUExceptionOccurred.load();
+}
+void ClearFPUExceptionOccurred() {
+  gFPUExceptionOccurred.store(false);
+}
 
 void LogThreadMessage(const std::string& text) {
   if (TLogFile* log = GlobalLogFile) log->AddLog(text, TLogLevel::DebugMessage, false, 0);

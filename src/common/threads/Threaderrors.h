@@ -70,4 +70,9 @@ void ReportThreadMathError(const Exception& e, const std::string& logText, const
 /// Writes one line to the process's log file, when there is one.
 void LogThreadMessage(const std::string& text);
 
+/// The process-wide flag that a floating-point exception ended a thread.
+void SetFPUExceptionOccurred();
+bool FPUExceptionOccurred();
+void ClearFPUExceptionOccurred();
+
 } // namespace oxthreads

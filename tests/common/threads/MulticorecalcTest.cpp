@@ -249,9 +249,9 @@ TEST_F(MulticorecalcTest, ExceptionReachesTheWaiterOnceAndSiblingsAreReleased) {
   std::atomic<int> siblings{0};
   mcc.MCCInit(
       [&](TMCC* m, int t) {
-        m->WaitForNextStep(t);
-        if (t == 0) throw OrvexException("boom in thread zero");
         try {
+          m->WaitForNextStep(t);
+          if (t == 0) throw OrvexException("boom in thread zero");
           for (;;) m->WaitForNextStep(t); // would wait forever without the failed sibling
         } catch (const OrvexExceptionMCCSiblingTriggered&) {
           ++siblings;
