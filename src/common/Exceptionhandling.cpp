@@ -378,7 +378,11 @@ void ShowExceptionInThreadSafeWindow(TOrvexSEHInfo* info) {
   auto* message = new TBlockingNotification();
   message->SetMessageText(ComposeExceptionWindowText(info));
   message->DefineMessageSeverity(kSeverityError);
-  TMessageProxy::MsgProxySingleton()->IssueMessage(message, true);
+  try {
+    TMessageProxy::MsgProxySingleton()->IssueMessage(message, true);
+  } catch (...) {
+    // The user could not be told; the log below still gets the record.
+  }
   WriteExceptionToLogFile(info);
 }
 
