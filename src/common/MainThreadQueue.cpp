@@ -62,9 +62,14 @@ void TMainThreadQueue::Send(std::function<void()> fn) {
   }
   auto state = std::make_shared<TSendState>();
   Enqueue(TItem{std::move(fn), state});
-  std::unique_lock lock(state->Lock);
-  state->DoneChanged.wait(lock, [&] { return state->Done; });
-  if (state->Error) std::rethrow_exception(state->Error);
+  std::exception_ptr error;
+  {
+    std::unique_lock lock(state->Lock);
+    state->DoneChanged.wait(lock, [&] { return state->Done; });
+    // Take the exception out, so that its last reference (and its release) stays on this thread.
+    error = std::move(state->Error);
+  }
+  if (error) std::rethrow_exception(error);
 }
 
 void TMainThreadQueue::SendNotify(std::function<void()> fn) {
@@ -99,7 +104,7 @@ void TMainThreadQueue::RunItem(TItem& item) {
   if (item.SendState) {
     {
       std::lock_guard guard(item.SendState->Lock);
-      item.SendState->Error = error;
+      item.SendState->Error = std::move(error);
       item.SendState->Done = true;
     }
     item.SendState->DoneChanged.notify_all();
