@@ -350,6 +350,7 @@ TEST_F(MessageProxyTest, ThreadsIssuingAtOnceAreServedOneAtATime) {
   };
   auto* strategy = new TSlowStrategy();
   Proxy->SetMessagingStrategy(strategy);
+  Log.SetImmediateFlush(false); // a disk sync per message would only slow the test down
   constexpr int kThreads = 8, kMessages = 25;
   std::atomic<int> yesReplies{0};
   std::vector<std::thread> threads;
@@ -367,6 +368,7 @@ TEST_F(MessageProxyTest, ThreadsIssuingAtOnceAreServedOneAtATime) {
   EXPECT_EQ(yesReplies.load(), kThreads * kMessages);
   EXPECT_EQ(strategy->Answered.load(), kThreads * kMessages);
   EXPECT_EQ(strategy->MaxInside.load(), 1);
+  Log.SetImmediateFlush(true);
   EXPECT_EQ(LoggedTexts().size(), static_cast<std::size_t>(kThreads * kMessages));
 }
 
