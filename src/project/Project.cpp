@@ -322,7 +322,9 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
                                     std::vector<std::unique_ptr<TData>>& list, TMCC* mcc) {
   TTagControl t;
   int32_t count = -1;
-  const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError;
+  // A count whose value was cut off by a truncated file counts as missing.
+  const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError && count >= 0 &&
+                       t.End() <= FileSize(file);
   if (mcc)
     mcc->OverallProgressMax = counted ? count : 0;
   TTagError result = teNoError;
