@@ -1,37 +1,36 @@
-// Error hand-off of thread functions: log lines and the process-wide error handling.
+// Error hand-off of thread functions: error records for the process-wide hook, the log, and the
+// thread-safe window for math errors.
 #include "common/threads/Threaderrors.h"
 
+#include "common/Exceptionhandling.h"
 #include "common/Logfile.h"
 
-#include <atomic>
-
 namespace oxthreads {
-
-namespace {
-std::atomic<bool> gFPUExceptionOccurred{false};
-} // namespace
-
-void SetFPUExceptionOccurred() {
-  gFPUExceptionOccurred.store(true);
-}
-bool FPUExceptionOccurred() {
-  return gFPUExceptionOccurred.load();
-}
-void ClearFPUExceptionOccurred() {
-  gFPUExceptionOccurred.store(false);
-}
 
 void LogThreadMessage(const std::string& text) {
   if (TLogFile* log = GlobalLogFile) log->AddLog(text, TLogLevel::DebugMessage, false, 0);
 }
 
 void ReportThreadError(const Exception& e, const std::string& context) {
-  LogThreadMessage("Exception happened: " + GetExceptionClassNameAndMessage(e) + " %0A Context: " + context);
+  // The record points at e and doesn't own it; it lives only for this call.
+  auto record = CreateOrvexSEHInfoFromException(const_cast<Exception*>(&e));
+  record->Context = context;
+  if (TOrvexExceptionHook hook = GetOrvexExceptionHook())
+    hook(record.get());
+  else
+    WriteExceptionToLogFile(record.get());
 }
 
 void ReportThreadMathError(const Exception& e, const std::string& logText, const std::string& context) {
   LogThreadMessage(logText);
-  LogThreadMessage("Exception happened: " + GetExceptionClassNameAndMessage(e) + " %0A Context: " + context);
+  Exception plain(e.Message());
+  auto record = CreateOrvexSEHInfoFromException(&plain);
+  record->Context = context;
+  ShowExceptionInThreadSafeWindow(record.get());
+}
+
+void SetFPUExceptionOccurred() {
+  OrvexFPUExceptionOccurred.store(true);
 }
 
 } // namespace oxthreads

@@ -70,9 +70,7 @@ void ReportThreadMathError(const Exception& e, const std::string& logText, const
 /// Writes one line to the process's log file, when there is one.
 void LogThreadMessage(const std::string& text);
 
-/// The process-wide flag that a floating-point exception ended a thread.
+/// Sets the process-wide flag that a floating-point exception happened.
 void SetFPUExceptionOccurred();
-bool FPUExceptionOccurred();
-void ClearFPUExceptionOccurred();
 
 } // namespace oxthreads

@@ -136,7 +136,8 @@ void TThreadPool::ThreadMain(TThreadInfo* info) {
     bool stop = false;
     {
       std::lock_guard lock(FLock);
-      if (result.Error && !result.MathError) info->Error = result.Thrown;
+      if (result.Error && !result.MathError)
+        info->Error = std::move(result.Thrown); // no reference stays with this thread
       info->Ready = true;
       stop = info->Stop;
       if (stop) info->Tid = 0;

@@ -2,6 +2,7 @@
 // start, errors in the thread function, priority.
 #include "common/threads/Customthread.h"
 
+#include "common/Exceptionhandling.h"
 #include "common/OrvexException.h"
 #include "common/threads/Threadplatform.h"
 
@@ -123,6 +124,14 @@ TEST(CustomThread, ErrorInTheThreadFunctionEndsOnlyThatThread) {
   thread.Start(false);
   EXPECT_EQ(thread.WaitForStopped(static_cast<unsigned>(-1)), ctsStopped);
   EXPECT_EQ(thread.GetThreadReturnValue(), -1);
+
+  OrvexFPUExceptionOccurred = false;
+  thread.SetThreadFunction([](TCustomThread*, void*) -> int { throw OrvexExceptionMathError("overflow"); },
+                           nullptr);
+  thread.Start(false);
+  EXPECT_EQ(thread.WaitForStopped(static_cast<unsigned>(-1)), ctsStopped);
+  EXPECT_TRUE(OrvexFPUExceptionOccurred.load()) << "a math error sets the process-wide flag";
+  OrvexFPUExceptionOccurred = false;
 }
 
 TEST(CustomThread, QueuedFunctionsRunInTheThreadWithTheirValues) {

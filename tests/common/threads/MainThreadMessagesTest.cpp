@@ -69,9 +69,12 @@ TEST_F(MainThreadMessagesTest, ErrorOfASentFunctionReachesTheSender) {
       [&](TMCC*, int) {
         try {
           TCustomMessageExecuteMainThreadFunction::CreateAndSendMessage(
-              nullptr, [] { throw OrvexException("refused on main"); });
-        } catch (const OrvexException& e) {
-          if (e.Message() == "refused on main") ++caught;
+              nullptr, [] { throw OrvexExceptionMathError("refused on main"); });
+        } catch (const OrvexExceptionMathError&) {
+          // Caught by its type only: the main thread may drop the last reference to the exception
+          // object, and the reference count lives in the uninstrumented runtime library, so reading
+          // the object here would be reported as a race by the thread sanitizer.
+          ++caught;
         }
       },
       nullptr, 0);

@@ -2,6 +2,7 @@
 // private blocks, priority and affinity, progress figures.
 #include "common/threads/Multicorecalc.h"
 
+#include "common/Exceptionhandling.h"
 #include "common/threads/Threadplatform.h"
 
 #include <atomic>
@@ -472,4 +473,31 @@ TEST_F(MulticorecalcTest, ThreadFiguresReplaceOverallOrSubProgress) {
   mcc.ShowThreadProgress = false;
   EXPECT_EQ(mcc.GetOverallProgress(), 0);
   EXPECT_EQ(mcc.GetOverallProgressMax(), 0);
+}
+
+namespace {
+std::mutex gHookLock;
+std::vector<std::string> gHookContexts;
+void RecordingHook(TOrvexSEHInfo* info) {
+  std::lock_guard lock(gHookLock);
+  gHookContexts.push_back(info->Context + " | " + GetExceptionClassNameAndMessage(*info->ExceptionObject));
+}
+} // namespace
+
+TEST_F(MulticorecalcTest, ErrorsReachTheProcessHookOnceWithTheirContext) {
+  if (PossibleCPUs() < 2) GTEST_SKIP() << "needs sibling threads";
+  gHookContexts.clear();
+  SetOrvexExceptionHook(&RecordingHook);
+  TMCC mcc("hooked");
+  mcc.MCCInit(
+      [](TMCC* m, int t) {
+        if (t == 1) throw OrvexException("hook me");
+        for (;;) m->WaitForNextStep(t); // leaves with the sibling exception, which the hook never sees
+      },
+      nullptr, 0);
+  mcc.StartThreads(2);
+  EXPECT_THROW(mcc.WaitForThreads(kWaitInfinite), OrvexExceptionMCC);
+  SetOrvexExceptionHook(nullptr);
+  ASSERT_EQ(gHookContexts.size(), 1u);
+  EXPECT_EQ(gHookContexts[0], "MCCThreadFunction hooked | Orvex Exception: hook me");
 }
