@@ -149,7 +149,8 @@ public:
   static IProgressView* GetDefaultProgressView();
   ///@}
 
-  ///@{ Progress figures, written by the calculation without a lock (display only).
+  ///@{ Progress figures, written by the calculation without a lock (display only). A start zeroes
+  /// OverallProgress, OverallProgressMax and the thread arrays, so maxima are set inside the thread function.
   std::atomic<std::int64_t> OverallProgress{0};
   std::atomic<std::int64_t> OverallProgressMax{0};
   std::atomic<std::int64_t> SubProgress{0};
