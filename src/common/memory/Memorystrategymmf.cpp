@@ -63,39 +63,49 @@ void TPartialMemoryMappedArray::SetDataAtAddress(uint64_t address, const void* s
   WriteAccessPage();
 }
 
-void TPartialMemoryMappedArray::GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) {
-  auto* target = static_cast<uint8_t*>(destination);
+bool TPartialMemoryMappedArray::TransferRange(uint64_t address, uint8_t* memory, uint64_t size,
+                                              bool toArray) {
   while (size > 0) {
-    std::atomic<uint32_t>* reference;
-    uint32_t available;
-    uint8_t* memory = Reach(address, reference, available);
-    if (!memory) return;
-    const uint64_t chunk = std::min<uint64_t>(size, available);
-    std::memcpy(target, memory, chunk);
-    TPartialMMFMemory::ReleasePage(reference);
-    target += chunk;
+    uint64_t index = address / FPageSize;
+    const auto offset = uint32_t(address % FPageSize);
+    uint64_t chunk = std::min<uint64_t>(size, FPageSize - offset);
+    if (chunk < kDirectTransferBytes) {
+      std::atomic<uint32_t>* reference;
+      uint8_t* page = FMemory->GetAddressWithinPage(offset, FPageNumbers[index], reference);
+      if (!page) return false;
+      if (toArray)
+        std::memcpy(page, memory, chunk);
+      else
+        std::memcpy(memory, page, chunk);
+      TPartialMMFMemory::ReleasePage(reference);
+    } else {
+      // Neighbouring file pages join one file transfer.
+      const uint64_t fileOffset = uint64_t(FPageNumbers[index]) * FPageSize + offset;
+      while (chunk < size && index + 1 < FPageNumbers.size() &&
+             FPageNumbers[index + 1] == FPageNumbers[index] + 1 &&
+             std::min<uint64_t>(size - chunk, FPageSize) >= kDirectTransferBytes) {
+        chunk += std::min<uint64_t>(size - chunk, FPageSize);
+        ++index;
+      }
+      const bool moved = toArray ? FMemory->WriteBacking(fileOffset, memory, chunk)
+                                 : FMemory->ReadBacking(fileOffset, memory, chunk);
+      if (!moved) return false;
+    }
+    memory += chunk;
     address += chunk;
     size -= chunk;
   }
+  return true;
+}
+
+void TPartialMemoryMappedArray::GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) {
+  TransferRange(address, static_cast<uint8_t*>(destination), size, false);
 }
 
 void TPartialMemoryMappedArray::SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) {
-  auto* from = static_cast<const uint8_t*>(source);
-  bool written = false;
-  while (size > 0) {
-    std::atomic<uint32_t>* reference;
-    uint32_t available;
-    uint8_t* memory = Reach(address, reference, available);
-    if (!memory) break;
-    const uint64_t chunk = std::min<uint64_t>(size, available);
-    std::memcpy(memory, from, chunk);
-    TPartialMMFMemory::ReleasePage(reference);
-    written = true;
-    from += chunk;
-    address += chunk;
-    size -= chunk;
-  }
-  if (written) WriteAccessPage();
+  // The bytes are only read; the shared helper takes a mutable pointer for both directions.
+  TransferRange(address, const_cast<uint8_t*>(static_cast<const uint8_t*>(source)), size, true);
+  if (size > 0) WriteAccessPage();
 }
 
 bool TPartialMemoryMappedArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
@@ -192,13 +202,16 @@ void TPartialMemoryMappedArray::FlushPagesFunc() {
     }
     if (flush) {
       const auto start = std::chrono::steady_clock::now();
-      for (uint32_t page : FPageNumbers) {
-        if (FCancelFlush.load()) break;
-        std::atomic<uint32_t>* reference;
-        uint8_t* memory = FMemory->GetAddressWithinPage(0, page, reference);
-        if (!memory) continue;
-        FMemory->FlushPage(memory);
-        TPartialMMFMemory::ReleasePage(reference);
+      // Runs of neighbouring file pages go out in one call.
+      size_t index = 0;
+      while (index < FPageNumbers.size() && !FCancelFlush.load()) {
+        const uint32_t first = FPageNumbers[index];
+        uint32_t count = 1;
+        while (index + count < FPageNumbers.size() && FPageNumbers[index + count] == first + count &&
+               count < 256)
+          ++count;
+        FMemory->FlushPages(first, count);
+        index += count;
       }
       const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       if (seconds > 5.0 && GlobalLogFile) {

@@ -20,6 +20,10 @@ class TPartialMemoryFromMMFAllocator;
 /// writes its pages to the file until a whole period passes without writes.
 class TPartialMemoryMappedArray : public IPartialArray {
 public:
+  /// Pieces of a page at least this large move by file reads and writes instead of through a
+  /// view: a fresh view costs a page fault for every 4 KiB written, more than the copy itself.
+  static constexpr uint32_t kDirectTransferBytes = 16384;
+
   ~TPartialMemoryMappedArray() override;
 
   bool LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) override;
@@ -47,6 +51,9 @@ private:
   /// The timer's callback: one flush pass over all pages, or the end of the timer after a quiet period.
   void FlushPagesFunc();
   uint8_t* Reach(uint64_t address, std::atomic<uint32_t>*& referenceCount, uint32_t& available);
+  /// Moves size bytes between the array at address and memory; false when a page could not be
+  /// reached or the backing refused, which ends the transfer there.
+  bool TransferRange(uint64_t address, uint8_t* memory, uint64_t size, bool toArray);
 
   TPartialMemoryFromMMFAllocator* FAllocator;
   TPartialMMFMemory* FMemory;

@@ -3,6 +3,7 @@
 
 #include "common/memory/Partialmemory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -188,8 +189,38 @@ uint8_t* TPartialMMFMemory::GetAddress(uint64_t address, std::atomic<uint32_t>*&
   return GetAddressWithinPage(uint32_t(address % FPageSize), uint32_t(address / FPageSize), referenceCount);
 }
 
-bool TPartialMMFMemory::FlushPage(uint8_t* pageBase) {
-  return ::msync(pageBase, FPageSize, MS_SYNC) == 0;
+bool TPartialMMFMemory::ReadBacking(uint64_t offset, void* destination, uint64_t size) {
+  auto* target = static_cast<uint8_t*>(destination);
+  while (size > 0) {
+    const ssize_t moved =
+        ::pread(FFileDescriptor, target, size_t(std::min<uint64_t>(size, 1u << 30)), off_t(offset));
+    if (moved < 0 && errno == EINTR) continue;
+    if (moved <= 0) return false;
+    target += moved;
+    offset += uint64_t(moved);
+    size -= uint64_t(moved);
+  }
+  return true;
+}
+
+bool TPartialMMFMemory::WriteBacking(uint64_t offset, const void* source, uint64_t size) {
+  const auto* from = static_cast<const uint8_t*>(source);
+  while (size > 0) {
+    const ssize_t moved =
+        ::pwrite(FFileDescriptor, from, size_t(std::min<uint64_t>(size, 1u << 30)), off_t(offset));
+    if (moved < 0 && errno == EINTR) continue;
+    if (moved <= 0) return false;
+    from += moved;
+    offset += uint64_t(moved);
+    size -= uint64_t(moved);
+  }
+  return true;
+}
+
+bool TPartialMMFMemory::FlushPages(uint32_t page, uint32_t count) {
+  if (FFileName.empty()) return true; // anonymous memory has no disk to reach
+  return ::sync_file_range(FFileDescriptor, off_t(uint64_t(page) * FPageSize),
+                           off_t(uint64_t(count) * FPageSize), SYNC_FILE_RANGE_WRITE) == 0;
 }
 
 bool TPartialMMFMemory::IsPageMapped(uint32_t page) {

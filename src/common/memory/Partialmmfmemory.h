@@ -57,8 +57,15 @@ public:
   static void ReleasePage(std::atomic<uint32_t>* referenceCount) {
     referenceCount->fetch_sub(1, std::memory_order_release);
   }
-  /// Writes a mapped page's changed bytes to the file.
-  bool FlushPage(uint8_t* pageBase);
+  /// Copies bytes between the backing at a byte offset and memory with plain file reads and
+  /// writes. The views see the same bytes at once: mappings and file I/O share one page cache.
+  /// True when all bytes moved.
+  bool ReadBacking(uint64_t offset, void* destination, uint64_t size);
+  bool WriteBacking(uint64_t offset, const void* source, uint64_t size);
+  /// Starts writing the changed bytes of count file pages from page on to the disk, without
+  /// waiting for the disk and without forcing the file's metadata out: what a view flush does.
+  /// Works on the file itself, so pages need not be mapped for it.
+  bool FlushPages(uint32_t page, uint32_t count);
 
   ///@{ Figures for diagnostics and tests.
   uint64_t MapCount() const { return FMapCount.load(); }

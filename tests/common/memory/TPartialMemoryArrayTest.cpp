@@ -101,6 +101,29 @@ TEST_P(PartialMemoryArrayTest, BulkTransfersMatchAReferenceVector) {
   EXPECT_EQ(back, reference);
 }
 
+TEST_P(PartialMemoryArrayTest, BulkAndElementAccessSeeTheSameBytes) {
+  // Large pieces and single elements take different ways to the pages (file transfers and views
+  // with the memory-mapped strategy); each must see what the other wrote, also on mapped pages.
+  const uint64_t count = 40 * kPage / sizeof(int32_t); // 40 pages against 16 views
+  TPartialMemoryArray<int32_t> array(count);
+  for (uint64_t i = 0; i < count; i += 1000) array.SetValue(i, -1); // maps pages on the way
+  std::vector<int32_t> values(count);
+  std::iota(values.begin(), values.end(), 0);
+  array.SetValueArray(0, values.data(), count);
+  for (uint64_t i = 0; i < count; i += 1000) ASSERT_EQ(array.GetValue(i), int32_t(i));
+  for (uint64_t i = 7; i < count; i += 333) array.SetValue(i, -int32_t(i));
+  std::vector<int32_t> back(count);
+  array.GetValueArray(0, back.data(), count);
+  for (uint64_t i = 0; i < count; ++i)
+    ASSERT_EQ(back[i], (i >= 7 && (i - 7) % 333 == 0) ? -int32_t(i) : int32_t(i));
+  // A small piece straddling a page boundary goes through two views.
+  const int32_t pair[2] = {111, 222};
+  array.SetValueArray(kPage / 4 - 1, pair, 2);
+  array.GetValueArray(kPage / 4 - 1, back.data(), 2);
+  EXPECT_EQ(back[0], 111);
+  EXPECT_EQ(back[1], 222);
+}
+
 TEST_P(PartialMemoryArrayTest, FillCopyAndClear) {
   // 600,000 doubles: 4.8 MB, so the 1 MiB scratch buffer is used several times plus a remainder.
   const uint64_t count = 600000;
