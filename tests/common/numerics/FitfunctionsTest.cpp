@@ -344,3 +344,59 @@ TEST(StandardFitFunctions, PersistenceRoundTrip) {
 }
 
 } // namespace
+
+#include "common/numerics/Fitfunctionmanager.h"
+
+namespace {
+
+TEST(FitFunctionManager, StandardListCloneAndUserFile) {
+  TFitFunctionManager m;
+  m.CreateStandardFitFunctions();
+  ASSERT_EQ(m.GetCount(), 7);
+  EXPECT_EQ(m.GetFitFunction(0)->DisplayName, "Gauss");
+  EXPECT_EQ(m.GetFitFunction(6)->DisplayName, "User Defined");
+  EXPECT_EQ(m.GetUserFitFunctionCount(), 0);
+  EXPECT_EQ(TFitFunctionManager::CreateFitFunctionByClassName("TNoSuchFit"), nullptr);
+
+  // A user's own function: a formula with three parameters.
+  auto user = std::make_unique<TNLFitUserDefined>();
+  user->NumberOfParams = 3;
+  user->CreateParameters();
+  user->FitFunctionString = "x2 * EXP(-x1 / x3) + x4";
+  ASSERT_TRUE(user->UserFitFunctionChanged());
+  user->FunctionName = "My decay";
+  user->Categories.push_back("User");
+  user->Params[1]->StartValue = 4.5;
+  auto clone = TFitFunctionManager::CloneFitFunction(*user);
+  ASSERT_NE(clone, nullptr);
+  auto* c = dynamic_cast<TNLFitUserDefined*>(clone.get());
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->FitFunctionString, "x2*EXP(-x1/x3)+x4");
+  EXPECT_TRUE(c->IsUsable());
+  EXPECT_EQ(c->GetNumberOfParameters(), 3);
+  EXPECT_EQ(c->Params[1]->StartValue, 4.5);
+  EXPECT_TRUE(c->IsUserFunction());
+  m.AddFitFunction(std::move(user));
+  EXPECT_EQ(m.GetUserFitFunctionCount(), 1);
+
+  oxtest::TempDir dir;
+  const std::string file = dir.File("user.fit");
+  ASSERT_EQ(m.SaveUserFitFunctionsToTagFile(file), 1);
+  EXPECT_EQ(oxtest::ReadFileBytes(file).substr(0, 8), "ORX_UFIT");
+
+  TFitFunctionManager other;
+  other.CreateStandardFitFunctions();
+  ASSERT_GE(other.AppendUserFitFunctionsFromTagFile(file), 1);
+  ASSERT_GE(other.AppendUserFitFunctionsFromTagFile(file), 1);
+  EXPECT_EQ(other.GetUserFitFunctionCount(), 2);
+  ASSERT_GE(other.LoadUserFitFunctionsFromTagFile(file), 1); // replaces
+  EXPECT_EQ(other.GetUserFitFunctionCount(), 1);
+  EXPECT_EQ(other.GetCount(), 8);
+  EXPECT_EQ(other.GetFitFunction(7)->FunctionName, "My decay");
+  // A file of another kind is refused.
+  oxtest::WriteFileBytes(dir.File("bad.fit"), std::string("ORX_XXXX") + std::string(40, '\0'));
+  EXPECT_EQ(other.LoadUserFitFunctionsFromTagFile(dir.File("bad.fit")), teWrongFileIdentification);
+  EXPECT_LT(other.LoadUserFitFunctionsFromTagFile(dir.File("missing.fit")), 0);
+}
+
+} // namespace
