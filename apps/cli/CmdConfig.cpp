@@ -106,8 +106,12 @@ int RunConfigMemory(const TConfigMemoryOptions& options) {
   const std::string folder =
       TMemoryManagement::MemoryMappedFileDirectory(TMemoryManagement::MemoryMappedFilePath);
   const TSystemMemoryStatus status = TMemoryManagement::ReadSystemMemoryStatus();
-  const uint64_t freeDisk = TMemoryManagement::GetFreeDiskBytes(
-      std::filesystem::exists(folder) ? folder : TMemoryManagement::MemoryMappedFilePath);
+  // The folder may not exist yet: ask the file system of its nearest existing parent.
+  std::filesystem::path probe(folder);
+  std::error_code error;
+  while (!probe.empty() && !std::filesystem::exists(probe, error) && probe != probe.parent_path())
+    probe = probe.parent_path();
+  const uint64_t freeDisk = TMemoryManagement::GetFreeDiskBytes(probe.empty() ? "." : probe.string());
   nlohmann::ordered_json out = {{"file", fileName},
                                 {"fileExists", exists || !options.Settings.empty()},
                                 {"defaults", !exists && options.Settings.empty()},
