@@ -135,7 +135,9 @@ int RunConfigMemory(const TConfigMemoryOptions& options) {
     return kExitOk;
   }
   const auto gib = [](uint64_t bytes) {
-    return std::to_string(bytes / (uint64_t(1) << 20) / 1024.0).substr(0, 6);
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", double(bytes) / double(uint64_t(1) << 30));
+    return std::string(text);
   };
   std::cout << "Memory options file: " << fileName
             << (out["defaults"].get<bool>() ? " (not present: defaults shown)" : "") << "\n"
