@@ -24,6 +24,7 @@ struct CliContext {
   double MmfSizeGB = 0;
   double MapSizeMB = 0;
   int ExitCode = kExitOk;
+  bool Started = false;
 };
 
 /// A failure that a command reports: one line on stderr and the exit code.
@@ -39,7 +40,14 @@ private:
 /// Adds a global option to the program; fallthrough lets it follow the command's name as well.
 void AddGlobalOptions(CLI::App& app, CliContext& ctx);
 
+/// Brings up what every command that works on projects needs: message strategy (--yes/--no or the console),
+/// thread limit, progress display, Ctrl-C as cancel, the data classes. Safe to call twice.
+void StartRuntime(CliContext& ctx);
+/// True after Ctrl-C.
+bool CancelRequested();
+
 // Command groups, one per file.
 void AddTagCommands(CLI::App& app, CliContext& ctx);
+void AddProjectCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   CliContext ctx;
   AddGlobalOptions(app, ctx);
   AddTagCommands(app, ctx);
+  AddProjectCommands(app, ctx);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,104 @@
+// Loading and saving project and data files for the commands.
+#include "CliProjectFiles.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "CliCommon.h"
+#include "common/Saveandload.h"
+
+namespace orvexcli {
+namespace {
+
+std::string LowerExtension(const std::string& fileName) {
+  const size_t dot = fileName.find_last_of('.');
+  if (dot == std::string::npos || fileName.find('/', dot) != std::string::npos)
+    return {};
+  std::string ext = fileName.substr(dot);
+  std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+  return ext;
+}
+
+[[noreturn]] void FailLoading(TTagError error, const std::string& fileName) {
+  throw CliError(error == teCreateFileForReadError ? kExitUsage : kExitFailure,
+                 "Loading Error: " + GetTagErrorName(error) + ": " + fileName);
+}
+
+} // namespace
+
+TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
+  TLoadedFile loaded;
+  loaded.Project = std::make_unique<TProject>();
+  loaded.Project->SetWithoutProjectManager(forAppend);
+  const TFileHandle file = OpenFileForReading(fileName);
+  if (file == kInvalidFileHandle)
+    FailLoading(teCreateFileForReadError, fileName);
+  TTagError result = LoadIdentificationFromFile(file, loaded.Identification);
+  if (result < 1) {
+    CloseFile(file);
+    FailLoading(result, fileName);
+  }
+  FileSeek(file, 0, TSeekOrigin::Begin);
+  loaded.IsDataFile = loaded.Identification == TProject::kDataIdentification ||
+                      loaded.Identification == TProject::kDataIdentificationOld;
+  if (loaded.IsDataFile) {
+    // A data file on its own keeps its IDs (appending renumbers it behind the base instead).
+    TTagControl root, t;
+    std::string rootName;
+    FileSeek(file, kTagFileRootOffset, TSeekOrigin::Begin);
+    result = root.ReadTag(file, rootName);
+    if (result >= 1) {
+      t.LoadOrDefaultIntTag(file, "Version", root, &loaded.Version, 1, 0);
+      if (loaded.Version > TProject::ThisVersion)
+        result = teWrongFileVersion;
+    }
+    if (result >= 1) {
+      std::vector<std::unique_ptr<TData>> list;
+      result = loaded.Project->LoadDataFromTagFile(file, root, list);
+      for (auto& data : list) loaded.Project->OwnData(std::move(data));
+      loaded.Project->CleanWrongDataConnections();
+      loaded.Project->FindNextDataID();
+    }
+  } else {
+    result = loaded.Project->LoadProjectFromTagFile(file);
+    loaded.Version = loaded.Project->GetFileVersion();
+  }
+  CloseFile(file);
+  if (result < 1)
+    FailLoading(result, fileName);
+  loaded.Project->SetFileName(fileName);
+  if (CancelRequested())
+    throw CliError(kExitFailure, "Loading cancelled: " + fileName);
+  return loaded;
+}
+
+void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool compatible) {
+  const std::string ext = LowerExtension(fileName);
+  if (ext != ".oxp" && ext != ".oxd")
+    throw CliError(kExitUsage, "Saving Error: the file name must end in .oxp or .oxd: " + fileName);
+  TProject::SaveVersion = compatible ? 5 : TProject::ThisVersion;
+  TTagError result = teUnspecificError;
+  try {
+    if (ext == ".oxp") {
+      result = project.SaveProjectToFile(fileName);
+    } else {
+      TDataList all;
+      for (const auto& data : project.DataList()) all.push_back(data.get());
+      result = project.SaveDataListToFile(fileName, all);
+    }
+  } catch (...) {
+    TProject::SaveVersion = TProject::ThisVersion;
+    throw;
+  }
+  TProject::SaveVersion = TProject::ThisVersion;
+  if (CancelRequested())
+    throw CliError(kExitFailure, "Saving cancelled; " + fileName + " is unchanged");
+  if (result < 1)
+    throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(result) + ": " + fileName);
+}
+
+std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData&) { return {}; }
+
+std::vector<std::string> DescribeObjectAxes(const TData&) { return {}; }
+
+} // namespace orvexcli

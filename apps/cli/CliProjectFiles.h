@@ -1,0 +1,31 @@
+// Loading and saving project and data files for the commands, with errors in the program's words.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "project/Project.h"
+
+namespace orvexcli {
+
+struct TLoadedFile {
+  std::unique_ptr<TProject> Project;
+  std::string Identification;
+  int32_t Version = 0;
+  bool IsDataFile = false;
+};
+
+/// Loads a project file, or a data file into a fresh project; throws CliError ("Loading Error: …") on failure.
+/// forAppend marks the project as a temporary one that is appended elsewhere.
+TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend = false);
+/// Saves as a project (".oxp") or data file (".oxd") by the extension; throws CliError on failure.
+void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool compatible);
+
+/// "sizeX", "sizeY", "sizeGraph" of images and graphs, nothing for other objects.
+std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& data);
+/// Axis lines of images and graphs in physical units; nothing for other objects.
+std::vector<std::string> DescribeObjectAxes(const TData& data);
+
+} // namespace orvexcli

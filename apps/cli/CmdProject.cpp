@@ -1,0 +1,128 @@
+// orvex info / convert / append: look into, convert and combine project and data files.
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "CliCommon.h"
+#include "CliProjectFiles.h"
+#include "common/Saveandload.h"
+#include "project/Project.h"
+
+namespace orvexcli {
+namespace {
+
+using json = nlohmann::ordered_json;
+
+json DescribeObject(const TData& data) {
+  json object = {{"id", data.GetID()}, {"class", data.GetClassNameA()}, {"caption", data.GetCaption()}};
+  json references = json::object();
+  for (const auto& [name, id] : data.GetReferencedIDs()) references[name] = id;
+  object["references"] = references;
+  for (const auto& [key, value] : DescribeObjectSizes(data)) object[key] = value;
+  return object;
+}
+
+void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
+  StartRuntime(ctx);
+  TLoadedFile loaded = LoadProjectOrDataFile(fileName);
+  TProject& project = *loaded.Project;
+  json objects = json::array();
+  for (const auto& data : project.DataList()) objects.push_back(DescribeObject(*data));
+  json viewers = json::array();
+  for (const auto& viewer : project.ViewerList()) viewers.push_back(viewer->GetClassNameA());
+  json skipped = json::array();
+  for (const auto& [index, className] : project.SkippedObjects())
+    skipped.push_back(json{{"index", index}, {"class", className}});
+
+  if (asJson) {
+    std::cout << json{{"identification", loaded.Identification},
+                      {"version", loaded.Version},
+                      {"versionText", TProject::GetVersionStringForFileVersion(loaded.Version)},
+                      {"nextDataID", project.GetNextDataID()},
+                      {"objects", objects},
+                      {"viewers", viewers},
+                      {"skipped", skipped}}
+                     .dump(2)
+              << "\n";
+    return;
+  }
+  std::cout << "identification: " << loaded.Identification << "\n";
+  std::cout << "version: " << loaded.Version << " (" << TProject::GetVersionStringForFileVersion(loaded.Version)
+            << ")\n";
+  std::cout << "next data ID: " << project.GetNextDataID() << "\n";
+  std::cout << "objects: " << project.DataList().size() << "\n";
+  for (const auto& data : project.DataList()) {
+    std::cout << "  " << data->GetID() << "  " << data->GetClassNameA() << "  "
+              << json(data->GetCaption()).dump();
+    for (const auto& [key, value] : DescribeObjectSizes(*data)) std::cout << "  " << key << "=" << value;
+    for (const auto& [name, id] : data->GetReferencedIDs()) std::cout << "  " << name << "=" << id;
+    std::cout << "\n";
+    for (const auto& line : DescribeObjectAxes(*data)) std::cout << "      " << line << "\n";
+  }
+  std::cout << "viewers: " << project.ViewerList().size() << "\n";
+  for (const auto& viewer : project.ViewerList()) std::cout << "  " << viewer->GetClassNameA() << "\n";
+  if (!project.SkippedObjects().empty()) {
+    std::cout << "skipped (class unknown to this program): " << project.SkippedObjects().size() << "\n";
+    for (const auto& [index, className] : project.SkippedObjects())
+      std::cout << "  Data " << index << ": " << className << "\n";
+  }
+}
+
+void RunConvert(CliContext& ctx, const std::string& in, const std::string& out, bool compatible) {
+  StartRuntime(ctx);
+  TLoadedFile loaded = LoadProjectOrDataFile(in);
+  SaveProjectOrDataFile(*loaded.Project, out, compatible);
+}
+
+void RunAppend(CliContext& ctx, const std::string& base, const std::vector<std::string>& additions,
+               const std::string& out, bool compatible) {
+  StartRuntime(ctx);
+  TLoadedFile loaded = LoadProjectOrDataFile(base);
+  for (const auto& addition : additions) {
+    TLoadedFile part = LoadProjectOrDataFile(addition, /*forAppend=*/true);
+    loaded.Project->AppendProject(*part.Project);
+  }
+  SaveProjectOrDataFile(*loaded.Project, out, compatible);
+}
+
+} // namespace
+
+void AddProjectCommands(CLI::App& app, CliContext& ctx) {
+  struct TInfoOptions {
+    std::string File;
+    bool Json = false;
+  };
+  auto info = std::make_shared<TInfoOptions>();
+  auto* infoCommand = app.add_subcommand("info", "Show what a project or data file holds");
+  infoCommand->add_option("FILE", info->File, "Project (.oxp) or data file (.oxd)")->required();
+  infoCommand->add_flag("--json", info->Json, "Machine-readable output on stdout");
+  infoCommand->callback([info, &ctx] { RunInfo(ctx, info->File, info->Json); });
+
+  struct TConvertOptions {
+    std::string In, Out;
+    bool Compatible = false;
+  };
+  auto convert = std::make_shared<TConvertOptions>();
+  auto* convertCommand = app.add_subcommand("convert", "Load a project or data file and save it again");
+  convertCommand->add_option("IN", convert->In, "File to read")->required();
+  convertCommand->add_option("OUT", convert->Out, "File to write (.oxp or .oxd by its extension)")->required();
+  convertCommand->add_flag("--compatible", convert->Compatible, "Write the form older versions read (version 5)");
+  convertCommand->callback([convert, &ctx] { RunConvert(ctx, convert->In, convert->Out, convert->Compatible); });
+
+  struct TAppendOptions {
+    std::string Base, Out;
+    std::vector<std::string> Additions;
+    bool Compatible = false;
+  };
+  auto append = std::make_shared<TAppendOptions>();
+  auto* appendCommand = app.add_subcommand("append", "Append projects and data files to a project");
+  appendCommand->add_option("BASE", append->Base, "Project or data file to start from")->required();
+  appendCommand->add_option("ADD", append->Additions, "Projects and data files to append")->required();
+  appendCommand->add_option("-o,--output", append->Out, "File to write")->required();
+  appendCommand->add_flag("--compatible", append->Compatible, "Write the form older versions read (version 5)");
+  appendCommand->callback([append, &ctx] {
+    RunAppend(ctx, append->Base, append->Additions, append->Out, append->Compatible);
+  });
+}
+
+} // namespace orvexcli
