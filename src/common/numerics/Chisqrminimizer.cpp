@@ -1,14 +1,15 @@
 // Levenberg-Marquardt least-squares fitter (mrqmin/mrqcof/gaussj/covsrt) with limits and status codes.
 #include "common/numerics/Chisqrminimizer.h"
 
+#include "common/numerics/Linalg.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <exception>
 
-#include "common/numerics/Linalg.h"
-
-TChiSqrMinimizer::TChiSqrMinimizer(int numberOfParameters) : FNumberOfParameters(std::max(numberOfParameters, 0)) {
+TChiSqrMinimizer::TChiSqrMinimizer(int numberOfParameters)
+    : FNumberOfParameters(std::max(numberOfParameters, 0)) {
   const int ma = FNumberOfParameters;
   const size_t m = static_cast<size_t>(std::max(ma, 1));
   // One block for all doubles: 9 vectors and 3 matrices.
@@ -41,13 +42,12 @@ TChiSqrMinimizer::TChiSqrMinimizer(int numberOfParameters) : FNumberOfParameters
 
 TChiSqrMinimizer::~TChiSqrMinimizer() = default;
 
-#define OX_CSM_GETSET(Type, Name, Array)                                                                    \
-  Type TChiSqrMinimizer::Get##Name(int i) const {                                                           \
-    return (i >= 0 && i < FNumberOfParameters) ? Array[i] : Type{};                                        \
+#define OX_CSM_GETSET(Type, Name, Array)                                                                     \
+  Type TChiSqrMinimizer::Get##Name(int i) const {                                                            \
+    return (i >= 0 && i < FNumberOfParameters) ? Array[i] : Type{};                                          \
   }                                                                                                          \
-  void TChiSqrMinimizer::Set##Name(int i, Type value) {                                                     \
-    if (i >= 0 && i < FNumberOfParameters)                                                                   \
-      Array[i] = value;                                                                                      \
+  void TChiSqrMinimizer::Set##Name(int i, Type value) {                                                      \
+    if (i >= 0 && i < FNumberOfParameters) Array[i] = value;                                                 \
   }
 OX_CSM_GETSET(bool, VaryParameter, FVary)
 OX_CSM_GETSET(double, StartParameter, FStartParameters)
@@ -68,7 +68,9 @@ void TChiSqrMinimizer::SetError(int code, const std::string& message) {
   FErrorMessage = message;
 }
 
-bool TChiSqrMinimizer::HasModel() const { return (FModel != nullptr) != static_cast<bool>(FModelClosure); }
+bool TChiSqrMinimizer::HasModel() const {
+  return (FModel != nullptr) != static_cast<bool>(FModelClosure);
+}
 
 void TChiSqrMinimizer::CallModel(double x, const double* p, double& y, double* derivatives) {
   if (FModel)
@@ -79,8 +81,7 @@ void TChiSqrMinimizer::CallModel(double x, const double* p, double& y, double* d
 
 double TChiSqrMinimizer::EvaluateModel(double x) {
   double y = 0.0;
-  if (HasModel())
-    CallModel(x, FParameters, y, FDerivatives);
+  if (HasModel()) CallModel(x, FParameters, y, FDerivatives);
   return y;
 }
 
@@ -89,8 +90,7 @@ void TChiSqrMinimizer::EstimateParameters(const double* x, const double* y, int 
   FErrorMessage.clear();
   CopyStartParametersToParameters();
   const bool hasPlain = FEstimator != nullptr, hasClosure = static_cast<bool>(FEstimatorClosure);
-  if (!hasPlain && !hasClosure)
-    return;
+  if (!hasPlain && !hasClosure) return;
   if (hasPlain && hasClosure) {
     SetError(csmMissingFitFunction, "Two estimators set");
     return;
@@ -119,24 +119,20 @@ void TChiSqrMinimizer::CheckLimits(double* p) {
       SetError(csmWrongLimits, "Wrong Limits");
       return;
     }
-    if (FHasLowerLimit[j] && p[j] < FLowerLimit[j])
-      p[j] = FLowerLimit[j];
-    if (FHasUpperLimit[j] && p[j] > FUpperLimit[j])
-      p[j] = FUpperLimit[j];
+    if (FHasLowerLimit[j] && p[j] < FLowerLimit[j]) p[j] = FLowerLimit[j];
+    if (FHasUpperLimit[j] && p[j] > FUpperLimit[j]) p[j] = FUpperLimit[j];
   }
 }
 
 bool TChiSqrMinimizer::IsParamValueWithinLimits(int i, double value) const {
-  if (i < 0 || i >= FNumberOfParameters)
-    return false;
-  if (FHasLowerLimit[i] && FLowerLimit[i] > value)
-    return false;
-  if (FHasUpperLimit[i] && FUpperLimit[i] < value)
-    return false;
+  if (i < 0 || i >= FNumberOfParameters) return false;
+  if (FHasLowerLimit[i] && FLowerLimit[i] > value) return false;
+  if (FHasUpperLimit[i] && FUpperLimit[i] < value) return false;
   return true;
 }
 
-void TChiSqrMinimizer::LevenbergMarquardtMinimize(const double* x, const double* y, const double* sigma, int n) {
+void TChiSqrMinimizer::LevenbergMarquardtMinimize(const double* x, const double* y, const double* sigma,
+                                                  int n) {
   FErrorCode = csmOk;
   FErrorMessage.clear();
   if (!HasModel()) {
@@ -151,15 +147,12 @@ void TChiSqrMinimizer::LevenbergMarquardtMinimize(const double* x, const double*
   double previous = 0.0;
   do {
     mrqmin(x, y, sigma, n);
-    if (FChiSqr < 1e-200 || FErrorCode != csmOk)
-      break;
+    if (FChiSqr < 1e-200 || FErrorCode != csmOk) break;
     if (FIterations == 0) {
       previous = FChiSqr;
     } else {
-      if (FAccepted && FChiSqr <= previous && (previous - FChiSqr) / FChiSqr < Tolerance)
-        break;
-      if (FChiSqr < previous)
-        previous = FChiSqr;
+      if (FAccepted && FChiSqr <= previous && (previous - FChiSqr) / FChiSqr < Tolerance) break;
+      if (FChiSqr < previous) previous = FChiSqr;
     }
     ++FIterations;
   } while (FIterations < MaxIterations);
@@ -175,16 +168,13 @@ void TChiSqrMinimizer::mrqmin(const double* x, const double* y, const double* si
   const int ma = FNumberOfParameters;
   if (FLambda < 0.0) {
     CheckLimits(FParameters);
-    if (FErrorCode != csmOk)
-      return;
+    if (FErrorCode != csmOk) return;
     FMFit = 0;
     for (int j = 0; j < ma; ++j)
-      if (FVary[j])
-        FVaried[FMFit++] = j;
+      if (FVary[j]) FVaried[FMFit++] = j;
     FLambda = 0.001;
     mrqcof(x, y, sigma, n, FParameters, FAlpha, FBeta);
-    if (FErrorCode != csmOk)
-      return;
+    if (FErrorCode != csmOk) return;
     FOChiSqr = FChiSqr;
     std::memcpy(FTrial, FParameters, sizeof(double) * ma);
   }
@@ -208,11 +198,9 @@ void TChiSqrMinimizer::mrqmin(const double* x, const double* y, const double* si
   std::memcpy(FTrial, FParameters, sizeof(double) * ma);
   for (int l = 0; l < mfit; ++l) FTrial[FVaried[l]] = FParameters[FVaried[l]] + FDa[l];
   CheckLimits(FTrial);
-  if (FErrorCode != csmOk)
-    return;
+  if (FErrorCode != csmOk) return;
   mrqcof(x, y, sigma, n, FTrial, FCovar, FDa);
-  if (FErrorCode != csmOk)
-    return;
+  if (FErrorCode != csmOk) return;
   if (FChiSqr < FOChiSqr) {
     FAccepted = true;
     FLambda *= 0.1;
@@ -284,24 +272,20 @@ void TChiSqrMinimizer::covsrt(double* covar) {
 
 double TChiSqrMinimizer::GetCovariance(int i, int j) const {
   const int ma = FNumberOfParameters;
-  if (i < 0 || j < 0 || i >= ma || j >= ma || !FVary[i] || !FVary[j])
-    return 0.0;
+  if (i < 0 || j < 0 || i >= ma || j >= ma || !FVary[i] || !FVary[j]) return 0.0;
   return FCovar[i * ma + j];
 }
 
 double TChiSqrMinimizer::GetReducedChiSqr() const {
   const int divisor = FNumberOfPoints - FMFit;
-  if (divisor <= 0)
-    return -1.0;
+  if (divisor <= 0) return -1.0;
   return FChiSqr / divisor;
 }
 
 double TChiSqrMinimizer::GetParameterError(int i) const {
-  if (i < 0 || i >= FNumberOfParameters || !FVary[i])
-    return 0.0;
+  if (i < 0 || i >= FNumberOfParameters || !FVary[i]) return 0.0;
   const double r = GetReducedChiSqr();
   const double c = GetCovariance(i, i);
-  if (r < 0.0 || c < 1e-31)
-    return -1.0;
+  if (r < 0.0 || c < 1e-31) return -1.0;
   return std::sqrt(c * r);
 }

@@ -11,18 +11,16 @@ class TChiSqrMinimizer;
 /// A model: y and the derivatives dy/dp[i] (n of them) at x for the parameters p.
 using TCSMModelFunction = void (*)(double x, const double* parameters, double& y, double* derivatives, int n,
                                    TChiSqrMinimizer* minimizer);
-using TCSMModelClosure =
-    std::function<void(double x, const double* parameters, double& y, double* derivatives, int n,
-                       TChiSqrMinimizer* minimizer)>;
+using TCSMModelClosure = std::function<void(double x, const double* parameters, double& y,
+                                            double* derivatives, int n, TChiSqrMinimizer* minimizer)>;
 /// A start-value estimator: writes only those parameters whose useEstimated flag is set. The two scratch
 /// arrays hold numberOfPoints doubles each and belong to the minimizer.
 using TCSMEstimatorFunction = void (*)(const double* x, const double* y, double* scratch1, double* scratch2,
                                        int numberOfParameters, const bool* useEstimated, double* parameters,
                                        int numberOfPoints, TChiSqrMinimizer* minimizer);
-using TCSMEstimatorClosure =
-    std::function<void(const double* x, const double* y, double* scratch1, double* scratch2,
-                       int numberOfParameters, const bool* useEstimated, double* parameters, int numberOfPoints,
-                       TChiSqrMinimizer* minimizer)>;
+using TCSMEstimatorClosure = std::function<void(
+    const double* x, const double* y, double* scratch1, double* scratch2, int numberOfParameters,
+    const bool* useEstimated, double* parameters, int numberOfPoints, TChiSqrMinimizer* minimizer)>;
 
 /// Status codes of a run (ErrorCode).
 enum TCSMErrorCode : int {

@@ -2,11 +2,11 @@
 // with the user fit function file ("ORX_UFIT").
 #pragma once
 
+#include "common/numerics/Fitfunctions.h"
+
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "common/numerics/Fitfunctions.h"
 
 /// Owner of the standard and the user's fit functions.
 class TFitFunctionManager {

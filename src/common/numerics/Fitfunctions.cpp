@@ -1,12 +1,12 @@
 // Fit functions: parameters, models with analytic derivatives, estimators, conversions, persistence.
 #include "common/numerics/Fitfunctions.h"
 
+#include "common/OrvexException.h"
+#include "common/numerics/Linalg.h"
+
 #include <algorithm>
 #include <cmath>
 #include <numbers>
-
-#include "common/OrvexException.h"
-#include "common/numerics/Linalg.h"
 
 namespace {
 
@@ -19,22 +19,42 @@ constexpr double kFwhmPerSigma = 2.3548200450309493;
 constexpr double kSigmaPerFwhm = 0.42466090014400953;
 constexpr double kMinWidth = 1e-10;
 
-const char* const kFitParamTagNames[fpvCount] = {
-    "ShortName", "LongName", "UnitDescription", "Vary", "VaryEnable",
-    "LowerLimitHasLowerLimit", "LowerLimitLowerLimit", "LowerLimitHasUpperLimit", "LowerLimitUpperLimit",
-    "HasLowerLimit", "LowerLimit", "LowerLimitEnable",
-    "UpperLimitHasLowerLimit", "UpperLimitLowerLimit", "UpperLimitHasUpperLimit", "UpperLimitUpperLimit",
-    "HasUpperLimit", "UpperLimit", "UpperLimitEnable",
-    "StartValue", "StartValueAutoDetect", "StartValueAutoDetectEnable", "Value", "Separator", "ListenKind"};
+const char* const kFitParamTagNames[fpvCount] = {"ShortName",
+                                                 "LongName",
+                                                 "UnitDescription",
+                                                 "Vary",
+                                                 "VaryEnable",
+                                                 "LowerLimitHasLowerLimit",
+                                                 "LowerLimitLowerLimit",
+                                                 "LowerLimitHasUpperLimit",
+                                                 "LowerLimitUpperLimit",
+                                                 "HasLowerLimit",
+                                                 "LowerLimit",
+                                                 "LowerLimitEnable",
+                                                 "UpperLimitHasLowerLimit",
+                                                 "UpperLimitLowerLimit",
+                                                 "UpperLimitHasUpperLimit",
+                                                 "UpperLimitUpperLimit",
+                                                 "HasUpperLimit",
+                                                 "UpperLimit",
+                                                 "UpperLimitEnable",
+                                                 "StartValue",
+                                                 "StartValueAutoDetect",
+                                                 "StartValueAutoDetectEnable",
+                                                 "Value",
+                                                 "Separator",
+                                                 "ListenKind"};
 
 // Gauss width in sigma from the user's width kind, and back.
-double WidthFactor(int widthKind) { return widthKind == 1 ? 2.0 : (widthKind == 2 ? kFwhmPerSigma : 1.0); }
+double WidthFactor(int widthKind) {
+  return widthKind == 1 ? 2.0 : (widthKind == 2 ? kFwhmPerSigma : 1.0);
+}
 
 } // namespace
 
 std::string FitParamListenKindName(TFitParamListenKind kind) {
-  static const char* const names[] = {"No Listen", "X-Axis", "Y-Axis", "X-Diff", "X-Diff Absolute",
-                                      "Y-Diff", "Y-Diff Absolute", "Area"};
+  static const char* const names[] = {"No Listen",       "X-Axis", "Y-Axis",          "X-Diff",
+                                      "X-Diff Absolute", "Y-Diff", "Y-Diff Absolute", "Area"};
   const int k = static_cast<int>(kind);
   return (k >= 0 && k < 8) ? names[k] : "No Listen";
 }
@@ -46,12 +66,12 @@ const char* FitParamVariableTagName(TFitParamVariable v) {
 // ---------------------------------------------------------------------------------------------
 // TFitParam
 
-void TFitParam::SetDescriptions(const std::string& shortName, const std::string& longName, const std::string& unit) {
+void TFitParam::SetDescriptions(const std::string& shortName, const std::string& longName,
+                                const std::string& unit) {
   ShortName = shortName;
   LongName = longName;
   UnitDescription = unit;
-  if (TransformedShortName.empty())
-    SetTransformedDescriptions(shortName, longName, unit, shortName);
+  if (TransformedShortName.empty()) SetTransformedDescriptions(shortName, longName, unit, shortName);
 }
 
 void TFitParam::SetTransformedDescriptions(const std::string& shortName, const std::string& longName,
@@ -139,27 +159,34 @@ TTagError TFitParam::SaveToTagFile(TFileHandle file, const TFitParamVariables& i
   auto refs = ItemRefs(const_cast<TFitParam&>(*this));
   TTagControl t;
   for (int i = 0; i < fpvCount; ++i) {
-    if (!items.test(i))
-      continue;
+    if (!items.test(i)) continue;
     TTagError e = teNoError;
     switch (refs[i].Kind) {
-    case TFitParamItemRef::String: e = t.SaveAnsiStringTag(file, kFitParamTagNames[i], *static_cast<std::string*>(refs[i].Ptr)); break;
-    case TFitParamItemRef::Bool: e = t.SaveBoolTag(file, kFitParamTagNames[i], *static_cast<bool*>(refs[i].Ptr)); break;
-    case TFitParamItemRef::Double: e = t.SaveDoubleTag(file, kFitParamTagNames[i], *static_cast<double*>(refs[i].Ptr)); break;
-    case TFitParamItemRef::Int: e = t.SaveIntTag(file, kFitParamTagNames[i], static_cast<int32_t>(*static_cast<TFitParamListenKind*>(refs[i].Ptr))); break;
+    case TFitParamItemRef::String:
+      e = t.SaveAnsiStringTag(file, kFitParamTagNames[i], *static_cast<std::string*>(refs[i].Ptr));
+      break;
+    case TFitParamItemRef::Bool:
+      e = t.SaveBoolTag(file, kFitParamTagNames[i], *static_cast<bool*>(refs[i].Ptr));
+      break;
+    case TFitParamItemRef::Double:
+      e = t.SaveDoubleTag(file, kFitParamTagNames[i], *static_cast<double*>(refs[i].Ptr));
+      break;
+    case TFitParamItemRef::Int:
+      e = t.SaveIntTag(file, kFitParamTagNames[i],
+                       static_cast<int32_t>(*static_cast<TFitParamListenKind*>(refs[i].Ptr)));
+      break;
     }
-    if (e < 1)
-      return e;
+    if (e < 1) return e;
   }
   return teNoError;
 }
 
-TTagError TFitParam::LoadFromTagFile(TFileHandle file, const TTagControl& parent, const TFitParamVariables& items) {
+TTagError TFitParam::LoadFromTagFile(TFileHandle file, const TTagControl& parent,
+                                     const TFitParamVariables& items) {
   auto refs = ItemRefs(*this);
   TTagControl t;
   for (int i = 0; i < fpvCount; ++i) {
-    if (!items.test(i))
-      continue;
+    if (!items.test(i)) continue;
     switch (refs[i].Kind) {
     case TFitParamItemRef::String: {
       std::string* s = static_cast<std::string*>(refs[i].Ptr);
@@ -204,7 +231,9 @@ bool TFitFunction::IsUserFunction() const {
   return std::find(Categories.begin(), Categories.end(), "User") != Categories.end();
 }
 
-double TFitFunction::GetReplicaValue(const double* p, double x, int) const { return GetFunctionValue(p, x); }
+double TFitFunction::GetReplicaValue(const double* p, double x, int) const {
+  return GetFunctionValue(p, x);
+}
 
 void TFitFunction::ResizeParameters(int count) {
   count = std::max(count, 0);
@@ -215,39 +244,26 @@ void TFitFunction::ResizeParameters(int count) {
 TTagError TFitFunction::SaveToTagFile(TFileHandle file) {
   TTagControl t;
   TTagError e = t.SaveAnsiStringTag(file, "ClassName", ClassName);
-  if (e < 1)
-    return e;
-  if ((e = t.SaveAnsiStringTag(file, "FunctionName", FunctionName)) < 1)
-    return e;
-  if ((e = t.SaveAnsiStringTag(file, "FormulaText", FormulaText)) < 1)
-    return e;
-  if ((e = t.SaveStringList(file, "Categories", Categories)) < 1)
-    return e;
+  if (e < 1) return e;
+  if ((e = t.SaveAnsiStringTag(file, "FunctionName", FunctionName)) < 1) return e;
+  if ((e = t.SaveAnsiStringTag(file, "FormulaText", FormulaText)) < 1) return e;
+  if ((e = t.SaveStringList(file, "Categories", Categories)) < 1) return e;
   {
     TTagControl classTag;
-    if ((e = classTag.WriteTag(file, ClassName, TTagKind::TagList)) < 1)
-      return e;
+    if ((e = classTag.WriteTag(file, ClassName, TTagKind::TagList)) < 1) return e;
     const int32_t version = 1;
-    if ((e = t.SaveIntTag(file, "Version", version)) < 1)
-      return e;
-    if ((e = SaveClassSettings(file)) < 1)
-      return e;
-    if ((e = classTag.CloseWriteTag(file)) < 1)
-      return e;
+    if ((e = t.SaveIntTag(file, "Version", version)) < 1) return e;
+    if ((e = SaveClassSettings(file)) < 1) return e;
+    if ((e = classTag.CloseWriteTag(file)) < 1) return e;
   }
   TTagControl list;
-  if ((e = list.WriteTag(file, "FitParameters", TTagKind::TagList)) < 1)
-    return e;
-  if ((e = t.SaveIntTag(file, "NumberOfParameters", GetNumberOfParameters())) < 1)
-    return e;
+  if ((e = list.WriteTag(file, "FitParameters", TTagKind::TagList)) < 1) return e;
+  if ((e = t.SaveIntTag(file, "NumberOfParameters", GetNumberOfParameters())) < 1) return e;
   for (int i = 0; i < GetNumberOfParameters(); ++i) {
     TTagControl pt;
-    if ((e = pt.WriteTag(file, "Parameter" + std::to_string(i), TTagKind::TagList)) < 1)
-      return e;
-    if ((e = Params[i]->SaveToTagFile(file, SaveItems)) < 1)
-      return e;
-    if ((e = pt.CloseWriteTag(file)) < 1)
-      return e;
+    if ((e = pt.WriteTag(file, "Parameter" + std::to_string(i), TTagKind::TagList)) < 1) return e;
+    if ((e = Params[i]->SaveToTagFile(file, SaveItems)) < 1) return e;
+    if ((e = pt.CloseWriteTag(file)) < 1) return e;
   }
   return list.CloseWriteTag(file);
 }
@@ -256,14 +272,12 @@ TTagError TFitFunction::LoadFromTagFile(TFileHandle file, const TTagControl& par
   TTagControl t;
   t.LoadOrDefaultAnsiStringTag(file, "FunctionName", parent, FunctionName, "No Function Name");
   std::vector<std::string> categories;
-  if (t.LoadStringList(file, "Categories", parent, categories) >= 1)
-    Categories = categories;
+  if (t.LoadStringList(file, "Categories", parent, categories) >= 1) Categories = categories;
   // The class's settings decide the parameter count, so they come first.
   TTagControl classTag;
   if (classTag.FindTag(file, ClassName, parent) >= 1) {
     TTagError e = LoadClassSettings(file, classTag);
-    if (e < 1)
-      return e;
+    if (e < 1) return e;
   }
   CreateParameters();
   TTagControl list;
@@ -329,7 +343,9 @@ void* TNLFitFunction::ThreadPrepare() {
   return m;
 }
 
-void TNLFitFunction::ThreadPostpare(void* threadData) { delete static_cast<TChiSqrMinimizer*>(threadData); }
+void TNLFitFunction::ThreadPostpare(void* threadData) {
+  delete static_cast<TChiSqrMinimizer*>(threadData);
+}
 
 bool TNLFitFunction::CalculateThread(void* threadData, double* startOut, double* valuesOut, double* errorsOut,
                                      int n, const double* x, const double* y, const double* sigma,
@@ -348,10 +364,8 @@ bool TNLFitFunction::CalculateThread(void* threadData, double* startOut, double*
   }
   if (result) {
     for (int i = 0; i < np; ++i) {
-      if (valuesOut)
-        valuesOut[i] = m->GetParameter(i);
-      if (errorsOut)
-        errorsOut[i] = m->GetParameterError(i);
+      if (valuesOut) valuesOut[i] = m->GetParameter(i);
+      if (errorsOut) errorsOut[i] = m->GetParameterError(i);
     }
     double mean = 0.0;
     for (int i = 0; i < n; ++i) mean += y[i];
@@ -371,21 +385,38 @@ bool TNLFitFunction::CalculateThread(void* threadData, double* startOut, double*
   return result;
 }
 
-void TNLFitFunction::CreateErrorMessage(const TChiSqrMinimizer* m, std::string& message, bool numericProblem) {
+void TNLFitFunction::CreateErrorMessage(const TChiSqrMinimizer* m, std::string& message,
+                                        bool numericProblem) {
   std::string text;
   switch (m->GetErrorCode()) {
   case 0:
     text = numericProblem ? "Error (Numeric Problem)"
                           : "Successful (" + std::to_string(m->GetIterations()) + " Iterations)";
     break;
-  case 1: text = "Error (Missing Fit Function)"; break;
-  case 2: text = "Warning (Max. # of Iterations reached)"; break;
-  case 3: text = "Error (Invalid ChiSqr Calculation)"; break;
-  case 4: text = "Error (Singular Matrix)"; break;
-  case 5: text = "Error (Singular Matrix2)"; break;
-  case 6: text = "Error (Wrong Limits)"; break;
-  case 7: text = "Error (" + m->GetErrorMessage() + ")"; break;
-  default: text = numericProblem ? "Error (Numeric Problem)" : "Error (unknown)"; break;
+  case 1:
+    text = "Error (Missing Fit Function)";
+    break;
+  case 2:
+    text = "Warning (Max. # of Iterations reached)";
+    break;
+  case 3:
+    text = "Error (Invalid ChiSqr Calculation)";
+    break;
+  case 4:
+    text = "Error (Singular Matrix)";
+    break;
+  case 5:
+    text = "Error (Singular Matrix2)";
+    break;
+  case 6:
+    text = "Error (Wrong Limits)";
+    break;
+  case 7:
+    text = "Error (" + m->GetErrorMessage() + ")";
+    break;
+  default:
+    text = numericProblem ? "Error (Numeric Problem)" : "Error (unknown)";
+    break;
   }
   message = "Fit " + text;
 }
@@ -514,16 +545,13 @@ void CSMPolynom(double x, const double* p, double& y, double* d, int n, TChiSqrM
 
 TPeakEstimate EstimatePeak(const double* x, const double* y, int n) {
   TPeakEstimate r;
-  if (n < 1)
-    return r;
+  if (n < 1) return r;
   r.Base = (y[0] + y[n - 1]) / 2.0;
   int iMin = 0, iMax = 0;
   double area = 0.0;
   for (int i = 0; i < n; ++i) {
-    if (y[i] < y[iMin])
-      iMin = i;
-    if (y[i] > y[iMax])
-      iMax = i;
+    if (y[i] < y[iMin]) iMin = i;
+    if (y[i] > y[iMax]) iMax = i;
     area += y[i] - r.Base;
   }
   r.Upward = area > 0.0;
@@ -544,8 +572,7 @@ TPeakEstimate EstimatePeak(const double* x, const double* y, int n) {
 
 namespace {
 void SetIf(const bool* use, double* p, int i, double v) {
-  if (use[i])
-    p[i] = v;
+  if (use[i]) p[i] = v;
 }
 // Area of a Lorentz or Voigt start: pi w/2 times the height, at least 1 in the peak's direction.
 double PeakArea(const TPeakEstimate& e) {
@@ -557,8 +584,7 @@ void CSMEstimateParametersGauss(const double* x, const double* y, double*, doubl
                                 double* p, int n, TChiSqrMinimizer*) {
   const TPeakEstimate e = EstimatePeak(x, y, n);
   SetIf(use, p, 0, e.Base);
-  if (np != 4)
-    return; // several functions: only the offset
+  if (np != 4) return; // several functions: only the offset
   SetIf(use, p, 1, e.Center);
   SetIf(use, p, 2, std::max(0.42 * e.Width, kMinWidth));
   SetIf(use, p, 3, e.Height);
@@ -568,8 +594,7 @@ void CSMEstimateParametersLorentz(const double* x, const double* y, double*, dou
                                   double* p, int n, TChiSqrMinimizer*) {
   const TPeakEstimate e = EstimatePeak(x, y, n);
   SetIf(use, p, 0, e.Base);
-  if (np != 4)
-    return;
+  if (np != 4) return;
   SetIf(use, p, 1, e.Center);
   SetIf(use, p, 2, std::max(e.Width, kMinWidth));
   SetIf(use, p, 3, PeakArea(e));
@@ -604,8 +629,7 @@ void EstimateDecay(const double* x, const double* y, double* s1, double* s2, int
   level = amplitude = 0.0;
   tau = kMinWidth;
   minX = 0.0;
-  if (n < 1)
-    return;
+  if (n < 1) return;
   double minY = y[0], maxY = y[0];
   minX = x[0];
   for (int i = 1; i < n; ++i) {
@@ -619,16 +643,15 @@ void EstimateDecay(const double* x, const double* y, double* s1, double* s2, int
   level = falling ? minY : maxY;
   for (int i = 0; i < n; ++i) {
     s1[i] = x[i] - minX;
-    s2[i] = falling ? std::log(y[i] - level + (maxY - level) * 1e-5) : std::log((level - minY) * 1e-5 + level - y[i]);
+    s2[i] = falling ? std::log(y[i] - level + (maxY - level) * 1e-5)
+                    : std::log((level - minY) * 1e-5 + level - y[i]);
   }
   double m, b;
   LinearRegression(s1, s2, n, -1, -1, m, b);
   amplitude = falling ? std::exp(b) : -std::exp(b);
   tau = m != 0.0 ? -1.0 / m : 1e30;
-  if (!std::isfinite(amplitude))
-    amplitude = 0.0;
-  if (!std::isfinite(tau) || tau < kMinWidth)
-    tau = kMinWidth;
+  if (!std::isfinite(amplitude)) amplitude = 0.0;
+  if (!std::isfinite(tau) || tau < kMinWidth) tau = kMinWidth;
 }
 } // namespace
 
@@ -689,7 +712,9 @@ void DisableAutoDetect(TFitParam& p) {
   p.StartValueAutoDetect = false;
   p.StartValueAutoDetectEnable = false;
 }
-std::string Suffix(int count, int i) { return count > 1 ? "_" + std::to_string(i) : std::string(); }
+std::string Suffix(int count, int i) {
+  return count > 1 ? "_" + std::to_string(i) : std::string();
+}
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -715,8 +740,8 @@ void TNLFitGauss::CreateParameters() {
 
 void TNLFitGauss::InitializeParameters() {
   const int nf = NumberOfFunctions;
-  static const char* const widthNames[] = {"Peak Width (Standard Deviation)", "Peak Width (2 * Standard Deviation)",
-                                           "Peak Width (FWHM)"};
+  static const char* const widthNames[] = {"Peak Width (Standard Deviation)",
+                                           "Peak Width (2 * Standard Deviation)", "Peak Width (FWHM)"};
   static const char* const widthShort[] = {"s", "2s", "FWHM"};
   const int wk = std::clamp(WidthKind, 0, 2);
   *Params[0] = TFitParam();
@@ -732,8 +757,7 @@ void TNLFitGauss::InitializeParameters() {
     SetupCenter(c, sfx);
     SetupWidth(w, "s" + sfx, widthNames[0], widthShort[wk] + sfx, widthNames[wk], 10.0);
     a.SetDescriptions("Amp" + sfx, "Amplitude", "($y)");
-    if (IntensityKind == 1)
-      a.SetTransformedDescriptions("Area" + sfx, "Area", "($x)*($y)", "Area" + sfx);
+    if (IntensityKind == 1) a.SetTransformedDescriptions("Area" + sfx, "Area", "($x)*($y)", "Area" + sfx);
     a.SetValues(1000.0, true, true, 1000.0);
     a.SetListenKind(TFitParamListenKind::YDiff);
     if (nf > 1) {
@@ -745,10 +769,8 @@ void TNLFitGauss::InitializeParameters() {
 }
 
 double TNLFitGauss::GetReplicaValue(const double* p, double x, int replica) const {
-  if (replica < 0)
-    return GetFunctionValue(p, x);
-  if (replica >= NumberOfFunctions)
-    throw OrvexException("TNLFitGauss::GetReplicaValue: wrong Replica index");
+  if (replica < 0) return GetFunctionValue(p, x);
+  if (replica >= NumberOfFunctions) throw OrvexException("TNLFitGauss::GetReplicaValue: wrong Replica index");
   double y, d[4];
   const double q[4] = {p[0], p[1 + 3 * replica], p[2 + 3 * replica], p[3 + 3 * replica]};
   CSMGauss(x, q, y, d, 4, nullptr);
@@ -763,15 +785,18 @@ std::vector<std::string> TNLFitGauss::GetReplicaList() const {
 }
 
 void TNLFitGauss::SortParameters(double* values, double* errors) const {
-  if (SortKind <= 0 || SortKind > 4)
-    return;
+  if (SortKind <= 0 || SortKind > 4) return;
   auto key = [&](int i) {
     const double c = values[1 + 3 * i], s = values[2 + 3 * i], a = values[3 + 3 * i];
     switch (SortKind) {
-    case 1: return c;
-    case 2: return s;
-    case 3: return a;
-    default: return s * a;
+    case 1:
+      return c;
+    case 2:
+      return s;
+    case 3:
+      return a;
+    default:
+      return s * a;
     }
   };
   for (int pass = 0; pass < NumberOfFunctions - 1; ++pass)
@@ -779,8 +804,7 @@ void TNLFitGauss::SortParameters(double* values, double* errors) const {
       if (key(i) > key(i + 1))
         for (int k = 1; k <= 3; ++k) {
           std::swap(values[3 * i + k], values[3 * (i + 1) + k]);
-          if (errors)
-            std::swap(errors[3 * i + k], errors[3 * (i + 1) + k]);
+          if (errors) std::swap(errors[3 * i + k], errors[3 * (i + 1) + k]);
         }
 }
 
@@ -790,8 +814,7 @@ void TNLFitGauss::TransformParametersToNativeParameters(double* v) const {
     double& s = v[2 + 3 * i];
     double& a = v[3 + 3 * i];
     s /= f;
-    if (IntensityKind == 1)
-      a = a / (s * kSqrt2Pi);
+    if (IntensityKind == 1) a = a / (s * kSqrt2Pi);
   }
 }
 
@@ -799,8 +822,7 @@ void TNLFitGauss::TransformNativeParametersToParameters(double* v) const {
   const double f = WidthFactor(WidthKind);
   for (int i = 0; i < NumberOfFunctions; ++i) {
     const double s = v[2 + 3 * i];
-    if (IntensityKind == 1)
-      v[3 + 3 * i] = v[3 + 3 * i] * s * kSqrt2Pi;
+    if (IntensityKind == 1) v[3 + 3 * i] = v[3 + 3 * i] * s * kSqrt2Pi;
     v[2 + 3 * i] = s * f;
   }
 }
@@ -810,8 +832,7 @@ void TNLFitGauss::TransformNativeErrorToError(const double* v, double* e) const 
   for (int i = 0; i < NumberOfFunctions; ++i) {
     const double s = v[2 + 3 * i], a = v[3 + 3 * i];
     const double es = e[2 + 3 * i], ea = e[3 + 3 * i];
-    if (IntensityKind == 1)
-      e[3 + 3 * i] = (std::fabs(ea * s) + std::fabs(es * a)) * kSqrt2Pi;
+    if (IntensityKind == 1) e[3 + 3 * i] = (std::fabs(ea * s) + std::fabs(es * a)) * kSqrt2Pi;
     e[2 + 3 * i] = es * f;
   }
 }
@@ -874,8 +895,7 @@ void TNLFitLorentz::InitializeParameters() {
     SetupCenter(c, sfx);
     SetupWidth(w, "w" + sfx, "Peak Width (FWHM)", "w" + sfx, "Peak Width (FWHM)", 10.0);
     a.SetDescriptions("A" + sfx, "Area", "($x)*($y)");
-    if (IntensityKind == 1)
-      a.SetTransformedDescriptions("Amp" + sfx, "Amplitude", "($y)", "Amp" + sfx);
+    if (IntensityKind == 1) a.SetTransformedDescriptions("Amp" + sfx, "Amplitude", "($y)", "Amp" + sfx);
     a.SetValues(5000.0, true, true, 5000.0);
     a.SetListenKind(ListenIntensityKind == 1 ? TFitParamListenKind::YDiff : TFitParamListenKind::Area);
     if (nf > 1) {
@@ -887,8 +907,7 @@ void TNLFitLorentz::InitializeParameters() {
 }
 
 double TNLFitLorentz::GetReplicaValue(const double* p, double x, int replica) const {
-  if (replica < 0)
-    return GetFunctionValue(p, x);
+  if (replica < 0) return GetFunctionValue(p, x);
   if (replica >= NumberOfFunctions)
     throw OrvexException("TNLFitLorentz::GetReplicaValue: wrong Replica index");
   double y, d[4];
@@ -906,20 +925,18 @@ std::vector<std::string> TNLFitLorentz::GetReplicaList() const {
 
 // Amplitude of a Lorentzian = 2 A / (pi w).
 void TNLFitLorentz::TransformParametersToNativeParameters(double* v) const {
-  if (IntensityKind != 1)
-    return;
-  for (int i = 0; i < NumberOfFunctions; ++i) v[3 + 3 * i] = v[3 + 3 * i] * std::numbers::pi * v[2 + 3 * i] / 2.0;
+  if (IntensityKind != 1) return;
+  for (int i = 0; i < NumberOfFunctions; ++i)
+    v[3 + 3 * i] = v[3 + 3 * i] * std::numbers::pi * v[2 + 3 * i] / 2.0;
 }
 
 void TNLFitLorentz::TransformNativeParametersToParameters(double* v) const {
-  if (IntensityKind != 1)
-    return;
+  if (IntensityKind != 1) return;
   for (int i = 0; i < NumberOfFunctions; ++i) v[3 + 3 * i] = k2OverPi * v[3 + 3 * i] / v[2 + 3 * i];
 }
 
 void TNLFitLorentz::TransformNativeErrorToError(const double* v, double* e) const {
-  if (IntensityKind != 1)
-    return;
+  if (IntensityKind != 1) return;
   for (int i = 0; i < NumberOfFunctions; ++i) {
     const double w = v[2 + 3 * i], a = v[3 + 3 * i];
     e[3 + 3 * i] = k2OverPi * (std::fabs(e[3 + 3 * i] / w) + std::fabs(e[2 + 3 * i] * a / (w * w)));
@@ -966,10 +983,14 @@ double VoigtReplica(const double* p, double x, int replica, bool twoWidths, cons
   const double a = twoWidths ? p[4] : p[3], mu = twoWidths ? p[5] : p[4];
   const TVoigtParts v = VoigtParts(x - x0, wl, wg);
   switch (replica) {
-  case -1: return y0 + a * (mu * v.L + (1.0 - mu) * v.G);
-  case 0: return y0 + a * (1.0 - mu) * v.G;
-  case 1: return y0 + a * mu * v.L;
-  default: throw OrvexException(std::string(routine) + ": wrong Replica index");
+  case -1:
+    return y0 + a * (mu * v.L + (1.0 - mu) * v.G);
+  case 0:
+    return y0 + a * (1.0 - mu) * v.G;
+  case 1:
+    return y0 + a * mu * v.L;
+  default:
+    throw OrvexException(std::string(routine) + ": wrong Replica index");
   }
 }
 } // namespace
@@ -977,7 +998,8 @@ double VoigtReplica(const double* p, double x, int replica, bool twoWidths, cons
 TNLFitPsdVoigt1::TNLFitPsdVoigt1() {
   DisplayName = "PsdVoigt1";
   HelpKey = "AF_PSDVOIGT1";
-  FormulaText = "y = y0 + A*(mu*(2/PI)*w/(4*(x-x0)^2+w^2) + (1-mu)*sqrt(4*ln(2))/(sqrt(PI)*w)*exp(-4*ln(2)*(x-x0)^2/w^2))";
+  FormulaText = "y = y0 + A*(mu*(2/PI)*w/(4*(x-x0)^2+w^2) + "
+                "(1-mu)*sqrt(4*ln(2))/(sqrt(PI)*w)*exp(-4*ln(2)*(x-x0)^2/w^2))";
   ClassName = "TNLFitPsdVoigt1";
   FunctionName = "PsdVoigt1";
   Categories = {"Peak Functions"};
@@ -1011,7 +1033,8 @@ std::vector<std::string> TNLFitPsdVoigt1::GetReplicaList() const {
 TNLFitPsdVoigt2::TNLFitPsdVoigt2() {
   DisplayName = "PsdVoigt2";
   HelpKey = "AF_PSDVOIGT2";
-  FormulaText = "y = y0 + A*(mu*(2/PI)*wl/(4*(x-x0)^2+wl^2) + (1-mu)*sqrt(4*ln(2))/(sqrt(PI)*wg)*exp(-4*ln(2)*(x-x0)^2/wg^2))";
+  FormulaText = "y = y0 + A*(mu*(2/PI)*wl/(4*(x-x0)^2+wl^2) + "
+                "(1-mu)*sqrt(4*ln(2))/(sqrt(PI)*wg)*exp(-4*ln(2)*(x-x0)^2/wg^2))";
   ClassName = "TNLFitPsdVoigt2";
   FunctionName = "PsdVoigt2";
   Categories = {"Peak Functions"};
@@ -1083,10 +1106,8 @@ void TNLFitExpDecay::InitializeParameters() {
 }
 
 double TNLFitExpDecay::GetReplicaValue(const double* p, double x, int replica) const {
-  if (replica < 0)
-    return GetFunctionValue(p, x);
-  if (replica >= ExpDecayOrder)
-    throw OrvexException("TNLFitExpDecay::GetReplicaValue: wrong Replica index");
+  if (replica < 0) return GetFunctionValue(p, x);
+  if (replica >= ExpDecayOrder) throw OrvexException("TNLFitExpDecay::GetReplicaValue: wrong Replica index");
   double y, d[4];
   const double q[4] = {p[0], p[1], p[2 + 2 * replica], p[3 + 2 * replica]};
   CSMExpDecay(x, q, y, d, 4, nullptr);
@@ -1202,8 +1223,7 @@ void TNLFitUserDefined::InitializeParameters() {
 bool TNLFitUserDefined::UserFitFunctionChanged() {
   std::string s;
   for (char c : FitFunctionString)
-    if (c != ' ')
-      s += c;
+    if (c != ' ') s += c;
   FitFunctionString = s;
   FormulaText = "y = " + s;
   if (FParser.GetXDimension() != NumberOfParams + 1) {
@@ -1222,8 +1242,7 @@ double TNLFitUserDefined::GetFunctionValue(const double* p, double x) const {
   double* stack = nullptr;
   const double y = FParser.MulticoreFunc(xv.data(), undefined, stack);
   TFormelParser::ReleaseStack(stack);
-  if (undefined)
-    throw OrvexException("TNLFitUserDefined::GetFunctionValue(): Parser->UnDefined");
+  if (undefined) throw OrvexException("TNLFitUserDefined::GetFunctionValue(): Parser->UnDefined");
   return y;
 }
 
@@ -1247,8 +1266,7 @@ void* TNLFitUserDefined::ThreadPrepare() {
 
 void TNLFitUserDefined::ThreadPostpare(void* threadData) {
   auto* m = static_cast<TChiSqrMinimizer*>(threadData);
-  if (m)
-    delete static_cast<TArgumentBlock*>(m->UserData);
+  if (m) delete static_cast<TArgumentBlock*>(m->UserData);
   TNLFitFunction::ThreadPostpare(threadData);
 }
 
@@ -1277,8 +1295,7 @@ void TNLFitUserDefined::Model(double x, const double* p, double& y, double* d, T
     }
     const double pv = p[i];
     double h = std::fabs(pv) * b->EPS;
-    if (h == 0.0)
-      h = b->EPS;
+    if (h == 0.0) h = b->EPS;
     h = (pv + h) - pv; // a step that the representation holds exactly
     if (!csm->IsParamValueWithinLimits(i, pv + h)) {
       h = -h;
@@ -1301,8 +1318,7 @@ void TNLFitUserDefined::Model(double x, const double* p, double& y, double* d, T
 TTagError TNLFitUserDefined::SaveClassSettings(TFileHandle file) {
   TTagControl t;
   TTagError e;
-  if ((e = t.SaveIntTag(file, "NumberOfParams", NumberOfParams)) < 1)
-    return e;
+  if ((e = t.SaveIntTag(file, "NumberOfParams", NumberOfParams)) < 1) return e;
   return t.SaveAnsiStringTag(file, "FitFunctionString", FitFunctionString);
 }
 

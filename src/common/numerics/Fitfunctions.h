@@ -4,14 +4,14 @@
 // formula.
 #pragma once
 
+#include "common/Tagcontrol.h"
+#include "common/numerics/Chisqrminimizer.h"
+#include "common/numerics/Formelparser.h"
+
 #include <bitset>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "common/Tagcontrol.h"
-#include "common/numerics/Chisqrminimizer.h"
-#include "common/numerics/Formelparser.h"
 
 /// How a parameter takes a value from the viewer's cursors.
 enum class TFitParamListenKind : int {
@@ -29,12 +29,31 @@ std::string FitParamListenKindName(TFitParamListenKind kind);
 
 /// The 25 persistent items of a TFitParam, in tag order.
 enum TFitParamVariable : int {
-  fpvShortName, fpvLongName, fpvUnitDescription, fpvVary, fpvVaryEnable,
-  fpvLowerLimitHasLowerLimit, fpvLowerLimitLowerLimit, fpvLowerLimitHasUpperLimit, fpvLowerLimitUpperLimit,
-  fpvHasLowerLimit, fpvLowerLimit, fpvLowerLimitEnable,
-  fpvUpperLimitHasLowerLimit, fpvUpperLimitLowerLimit, fpvUpperLimitHasUpperLimit, fpvUpperLimitUpperLimit,
-  fpvHasUpperLimit, fpvUpperLimit, fpvUpperLimitEnable,
-  fpvStartValue, fpvStartValueAutoDetect, fpvStartValueAutoDetectEnable, fpvValue, fpvSeparator, fpvListenKind,
+  fpvShortName,
+  fpvLongName,
+  fpvUnitDescription,
+  fpvVary,
+  fpvVaryEnable,
+  fpvLowerLimitHasLowerLimit,
+  fpvLowerLimitLowerLimit,
+  fpvLowerLimitHasUpperLimit,
+  fpvLowerLimitUpperLimit,
+  fpvHasLowerLimit,
+  fpvLowerLimit,
+  fpvLowerLimitEnable,
+  fpvUpperLimitHasLowerLimit,
+  fpvUpperLimitLowerLimit,
+  fpvUpperLimitHasUpperLimit,
+  fpvUpperLimitUpperLimit,
+  fpvHasUpperLimit,
+  fpvUpperLimit,
+  fpvUpperLimitEnable,
+  fpvStartValue,
+  fpvStartValueAutoDetect,
+  fpvStartValueAutoDetectEnable,
+  fpvValue,
+  fpvSeparator,
+  fpvListenKind,
   fpvCount
 };
 using TFitParamVariables = std::bitset<fpvCount>;
@@ -53,7 +72,8 @@ public:
   void SetTransformedDescriptions(const std::string& shortName, const std::string& longName,
                                   const std::string& unit, const std::string& userName);
   void SetVariability(bool vary, bool varyEnable);
-  void SetLimits(bool hasLower, double lower, bool lowerEnable, bool hasUpper, double upper, bool upperEnable);
+  void SetLimits(bool hasLower, double lower, bool lowerEnable, bool hasUpper, double upper,
+                 bool upperEnable);
   void SetLowerLimitLimits(bool hasLower, double lower, bool hasUpper, double upper);
   void SetUpperLimitLimits(bool hasLower, double lower, bool hasUpper, double upper);
   void SetValues(double start, bool autoDetect, bool autoDetectEnable, double value);
@@ -127,9 +147,9 @@ public:
   virtual void* ThreadPrepare() = 0;
   virtual void ThreadPostpare(void* threadData) = 0;
   /// Estimates and fits one data set; see TNLFitFunction.
-  virtual bool CalculateThread(void* threadData, double* startOut, double* valuesOut, double* errorsOut, int n,
-                               const double* x, const double* y, const double* sigma, TFitFunctionErrorInfo& info,
-                               std::string& message) = 0;
+  virtual bool CalculateThread(void* threadData, double* startOut, double* valuesOut, double* errorsOut,
+                               int n, const double* x, const double* y, const double* sigma,
+                               TFitFunctionErrorInfo& info, std::string& message) = 0;
   /// Names, start rules, limits and listen kinds of the standard setup.
   virtual void InitializeParameters() = 0;
   /// Orders the parts of a composite function; values and errors alike.
@@ -160,7 +180,9 @@ protected:
   /// Writes the class's own settings; called inside the tag named ClassName.
   virtual TTagError SaveClassSettings(TFileHandle /*file*/) { return teNoError; }
   /// Reads the class's own settings from the tag named ClassName.
-  virtual TTagError LoadClassSettings(TFileHandle /*file*/, const TTagControl& /*classTag*/) { return teNoError; }
+  virtual TTagError LoadClassSettings(TFileHandle /*file*/, const TTagControl& /*classTag*/) {
+    return teNoError;
+  }
   /// Resizes the parameter list, keeping existing entries.
   void ResizeParameters(int count);
 };
@@ -183,7 +205,8 @@ public:
                        const double* x, const double* y, const double* sigma, TFitFunctionErrorInfo& info,
                        std::string& message) override;
   /// The status text of a minimizer's last run, headed "Fit ".
-  static void CreateErrorMessage(const TChiSqrMinimizer* minimizer, std::string& message, bool numericProblem);
+  static void CreateErrorMessage(const TChiSqrMinimizer* minimizer, std::string& message,
+                                 bool numericProblem);
 
   std::string FirstDisplayValueName = "Chi^2";
   bool ShowFirstDisplayValue = true;

@@ -2,6 +2,8 @@
 // Polish notation by operator priorities, and a stack machine for evaluation.
 #include "common/numerics/Formelparser.h"
 
+#include "common/numerics/Numerics.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -9,8 +11,6 @@
 #include <memory>
 #include <mutex>
 #include <numbers>
-
-#include "common/numerics/Numerics.h"
 
 // ---------------------------------------------------------------------------------------------
 // Function table
@@ -24,58 +24,110 @@ double BesselJ1(double x) {
     const double y = x * x;
     const double ans1 =
         x * (72362614232.0 +
-             y * (-7895059235.0 + y * (242396853.1 + y * (-2972611.439 + y * (15704.48260 + y * (-30.16036606))))));
+             y * (-7895059235.0 +
+                  y * (242396853.1 + y * (-2972611.439 + y * (15704.48260 + y * (-30.16036606))))));
     const double ans2 =
-        144725228442.0 + y * (2300535178.0 + y * (18583304.74 + y * (99447.43394 + y * (376.9991397 + y * 1.0))));
+        144725228442.0 +
+        y * (2300535178.0 + y * (18583304.74 + y * (99447.43394 + y * (376.9991397 + y * 1.0))));
     return ans1 / ans2;
   }
   const double z = 8.0 / ax, y = z * z, xx = ax - 2.356194491;
   const double ans1 =
       1.0 + y * (0.183105e-2 + y * (-0.3516396496e-4 + y * (0.2457520174e-5 + y * (-0.240337019e-6))));
-  const double ans2 = 0.04687499995 +
-                      y * (-0.2002690873e-3 + y * (0.8449199096e-5 + y * (-0.88228987e-6 + y * 0.105787412e-6)));
+  const double ans2 = 0.04687499995 + y * (-0.2002690873e-3 +
+                                           y * (0.8449199096e-5 + y * (-0.88228987e-6 + y * 0.105787412e-6)));
   double ans = std::sqrt(0.636619772 / ax) * (std::cos(xx) * ans1 - z * std::sin(xx) * ans2);
   return x < 0.0 ? -ans : ans;
 }
 
-double FPi(double) { return std::numbers::pi; }
-double FRndBox(double x) { return (Rnd() - 0.5) * x; }
-double FRndNormal(double x) { return RndGauss() * x; }
-double FCotan(double x) { return 1.0 / std::tan(x); }
-double FSinc(double x) { return std::fabs(x) < 1e-300 ? 1.0 : std::sin(x) / x; }
+double FPi(double) {
+  return std::numbers::pi;
+}
+double FRndBox(double x) {
+  return (Rnd() - 0.5) * x;
+}
+double FRndNormal(double x) {
+  return RndGauss() * x;
+}
+double FCotan(double x) {
+  return 1.0 / std::tan(x);
+}
+double FSinc(double x) {
+  return std::fabs(x) < 1e-300 ? 1.0 : std::sin(x) / x;
+}
 double FSincSqr(double x) {
-  if (std::fabs(x) < 1e-300)
-    return 1.0;
+  if (std::fabs(x) < 1e-300) return 1.0;
   const double s = std::sin(x) / x;
   return s * s;
 }
-double FHeavyside(double x) { return x > 0 ? 1.0 : (x == 0 ? 0.5 : 0.0); }
-double FSign(double x) { return std::fabs(x) >= 1e-300 ? x / std::fabs(x) : 0.0; }
+double FHeavyside(double x) {
+  return x > 0 ? 1.0 : (x == 0 ? 0.5 : 0.0);
+}
+double FSign(double x) {
+  return std::fabs(x) >= 1e-300 ? x / std::fabs(x) : 0.0;
+}
 double FAirySqr(double x) {
-  if (std::fabs(x) < 1e-300)
-    return 1.0;
+  if (std::fabs(x) < 1e-300) return 1.0;
   const double a = 2.0 * BesselJ1(x) / x;
   return a * a;
 }
-double FSin(double x) { return std::sin(x); }
-double FAsin(double x) { return std::asin(x); }
-double FCos(double x) { return std::cos(x); }
-double FAcos(double x) { return std::acos(x); }
-double FTan(double x) { return std::tan(x); }
-double FAtan(double x) { return std::atan(x); }
-long double FSinh(long double x) { return std::sinh(x); }
-long double FAsinh(long double x) { return std::asinh(x); }
-long double FCosh(long double x) { return std::cosh(x); }
-long double FAcosh(long double x) { return std::acosh(x); }
-long double FTanh(long double x) { return std::tanh(x); }
-long double FAtanh(long double x) { return std::atanh(x); }
-long double FLoge(long double x) { return std::log(x); }
-long double FLog10(long double x) { return std::log10(x); }
-long double FLog2(long double x) { return std::log2(x); }
-long double FExp(long double x) { return std::exp(x); }
-double FAbs(double x) { return std::fabs(x); }
-double FSqrt(double x) { return std::sqrt(x); }
-double FBesselJ1(double x) { return BesselJ1(x); }
+double FSin(double x) {
+  return std::sin(x);
+}
+double FAsin(double x) {
+  return std::asin(x);
+}
+double FCos(double x) {
+  return std::cos(x);
+}
+double FAcos(double x) {
+  return std::acos(x);
+}
+double FTan(double x) {
+  return std::tan(x);
+}
+double FAtan(double x) {
+  return std::atan(x);
+}
+long double FSinh(long double x) {
+  return std::sinh(x);
+}
+long double FAsinh(long double x) {
+  return std::asinh(x);
+}
+long double FCosh(long double x) {
+  return std::cosh(x);
+}
+long double FAcosh(long double x) {
+  return std::acosh(x);
+}
+long double FTanh(long double x) {
+  return std::tanh(x);
+}
+long double FAtanh(long double x) {
+  return std::atanh(x);
+}
+long double FLoge(long double x) {
+  return std::log(x);
+}
+long double FLog10(long double x) {
+  return std::log10(x);
+}
+long double FLog2(long double x) {
+  return std::log2(x);
+}
+long double FExp(long double x) {
+  return std::exp(x);
+}
+double FAbs(double x) {
+  return std::fabs(x);
+}
+double FSqrt(double x) {
+  return std::sqrt(x);
+}
+double FBesselJ1(double x) {
+  return BesselJ1(x);
+}
 
 struct TFunctionTable {
   std::mutex Lock;
@@ -116,10 +168,13 @@ double TParserFunctionLDLD::Func(double x, bool& undefined) const {
 void TCustomParserFunction::InitFunctions() {
   TFunctionTable& t = Table();
   std::lock_guard<std::mutex> lock(t.Lock);
-  if (!t.List.empty())
-    return;
-  auto dd = [&](const char* n, TParserFunctionDD::TFunc f) { t.Owned.emplace_back(new TParserFunctionDD(n, f)); };
-  auto ee = [&](const char* n, TParserFunctionLDLD::TFunc f) { t.Owned.emplace_back(new TParserFunctionEE(n, f)); };
+  if (!t.List.empty()) return;
+  auto dd = [&](const char* n, TParserFunctionDD::TFunc f) {
+    t.Owned.emplace_back(new TParserFunctionDD(n, f));
+  };
+  auto ee = [&](const char* n, TParserFunctionLDLD::TFunc f) {
+    t.Owned.emplace_back(new TParserFunctionEE(n, f));
+  };
   dd("PI(", FPi);
   dd("RndBox(", FRndBox);
   dd("RndNormal(", FRndNormal);
@@ -149,17 +204,19 @@ void TCustomParserFunction::InitFunctions() {
   dd("AirySqr(", FAirySqr);
   dd("BESSELJ1(", FBesselJ1);
   for (auto& f : t.Owned) t.List.push_back(f.get());
-  std::stable_sort(t.List.begin(), t.List.end(), [](const TCustomParserFunction* a, const TCustomParserFunction* b) {
-    return a->Name().size() > b->Name().size();
-  });
+  std::stable_sort(t.List.begin(), t.List.end(),
+                   [](const TCustomParserFunction* a, const TCustomParserFunction* b) {
+                     return a->Name().size() > b->Name().size();
+                   });
 }
 
 void TCustomParserFunction::Sort() {
   TFunctionTable& t = Table();
   std::lock_guard<std::mutex> lock(t.Lock);
-  std::stable_sort(t.List.begin(), t.List.end(), [](const TCustomParserFunction* a, const TCustomParserFunction* b) {
-    return a->Name().size() > b->Name().size();
-  });
+  std::stable_sort(t.List.begin(), t.List.end(),
+                   [](const TCustomParserFunction* a, const TCustomParserFunction* b) {
+                     return a->Name().size() > b->Name().size();
+                   });
 }
 
 void TCustomParserFunction::DeleteFunctions() {
@@ -178,8 +235,7 @@ int TCustomParserFunction::FindFunction(const std::string& name) {
   const auto& list = Functions();
   const std::string u = Upper(name);
   for (size_t i = 0; i < list.size(); ++i)
-    if (Upper(list[i]->Name()) == u)
-      return static_cast<int>(i);
+    if (Upper(list[i]->Name()) == u) return static_cast<int>(i);
   return -1;
 }
 
@@ -209,42 +265,69 @@ enum TOperatorCode : int {
 
 int OperatorCode(char c) {
   switch (c) {
-  case '|': return opOr;
-  case '&': return opAnd;
-  case '!': return opNotEqual;
-  case '=': return opEqual;
-  case '>': return opGreater;
-  case '<': return opLess;
-  case '+': return opPlus;
-  case '-': return opMinus;
-  case '%': return opModulo;
-  case '*': return opMultiply;
-  case '/': return opDivide;
-  case '^': return opPower;
-  default: return 0;
+  case '|':
+    return opOr;
+  case '&':
+    return opAnd;
+  case '!':
+    return opNotEqual;
+  case '=':
+    return opEqual;
+  case '>':
+    return opGreater;
+  case '<':
+    return opLess;
+  case '+':
+    return opPlus;
+  case '-':
+    return opMinus;
+  case '%':
+    return opModulo;
+  case '*':
+    return opMultiply;
+  case '/':
+    return opDivide;
+  case '^':
+    return opPower;
+  default:
+    return 0;
   }
 }
 
 int Priority(int code) {
   switch (code) {
-  case opOr: return 1;
-  case opAnd: return 2;
-  case opNotEqual: return 3;
-  case opEqual: return 4;
-  case opGreater: return 5;
-  case opLess: return 6;
+  case opOr:
+    return 1;
+  case opAnd:
+    return 2;
+  case opNotEqual:
+    return 3;
+  case opEqual:
+    return 4;
+  case opGreater:
+    return 5;
+  case opLess:
+    return 6;
   case opPlus:
-  case opMinus: return 7;
-  case opModulo: return 8;
+  case opMinus:
+    return 7;
+  case opModulo:
+    return 8;
   case opMultiply:
-  case opDivide: return 9;
-  case opNegate: return 10;
-  case opPower: return 11;
-  default: return 0;
+  case opDivide:
+    return 9;
+  case opNegate:
+    return 10;
+  case opPower:
+    return 11;
+  default:
+    return 0;
   }
 }
 
-bool IsOperatorChar(char c) { return kOperatorChars.find(c) != std::string::npos; }
+bool IsOperatorChar(char c) {
+  return kOperatorChars.find(c) != std::string::npos;
+}
 
 // A number in the plain decimal form: digits, optional point and digits, optional exponent.
 bool ParseNumber(const std::string& token, double& value) {
@@ -255,19 +338,15 @@ bool ParseNumber(const std::string& token, double& value) {
     ++i;
     while (i < n && std::isdigit(static_cast<unsigned char>(token[i]))) ++i, digits = true;
   }
-  if (!digits)
-    return false;
+  if (!digits) return false;
   if (i < n && (token[i] == 'E' || token[i] == 'e')) {
     ++i;
-    if (i < n && (token[i] == '+' || token[i] == '-'))
-      ++i;
+    if (i < n && (token[i] == '+' || token[i] == '-')) ++i;
     bool expDigits = false;
     while (i < n && std::isdigit(static_cast<unsigned char>(token[i]))) ++i, expDigits = true;
-    if (!expDigits)
-      return false;
+    if (!expDigits) return false;
   }
-  if (i != n)
-    return false;
+  if (i != n) return false;
   value = std::strtod(token.c_str(), nullptr);
   return true;
 }
@@ -284,7 +363,9 @@ struct TPendingOp {
 
 TFormelParser::TFormelParser() : FXVector(2, 0.0) {}
 
-TFormelParser::~TFormelParser() { ReleaseStack(FOwnStack); }
+TFormelParser::~TFormelParser() {
+  ReleaseStack(FOwnStack);
+}
 
 void TFormelParser::ReleaseStack(double*& stack) {
   delete[] stack;
@@ -303,8 +384,7 @@ void TFormelParser::SetExpress(const std::string& expression) {
 }
 
 void TFormelParser::SetXVector(int index, double value) {
-  if (index >= 0 && index <= FXDimension)
-    FXVector[index] = value;
+  if (index >= 0 && index <= FXDimension) FXVector[index] = value;
 }
 
 double TFormelParser::GetXVector(int index) const {
@@ -336,8 +416,7 @@ void TFormelParser::MakeExpr() {
   }
   std::string s;
   for (char c : FExpress)
-    if (!std::isspace(static_cast<unsigned char>(c)))
-      s += c;
+    if (!std::isspace(static_cast<unsigned char>(c))) s += c;
   if (s.empty()) {
     FMessage = "There is no valid formula !";
     return;
@@ -362,14 +441,12 @@ void TFormelParser::MakeExpr() {
   // Unary minus: at the start or behind an operator or an opening brace.
   const std::string chsPredecessors = std::string("!=|&><+-*/^%(") + kUnaryMinus;
   for (int i = 0; i < n; ++i)
-    if (s[i] == '-' && (i == 0 || chsPredecessors.find(s[i - 1]) != std::string::npos))
-      s[i] = kUnaryMinus;
+    if (s[i] == '-' && (i == 0 || chsPredecessors.find(s[i - 1]) != std::string::npos)) s[i] = kUnaryMinus;
 
   // Neighbouring operators, closing braces, last character.
   auto isNumberExponentSign = [&](int i) {
     // A sign directly behind the exponent letter of a number (1E-3) belongs to the number.
-    if (i < 2 || (s[i - 1] != 'E' && s[i - 1] != 'e') || (s[i] != '+' && s[i] != '-'))
-      return false;
+    if (i < 2 || (s[i - 1] != 'E' && s[i - 1] != 'e') || (s[i] != '+' && s[i] != '-')) return false;
     int j = i - 2;
     while (j >= 0 && (std::isdigit(static_cast<unsigned char>(s[j])) || s[j] == '.')) --j;
     const bool startsToken = j < 0 || IsOperatorChar(s[j]) || s[j] == '(' || s[j] == kUnaryMinus;
@@ -410,11 +487,11 @@ void TFormelParser::MakeExpr() {
     FProgram.push_back(item);
   };
   auto pushOperand = [&]() {
-    if (token.empty())
-      return;
+    if (token.empty()) return;
     TParserItem item;
     if ((token[0] == 'x' || token[0] == 'X') && token.size() > 1 &&
-        std::all_of(token.begin() + 1, token.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
+        std::all_of(token.begin() + 1, token.end(),
+                    [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
       const int index = std::atoi(token.c_str() + 1);
       if (index < 1 || index > FXDimension) {
         SetError(tokenStart + 1, "Variable out of range !");
@@ -465,8 +542,7 @@ void TFormelParser::MakeExpr() {
       haveOperand = false;
     } else if (c == ')') {
       pushOperand();
-      if (failed)
-        return;
+      if (failed) return;
       if (!haveOperand) {
         SetError(i + 1, "Missing operand !");
         return;
@@ -493,14 +569,14 @@ void TFormelParser::MakeExpr() {
       ops.push_back({TPendingOp::Op, opNegate, nullptr, -1});
     } else if (IsOperatorChar(c) && !isNumberExponentSign(i)) {
       pushOperand();
-      if (failed)
-        return;
+      if (failed) return;
       if (!haveOperand) {
         SetError(i + 1, "Missing operand !");
         return;
       }
       const int code = OperatorCode(c);
-      while (!ops.empty() && ops.back().Kind == TPendingOp::Op && Priority(ops.back().Code) >= Priority(code)) {
+      while (!ops.empty() && ops.back().Kind == TPendingOp::Op &&
+             Priority(ops.back().Code) >= Priority(code)) {
         emitOp(ops.back());
         ops.pop_back();
       }
@@ -511,22 +587,18 @@ void TFormelParser::MakeExpr() {
         SetError(i + 1, "Missing operator !");
         return;
       }
-      if (token.empty())
-        tokenStart = i;
+      if (token.empty()) tokenStart = i;
       token += c;
     }
   }
-  if (failed)
-    return;
+  if (failed) return;
   pushOperand();
-  if (failed)
-    return;
+  if (failed) return;
   while (!ops.empty()) {
     emitOp(ops.back());
     ops.pop_back();
   }
-  if (failed)
-    return;
+  if (failed) return;
   // Check the program: every operator finds its operands and one value remains.
   int stackDepth = 0;
   for (const TParserItem& item : FProgram) {
@@ -555,8 +627,7 @@ double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& s
     undefined = true;
     return 0.0;
   }
-  if (!stack)
-    stack = new double[kMaxProgramLength + 1];
+  if (!stack) stack = new double[kMaxProgramLength + 1];
   int top = -1;
   for (const TParserItem* it = FProgram.data();; ++it) {
     switch (it->Kind) {
@@ -570,8 +641,7 @@ double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& s
       break;
     case TParserItem::Function:
       stack[top] = it->FunctionPtr->Func(stack[top], undefined);
-      if (undefined)
-        return 0.0;
+      if (undefined) return 0.0;
       break;
     case TParserItem::Operator: {
       if (it->Code == opNegate) {
@@ -582,9 +652,15 @@ double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& s
       const double a = stack[top];
       double r = 0.0;
       switch (it->Code) {
-      case opMinus: r = a - b; break;
-      case opPlus: r = a + b; break;
-      case opMultiply: r = a * b; break;
+      case opMinus:
+        r = a - b;
+        break;
+      case opPlus:
+        r = a + b;
+        break;
+      case opMultiply:
+        r = a * b;
+        break;
       case opDivide:
         if (b == 0.0) {
           undefined = true;
@@ -608,13 +684,26 @@ double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& s
         }
         r = std::pow(a, b);
         break;
-      case opOr: r = (a != 0.0 || b != 0.0) ? 1.0 : 0.0; break;
-      case opAnd: r = (a != 0.0 && b != 0.0) ? 1.0 : 0.0; break;
-      case opGreater: r = a > b ? 1.0 : 0.0; break;
-      case opLess: r = a < b ? 1.0 : 0.0; break;
-      case opEqual: r = a == b ? 1.0 : 0.0; break;
-      case opNotEqual: r = a != b ? 1.0 : 0.0; break;
-      default: break;
+      case opOr:
+        r = (a != 0.0 || b != 0.0) ? 1.0 : 0.0;
+        break;
+      case opAnd:
+        r = (a != 0.0 && b != 0.0) ? 1.0 : 0.0;
+        break;
+      case opGreater:
+        r = a > b ? 1.0 : 0.0;
+        break;
+      case opLess:
+        r = a < b ? 1.0 : 0.0;
+        break;
+      case opEqual:
+        r = a == b ? 1.0 : 0.0;
+        break;
+      case opNotEqual:
+        r = a != b ? 1.0 : 0.0;
+        break;
+      default:
+        break;
       }
       stack[top] = r;
       break;
@@ -625,6 +714,10 @@ double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& s
   }
 }
 
-double TFormelParser::Func(const double* x) { return MulticoreFunc(x, FUnDefined, FOwnStack); }
+double TFormelParser::Func(const double* x) {
+  return MulticoreFunc(x, FUnDefined, FOwnStack);
+}
 
-double TFormelParser::GetFunc() { return MulticoreFunc(FXVector.data(), FUnDefined, FOwnStack); }
+double TFormelParser::GetFunc() {
+  return MulticoreFunc(FXVector.data(), FUnDefined, FOwnStack);
+}

@@ -1,13 +1,13 @@
 // Linear algebra on caller-owned arrays.
 #include "common/numerics/Linalg.h"
 
+#include "common/OrvexException.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <vector>
-
-#include "common/OrvexException.h"
 
 // ---------------------------------------------------------------------------------------------
 // LU decomposition (Crout, implicit partial pivoting)
@@ -16,15 +16,13 @@ namespace {
 
 template <typename T>
 bool LuDecompose(T* a, int n, int* index, T* d) {
-  if (n < 1)
-    return false;
+  if (n < 1) return false;
   std::unique_ptr<long double[]> vv(new long double[n]);
   *d = 1;
   for (int i = 0; i < n; ++i) {
     long double big = 0;
     for (int j = 0; j < n; ++j) big = std::max(big, static_cast<long double>(std::fabs(a[i * n + j])));
-    if (big == 0)
-      return false; // a row of zeros: singular
+    if (big == 0) return false; // a row of zeros: singular
     vv[i] = 1.0L / big;
   }
   for (int j = 0; j < n; ++j) {
@@ -83,21 +81,36 @@ void LuBackSubstitute(const T* a, int n, const int* index, T* b) {
 template <typename T>
 bool LinearDependency(const T* a, int n) {
   for (int i = 0; i < n; ++i)
-    if (std::fabs(a[i * n + i]) <= T(1e-29))
-      return false;
+    if (std::fabs(a[i * n + i]) <= T(1e-29)) return false;
   return true;
 }
 
 } // namespace
 
-bool ludcmp(long double* a, int n, int* index, long double* d) { return LuDecompose(a, n, index, d); }
-bool ludcmp(double* a, int n, int* index, double* d) { return LuDecompose(a, n, index, d); }
-bool ludcmp(float* a, int n, int* index, float* d) { return LuDecompose(a, n, index, d); }
-void lubksb(const long double* a, int n, const int* index, long double* b) { LuBackSubstitute(a, n, index, b); }
-void lubksb(const double* a, int n, const int* index, double* b) { LuBackSubstitute(a, n, index, b); }
-void lubksb(const float* a, int n, const int* index, float* b) { LuBackSubstitute(a, n, index, b); }
-bool CheckLinearDependency(const long double* a, int n) { return LinearDependency(a, n); }
-bool CheckLinearDependency(const double* a, int n) { return LinearDependency(a, n); }
+bool ludcmp(long double* a, int n, int* index, long double* d) {
+  return LuDecompose(a, n, index, d);
+}
+bool ludcmp(double* a, int n, int* index, double* d) {
+  return LuDecompose(a, n, index, d);
+}
+bool ludcmp(float* a, int n, int* index, float* d) {
+  return LuDecompose(a, n, index, d);
+}
+void lubksb(const long double* a, int n, const int* index, long double* b) {
+  LuBackSubstitute(a, n, index, b);
+}
+void lubksb(const double* a, int n, const int* index, double* b) {
+  LuBackSubstitute(a, n, index, b);
+}
+void lubksb(const float* a, int n, const int* index, float* b) {
+  LuBackSubstitute(a, n, index, b);
+}
+bool CheckLinearDependency(const long double* a, int n) {
+  return LinearDependency(a, n);
+}
+bool CheckLinearDependency(const double* a, int n) {
+  return LinearDependency(a, n);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Gauss-Jordan elimination with full pivoting
@@ -128,8 +141,7 @@ int gaussj(double* a, int n, int stride, double* b, int m, int bStride, int* ind
     }
     indxr[i] = irow;
     indxc[i] = icol;
-    if (std::fabs(a[icol * stride + icol]) < 1e-100)
-      return 5;
+    if (std::fabs(a[icol * stride + icol]) < 1e-100) return 5;
     const double pivinv = 1.0 / a[icol * stride + icol];
     a[icol * stride + icol] = 1.0;
     for (int l = 0; l < n; ++l) a[icol * stride + l] *= pivinv;
@@ -137,8 +149,7 @@ int gaussj(double* a, int n, int stride, double* b, int m, int bStride, int* ind
     for (int ll = 0; ll < n; ++ll)
       if (ll != icol) {
         const double dum = a[ll * stride + icol];
-        if (dum == 0.0)
-          continue;
+        if (dum == 0.0) continue;
         a[ll * stride + icol] = 0.0;
         for (int l = 0; l < n; ++l) a[ll * stride + l] -= a[icol * stride + l] * dum;
         for (int l = 0; l < m; ++l) b[ll * bStride + l] -= b[icol * bStride + l] * dum;
@@ -159,19 +170,19 @@ double pythag(double a, double b) {
     const double r = absb / absa;
     return absa * std::sqrt(1.0 + r * r);
   }
-  if (absb == 0.0)
-    return 0.0;
+  if (absb == 0.0) return 0.0;
   const double r = absa / absb;
   return absb * std::sqrt(1.0 + r * r);
 }
 
 namespace {
-inline double SignOf(double a, double b) { return b >= 0.0 ? std::fabs(a) : -std::fabs(a); }
+inline double SignOf(double a, double b) {
+  return b >= 0.0 ? std::fabs(a) : -std::fabs(a);
+}
 } // namespace
 
 void svdcmp(double** aRows, int m, int n, double* wArr, double** vRows) {
-  if (m < 1 || n < 1)
-    return;
+  if (m < 1 || n < 1) return;
   // The routine is written with indices from 1 as in the textbook; these accessors map them.
   auto A = [&](int i, int j) -> double& { return aRows[i - 1][j - 1]; };
   auto V = [&](int i, int j) -> double& { return vRows[i - 1][j - 1]; };
@@ -272,8 +283,7 @@ void svdcmp(double** aRows, int m, int n, double* wArr, double** vRows) {
           flag = false;
           break;
         }
-        if (std::fabs(W(nm)) + anorm == anorm)
-          break;
+        if (std::fabs(W(nm)) + anorm == anorm) break;
       }
       if (flag) {
         c = 0.0;
@@ -281,8 +291,7 @@ void svdcmp(double** aRows, int m, int n, double* wArr, double** vRows) {
         for (int i = l; i <= k; ++i) {
           f = s * RV1(i);
           RV1(i) = c * RV1(i);
-          if (std::fabs(f) + anorm == anorm)
-            break;
+          if (std::fabs(f) + anorm == anorm) break;
           g = W(i);
           h = pythag(f, g);
           W(i) = h;
@@ -305,8 +314,7 @@ void svdcmp(double** aRows, int m, int n, double* wArr, double** vRows) {
         }
         break;
       }
-      if (its == 30)
-        throw OrvexExceptionMathError("no convergence in 30 svdcmp iterations");
+      if (its == 30) throw OrvexExceptionMathError("no convergence in 30 svdcmp iterations");
       x = W(l);
       nm = k - 1;
       y = W(nm);
@@ -377,8 +385,7 @@ void svreord(double** u, int m, int n, double* w, double** v) {
         for (int k = 0; k < m; ++k) u[k][j] = u[k][j - inc];
         for (int k = 0; k < n; ++k) v[k][j] = v[k][j - inc];
         j -= inc;
-        if (j < inc)
-          break;
+        if (j < inc) break;
       }
       w[j] = sw;
       for (int k = 0; k < m; ++k) u[k][j] = su[k];
@@ -388,11 +395,9 @@ void svreord(double** u, int m, int n, double* w, double** v) {
   for (int k = 0; k < n; ++k) {
     int negatives = 0;
     for (int i = 0; i < m; ++i)
-      if (u[i][k] < 0.0)
-        ++negatives;
+      if (u[i][k] < 0.0) ++negatives;
     for (int j = 0; j < n; ++j)
-      if (v[j][k] < 0.0)
-        ++negatives;
+      if (v[j][k] < 0.0) ++negatives;
     if (negatives > (m + n) / 2) {
       for (int i = 0; i < m; ++i) u[i][k] = -u[i][k];
       for (int j = 0; j < n; ++j) v[j][k] = -v[j][k];
@@ -433,12 +438,10 @@ void LinearRegression(const double* x, const double* y, int n, int firstIndex, i
   }
   firstIndex = std::clamp(firstIndex, 0, std::max(n - 1, 0));
   lastIndex = std::clamp(lastIndex, 0, std::max(n - 1, 0));
-  if (firstIndex > lastIndex)
-    std::swap(firstIndex, lastIndex);
+  if (firstIndex > lastIndex) std::swap(firstIndex, lastIndex);
   slope = 0.0;
   offset = 0.0;
-  if (n < 1)
-    return;
+  if (n < 1) return;
   const int count = lastIndex - firstIndex + 1;
   long double sx = 0, sy = 0, sxx = 0, sxy = 0;
   for (int i = firstIndex; i <= lastIndex; ++i) {
@@ -457,19 +460,16 @@ void LinearRegression(const double* x, const double* y, int n, int firstIndex, i
 }
 
 bool PolynomRegression(const double* x, const double* y, int n, int order, double* coefficients) {
-  if (order < 0)
-    return false;
+  if (order < 0) return false;
   const int m = order + 1;
   for (int i = 0; i < m; ++i) coefficients[i] = 0.0;
-  if (n < m)
-    return false;
+  if (n < m) return false;
   std::vector<long double> powSums(2 * m - 1, 0.0L), rhs(m, 0.0L), a(m * m);
   for (int k = 0; k < n; ++k) {
     long double p = 1.0L;
     for (int j = 0; j < 2 * m - 1; ++j) {
       powSums[j] += p;
-      if (j < m)
-        rhs[j] += p * y[k];
+      if (j < m) rhs[j] += p * y[k];
       p *= x[k];
     }
   }
@@ -477,8 +477,7 @@ bool PolynomRegression(const double* x, const double* y, int n, int order, doubl
     for (int j = 0; j < m; ++j) a[i * m + j] = powSums[i + j];
   std::vector<int> index(m);
   long double d;
-  if (!ludcmp(a.data(), m, index.data(), &d) || !CheckLinearDependency(a.data(), m))
-    return false;
+  if (!ludcmp(a.data(), m, index.data(), &d) || !CheckLinearDependency(a.data(), m)) return false;
   lubksb(a.data(), m, index.data(), rhs.data());
   for (int i = 0; i < m; ++i) coefficients[i] = static_cast<double>(rhs[i]);
   return true;
@@ -487,7 +486,9 @@ bool PolynomRegression(const double* x, const double* y, int n, int order, doubl
 // ---------------------------------------------------------------------------------------------
 // TSolveLinearVectorEquation
 
-TSolveLinearVectorEquation::~TSolveLinearVectorEquation() { FreeArrays(); }
+TSolveLinearVectorEquation::~TSolveLinearVectorEquation() {
+  FreeArrays();
+}
 
 void TSolveLinearVectorEquation::FreeArrays() {
   delete[] NormalMatrix;
@@ -524,8 +525,7 @@ TSolveLinearVectorEquation* TSolveLinearVectorEquation::Clone() const {
 }
 
 void TSolveLinearVectorEquation::NormalizeBasis() {
-  if (!Basis)
-    return;
+  if (!Basis) return;
   for (int i = 0; i < NumberOfBasisVectors; ++i) {
     double s = 0;
     for (int k = 0; k < VectorLength; ++k) s += std::fabs(Basis[i][k]);
@@ -537,8 +537,7 @@ void TSolveLinearVectorEquation::NormalizeBasis() {
 void TSolveLinearVectorEquation::Init() {
   IsValid = false;
   const int nn = NumberOfBasisVectors;
-  if (!Basis || nn < 1 || !NormalMatrix)
-    return;
+  if (!Basis || nn < 1 || !NormalMatrix) return;
   for (int i = 0; i < nn; ++i)
     for (int j = 0; j <= i; ++j) {
       double s = 0;
@@ -555,13 +554,10 @@ void TSolveLinearVectorEquation::Init() {
 }
 
 void TSolveLinearVectorEquation::GetResult(const float* b, float** coefficients, float* residual) {
-  if (!coefficients)
-    return;
+  if (!coefficients) return;
   const int nn = NumberOfBasisVectors;
-  if (!*coefficients && nn > 0)
-    *coefficients = new float[nn]();
-  if (!IsValid)
-    return;
+  if (!*coefficients && nn > 0) *coefficients = new float[nn]();
+  if (!IsValid) return;
   for (int i = 0; i < nn; ++i) {
     double s = 0;
     for (int k = 0; k < VectorLength; ++k) s += double(Basis[i][k]) * b[k];

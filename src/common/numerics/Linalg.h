@@ -70,7 +70,7 @@ public:
 
   int NumberOfBasisVectors = 0;
   int VectorLength = 0;
-  float** Basis = nullptr;      ///< the caller's
+  float** Basis = nullptr;       ///< the caller's
   float* NormalMatrix = nullptr; ///< n x n, owned
   int* PivotIndex = nullptr;     ///< owned
   float* RightSide = nullptr;    ///< owned

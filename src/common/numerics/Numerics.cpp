@@ -1,6 +1,10 @@
 // The workbench's small numeric library: vectors, matrices, statistics, rounding and helpers.
 #include "common/numerics/Numerics.h"
 
+#include "common/OrvexException.h"
+#include "common/Saveandload.h"
+#include "common/numerics/Sorttools.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -8,10 +12,6 @@
 #include <random>
 #include <sstream>
 #include <vector>
-
-#include "common/OrvexException.h"
-#include "common/Saveandload.h"
-#include "common/numerics/Sorttools.h"
 
 // ---------------------------------------------------------------------------------------------
 // TDVector
@@ -24,23 +24,38 @@ TDVector& TDVector::operator-=(const TDVector& v) {
   FX -= v.FX, FY -= v.FY, FZ -= v.FZ;
   return *this;
 }
-TDVector TDVector::operator+(const TDVector& v) const { return TDVector(FX + v.FX, FY + v.FY, FZ + v.FZ); }
-TDVector TDVector::operator-(const TDVector& v) const { return TDVector(FX - v.FX, FY - v.FY, FZ - v.FZ); }
-TDVector TDVector::operator*(double s) const { return TDVector(FX * s, FY * s, FZ * s); }
-TDVector TDVector::operator/(double s) const { return TDVector(FX / s, FY / s, FZ / s); }
-double TDVector::Length() const { return std::sqrt(FX * FX + FY * FY + FZ * FZ); }
+TDVector TDVector::operator+(const TDVector& v) const {
+  return TDVector(FX + v.FX, FY + v.FY, FZ + v.FZ);
+}
+TDVector TDVector::operator-(const TDVector& v) const {
+  return TDVector(FX - v.FX, FY - v.FY, FZ - v.FZ);
+}
+TDVector TDVector::operator*(double s) const {
+  return TDVector(FX * s, FY * s, FZ * s);
+}
+TDVector TDVector::operator/(double s) const {
+  return TDVector(FX / s, FY / s, FZ / s);
+}
+double TDVector::Length() const {
+  return std::sqrt(FX * FX + FY * FY + FZ * FZ);
+}
 TDVector TDVector::UnitVector() const {
   double l = Length();
-  if (l < 1e-30)
-    l = 1.0;
+  if (l < 1e-30) l = 1.0;
   return *this / l;
 }
 TDVector TDVector::VectorProduct(const TDVector& v) const {
   return TDVector(FY * v.FZ - FZ * v.FY, FZ * v.FX - FX * v.FZ, FX * v.FY - FY * v.FX);
 }
-double TDVector::ScalarProduct(const TDVector& v) const { return FX * v.FX + FY * v.FY + FZ * v.FZ; }
-void TDVector::SetVector(const double* v) { FX = v[0], FY = v[1], FZ = v[2]; }
-void TDVector::GetVector(double* v) const { v[0] = FX, v[1] = FY, v[2] = FZ; }
+double TDVector::ScalarProduct(const TDVector& v) const {
+  return FX * v.FX + FY * v.FY + FZ * v.FZ;
+}
+void TDVector::SetVector(const double* v) {
+  FX = v[0], FY = v[1], FZ = v[2];
+}
+void TDVector::GetVector(double* v) const {
+  v[0] = FX, v[1] = FY, v[2] = FZ;
+}
 bool TDVector::IsEqual(const TDVector& v, double tolerance) const {
   return std::fabs(FX - v.FX) <= tolerance && std::fabs(FY - v.FY) <= tolerance &&
          std::fabs(FZ - v.FZ) <= tolerance;
@@ -54,8 +69,7 @@ bool TDVector::LineIntersection(const TDVector& p0, const TDVector& d, const TDV
   const double a = d.ScalarProduct(d), b = d.ScalarProduct(e), c = e.ScalarProduct(e);
   const double dd = d.ScalarProduct(w), ee = e.ScalarProduct(w);
   const double denom = a * c - b * b;
-  if (std::fabs(denom) <= 1e-30 * std::max(1.0, a * c))
-    return false;
+  if (std::fabs(denom) <= 1e-30 * std::max(1.0, a * c)) return false;
   const double t = (b * ee - c * dd) / denom;
   result = p0 + d * t;
   return true;
@@ -72,21 +86,32 @@ TFVector& TFVector::operator-=(const TFVector& v) {
   FX -= v.FX, FY -= v.FY, FZ -= v.FZ;
   return *this;
 }
-TFVector TFVector::operator+(const TFVector& v) const { return TFVector(FX + v.FX, FY + v.FY, FZ + v.FZ); }
-TFVector TFVector::operator-(const TFVector& v) const { return TFVector(FX - v.FX, FY - v.FY, FZ - v.FZ); }
-TFVector TFVector::operator*(float s) const { return TFVector(FX * s, FY * s, FZ * s); }
-TFVector TFVector::operator/(float s) const { return TFVector(FX / s, FY / s, FZ / s); }
-float TFVector::Length() const { return static_cast<float>(std::sqrt(double(FX) * FX + double(FY) * FY + double(FZ) * FZ)); }
+TFVector TFVector::operator+(const TFVector& v) const {
+  return TFVector(FX + v.FX, FY + v.FY, FZ + v.FZ);
+}
+TFVector TFVector::operator-(const TFVector& v) const {
+  return TFVector(FX - v.FX, FY - v.FY, FZ - v.FZ);
+}
+TFVector TFVector::operator*(float s) const {
+  return TFVector(FX * s, FY * s, FZ * s);
+}
+TFVector TFVector::operator/(float s) const {
+  return TFVector(FX / s, FY / s, FZ / s);
+}
+float TFVector::Length() const {
+  return static_cast<float>(std::sqrt(double(FX) * FX + double(FY) * FY + double(FZ) * FZ));
+}
 TFVector TFVector::UnitVector() const {
   float l = Length();
-  if (l < 1e-30f)
-    l = 1.0f;
+  if (l < 1e-30f) l = 1.0f;
   return *this / l;
 }
 TFVector TFVector::VectorProduct(const TFVector& v) const {
   return TFVector(FY * v.FZ - FZ * v.FY, FZ * v.FX - FX * v.FZ, FX * v.FY - FY * v.FX);
 }
-float TFVector::ScalarProduct(const TFVector& v) const { return FX * v.FX + FY * v.FY + FZ * v.FZ; }
+float TFVector::ScalarProduct(const TFVector& v) const {
+  return FX * v.FX + FY * v.FY + FZ * v.FZ;
+}
 
 // ---------------------------------------------------------------------------------------------
 // 3x3 matrices: one implementation for both element types.
@@ -103,9 +128,15 @@ void MatRotation(T* a, double x, double y, double z) {
   const double cx = std::cos(x), sx = std::sin(x), cy = std::cos(y), sy = std::sin(y), cz = std::cos(z),
                sz = std::sin(z);
   // Rz * Ry * Rx
-  const double m[9] = {cz * cy, cz * sy * sx - sz * cx, cz * sy * cx + sz * sx,
-                       sz * cy, sz * sy * sx + cz * cx, sz * sy * cx - cz * sx,
-                       -sy,     cy * sx,                cy * cx};
+  const double m[9] = {cz * cy,
+                       cz * sy * sx - sz * cx,
+                       cz * sy * cx + sz * sx,
+                       sz * cy,
+                       sz * sy * sx + cz * cx,
+                       sz * sy * cx - cz * sx,
+                       -sy,
+                       cy * sx,
+                       cy * cx};
   for (int i = 0; i < 9; ++i) a[i] = static_cast<T>(m[i]);
 }
 
@@ -155,15 +186,25 @@ TDMatrix& TDMatrix::operator-=(const TDMatrix& m) {
   for (int i = 0; i < 9; ++i) FA[i] -= m.FA[i];
   return *this;
 }
-TDMatrix TDMatrix::operator+(const TDMatrix& m) const { return TDMatrix(*this) += m; }
-TDMatrix TDMatrix::operator-(const TDMatrix& m) const { return TDMatrix(*this) -= m; }
-void TDMatrix::Unit() { MatUnit(FA); }
-void TDMatrix::Clear() { std::fill(FA, FA + 9, 0.0); }
+TDMatrix TDMatrix::operator+(const TDMatrix& m) const {
+  return TDMatrix(*this) += m;
+}
+TDMatrix TDMatrix::operator-(const TDMatrix& m) const {
+  return TDMatrix(*this) -= m;
+}
+void TDMatrix::Unit() {
+  MatUnit(FA);
+}
+void TDMatrix::Clear() {
+  std::fill(FA, FA + 9, 0.0);
+}
 void TDMatrix::MakeScaleMatrix(double x, double y, double z) {
   Clear();
   FA[0] = x, FA[4] = y, FA[8] = z;
 }
-void TDMatrix::MakeRotationMatrix(double x, double y, double z) { MatRotation(FA, x, y, z); }
+void TDMatrix::MakeRotationMatrix(double x, double y, double z) {
+  MatRotation(FA, x, y, z);
+}
 TDMatrix TDMatrix::Transpose() const {
   TDMatrix r;
   for (int i = 0; i < 3; ++i)
@@ -175,11 +216,12 @@ TDMatrix TDMatrix::Inverse() const {
   MatInverse(FA, r.FA);
   return r;
 }
-double TDMatrix::Determinant() const { return MatDeterminant(FA); }
+double TDMatrix::Determinant() const {
+  return MatDeterminant(FA);
+}
 bool TDMatrix::IsEqual(const TDMatrix& m, double tolerance) const {
   for (int i = 0; i < 9; ++i)
-    if (std::fabs(FA[i] - m.FA[i]) > tolerance)
-      return false;
+    if (std::fabs(FA[i] - m.FA[i]) > tolerance) return false;
   return true;
 }
 
@@ -194,15 +236,25 @@ TFMatrix& TFMatrix::operator-=(const TFMatrix& m) {
   for (int i = 0; i < 9; ++i) FA[i] -= m.FA[i];
   return *this;
 }
-TFMatrix TFMatrix::operator+(const TFMatrix& m) const { return TFMatrix(*this) += m; }
-TFMatrix TFMatrix::operator-(const TFMatrix& m) const { return TFMatrix(*this) -= m; }
-void TFMatrix::Unit() { MatUnit(FA); }
-void TFMatrix::Clear() { std::fill(FA, FA + 9, 0.0f); }
+TFMatrix TFMatrix::operator+(const TFMatrix& m) const {
+  return TFMatrix(*this) += m;
+}
+TFMatrix TFMatrix::operator-(const TFMatrix& m) const {
+  return TFMatrix(*this) -= m;
+}
+void TFMatrix::Unit() {
+  MatUnit(FA);
+}
+void TFMatrix::Clear() {
+  std::fill(FA, FA + 9, 0.0f);
+}
 void TFMatrix::MakeScaleMatrix(float x, float y, float z) {
   Clear();
   FA[0] = x, FA[4] = y, FA[8] = z;
 }
-void TFMatrix::MakeRotationMatrix(float x, float y, float z) { MatRotation(FA, x, y, z); }
+void TFMatrix::MakeRotationMatrix(float x, float y, float z) {
+  MatRotation(FA, x, y, z);
+}
 TFMatrix TFMatrix::Transpose() const {
   TFMatrix r;
   for (int i = 0; i < 3; ++i)
@@ -223,7 +275,8 @@ TDVector operator*(const TDMatrix& m, const TDVector& v) {
 TDMatrix operator*(const TDMatrix& a, const TDMatrix& b) {
   TDMatrix r;
   for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) r.At(i, j) = a.At(i, 0) * b.At(0, j) + a.At(i, 1) * b.At(1, j) + a.At(i, 2) * b.At(2, j);
+    for (int j = 0; j < 3; ++j)
+      r.At(i, j) = a.At(i, 0) * b.At(0, j) + a.At(i, 1) * b.At(1, j) + a.At(i, 2) * b.At(2, j);
   return r;
 }
 TFVector operator*(const TFMatrix& m, const TFVector& v) {
@@ -234,14 +287,17 @@ TFVector operator*(const TFMatrix& m, const TFVector& v) {
 TFMatrix operator*(const TFMatrix& a, const TFMatrix& b) {
   TFMatrix r;
   for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) r.At(i, j) = a.At(i, 0) * b.At(0, j) + a.At(i, 1) * b.At(1, j) + a.At(i, 2) * b.At(2, j);
+    for (int j = 0; j < 3; ++j)
+      r.At(i, j) = a.At(i, 0) * b.At(0, j) + a.At(i, 1) * b.At(1, j) + a.At(i, 2) * b.At(2, j);
   return r;
 }
 
 // ---------------------------------------------------------------------------------------------
 // TExtremaInfo
 
-TExtremaInfo::~TExtremaInfo() { delete[] Values; }
+TExtremaInfo::~TExtremaInfo() {
+  delete[] Values;
+}
 
 void TExtremaInfo::SetValues(const float* values, int count) {
   delete[] Values;
@@ -255,8 +311,7 @@ void TExtremaInfo::SetValues(const float* values, int count) {
 }
 
 void TExtremaInfo::CopyFrom(const TExtremaInfo& source) {
-  if (&source == this)
-    return;
+  if (&source == this) return;
   Minimum = source.Minimum;
   MinimumIndex = source.MinimumIndex;
   MaximumIndex = source.MaximumIndex;
@@ -280,8 +335,7 @@ double InterpolatedBufferValue(const T* values, int n, double fraction) {
     throw OrvexException("GetInterpolatedBufferValue: Argument Exception");
   const double pos = (n - 1) * fraction;
   const int i = static_cast<int>(pos);
-  if (i + 1 > n - 1)
-    return values[i];
+  if (i + 1 > n - 1) return values[i];
   const double f = pos - i;
   return values[i] + (double(values[i + 1]) - values[i]) * f;
 }
@@ -295,8 +349,7 @@ float GetInterpolatedBufferValue(const float* values, int n, double fraction) {
 }
 
 void GetStatisticalDescriptionFromArray(double* values, int n, TStatisticalDescription* d) {
-  if (!d || n < 1 || !values)
-    return;
+  if (!d || n < 1 || !values) return;
   QuickSort(values, static_cast<unsigned>(n));
   d->Lower5Percent = GetInterpolatedBufferValue(values, n, 0.05);
   d->Upper5Percent = GetInterpolatedBufferValue(values, n, 0.95);
@@ -314,50 +367,39 @@ void GetStatisticalDescriptionFromArray(double* values, int n, TStatisticalDescr
 }
 
 float GetInterpolatedBufferIndexPercentage(const float* values, int n, float value) {
-  if (n < 1 || !values)
-    return 1.0f;
+  if (n < 1 || !values) return 1.0f;
   int i = 0;
   while (i < n && values[i] < value) ++i;
-  if (i >= n)
-    return 1.0f;
-  if (n == 1)
-    return 0.0f;
-  if (values[i] == value)
-    return static_cast<float>(double(i) / (n - 1));
-  if (i == 0)
-    return 0.0f;
+  if (i >= n) return 1.0f;
+  if (n == 1) return 0.0f;
+  if (values[i] == value) return static_cast<float>(double(i) / (n - 1));
+  if (i == 0) return 0.0f;
   const double lo = values[i - 1], hi = values[i];
   const double f = (hi > lo) ? (value - lo) / (hi - lo) : 0.0;
   return static_cast<float>((i - 1 + f) / (n - 1));
 }
 
 int ConvertIndexToPeriodicInterval(int i, int n) {
-  if (n < 1)
-    return 0;
+  if (n < 1) return 0;
   int r = i % n;
-  if (r < 0)
-    r += n;
+  if (r < 0) r += n;
   return r;
 }
 
 int ConvertIndexToMirrorPeriodicInterval(int i, int n) {
-  if (n < 1)
-    return 0;
+  if (n < 1) return 0;
   const int k = ConvertIndexToPeriodicInterval(i, 2 * n);
   return k >= n ? 2 * n - 1 - k : k;
 }
 
 float GetValueFromArrayContinueBorder(int i, const float* values, int n) {
-  if (i < 0)
-    return values[0];
-  if (i >= n)
-    return values[n - 1];
+  if (i < 0) return values[0];
+  if (i >= n) return values[n - 1];
   return values[i];
 }
 
 float GetValueFromArrayPointReflection(int i, const float* values, int n) {
-  if (i >= 0 && i < n)
-    return values[i];
+  if (i >= 0 && i < n) return values[i];
   if (i < 0) {
     const int m = std::min(-i, n - 1);
     return 2.0f * values[0] - values[m];
@@ -379,8 +421,7 @@ T RoundT(T scale, T value) {
 template <typename T>
 T DeltaTick(T value) {
   const T a = std::fabs(value);
-  if (a < T(1e-30))
-    return 0;
+  if (a < T(1e-30)) return 0;
   T t = std::pow(T(10), std::trunc(std::log10(a)));
   while (a / t < 1) t /= 10;
   const T r = std::trunc(a / t) * t;
@@ -388,19 +429,21 @@ T DeltaTick(T value) {
 }
 } // namespace
 
-float Round(float scale, float value) { return RoundT(scale, value); }
-double Round(double scale, double value) { return RoundT(scale, value); }
-long double Round(long double scale, long double value) { return RoundT(scale, value); }
+float Round(float scale, float value) {
+  return RoundT(scale, value);
+}
+double Round(double scale, double value) {
+  return RoundT(scale, value);
+}
+long double Round(long double scale, long double value) {
+  return RoundT(scale, value);
+}
 
 double SafeExtendedToDouble(long double x) {
-  if (x > 1e306L)
-    return 1e306;
-  if (x < -1e306L)
-    return -1e306;
-  if (x > 0 && x < 1e-306L)
-    return 1e-306;
-  if (x < 0 && x > -1e-306L)
-    return -1e-306;
+  if (x > 1e306L) return 1e306;
+  if (x < -1e306L) return -1e306;
+  if (x > 0 && x < 1e-306L) return 1e-306;
+  if (x < 0 && x > -1e-306L) return -1e-306;
   return static_cast<double>(x);
 }
 
@@ -412,15 +455,20 @@ double SimpleRoundTo(double value, int exponent) {
 }
 
 double RoundToSignificantDigit(double value, int digits) {
-  if (std::fabs(value) < 1e-200)
-    return 0.0;
+  if (std::fabs(value) < 1e-200) return 0.0;
   const int exponent = static_cast<int>(std::floor(std::log10(std::fabs(value))));
   return SimpleRoundTo(value, exponent - digits);
 }
 
-float GetDeltaTick(float value) { return DeltaTick(value); }
-double GetDeltaTick(double value) { return DeltaTick(value); }
-long double GetDeltaTick(long double value) { return DeltaTick(value); }
+float GetDeltaTick(float value) {
+  return DeltaTick(value);
+}
+double GetDeltaTick(double value) {
+  return DeltaTick(value);
+}
+long double GetDeltaTick(long double value) {
+  return DeltaTick(value);
+}
 
 double NextPowerOfTwo(double value, bool downward) {
   int k = 0;
@@ -431,7 +479,9 @@ double NextPowerOfTwo(double value, bool downward) {
   return downward ? std::ldexp(1.0, k) : std::ldexp(1.0, k + 1);
 }
 
-float Sign(float value) { return value > 0 ? 1.0f : (value < 0 ? -1.0f : 0.0f); }
+float Sign(float value) {
+  return value > 0 ? 1.0f : (value < 0 ? -1.0f : 0.0f);
+}
 
 namespace {
 std::mutex& RandomMutex() {
@@ -450,8 +500,7 @@ double Rnd() {
 }
 
 int RandomRange(int range) {
-  if (range <= 1)
-    return 0;
+  if (range <= 1) return 0;
   std::lock_guard<std::mutex> lock(RandomMutex());
   return static_cast<int>(RandomGenerator()() % static_cast<unsigned>(range));
 }
@@ -502,25 +551,26 @@ double ExponentialScale(double x, double a, double b, double c, double d) {
 namespace {
 template <typename T>
 void Binomial(T* values, int n, int level) {
-  if (n < 0)
-    return;
+  if (n < 0) return;
   if (level == 0) {
     values[0] = 1;
   } else {
     values[level] = 1;
     for (int j = level - 1; j >= 1; --j) values[j] += values[j - 1];
   }
-  if (level < n)
-    Binomial(values, n, level + 1);
+  if (level < n) Binomial(values, n, level + 1);
 }
 } // namespace
 
-void BinomialValues(double* values, int n, int level) { Binomial(values, n, level); }
-void BinomialValues(float* values, int n, int level) { Binomial(values, n, level); }
+void BinomialValues(double* values, int n, int level) {
+  Binomial(values, n, level);
+}
+void BinomialValues(float* values, int n, int level) {
+  Binomial(values, n, level);
+}
 
 void ShiftAndStretchPolynom(double a, double b, int order, const double* in, double* out) {
-  if (order < 0)
-    return;
+  if (order < 0) return;
   std::vector<double> row(order + 1);
   std::vector<long double> acc(order + 1, 0.0L);
   for (int i = 0; i <= order; ++i) {
@@ -534,25 +584,20 @@ void ShiftAndStretchPolynom(double a, double b, int order, const double* in, dou
 }
 
 void SwapMin(float& a, float& b) {
-  if (a > b)
-    std::swap(a, b);
+  if (a > b) std::swap(a, b);
 }
 void SwapMin(double& a, double& b) {
-  if (a > b)
-    std::swap(a, b);
+  if (a > b) std::swap(a, b);
 }
 void SwapMin(long double& a, long double& b) {
-  if (a > b)
-    std::swap(a, b);
+  if (a > b) std::swap(a, b);
 }
 void SwapMin(int& a, int& b) {
-  if (a > b)
-    std::swap(a, b);
+  if (a > b) std::swap(a, b);
 }
 
 bool IsArrayMonotonic(const double* values, int n, bool strict, int direction) {
-  if (n < 2)
-    return true;
+  if (n < 2) return true;
   bool rising;
   if (direction == 1)
     rising = true;
@@ -560,24 +605,19 @@ bool IsArrayMonotonic(const double* values, int n, bool strict, int direction) {
     rising = false;
   else
     rising = values[1] >= values[0];
-  if (direction == 1 && values[1] < values[0])
-    return false;
-  if (direction == 2 && values[1] > values[0])
-    return false;
+  if (direction == 1 && values[1] < values[0]) return false;
+  if (direction == 2 && values[1] > values[0]) return false;
   for (int i = 1; i < n; ++i) {
     const double d = values[i] - values[i - 1];
-    if (strict && d == 0)
-      return false;
-    if (rising ? d < 0 : d > 0)
-      return false;
+    if (strict && d == 0) return false;
+    if (rising ? d < 0 : d > 0) return false;
   }
   return true;
 }
 
 bool IsAtLeastOneBoolSetInArray(const bool* values, int n) {
   for (int i = 0; i < n; ++i)
-    if (values[i])
-      return true;
+    if (values[i]) return true;
   return false;
 }
 
@@ -587,8 +627,7 @@ void SetUnitMatrix(float* a, int n) {
 }
 
 void MultiplyMatrices(float* a, int rowsA, int colsA, const float* b, int rowsB, int colsB) {
-  if (colsA != rowsB || rowsA < 1 || colsB < 1)
-    return;
+  if (colsA != rowsB || rowsA < 1 || colsB < 1) return;
   std::vector<float> r(static_cast<size_t>(rowsA) * colsB);
   for (int i = 0; i < rowsA; ++i)
     for (int j = 0; j < colsB; ++j) {

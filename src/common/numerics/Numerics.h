@@ -169,7 +169,7 @@ public:
   int ValidCount = 0;
   int InvalidCount = 0;
   int Flags = 0;
-  int NumberOfValues = 0; ///< elements of Values
+  int NumberOfValues = 0;  ///< elements of Values
   float* Values = nullptr; ///< owned; the sorted values
   double Maximum = 0;
 };

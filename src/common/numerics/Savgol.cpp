@@ -1,14 +1,13 @@
 // Savitzky-Golay coefficients by least squares over the window (normal equations with LU decomposition).
 #include "common/numerics/Savgol.h"
 
+#include "common/numerics/Linalg.h"
+
 #include <cmath>
 #include <vector>
 
-#include "common/numerics/Linalg.h"
-
 bool SavgolKernel(double* kernel, int nl, int nr, int ld, int m) {
-  if (nl < 0 || nr < 0 || ld < 0 || m < 0 || ld > m || nl + nr < m)
-    return false;
+  if (nl < 0 || nr < 0 || ld < 0 || m < 0 || ld > m || nl + nr < m) return false;
   const int mm = m + 1;
   // Normal matrix of the design: sum over k of k^(i+j).
   std::vector<double> a(mm * mm, 0.0), b(mm, 0.0);
@@ -21,8 +20,7 @@ bool SavgolKernel(double* kernel, int nl, int nr, int ld, int m) {
     for (int imj = -mid; imj <= mid; imj += 2) a[((ipj + imj) / 2) * mm + (ipj - imj) / 2] = sum;
   }
   double d;
-  if (!ludcmp(a.data(), mm, index.data(), &d) || !CheckLinearDependency(a.data(), mm))
-    return false;
+  if (!ludcmp(a.data(), mm, index.data(), &d) || !CheckLinearDependency(a.data(), mm)) return false;
   b[ld] = 1.0;
   lubksb(a.data(), mm, index.data(), b.data());
   for (int k = -nl; k <= nr; ++k) {
@@ -34,11 +32,9 @@ bool SavgolKernel(double* kernel, int nl, int nr, int ld, int m) {
 }
 
 bool savgol(double* c, int np, int nl, int nr, int ld, int m) {
-  if (np < nl + nr + 1)
-    return false;
+  if (np < nl + nr + 1) return false;
   std::vector<double> kernel(nl + nr + 1);
-  if (!SavgolKernel(kernel.data(), nl, nr, ld, m))
-    return false;
+  if (!SavgolKernel(kernel.data(), nl, nr, ld, m)) return false;
   for (int i = 0; i < np; ++i) c[i] = 0.0;
   for (int k = -nl; k <= nr; ++k) c[(np - k) % np] = kernel[k + nl];
   return true;

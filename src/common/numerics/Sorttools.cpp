@@ -1,10 +1,10 @@
 // Sorting and selection on plain arrays.
 #include "common/numerics/Sorttools.h"
 
+#include "common/numerics/Numerics.h"
+
 #include <algorithm>
 #include <utility>
-
-#include "common/numerics/Numerics.h"
 
 namespace {
 
@@ -17,8 +17,7 @@ void Bubble(T* v, int n) {
         std::swap(v[j], v[j + 1]);
         swapped = true;
       }
-    if (!swapped)
-      break;
+    if (!swapped) break;
   }
 }
 
@@ -29,12 +28,10 @@ void IndexBubble(T* v, int* index, int n) {
     for (int j = 0; j < n - 1 - i; ++j)
       if (v[j] > v[j + 1]) {
         std::swap(v[j], v[j + 1]);
-        if (index)
-          std::swap(index[j], index[j + 1]);
+        if (index) std::swap(index[j], index[j + 1]);
         swapped = true;
       }
-    if (!swapped)
-      break;
+    if (!swapped) break;
   }
 }
 
@@ -45,12 +42,10 @@ constexpr int kInsertionLimit = 7;
 template <typename T>
 void Quick(T* a, int* idx, unsigned un) {
   const int n = static_cast<int>(un);
-  if (n < 2)
-    return;
+  if (n < 2) return;
   auto swp = [&](int i, int j) {
     std::swap(a[i], a[j]);
-    if (idx)
-      std::swap(idx[i], idx[j]);
+    if (idx) std::swap(idx[i], idx[j]);
   };
   int stack[128];
   int top = 0;
@@ -62,29 +57,22 @@ void Quick(T* a, int* idx, unsigned un) {
         int vi = idx ? idx[j] : 0;
         int i = j - 1;
         for (; i >= l; --i) {
-          if (!(a[i] > v))
-            break;
+          if (!(a[i] > v)) break;
           a[i + 1] = a[i];
-          if (idx)
-            idx[i + 1] = idx[i];
+          if (idx) idx[i + 1] = idx[i];
         }
         a[i + 1] = v;
-        if (idx)
-          idx[i + 1] = vi;
+        if (idx) idx[i + 1] = vi;
       }
-      if (top == 0)
-        break;
+      if (top == 0) break;
       ir = stack[--top];
       l = stack[--top];
     } else {
       const int k = (l + ir) >> 1;
       swp(k, l + 1);
-      if (a[l] > a[ir])
-        swp(l, ir);
-      if (a[l + 1] > a[ir])
-        swp(l + 1, ir);
-      if (a[l] > a[l + 1])
-        swp(l, l + 1);
+      if (a[l] > a[ir]) swp(l, ir);
+      if (a[l + 1] > a[ir]) swp(l + 1, ir);
+      if (a[l] > a[l + 1]) swp(l, l + 1);
       int i = l + 1, j = ir;
       const T pivot = a[l + 1];
       const int pivotIdx = idx ? idx[l + 1] : 0;
@@ -93,8 +81,7 @@ void Quick(T* a, int* idx, unsigned un) {
         while (a[i] < pivot);
         do --j;
         while (a[j] > pivot);
-        if (j < i)
-          break;
+        if (j < i) break;
         swp(i, j);
       }
       a[l + 1] = a[j];
@@ -119,36 +106,49 @@ void Quick(T* a, int* idx, unsigned un) {
 
 } // namespace
 
-void BubbleSort(float* values, int n) { Bubble(values, n); }
-void BubbleSort(int* values, int n) { Bubble(values, n); }
-void IndexBubbleSort(double* values, int* index, int n) { IndexBubble(values, index, n); }
-void IndexBubbleSort(float* values, int* index, int n) { IndexBubble(values, index, n); }
+void BubbleSort(float* values, int n) {
+  Bubble(values, n);
+}
+void BubbleSort(int* values, int n) {
+  Bubble(values, n);
+}
+void IndexBubbleSort(double* values, int* index, int n) {
+  IndexBubble(values, index, n);
+}
+void IndexBubbleSort(float* values, int* index, int n) {
+  IndexBubble(values, index, n);
+}
 
-void QuickSort(float* values, unsigned n) { Quick(values, nullptr, n); }
-void QuickSort(int* values, unsigned n) { Quick(values, nullptr, n); }
-void QuickSort(double* values, unsigned n) { Quick(values, nullptr, n); }
-void IndexQuickSort(float* values, int* index, unsigned n) { Quick(values, index, n); }
-void IndexQuickSort(double* values, int* index, unsigned n) { Quick(values, index, n); }
+void QuickSort(float* values, unsigned n) {
+  Quick(values, nullptr, n);
+}
+void QuickSort(int* values, unsigned n) {
+  Quick(values, nullptr, n);
+}
+void QuickSort(double* values, unsigned n) {
+  Quick(values, nullptr, n);
+}
+void IndexQuickSort(float* values, int* index, unsigned n) {
+  Quick(values, index, n);
+}
+void IndexQuickSort(double* values, int* index, unsigned n) {
+  Quick(values, index, n);
+}
 
 float QuickSelect(float* arr, int n, int k) {
-  if (n < 1)
-    return 0.0f;
+  if (n < 1) return 0.0f;
   k = std::clamp(k, 0, n - 1);
   int l = 0, ir = n - 1;
   for (;;) {
     if (ir <= l + 1) {
-      if (ir == l + 1 && arr[ir] < arr[l])
-        std::swap(arr[l], arr[ir]);
+      if (ir == l + 1 && arr[ir] < arr[l]) std::swap(arr[l], arr[ir]);
       return arr[k];
     }
     const int mid = (l + ir) >> 1;
     std::swap(arr[mid], arr[l + 1]);
-    if (arr[l] > arr[ir])
-      std::swap(arr[l], arr[ir]);
-    if (arr[l + 1] > arr[ir])
-      std::swap(arr[l + 1], arr[ir]);
-    if (arr[l] > arr[l + 1])
-      std::swap(arr[l], arr[l + 1]);
+    if (arr[l] > arr[ir]) std::swap(arr[l], arr[ir]);
+    if (arr[l + 1] > arr[ir]) std::swap(arr[l + 1], arr[ir]);
+    if (arr[l] > arr[l + 1]) std::swap(arr[l], arr[l + 1]);
     int i = l + 1, j = ir;
     const float a = arr[l + 1];
     for (;;) {
@@ -156,22 +156,18 @@ float QuickSelect(float* arr, int n, int k) {
       while (arr[i] < a);
       do --j;
       while (arr[j] > a);
-      if (j < i)
-        break;
+      if (j < i) break;
       std::swap(arr[i], arr[j]);
     }
     arr[l + 1] = arr[j];
     arr[j] = a;
-    if (j >= k)
-      ir = j - 1;
-    if (j <= k)
-      l = i;
+    if (j >= k) ir = j - 1;
+    if (j <= k) l = i;
   }
 }
 
 float STCalculateMedian(float* values, int n, bool average) {
-  if (n < 3)
-    return values[0];
+  if (n < 3) return values[0];
   const int k = (n - 1) / 2;
   const float lower = QuickSelect(values, n, k);
   if (n % 2 == 0 && average) {
@@ -184,10 +180,8 @@ float STCalculateMedian(float* values, int n, bool average) {
 }
 
 void RandomizeIndexArray(int* array, int n, int range) {
-  if (n < 2)
-    return;
-  if (range < 1 || range > n)
-    range = n;
+  if (n < 2) return;
+  if (range < 1 || range > n) range = n;
   for (int i = 0; i < n; ++i) {
     const int j = RandomRange(range);
     std::swap(array[i], array[j]);

@@ -11,8 +11,7 @@ namespace {
 template <typename T>
 void SplineCore(const T* x, const T* y, int n, double yp1, double ypn, T* y2) {
   if (n < 2) {
-    if (n == 1)
-      y2[0] = 0;
+    if (n == 1) y2[0] = 0;
     return;
   }
   std::vector<double> u(n);
@@ -29,7 +28,8 @@ void SplineCore(const T* x, const T* y, int n, double yp1, double ypn, T* y2) {
     const double sig = (double(x[i]) - x[i - 1]) / (double(x[i + 1]) - x[i - 1]);
     const double p = sig * d2[i - 1] + 2.0;
     d2[i] = (sig - 1.0) / p;
-    u[i] = (double(y[i + 1]) - y[i]) / (double(x[i + 1]) - x[i]) - (double(y[i]) - y[i - 1]) / (double(x[i]) - x[i - 1]);
+    u[i] = (double(y[i + 1]) - y[i]) / (double(x[i + 1]) - x[i]) -
+           (double(y[i]) - y[i - 1]) / (double(x[i]) - x[i - 1]);
     u[i] = (6.0 * u[i] / (double(x[i + 1]) - x[i - 1]) - sig * u[i - 1]) / p;
   }
   double qn, un;
@@ -37,7 +37,8 @@ void SplineCore(const T* x, const T* y, int n, double yp1, double ypn, T* y2) {
     qn = un = 0.0;
   } else {
     qn = 0.5;
-    un = (3.0 / (double(x[n - 1]) - x[n - 2])) * (ypn - (double(y[n - 1]) - y[n - 2]) / (double(x[n - 1]) - x[n - 2]));
+    un = (3.0 / (double(x[n - 1]) - x[n - 2])) *
+         (ypn - (double(y[n - 1]) - y[n - 2]) / (double(x[n - 1]) - x[n - 2]));
   }
   d2[n - 1] = (un - qn * u[n - 2]) / (qn * d2[n - 2] + 1.0);
   for (int k = n - 2; k >= 0; --k) d2[k] = d2[k] * d2[k + 1] + u[k];
@@ -60,28 +61,23 @@ int Bisect(const T* xa, int n, double x) {
 
 template <typename T>
 double SplintCore(const T* xa, const T* ya, const T* y2a, int n, double x) {
-  if (n < 1)
-    return 0.0;
-  if (n == 1)
-    return ya[0];
+  if (n < 1) return 0.0;
+  if (n == 1) return ya[0];
   const int klo = Bisect(xa, n, x), khi = klo + 1;
   const double h = double(xa[khi]) - xa[klo];
-  if (h == 0.0)
-    return ya[klo];
+  if (h == 0.0) return ya[klo];
   const double a = (xa[khi] - x) / h, b = (x - xa[klo]) / h;
-  return a * ya[klo] + b * ya[khi] + ((a * a * a - a) * y2a[klo] + (b * b * b - b) * y2a[khi]) * (h * h) / 6.0;
+  return a * ya[klo] + b * ya[khi] +
+         ((a * a * a - a) * y2a[klo] + (b * b * b - b) * y2a[khi]) * (h * h) / 6.0;
 }
 
 template <typename T>
 double LinearCore(const T* xa, const T* ya, int n, double x) {
-  if (n < 1)
-    return 0.0;
-  if (n == 1)
-    return ya[0];
+  if (n < 1) return 0.0;
+  if (n == 1) return ya[0];
   const int klo = Bisect(xa, n, x), khi = klo + 1;
   const double h = double(xa[khi]) - xa[klo];
-  if (h == 0.0)
-    return ya[klo];
+  if (h == 0.0) return ya[klo];
   return ya[klo] + (double(ya[khi]) - ya[klo]) * (x - xa[klo]) / h;
 }
 
@@ -100,12 +96,13 @@ void splintL(const float* xa, const float* ya, int n, float x, float* y) {
 // ---------------------------------------------------------------------------------------------
 // TCubicSplineInterpolation
 
-TCubicSplineInterpolation::~TCubicSplineInterpolation() { DeleteArrays(); }
+TCubicSplineInterpolation::~TCubicSplineInterpolation() {
+  DeleteArrays();
+}
 
 void TCubicSplineInterpolation::CreateArrays(int n) {
   DeleteArrays();
-  if (n < 1)
-    return;
+  if (n < 1) return;
   NumberOfPoints = n;
   X = new double[n]();
   Y = new double[n]();
@@ -133,19 +130,16 @@ void TCubicSplineInterpolation::SortArray() {
 
 bool TCubicSplineInterpolation::CheckDataSpacing() const {
   for (int i = 1; i < NumberOfPoints; ++i)
-    if (X[i] - X[i - 1] < 1e-30)
-      return false;
+    if (X[i] - X[i - 1] < 1e-30) return false;
   return true;
 }
 
 void TCubicSplineInterpolation::Spline(double yp1, double ypn) {
-  if (NumberOfPoints > 0)
-    SplineCore(X, Y, NumberOfPoints, yp1, ypn, Y2);
+  if (NumberOfPoints > 0) SplineCore(X, Y, NumberOfPoints, yp1, ypn, Y2);
 }
 
 bool TCubicSplineInterpolation::CalculateSpline() {
-  if (!CheckDataSpacing())
-    return false;
+  if (!CheckDataSpacing()) return false;
   Spline(1e30, 1e30);
   return true;
 }
@@ -154,7 +148,9 @@ double TCubicSplineInterpolation::CubicSplineInterpolation(double x) const {
   return SplintCore(X, Y, Y2, NumberOfPoints, x);
 }
 
-double TCubicSplineInterpolation::LinearInterpolation(double x) const { return LinearCore(X, Y, NumberOfPoints, x); }
+double TCubicSplineInterpolation::LinearInterpolation(double x) const {
+  return LinearCore(X, Y, NumberOfPoints, x);
+}
 
 // ---------------------------------------------------------------------------------------------
 // TCubicSplineInterpolation2D
@@ -177,21 +173,17 @@ TCubicSplineInterpolation2D::~TCubicSplineInterpolation2D() {
 }
 
 void TCubicSplineInterpolation2D::SetField(int ix, int iy, double value) {
-  if (ix >= 0 && ix < FNX && iy >= 0 && iy < FNY)
-    FField[static_cast<size_t>(iy) * FNX + ix] = value;
+  if (ix >= 0 && ix < FNX && iy >= 0 && iy < FNY) FField[static_cast<size_t>(iy) * FNX + ix] = value;
 }
 double TCubicSplineInterpolation2D::GetField(int ix, int iy) const {
-  if (ix >= 0 && ix < FNX && iy >= 0 && iy < FNY)
-    return FField[static_cast<size_t>(iy) * FNX + ix];
+  if (ix >= 0 && ix < FNX && iy >= 0 && iy < FNY) return FField[static_cast<size_t>(iy) * FNX + ix];
   return 0.0;
 }
 void TCubicSplineInterpolation2D::SetXPosition(int ix, double x) {
-  if (ix >= 0 && ix < FNX)
-    FXPos[ix] = x;
+  if (ix >= 0 && ix < FNX) FXPos[ix] = x;
 }
 void TCubicSplineInterpolation2D::SetYPosition(int iy, double y) {
-  if (iy >= 0 && iy < FNY)
-    FYPos[iy] = y;
+  if (iy >= 0 && iy < FNY) FYPos[iy] = y;
 }
 
 bool TCubicSplineInterpolation2D::PrepareSpline() {

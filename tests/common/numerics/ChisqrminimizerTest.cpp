@@ -1,12 +1,12 @@
 // Levenberg-Marquardt minimizer against certified nonlinear regression problems and its status paths.
 #include "common/numerics/Chisqrminimizer.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <ostream>
 #include <stdexcept>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -19,7 +19,9 @@ struct TCertifiedProblem {
   double ResidualSumOfSquares;
 };
 
-void PrintTo(const TCertifiedProblem& p, std::ostream* os) { *os << p.Name; }
+void PrintTo(const TCertifiedProblem& p, std::ostream* os) {
+  *os << p.Name;
+}
 
 // Misra1a: y = b1 (1 - exp(-b2 x))
 void Misra1aModel(double x, const double* b, double& y, double* d, int, TChiSqrMinimizer*) {
@@ -88,20 +90,40 @@ void BoxBodModel(double x, const double* b, double& y, double* d, int n, TChiSqr
   Misra1aModel(x, b, y, d, n, m);
 }
 
-const std::vector<double> kMisraX = {77.6, 114.9, 141.1, 190.8, 239.9, 289.0, 332.8,
+const std::vector<double> kMisraX = {77.6,  114.9, 141.1, 190.8, 239.9, 289.0, 332.8,
                                      378.4, 434.8, 477.3, 536.8, 593.1, 689.1, 760.0};
 const std::vector<double> kMisraY = {10.07, 14.73, 17.94, 23.93, 29.61, 35.18, 40.02,
                                      44.82, 50.76, 55.05, 61.01, 66.40, 75.47, 81.78};
 
 std::vector<TCertifiedProblem> CertifiedProblems() {
   std::vector<TCertifiedProblem> p;
-  p.push_back({"Misra1a", Misra1aModel, kMisraX, kMisraY, {500, 1e-4}, {2.3894212918E+02, 5.5015643181E-04},
+  p.push_back({"Misra1a",
+               Misra1aModel,
+               kMisraX,
+               kMisraY,
+               {500, 1e-4},
+               {2.3894212918E+02, 5.5015643181E-04},
                1.2455138894E-01});
-  p.push_back({"Misra1b", Misra1bModel, kMisraX, kMisraY, {500, 1e-4}, {3.3799746163E+02, 3.9039091287E-04},
+  p.push_back({"Misra1b",
+               Misra1bModel,
+               kMisraX,
+               kMisraY,
+               {500, 1e-4},
+               {3.3799746163E+02, 3.9039091287E-04},
                7.5464681533E-02});
-  p.push_back({"Misra1c", Misra1cModel, kMisraX, kMisraY, {500, 1e-4}, {6.3642725809E+02, 2.0813627256E-04},
+  p.push_back({"Misra1c",
+               Misra1cModel,
+               kMisraX,
+               kMisraY,
+               {500, 1e-4},
+               {6.3642725809E+02, 2.0813627256E-04},
                4.0966836971E-02});
-  p.push_back({"Misra1d", Misra1dModel, kMisraX, kMisraY, {500, 1e-4}, {4.3736970754E+02, 3.0227324449E-04},
+  p.push_back({"Misra1d",
+               Misra1dModel,
+               kMisraX,
+               kMisraY,
+               {500, 1e-4},
+               {4.3736970754E+02, 3.0227324449E-04},
                5.6419295283E-02});
   p.push_back({"DanWood",
                DanWoodModel,
@@ -117,18 +139,19 @@ std::vector<TCertifiedProblem> CertifiedProblems() {
                {100, 1, 0.1},
                {7.2462237576E+01, 2.6180768402E+00, 6.7359200066E-02},
                8.0565229338E+00});
-  p.push_back({"Eckerle4",
-               Eckerle4Model,
-               {400, 405, 410, 415, 420, 425, 430, 435, 436.5, 438, 439.5, 441, 442.5, 444, 445.5, 447, 448.5, 450,
-                451.5, 453, 454.5, 456, 457.5, 459, 460.5, 462, 463.5, 465, 470, 475, 480, 485, 490, 495, 500},
-               {0.0001575, 0.0001699, 0.0002350, 0.0003102, 0.0004917, 0.0008710, 0.0017418,
-                0.0046400, 0.0065895, 0.0097302, 0.0149002, 0.0237310, 0.0401683, 0.0712559,
-                0.1264458, 0.2073413, 0.2902366, 0.3445623, 0.3698049, 0.3668534, 0.3106727,
-                0.2078154, 0.1164354, 0.0616764, 0.0337200, 0.0194023, 0.0117831, 0.0074357,
-                0.0022732, 0.0008800, 0.0004579, 0.0002345, 0.0001586, 0.0001143, 0.0000710},
-               {1.5, 5, 450}, // second certified start: this higher-difficulty set fails from the first
-               {1.5543827178E+00, 4.0888321754E+00, 4.5154121844E+02},
-               1.4635887487E-03});
+  p.push_back(
+      {"Eckerle4",
+       Eckerle4Model,
+       {400,   405, 410,   415, 420,   425, 430,   435, 436.5, 438, 439.5, 441,
+        442.5, 444, 445.5, 447, 448.5, 450, 451.5, 453, 454.5, 456, 457.5, 459,
+        460.5, 462, 463.5, 465, 470,   475, 480,   485, 490,   495, 500},
+       {0.0001575, 0.0001699, 0.0002350, 0.0003102, 0.0004917, 0.0008710, 0.0017418, 0.0046400, 0.0065895,
+        0.0097302, 0.0149002, 0.0237310, 0.0401683, 0.0712559, 0.1264458, 0.2073413, 0.2902366, 0.3445623,
+        0.3698049, 0.3668534, 0.3106727, 0.2078154, 0.1164354, 0.0616764, 0.0337200, 0.0194023, 0.0117831,
+        0.0074357, 0.0022732, 0.0008800, 0.0004579, 0.0002345, 0.0001586, 0.0001143, 0.0000710},
+       {1.5, 5, 450}, // second certified start: this higher-difficulty set fails from the first
+       {1.5543827178E+00, 4.0888321754E+00, 4.5154121844E+02},
+       1.4635887487E-03});
   p.push_back({"MGH09",
                Mgh09Model,
                {4.0, 2.0, 1.0, 0.5, 0.25, 0.167, 0.125, 0.1, 0.0833, 0.0714, 0.0625},
@@ -159,13 +182,13 @@ TEST_P(CertifiedProblemTest, ReachesCertifiedValues) {
   csm.LevenbergMarquardtMinimize(p.X.data(), p.Y.data(), nullptr, static_cast<int>(p.X.size()));
   ASSERT_EQ(csm.GetErrorCode(), 0) << p.Name << ": " << csm.GetErrorMessage();
   for (int i = 0; i < np; ++i)
-    EXPECT_NEAR(csm.GetParameter(i), p.Certified[i], 1e-6 * std::fabs(p.Certified[i])) << p.Name << " b" << i + 1;
+    EXPECT_NEAR(csm.GetParameter(i), p.Certified[i], 1e-6 * std::fabs(p.Certified[i]))
+        << p.Name << " b" << i + 1;
   EXPECT_NEAR(csm.GetChiSqr(), p.ResidualSumOfSquares, 1e-6 * p.ResidualSumOfSquares) << p.Name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Certified, CertifiedProblemTest, ::testing::ValuesIn(CertifiedProblems()),
                          [](const auto& info) { return std::string(info.param.Name); });
-
 
 // y = a + b x
 void LineModel(double x, const double* p, double& y, double* d, int, TChiSqrMinimizer*) {
@@ -175,8 +198,7 @@ void LineModel(double x, const double* p, double& y, double* d, int, TChiSqrMini
 }
 
 void ThrowingModel(double x, const double* p, double& y, double* d, int n, TChiSqrMinimizer* m) {
-  if (x > 2.5)
-    throw std::runtime_error("model broke");
+  if (x > 2.5) throw std::runtime_error("model broke");
   LineModel(x, p, y, d, n, m);
 }
 
@@ -372,8 +394,7 @@ TEST(ChiSqrMinimizer, EstimatorWritesOnlyFlaggedParametersAndReportsExceptions) 
     ASSERT_NE(s2, nullptr);
     s1[n - 1] = s2[n - 1] = 0; // the scratch arrays hold n points
     for (int i = 0; i < np; ++i)
-      if (use[i])
-        p[i] = 42.0;
+      if (use[i]) p[i] = 42.0;
   });
   csm.EstimateParameters(x.data(), y.data(), 3);
   EXPECT_EQ(csm.GetErrorCode(), 0);

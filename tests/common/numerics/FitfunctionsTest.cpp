@@ -1,8 +1,9 @@
-// Standard fit functions: derivatives, recovery of parameters, conversions, estimation, replicas, persistence.
+// Standard fit functions: derivatives, recovery of parameters, conversions, estimation, replicas,
+// persistence.
 #include "common/numerics/Fitfunctions.h"
-#include "common/OrvexException.h"
 
-#include <gtest/gtest.h>
+#include "common/OrvexException.h"
+#include "support/TestSupport.h"
 
 #include <cmath>
 #include <functional>
@@ -10,7 +11,7 @@
 #include <numbers>
 #include <vector>
 
-#include "support/TestSupport.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -49,7 +50,8 @@ TEST(FitFunctionModels, AnalyticDerivativesMatchFiniteDifferences) {
         c.Model(x, pp.data(), yp, dm.data(), n, nullptr);
         c.Model(x, pm.data(), ym, dm.data(), n, nullptr);
         const double numeric = (yp - ym) / (2 * h);
-        EXPECT_NEAR(d[i], numeric, 1e-6 * std::max(1.0, std::fabs(numeric))) << c.Name << " p" << i << " x=" << x;
+        EXPECT_NEAR(d[i], numeric, 1e-6 * std::max(1.0, std::fabs(numeric)))
+            << c.Name << " p" << i << " x=" << x;
       }
     }
   }
@@ -86,15 +88,16 @@ void ExpectRecovers(TNLFitFunction& f, const std::vector<double>& truth, double 
   std::vector<double> start(np), values(np), errors(np);
   TFitFunctionErrorInfo info;
   std::string message;
-  const bool ok = f.CalculateThread(td, start.data(), values.data(), errors.data(), n, x.data(), y.data(), nullptr,
-                                    info, message);
+  const bool ok = f.CalculateThread(td, start.data(), values.data(), errors.data(), n, x.data(), y.data(),
+                                    nullptr, info, message);
   f.ThreadPostpare(td);
   ASSERT_TRUE(ok) << f.DisplayName << ": " << message;
   EXPECT_TRUE(info.FitOK);
   EXPECT_TRUE(info.EstimateOK);
   EXPECT_EQ(message.rfind("Fit Successful (", 0), 0u) << message;
   for (int i = 0; i < np; ++i)
-    EXPECT_NEAR(values[i], truth[i], tolerance * std::max(1.0, std::fabs(truth[i]))) << f.DisplayName << " p" << i;
+    EXPECT_NEAR(values[i], truth[i], tolerance * std::max(1.0, std::fabs(truth[i])))
+        << f.DisplayName << " p" << i;
   EXPECT_LT(info.ResidualSumOfSquares, 1e-12 * std::max(1.0, info.TotalSumOfSquares));
   EXPECT_GT(info.TotalSumOfSquares, 0.0);
 }
@@ -155,7 +158,8 @@ TEST(StandardFitFunctions, UserFormulaErrorsAndDimension) {
   double values[3];
   TFitFunctionErrorInfo info;
   std::string message;
-  EXPECT_FALSE(u.CalculateThread(td, nullptr, values, nullptr, 4, x.data(), y.data(), nullptr, info, message));
+  EXPECT_FALSE(
+      u.CalculateThread(td, nullptr, values, nullptr, 4, x.data(), y.data(), nullptr, info, message));
   u.ThreadPostpare(td);
   EXPECT_EQ(message, "Fit Error (Parser Function Error)");
   const double p[3] = {1, 1, 1};
@@ -174,10 +178,8 @@ TEST(StandardFitFunctions, GaussUserNativeConversionsRoundTrip) {
       double v[7];
       std::copy(native, native + 7, v);
       g.TransformNativeParametersToParameters(v);
-      if (wk == 2)
-        EXPECT_NEAR(v[2], 2.0 * 2.3548200450309493, 1e-12);
-      if (ik == 1)
-        EXPECT_NEAR(v[3], 50.0 * 2.0 * std::sqrt(2 * std::numbers::pi), 1e-9);
+      if (wk == 2) EXPECT_NEAR(v[2], 2.0 * 2.3548200450309493, 1e-12);
+      if (ik == 1) EXPECT_NEAR(v[3], 50.0 * 2.0 * std::sqrt(2 * std::numbers::pi), 1e-9);
       g.TransformParametersToNativeParameters(v);
       for (int i = 0; i < 7; ++i) EXPECT_NEAR(v[i], native[i], 1e-12 * std::fabs(native[i])) << wk << ik << i;
     }
@@ -277,11 +279,13 @@ TEST(StandardFitFunctions, ReplicaLists) {
   ASSERT_EQ(g.GetReplicaList().size(), 2u);
   const double p[7] = {1.0, 10.0, 2.0, 5.0, 20.0, 3.0, 7.0};
   EXPECT_NEAR(g.GetReplicaValue(p, 20.0, 1), 1.0 + 7.0, 1e-12);
-  EXPECT_NEAR(g.GetReplicaValue(p, 20.0, 0) + g.GetReplicaValue(p, 20.0, 1) - p[0], g.GetFunctionValue(p, 20.0), 1e-12);
+  EXPECT_NEAR(g.GetReplicaValue(p, 20.0, 0) + g.GetReplicaValue(p, 20.0, 1) - p[0],
+              g.GetFunctionValue(p, 20.0), 1e-12);
   TNLFitPsdVoigt2 v;
   ASSERT_EQ(v.GetReplicaList().size(), 2u);
   const double q[6] = {1.0, 0.0, 2.0, 3.0, 10.0, 0.3};
-  EXPECT_NEAR(v.GetReplicaValue(q, 0.5, 0) + v.GetReplicaValue(q, 0.5, 1) - 1.0, v.GetFunctionValue(q, 0.5), 1e-12);
+  EXPECT_NEAR(v.GetReplicaValue(q, 0.5, 0) + v.GetReplicaValue(q, 0.5, 1) - 1.0, v.GetFunctionValue(q, 0.5),
+              1e-12);
   try {
     v.GetReplicaValue(q, 0.5, 2);
     FAIL() << "no exception";

@@ -1,12 +1,12 @@
 // Formula parser: precedence, unary minus, functions, error texts and concurrent evaluation.
 #include "common/numerics/Formelparser.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <numbers>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -29,8 +29,8 @@ TEST(FormelParser, PrecedenceAndAssociativity) {
   EXPECT_DOUBLE_EQ(Eval("2*3^2"), 18.0);
   EXPECT_DOUBLE_EQ(Eval("10-4-3"), 3.0);
   EXPECT_DOUBLE_EQ(Eval("64/4/2"), 8.0);
-  EXPECT_DOUBLE_EQ(Eval("2^3^2"), 64.0); // equal priority works from the left
-  EXPECT_DOUBLE_EQ(Eval("7%3*2"), 1.0);  // % binds weaker than *: 7 % 6
+  EXPECT_DOUBLE_EQ(Eval("2^3^2"), 64.0);  // equal priority works from the left
+  EXPECT_DOUBLE_EQ(Eval("7%3*2"), 1.0);   // % binds weaker than *: 7 % 6
   EXPECT_DOUBLE_EQ(Eval("7.9%3.2"), 1.0); // both operands truncated
   EXPECT_DOUBLE_EQ(Eval("1 + 2 * (3 - 1) / 4"), 2.0);
   EXPECT_DOUBLE_EQ(Eval("((2))"), 2.0);
@@ -179,7 +179,9 @@ TEST(FormelParser, ManyThreadsEvaluateOneCompiledParser) {
   p.SetXDimension(3);
   p.SetExpress("x2*EXP(-0.5*((x1-x3)/2)^2)+SIN(x1)/(1+x1^2)");
   ASSERT_TRUE(p.IsValid());
-  auto reference = [](double x) { return 3.0 * std::exp(-0.5 * std::pow((x - 1.5) / 2, 2)) + std::sin(x) / (1 + x * x); };
+  auto reference = [](double x) {
+    return 3.0 * std::exp(-0.5 * std::pow((x - 1.5) / 2, 2)) + std::sin(x) / (1 + x * x);
+  };
   const int nThreads = 4, nPoints = 20000;
   std::vector<double> maxError(nThreads, 0.0);
   std::vector<int> undefinedCount(nThreads, 0);
@@ -192,8 +194,7 @@ TEST(FormelParser, ManyThreadsEvaluateOneCompiledParser) {
         double x[4] = {0, xv, 3.0, 1.5};
         bool undefined;
         const double v = p.MulticoreFunc(x, undefined, stack);
-        if (undefined)
-          ++undefinedCount[t];
+        if (undefined) ++undefinedCount[t];
         maxError[t] = std::max(maxError[t], std::fabs(v - reference(xv)));
       }
       TFormelParser::ReleaseStack(stack);
