@@ -62,10 +62,9 @@ bool TPageLock::IsHeldByCurrentThread() const {
 }
 
 void TManualResetEvent::Set() {
-  {
-    std::lock_guard<std::mutex> lock(FMutex);
-    FSet = true;
-  }
+  // Notified under the lock: a waiter that wakes may destroy the event at once.
+  std::lock_guard<std::mutex> lock(FMutex);
+  FSet = true;
   FCondition.notify_all();
 }
 

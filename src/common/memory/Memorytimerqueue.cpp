@@ -65,7 +65,9 @@ void TMemoryTimerQueue::Run() {
       continue;
     }
     if (TClock::now() < next->second.Due) {
-      FCondition.wait_until(lock, next->second.Due);
+      // A copy: the timer may be deleted while this thread waits.
+      const TClock::time_point due = next->second.Due;
+      FCondition.wait_until(lock, due);
       continue; // the set of timers may have changed meanwhile
     }
     const THandle handle = next->first;
