@@ -178,8 +178,12 @@ TEST(StandardFitFunctions, GaussUserNativeConversionsRoundTrip) {
       double v[7];
       std::copy(native, native + 7, v);
       g.TransformNativeParametersToParameters(v);
-      if (wk == 2) EXPECT_NEAR(v[2], 2.0 * 2.3548200450309493, 1e-12);
-      if (ik == 1) EXPECT_NEAR(v[3], 50.0 * 2.0 * std::sqrt(2 * std::numbers::pi), 1e-9);
+      if (wk == 2) {
+        EXPECT_NEAR(v[2], 2.0 * 2.3548200450309493, 1e-12);
+      }
+      if (ik == 1) {
+        EXPECT_NEAR(v[3], 50.0 * 2.0 * std::sqrt(2 * std::numbers::pi), 1e-9);
+      }
       g.TransformParametersToNativeParameters(v);
       for (int i = 0; i < 7; ++i) EXPECT_NEAR(v[i], native[i], 1e-12 * std::fabs(native[i])) << wk << ik << i;
     }
