@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iomanip>
 #include <sstream>
+#include <vector>
 
 #include <unistd.h>
 
@@ -108,25 +109,37 @@ void TPartialMemoryMappedArray::SetDataAtAddressEx(uint64_t address, const void*
   if (size > 0) WriteAccessPage();
 }
 
+namespace {
+
+// Moves up to size bytes between a file descriptor and memory, retrying on interruption;
+// returns the bytes moved, fewer at the end of the file or on an error.
+uint64_t TransferDescriptor(int fileDescriptor, uint8_t* memory, uint64_t size, bool fromFile) {
+  uint64_t moved = 0;
+  while (moved < size) {
+    const ssize_t result = fromFile ? ::read(fileDescriptor, memory + moved, size_t(size - moved))
+                                    : ::write(fileDescriptor, memory + moved, size_t(size - moved));
+    if (result < 0 && errno == EINTR) continue;
+    if (result <= 0) break;
+    moved += uint64_t(result);
+  }
+  return moved;
+}
+
+// File transfers of arrays go through a buffer of this size, not into the views, for the same
+// reason that large pieces do (see kDirectTransferBytes).
+constexpr uint64_t kFileTransferBufferBytes = 1 << 20;
+
+} // namespace
+
 bool TPartialMemoryMappedArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  std::vector<uint8_t> buffer(size_t(std::min(size, kFileTransferBufferBytes)));
   uint64_t movedTotal = 0;
-  bool complete = true;
-  while (size > 0 && complete) {
-    std::atomic<uint32_t>* reference;
-    uint32_t available;
-    uint8_t* memory = Reach(address, reference, available);
-    if (!memory) break;
-    const uint64_t chunk = std::min<uint64_t>(size, available);
-    uint64_t moved = 0;
-    while (moved < chunk) {
-      const ssize_t result = ::read(fileDescriptor, memory + moved, size_t(chunk - moved));
-      if (result < 0 && errno == EINTR) continue;
-      if (result <= 0) break;
-      moved += uint64_t(result);
-    }
-    TPartialMMFMemory::ReleasePage(reference);
+  while (size > 0) {
+    const uint64_t chunk = std::min<uint64_t>(size, buffer.size());
+    const uint64_t moved = TransferDescriptor(fileDescriptor, buffer.data(), chunk, true);
+    if (moved > 0 && !TransferRange(address, buffer.data(), moved, true)) break;
     movedTotal += moved;
-    complete = moved == chunk;
+    if (moved != chunk) break;
     address += chunk;
     size -= chunk;
   }
@@ -135,24 +148,14 @@ bool TPartialMemoryMappedArray::LoadContentsFromFile(int fileDescriptor, uint64_
 }
 
 bool TPartialMemoryMappedArray::SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  std::vector<uint8_t> buffer(size_t(std::min(size, kFileTransferBufferBytes)));
   uint64_t movedTotal = 0;
-  bool complete = true;
-  while (size > 0 && complete) {
-    std::atomic<uint32_t>* reference;
-    uint32_t available;
-    uint8_t* memory = Reach(address, reference, available);
-    if (!memory) break;
-    const uint64_t chunk = std::min<uint64_t>(size, available);
-    uint64_t moved = 0;
-    while (moved < chunk) {
-      const ssize_t result = ::write(fileDescriptor, memory + moved, size_t(chunk - moved));
-      if (result < 0 && errno == EINTR) continue;
-      if (result <= 0) break;
-      moved += uint64_t(result);
-    }
-    TPartialMMFMemory::ReleasePage(reference);
+  while (size > 0) {
+    const uint64_t chunk = std::min<uint64_t>(size, buffer.size());
+    if (!TransferRange(address, buffer.data(), chunk, false)) break;
+    const uint64_t moved = TransferDescriptor(fileDescriptor, buffer.data(), chunk, false);
     movedTotal += moved;
-    complete = moved == chunk;
+    if (moved != chunk) break;
     address += chunk;
     size -= chunk;
   }
