@@ -49,5 +49,6 @@ bool CancelRequested();
 // Command groups, one per file.
 void AddTagCommands(CLI::App& app, CliContext& ctx);
 void AddProjectCommands(CLI::App& app, CliContext& ctx);
+void AddFitCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

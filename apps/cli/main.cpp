@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
   AddGlobalOptions(app, ctx);
   AddTagCommands(app, ctx);
   AddProjectCommands(app, ctx);
+  AddFitCommands(app, ctx);
 
   try {
     app.parse(argc, argv);
