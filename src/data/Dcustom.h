@@ -13,9 +13,27 @@
 #include "common/Tagcontrol.h"
 
 class TDataField;
-class TProject;
 class TMCC;
 class TData;
+
+/// What data objects need of the project that owns them; the project implements it. Data objects refer
+/// to each other by ID and reach each other only through these calls.
+class IDataProject {
+public:
+  virtual ~IDataProject() = default;
+  virtual bool DataIDExists(int32_t id) const = 0;
+  /// True when the object of id is of className or derives from it.
+  virtual bool IsIDInheritFrom(int32_t id, const std::string& className) const = 0;
+  virtual std::string GetClassNameByID(int32_t id) const = 0;
+  /// Unlocked access for the moment of a call; null when unknown.
+  virtual TData* FindData(int32_t id) const = 0;
+  /// Locks and returns the object of id; null when unknown. Give it back with UnlockData.
+  virtual TData* LockData(int32_t id) = 0;
+  virtual void UnlockData(TData* data) = 0;
+  virtual int32_t GetNewDataID() = 0;
+  /// Takes ownership of a new object.
+  virtual void AddData(std::unique_ptr<TData> data) = 0;
+};
 
 /// How an object travels with the project's file.
 enum class TDataSaveMode : int32_t {
@@ -112,8 +130,8 @@ public:
   const std::string& GetCaption() const { return FCaption; }
   int32_t GetID() const { return FID; }
   void SetID(int32_t id) { FID = id; }
-  TProject* GetProject() const { return FProject; }
-  void SetProject(TProject* project) { FProject = project; }
+  IDataProject* GetProject() const { return FProject; }
+  void SetProject(IDataProject* project) { FProject = project; }
   void SetOnDataChange(TDataChangeCallback callback) { FOnDataChange = std::move(callback); }
   TDataSaveMode GetSaveMode() const { return FSaveMode; }
   void SetSaveMode(TDataSaveMode mode) { FSaveMode = mode; }
@@ -155,7 +173,7 @@ private:
   TTagError LoadHistoryList(TFileHandle file, const TTagControl& dataTag);
 
   std::vector<THistoryEntry> FHistoryList;
-  TProject* FProject = nullptr;
+  IDataProject* FProject = nullptr;
   int32_t FLockNumber = 0;
   TDataSaveMode FSaveMode = TDataSaveMode::Always;
   TTagControl FMetaData{"MetaData", TTagKind::TagList};

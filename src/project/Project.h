@@ -25,10 +25,10 @@ public:
 
 class TMCC;
 
-class TProject {
+class TProject : public IDataProject {
 public:
   TProject();
-  virtual ~TProject();
+  ~TProject() override;
   TProject(const TProject&) = delete;
   TProject& operator=(const TProject&) = delete;
 
@@ -95,13 +95,13 @@ public:
   // --- IDs and ownership -----------------------------------------------------------------------
 
   virtual void FindNextDataID();
-  virtual int32_t GetNewDataID();
+  int32_t GetNewDataID() override;
   int32_t GetNextDataID() const { return FNextDataID; }
   void SetNextDataID(int32_t id) { FNextDataID = id; }
   /// False if two objects share an ID; highest receives the highest ID.
   bool UniqueIDTest(int32_t& highest) const;
   /// Takes ownership; an ID of 0 is reported but the object is added all the same.
-  virtual void AddData(std::unique_ptr<TData> data);
+  void AddData(std::unique_ptr<TData> data) override;
   /// Takes ownership of an object that already has its ID.
   virtual void OwnData(std::unique_ptr<TData> data);
   /// Clears project and callback of an object.
@@ -109,9 +109,9 @@ public:
   virtual void FillIDListWithDependencies(TIntList& idList);
 
   /// Locks and returns the object of id, null when unknown.
-  virtual TData* LockData(int32_t id);
+  TData* LockData(int32_t id) override;
   virtual void UnlockData(int32_t id);
-  virtual void UnlockData(TData* data);
+  void UnlockData(TData* data) override;
 
   // --- Lookups (every returned object is locked once; hand the list back to a Release call) ------
 
@@ -153,9 +153,9 @@ public:
   int32_t ToggleToPriorDataID(int32_t id) const;
 
   virtual bool IsDataUsed(int32_t id) const;
-  bool DataIDExists(int32_t id) const { return FindData(id) != nullptr; }
-  bool IsIDInheritFrom(int32_t id, const std::string& className) const;
-  std::string GetClassNameByID(int32_t id) const;
+  bool DataIDExists(int32_t id) const override { return FindData(id) != nullptr; }
+  bool IsIDInheritFrom(int32_t id, const std::string& className) const override;
+  std::string GetClassNameByID(int32_t id) const override;
   std::string UsedByListAsString(int32_t id) const;
   int32_t GetFirstIDByClassName(const std::string& className) const;
   /// Deletes the object of id; false (with a message) when it is locked. Unknown IDs give true.
@@ -166,7 +166,7 @@ public:
   TData* MakeOrGetFirstDataByClassName(const std::string& className);
 
   /// Unlocked access by ID (for code that holds the object only for the moment of the call).
-  TData* FindData(int32_t id) const;
+  TData* FindData(int32_t id) const override;
   const std::vector<std::unique_ptr<TData>>& DataList() const { return FDataList; }
   static void AddDataSortedToList(std::unique_ptr<TData> data, std::vector<std::unique_ptr<TData>>& list);
 
