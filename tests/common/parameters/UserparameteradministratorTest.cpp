@@ -5,6 +5,7 @@
 #include "common/Logfile.h"
 #include "support/TestSupport.h"
 
+#include <atomic>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -422,4 +423,27 @@ TEST(UserParameterAdministratorIcons, IconIndexByName) {
   a.SetIconList({"Start", "Stop"});
   EXPECT_EQ(a.GetIconIndexFromIconName("Stop"), 1);
   EXPECT_EQ(a.GetIconIndexFromIconName("Pause"), -1);
+}
+
+TEST(UserParameterAdministratorThreads, ReadersNeverSeeAHalfCopiedValue) {
+  TUserParameterAdministrator a;
+  auto* text = a.Add<TUserStringParameter>(1, "Text", "Text", "", std::string(4096, 'a'));
+  a.AllParameterListChanged();
+  std::atomic<bool> stop{false};
+  std::atomic<int> torn{0};
+  std::atomic<long> reads{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t)
+    readers.emplace_back([&] {
+      while (!stop) {
+        const std::string value = text->GetParameter();
+        if (value.size() != 4096 || value.find_first_not_of(value[0]) != std::string::npos) ++torn;
+        ++reads;
+      }
+    });
+  for (int i = 0; i < 50000; ++i) text->SetParameter(std::string(4096, i % 2 ? 'b' : 'a'));
+  while (reads < 1000) std::this_thread::yield();
+  stop = true;
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(torn, 0);
 }
