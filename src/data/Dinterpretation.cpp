@@ -7,6 +7,10 @@
 #include <cmath>
 #include <cstdio>
 
+TProject* OwningProject(const TData& object) {
+  return dynamic_cast<TProject*>(object.GetProject());
+}
+
 std::string GetUnitKindString(TUnitKind kind) {
   switch (kind) {
   case TUnitKind::None:
@@ -139,8 +143,9 @@ void TDInterpretation::SetUnitTable(TUnitKind kind, std::vector<std::string> uni
 
 int32_t TDInterpretation::MakeOrGetCursorID() {
   const std::string className = GetCursorClassNameForUnitKind(FUnitKind);
-  if (className.empty() || !GetProject()) return 0;
-  return GetProject()->MakeOrGetFirstIDByClassName(className);
+  TProject* project = OwningProject(*this);
+  if (className.empty() || !project) return 0;
+  return project->MakeOrGetFirstIDByClassName(className);
 }
 
 double TDInterpretation::StandardTo(double value, int32_t unit) const {

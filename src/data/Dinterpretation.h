@@ -4,6 +4,12 @@
 
 #include "data/Dcustom.h"
 
+class TProject;
+
+/// The project that owns object, for the lookups by class that the data layer's interface doesn't offer;
+/// null outside a project.
+TProject* OwningProject(const TData& object);
+
 #include <cstdint>
 #include <memory>
 #include <string>

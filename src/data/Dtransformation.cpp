@@ -205,7 +205,7 @@ void TDTransformation::Dim1RealToDimMultiReal(double one, double* multi) const {
 }
 
 int32_t TDTransformation::MakeOrGetInterpretationID() {
-  TProject* project = GetProject();
+  TProject* project = OwningProject(*this);
   if (!project) return 0;
   if (FUnitKind == TUnitKind::ZValue)
     return GetOrMakeStandardZInterpretation(*project, "ZInterpretation " + FStandardUnit, FStandardUnit);
@@ -215,8 +215,9 @@ int32_t TDTransformation::MakeOrGetInterpretationID() {
 
 int32_t TDTransformation::MakeOrGetCursorID() {
   const std::string className = GetCursorClassNameForUnitKind(FUnitKind);
-  if (className.empty() || !GetProject()) return 0;
-  return GetProject()->MakeOrGetFirstIDByClassName(className);
+  TProject* project = OwningProject(*this);
+  if (className.empty() || !project) return 0;
+  return project->MakeOrGetFirstIDByClassName(className);
 }
 
 void TDTransformation::CopyParametersFrom(const TDTransformation& source) {
