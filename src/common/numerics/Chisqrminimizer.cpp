@@ -7,14 +7,83 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
+#include <new>
+
+namespace {
+
+// The normal equations sum over the points in kLanes interleaved partial sums (point i goes to lane i mod
+// kLanes), which the vector units add side by side; the lanes are added in a fixed order at the end, so the
+// result does not depend on the vector width of the processor.
+constexpr int kLanes = 8;
+constexpr int kBlock = kCSMBlockSize;
+static_assert(kBlock % kLanes == 0, "a block holds whole lane vectors");
+constexpr size_t kAlignment = 64;
+typedef double TLaneVector __attribute__((vector_size(kLanes * sizeof(double)), aligned(sizeof(double))));
+
+size_t RoundUpToLanes(size_t count) {
+  return (count + kLanes - 1) / kLanes * kLanes;
+}
+
+double ReduceLanes(const double* s) {
+  return ((s[0] + s[1]) + (s[2] + s[3])) + ((s[4] + s[5]) + (s[6] + s[7]));
+}
+
+// Adds one block of points to the lane sums: for every pair (l, m <= l) of fitted parameters w d_l d_m, for
+// every l w dy d_l, and w dy^2, in this order in sums. Each product is formed as in the textbook per-point
+// loop (wt = d_l w, then wt d_m, dy wt, dy dy w).
+OX_SIMD_CLONES
+void AccumulateBlock(const double* yData, const double* yModel, const double* w, const double* d,
+                     const int* varied, int mfit, double* dy, double* wt, double* sums) {
+  for (int i = 0; i < kBlock; ++i) dy[i] = yData[i] - yModel[i];
+  for (int l = 0; l < mfit; ++l) {
+    const double* dl = d + varied[l] * kBlock;
+    double* wl = wt + l * kBlock;
+    for (int i = 0; i < kBlock; ++i) wl[i] = dl[i] * w[i];
+  }
+  constexpr int kVectors = kBlock / kLanes;
+  TLaneVector* s = reinterpret_cast<TLaneVector*>(sums);
+  int k = 0;
+  for (int l = 0; l < mfit; ++l) {
+    const TLaneVector* wl = reinterpret_cast<const TLaneVector*>(wt + l * kBlock);
+    for (int m = 0; m <= l; ++m, ++k) {
+      const TLaneVector* dm = reinterpret_cast<const TLaneVector*>(d + varied[m] * kBlock);
+      TLaneVector a = s[k];
+      for (int i = 0; i < kVectors; ++i) a += wl[i] * dm[i];
+      s[k] = a;
+    }
+  }
+  const TLaneVector* dyv = reinterpret_cast<const TLaneVector*>(dy);
+  for (int l = 0; l < mfit; ++l, ++k) {
+    const TLaneVector* wl = reinterpret_cast<const TLaneVector*>(wt + l * kBlock);
+    TLaneVector a = s[k];
+    for (int i = 0; i < kVectors; ++i) a += dyv[i] * wl[i];
+    s[k] = a;
+  }
+  const TLaneVector* wv = reinterpret_cast<const TLaneVector*>(w);
+  TLaneVector a = s[k];
+  for (int i = 0; i < kVectors; ++i) a += dyv[i] * dyv[i] * wv[i];
+  s[k] = a;
+}
+
+} // namespace
+
+void TChiSqrMinimizer::TAlignedDelete::operator()(double* p) const {
+  ::operator delete[](p, std::align_val_t(kAlignment));
+}
 
 TChiSqrMinimizer::TChiSqrMinimizer(int numberOfParameters)
     : FNumberOfParameters(std::max(numberOfParameters, 0)) {
   const int ma = FNumberOfParameters;
   const size_t m = static_cast<size_t>(std::max(ma, 1));
-  // One block for all doubles: 9 vectors and 3 matrices.
-  FDoubleBlock.reset(new double[9 * m + 3 * m * m]());
+  // One aligned block for all doubles: 9 vectors and 3 matrices, then the block buffers, each starting on a
+  // whole lane vector.
+  const size_t head = RoundUpToLanes(9 * m + 3 * m * m);
+  const size_t sums = (m * (m + 1) / 2 + m + 1) * kLanes;
+  const size_t total = head + 6 * kBlock + 2 * m * kBlock + sums;
+  FDoubleBlock.reset(
+      static_cast<double*>(::operator new[](total * sizeof(double), std::align_val_t(kAlignment))));
   double* d = FDoubleBlock.get();
+  std::fill(d, d + total, 0.0);
   FParameters = d, d += m;
   FStartParameters = d, d += m;
   FUpperLimit = d, d += m;
@@ -26,7 +95,17 @@ TChiSqrMinimizer::TChiSqrMinimizer(int numberOfParameters)
   FOneDa = d, d += m;
   FAlpha = d, d += m * m;
   FCovar = d, d += m * m;
-  d += m * m; // spare matrix keeps the block size uniform
+  d = FDoubleBlock.get() + head; // a spare matrix keeps the head size uniform
+  FBlockX = d, d += kBlock;
+  FBlockYData = d, d += kBlock;
+  FBlockY = d, d += kBlock;
+  FBlockW = d, d += kBlock;
+  FBlockOnes = d, d += kBlock;
+  FBlockDy = d, d += kBlock;
+  FBlockD = d, d += m * kBlock;
+  FBlockWt = d, d += m * kBlock;
+  FLaneSums = d;
+  std::fill(FBlockOnes, FBlockOnes + kBlock, 1.0);
   FIntBlock.reset(new int[4 * m]());
   FIndxc = FIntBlock.get();
   FIndxr = FIndxc + m;
@@ -217,43 +296,73 @@ void TChiSqrMinimizer::mrqmin(const double* x, const double* y, const double* si
   }
 }
 
+bool TChiSqrMinimizer::EvaluateBlock(const double* x, int count, const double* p) {
+  try {
+    if (FBlockModel) {
+      FBlockModel(x, p, FBlockY, FBlockD, FNumberOfParameters, this);
+    } else {
+      for (int j = 0; j < count; ++j) {
+        FBlockY[j] = 0.0;
+        CallModel(x[j], p, FBlockY[j], FDerivatives);
+        if (FErrorCode != csmOk) return false;
+        for (int l = 0; l < FMFit; ++l) FBlockD[FVaried[l] * kBlock + j] = FDerivatives[FVaried[l]];
+      }
+    }
+  } catch (const std::exception& e) {
+    SetError(csmException, std::string("mrqcof:LMF ") + e.what());
+  } catch (...) {
+    SetError(csmException, "mrqcof:LMF Unknown Exception");
+  }
+  return FErrorCode == csmOk;
+}
+
+// The textbook sums over the points, taken block by block: the model fills a block of values and
+// derivatives, AccumulateBlock adds it to the lane sums of the lower triangle of alpha, of beta and of
+// chi-square. A short last block is padded with copies of the last point whose residual and derivatives are
+// set to 0, so padding adds exact zeros. A failing model ends the round with the chi-square of the blocks
+// before.
 void TChiSqrMinimizer::mrqcof(const double* x, const double* y, const double* sigma, int n, const double* p,
                               double* alpha, double* beta) {
   const int ma = FNumberOfParameters;
   const int mfit = FMFit;
-  const int* varied = FVaried;
-  double* dyda = FDerivatives;
-  for (int j = 0; j < mfit; ++j) {
-    for (int k = 0; k <= j; ++k) alpha[j * ma + k] = 0.0;
-    beta[j] = 0.0;
-  }
-  double chisq = 0.0;
-  for (int i = 0; i < n; ++i) {
-    double ymod = 0.0;
-    try {
-      CallModel(x[i], p, ymod, dyda);
-    } catch (const std::exception& e) {
-      SetError(csmException, std::string("mrqcof:LMF ") + e.what());
-    } catch (...) {
-      SetError(csmException, "mrqcof:LMF Unknown Exception");
+  const int pairs = mfit * (mfit + 1) / 2;
+  double* chiSums = FLaneSums + static_cast<size_t>(pairs + mfit) * kLanes;
+  std::fill(FLaneSums, chiSums + kLanes, 0.0);
+  for (int start = 0; start < n; start += kBlock) {
+    const int count = std::min(kBlock, n - start);
+    const double* bx = x + start;
+    const double* by = y + start;
+    if (count < kBlock) {
+      std::copy(bx, bx + count, FBlockX);
+      std::fill(FBlockX + count, FBlockX + kBlock, bx[count - 1]);
+      std::copy(by, by + count, FBlockYData);
+      std::fill(FBlockYData + count, FBlockYData + kBlock, by[count - 1]);
+      bx = FBlockX;
+      by = FBlockYData;
     }
-    if (FErrorCode != csmOk) {
-      FChiSqr = chisq;
+    const double* w = FBlockOnes;
+    if (sigma || count < kBlock) {
+      for (int j = 0; j < count; ++j) FBlockW[j] = sigma ? 1.0 / (sigma[start + j] * sigma[start + j]) : 1.0;
+      std::fill(FBlockW + count, FBlockW + kBlock, 0.0);
+      w = FBlockW;
+    }
+    if (!EvaluateBlock(bx, count, p)) {
+      FChiSqr = ReduceLanes(chiSums);
       return;
     }
-    const double sig2i = sigma ? 1.0 / (sigma[i] * sigma[i]) : 1.0;
-    const double dy = y[i] - ymod;
-    for (int l = 0; l < mfit; ++l) {
-      const double wt = dyda[varied[l]] * sig2i;
-      double* row = alpha + l * ma;
-      for (int m = 0; m <= l; ++m) row[m] += wt * dyda[varied[m]];
-      beta[l] += dy * wt;
+    for (int j = count; j < kBlock; ++j) {
+      FBlockY[j] = by[j];
+      for (int l = 0; l < mfit; ++l) FBlockD[FVaried[l] * kBlock + j] = 0.0;
     }
-    chisq += dy * dy * sig2i;
+    AccumulateBlock(by, FBlockY, w, FBlockD, FVaried, mfit, FBlockDy, FBlockWt, FLaneSums);
   }
+  const double* s = FLaneSums;
+  for (int j = 0; j < mfit; ++j)
+    for (int k = 0; k <= j; ++k, s += kLanes) alpha[j * ma + k] = ReduceLanes(s);
+  for (int j = 0; j < mfit; ++j, s += kLanes) beta[j] = ReduceLanes(s);
   for (int j = 1; j < mfit; ++j)
     for (int k = 0; k < j; ++k) alpha[k * ma + j] = alpha[j * ma + k];
-  FChiSqr = chisq;
+  FChiSqr = ReduceLanes(s);
 }
 
 void TChiSqrMinimizer::covsrt(double* covar) {

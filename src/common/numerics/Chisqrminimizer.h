@@ -22,6 +22,23 @@ using TCSMEstimatorClosure = std::function<void(
     const double* x, const double* y, double* scratch1, double* scratch2, int numberOfParameters,
     const bool* useEstimated, double* parameters, int numberOfPoints, TChiSqrMinimizer* minimizer)>;
 
+/// Number of points a block model evaluates in one call.
+inline constexpr int kCSMBlockSize = 64;
+/// A block model: for the kCSMBlockSize abscissae x it writes the values y[i] and the derivatives
+/// derivatives[k * kCSMBlockSize + i] by parameter k. It stands beside a per-point model of the same
+/// function: fits use the block form, single values the per-point form. A short last block is padded with
+/// copies of the last point, so a block model always computes all kCSMBlockSize points and needs no tail
+/// handling.
+using TCSMBlockModelFunction = void (*)(const double* x, const double* parameters, double* y,
+                                        double* derivatives, int n, TChiSqrMinimizer* minimizer);
+
+// Loops over a block of points are compiled for the common vector extensions and chosen at load time.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+#define OX_SIMD_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
+#else
+#define OX_SIMD_CLONES
+#endif
+
 /// Status codes of a run (ErrorCode).
 enum TCSMErrorCode : int {
   csmOk = 0,
@@ -51,6 +68,9 @@ public:
   void SetModelClosure(TCSMModelClosure model) { FModelClosure = std::move(model); }
   void SetEstimatorFunction(TCSMEstimatorFunction estimator) { FEstimator = estimator; }
   void SetEstimatorClosure(TCSMEstimatorClosure estimator) { FEstimatorClosure = std::move(estimator); }
+  /// The block form of the per-point model; used by fits when set beside a per-point model (null: none).
+  void SetBlockModelFunction(TCSMBlockModelFunction model) { FBlockModel = model; }
+  TCSMBlockModelFunction GetBlockModelFunction() const { return FBlockModel; }
   /// @}
 
   /// @{ Per-parameter settings; an index out of range is ignored, a getter then returns 0 or false.
@@ -118,9 +138,16 @@ private:
   void CheckLimits(double* p);
   bool HasModel() const;
   void CallModel(double x, const double* p, double& y, double* derivatives);
+  /// Model values and derivatives of the varied parameters for count points from x into the block buffers;
+  /// false when the model failed (ErrorCode set).
+  bool EvaluateBlock(const double* x, int count, const double* p);
+
+  struct TAlignedDelete {
+    void operator()(double* p) const;
+  };
 
   int FNumberOfParameters;
-  std::unique_ptr<double[]> FDoubleBlock;
+  std::unique_ptr<double[], TAlignedDelete> FDoubleBlock;
   std::unique_ptr<int[]> FIntBlock;
   std::unique_ptr<bool[]> FBoolBlock;
   double* FParameters;
@@ -143,11 +170,23 @@ private:
   bool* FHasUpperLimit;
   bool* FHasLowerLimit;
 
+  // Buffers of one block of points (kCSMBlockSize each, 64-byte aligned) for the normal equations.
+  double* FBlockX;     ///< abscissae of a padded last block
+  double* FBlockYData; ///< measured values of a padded last block
+  double* FBlockY;     ///< model values
+  double* FBlockW;     ///< weights 1/sigma^2, 0 for padding
+  double* FBlockOnes;  ///< weights without sigma
+  double* FBlockDy;    ///< residuals
+  double* FBlockD;     ///< derivatives, kCSMBlockSize per parameter
+  double* FBlockWt;    ///< weighted derivatives, kCSMBlockSize per fitted parameter
+  double* FLaneSums;   ///< running sums of alpha, beta and chi-square, one vector of lanes each
+
   std::unique_ptr<double[]> FScratch; ///< two estimator arrays of FScratchSize each
   int FScratchSize = 0;
 
   TCSMModelFunction FModel = nullptr;
   TCSMModelClosure FModelClosure;
+  TCSMBlockModelFunction FBlockModel = nullptr;
   TCSMEstimatorFunction FEstimator = nullptr;
   TCSMEstimatorClosure FEstimatorClosure;
 
