@@ -16,6 +16,13 @@ class TDataField;
 class TMCC;
 class TData;
 
+/// The file version of this software, and the one being written: 6, or 5 while a compatible save runs.
+/// Classes that changed in version 6 write their older form while SaveVersion is below 6.
+struct TFileVersion {
+  static constexpr int32_t ThisVersion = 6;
+  static inline int32_t SaveVersion = ThisVersion;
+};
+
 /// What data objects need of the project that owns them; the project implements it. Data objects refer
 /// to each other by ID and reach each other only through these calls.
 class IDataProject {

@@ -3,7 +3,10 @@
 #include "data/Registerdata.h"
 
 #include "data/Dcustom.h"
+#include "data/Dgraph.h"
+#include "data/Dimage.h"
 
 void RegisterDataClasses() {
-  // The classes register themselves here as they are built, in the fixed order of the registry.
+  TData::RegisterDataObject(TDImage::kClassName, &TDImage::CreateDataObject);
+  TData::RegisterDataObject(TDGraph::kClassName, &TDGraph::CreateDataObject);
 }

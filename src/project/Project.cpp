@@ -8,7 +8,6 @@
 #include "common/Standardmessage.h"
 #include "common/threads/Multicorecalc.h"
 
-int32_t TProject::SaveVersion = TProject::ThisVersion;
 bool TProject::ShowLockNumber = false;
 
 namespace {

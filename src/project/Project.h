@@ -32,9 +32,9 @@ public:
   TProject(const TProject&) = delete;
   TProject& operator=(const TProject&) = delete;
 
-  static constexpr int32_t ThisVersion = 6;
+  static constexpr int32_t ThisVersion = TFileVersion::ThisVersion;
   /// The version written for: 6, or 5 while a compatible save runs.
-  static int32_t SaveVersion;
+  static inline int32_t& SaveVersion = TFileVersion::SaveVersion;
   static bool ShowLockNumber;
   /// File identifications.
   static constexpr const char* kProjectIdentification = "ORX_PR06";

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "common/memory/Memorymanagement.h"
 #include "data/Dcustom.h"
 #include "project/Project.h"
 
@@ -68,6 +69,14 @@ public:
 
   bool ProjectHasID(int32_t id) const { return GetProject()->DataIDExists(id); }
 };
+
+/// Creates the heap memory strategy once, for tests that make data fields.
+inline void EnsureMemoryStrategy() {
+  if (!TMemoryManagement::PartialMemoryAllocator) {
+    TMemoryManagement::CurrentStrategy = 0;
+    TMemoryManagement::CreateMemoryStrategy();
+  }
+}
 
 /// Registers the test class once.
 inline void RegisterTestDataObjects() {
