@@ -6,6 +6,8 @@
 
 #include "CliCommon.h"
 #include "common/Saveandload.h"
+#include "data/Dgraph.h"
+#include "data/Dimage.h"
 
 namespace orvexcli {
 namespace {
@@ -97,7 +99,13 @@ void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool 
     throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(result) + ": " + fileName);
 }
 
-std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData&) { return {}; }
+std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& data) {
+  if (const auto* graph = dynamic_cast<const TDGraph*>(&data))
+    return {{"sizeX", graph->GetSizeX()}, {"sizeY", graph->GetSizeY()}, {"sizeGraph", graph->GetSizeGraph()}};
+  if (const auto* image = dynamic_cast<const TDImageBase*>(&data))
+    return {{"sizeX", image->GetSizeX()}, {"sizeY", image->GetSizeY()}};
+  return {};
+}
 
 std::vector<std::string> DescribeObjectAxes(const TData&) { return {}; }
 

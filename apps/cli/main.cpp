@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
   AddTagCommands(app, ctx);
   AddProjectCommands(app, ctx);
   AddFitCommands(app, ctx);
+  AddDataCommands(app, ctx);
   AddConfigCommands(app, ctx);
 
   try {
