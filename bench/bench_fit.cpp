@@ -1,13 +1,16 @@
 // Fits per second of one Lorentzian on a linear background over noisy 1024-point spectra, over the whole
-// spectrum and over 100 points around the band, on one thread and on all threads.
+// spectrum and over 100 points around the band, with the block model and with the per-point model, on one
+// thread and on all threads of a calculation controller (one minimizer per thread).
 #include "common/numerics/Chisqrminimizer.h"
 #include "common/numerics/Fitfunctions.h"
+#include "common/threads/Multicorecalc.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
+#include <memory>
 #include <numbers>
 #include <random>
 #include <thread>
@@ -18,18 +21,34 @@ namespace {
 constexpr int kPoints = 1024;
 constexpr int kSpectra = 512;
 constexpr int kRange = 100;
+constexpr int kRoundsPerRun = 4; // one controller run fits every spectrum this often
 
-// y = a + b x + 2A/pi w / (4 (x-x0)^2 + w^2); parameters a, b, x0, w, A.
+// y = a + b x + 2A/pi w / (4 (x-x0)^2 + w^2); parameters a, b, x0, w, A. One division serves value and
+// derivatives.
+[[gnu::always_inline]] inline void LorentzLinearPoint(double x, const double* p, double& y, double& d0,
+                                                      double& d1, double& d2, double& d3, double& d4) {
+  const double dx = x - p[2], w = p[3];
+  const double r = 1.0 / (4.0 * dx * dx + w * w);
+  const double c = 2.0 / std::numbers::pi * p[4];
+  const double peak = c * w * r;
+  y = p[0] + p[1] * x + peak;
+  d0 = 1.0;
+  d1 = x;
+  d2 = 8.0 * peak * dx * r;
+  d3 = c * (4.0 * dx * dx - w * w) * r * r;
+  d4 = 2.0 / std::numbers::pi * w * r;
+}
+
 void LorentzLinearModel(double x, const double* p, double& y, double* d, int, TChiSqrMinimizer*) {
-  const double dx = x - p[2], w = p[3], a = p[4];
-  const double den = 4.0 * dx * dx + w * w;
-  const double c = 2.0 / std::numbers::pi * a;
-  y = p[0] + p[1] * x + c * w / den;
-  d[0] = 1.0;
-  d[1] = x;
-  d[2] = c * w * 8.0 * dx / (den * den);
-  d[3] = c * (4.0 * dx * dx - w * w) / (den * den);
-  d[4] = 2.0 / std::numbers::pi * w / den;
+  LorentzLinearPoint(x, p, y, d[0], d[1], d[2], d[3], d[4]);
+}
+
+OX_SIMD_CLONES
+void LorentzLinearBlock(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                        double* __restrict d, int, TChiSqrMinimizer*) {
+  constexpr int b = kCSMBlockSize;
+  for (int i = 0; i < b; ++i)
+    LorentzLinearPoint(x[i], p, y[i], d[i], d[b + i], d[2 * b + i], d[3 * b + i], d[4 * b + i]);
 }
 
 void LorentzLinearEstimator(const double* x, const double* y, double*, double*, int, const bool*, double* p,
@@ -69,51 +88,82 @@ TSpectra MakeSpectra() {
   return s;
 }
 
-struct TResult {
-  long Fits = 0;
-  long Failed = 0;
-};
-
-// Fits spectra first, first+step, ... until the deadline; one minimizer for all of them.
-TResult Worker(const TSpectra& s, bool range, int first, int step,
-               std::chrono::steady_clock::time_point deadline) {
-  TChiSqrMinimizer csm(5);
-  csm.SetModelFunction(LorentzLinearModel);
-  csm.SetEstimatorFunction(LorentzLinearEstimator);
-  TResult r;
-  for (int k = first;; k += step) {
-    if ((r.Fits & 15) == 0 && std::chrono::steady_clock::now() >= deadline) break;
-    const int idx = k % kSpectra;
-    int from = 0, n = kPoints;
-    if (range) {
-      from = std::clamp(s.Band[idx] - kRange / 2, 0, kPoints - kRange);
-      n = kRange;
-    }
-    const double* x = s.X.data() + from;
-    const double* y = s.Y[idx].data() + from;
-    csm.EstimateParameters(x, y, n);
-    csm.LevenbergMarquardtMinimize(x, y, nullptr, n);
-    ++r.Fits;
-    if (csm.GetErrorCode() != 0) ++r.Failed;
-  }
-  return r;
+std::unique_ptr<TChiSqrMinimizer> MakeMinimizer(bool block) {
+  auto csm = std::make_unique<TChiSqrMinimizer>(5);
+  csm->SetModelFunction(LorentzLinearModel);
+  if (block) csm->SetBlockModelFunction(LorentzLinearBlock);
+  csm->SetEstimatorFunction(LorentzLinearEstimator);
+  return csm;
 }
 
-void Run(const TSpectra& s, bool range, int threads) {
-  const double seconds = 1.5;
+// Estimates and fits spectrum idx (whole or the range around its band); true when the fit ended with code 0.
+bool FitOne(TChiSqrMinimizer& csm, const TSpectra& s, int idx, bool range) {
+  int from = 0, n = kPoints;
+  if (range) {
+    from = std::clamp(s.Band[idx] - kRange / 2, 0, kPoints - kRange);
+    n = kRange;
+  }
+  const double* x = s.X.data() + from;
+  const double* y = s.Y[idx].data() + from;
+  csm.EstimateParameters(x, y, n);
+  csm.LevenbergMarquardtMinimize(x, y, nullptr, n);
+  return csm.GetErrorCode() == 0;
+}
+
+double CpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+// Runs the controller over kSpectra * kRoundsPerRun fits until at least a second has passed.
+void Run(const TSpectra& s, bool range, bool block, int threads) {
+  std::vector<std::unique_ptr<TChiSqrMinimizer>> minimizers;
+  for (int t = 0; t < threads; ++t) minimizers.push_back(MakeMinimizer(block));
+  std::vector<long> failed(threads, 0);
+  const int elements = kSpectra * kRoundsPerRun;
+  TMCC mcc(
+      "bench_fit",
+      [&](TMCC* m, int t) {
+        const int first = TMCC::GetFirstElementIndex(t, m->GetNumberOfThreads(), elements);
+        const int last = TMCC::GetLastElementIndex(t, m->GetNumberOfThreads(), elements);
+        for (int e = first; e <= last; ++e)
+          if (!FitOne(*minimizers[t], s, e % kSpectra, range)) ++failed[t];
+      },
+      threads);
+  mcc.SetThreadPriorityForAllThreads(0);
+  mcc.PrepareThreads();
+  long fits = 0;
+  const double cpu0 = CpuSeconds();
   const auto start = std::chrono::steady_clock::now();
-  const auto deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                    std::chrono::duration<double>(seconds));
-  std::vector<TResult> results(threads);
-  std::vector<std::thread> pool;
-  for (int t = 0; t < threads; ++t)
-    pool.emplace_back([&, t] { results[t] = Worker(s, range, t, threads, deadline); });
-  for (auto& th : pool) th.join();
-  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  long fits = 0, failed = 0;
-  for (const TResult& r : results) fits += r.Fits, failed += r.Failed;
-  std::printf("%-22s threads %2d: %10.0f fits/s  (%ld fits, %ld not converged)\n",
-              range ? "100-point range" : "whole spectrum (1024)", threads, fits / elapsed, fits, failed);
+  double elapsed = 0.0;
+  do {
+    mcc.StartThreadsWait(threads);
+    fits += elements;
+    elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  } while (elapsed < 1.0);
+  const double cpu = CpuSeconds() - cpu0;
+  long notConverged = 0;
+  for (long f : failed) notConverged += f;
+  std::printf("%-22s %-9s threads %d: %9.0f fits/s  %9.0f fits per CPU second  (%ld fits, %ld not "
+              "converged)\n",
+              range ? "100-point range" : "whole spectrum (1024)", block ? "block" : "per-point",
+              mcc.GetNumberOfThreads(), fits / elapsed, fits / cpu, fits, notConverged);
+}
+
+// Largest relative difference of the parameters between the block and the per-point path over some spectra.
+double PathDifference(const TSpectra& s) {
+  auto a = MakeMinimizer(true), b = MakeMinimizer(false);
+  double worst = 0.0;
+  for (int k = 0; k < 64; ++k) {
+    FitOne(*a, s, k, false);
+    FitOne(*b, s, k, false);
+    for (int i = 0; i < 5; ++i) {
+      const double pa = a->GetParameter(i), pb = b->GetParameter(i);
+      worst = std::max(worst, std::fabs(pa - pb) / std::max(std::fabs(pb), 1e-300));
+    }
+  }
+  return worst;
 }
 
 } // namespace
@@ -123,17 +173,18 @@ int main() {
   const int all = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
   // Accuracy check on one spectrum so that the figures belong to real fits.
   {
-    TChiSqrMinimizer csm(5);
-    csm.SetModelFunction(LorentzLinearModel);
-    csm.SetEstimatorFunction(LorentzLinearEstimator);
-    csm.EstimateParameters(s.X.data(), s.Y[0].data(), kPoints);
-    csm.LevenbergMarquardtMinimize(s.X.data(), s.Y[0].data(), nullptr, kPoints);
+    auto csm = MakeMinimizer(true);
+    FitOne(*csm, s, 0, false);
     std::printf("spectrum 0: center %.3f (true band near %d), width %.3f, iterations %d, status %d\n",
-                csm.GetParameter(2), s.Band[0], csm.GetParameter(3), csm.GetIterations(), csm.GetErrorCode());
+                csm->GetParameter(2), s.Band[0], csm->GetParameter(3), csm->GetIterations(),
+                csm->GetErrorCode());
+    std::printf("block against per-point path, largest relative parameter difference: %.3g\n",
+                PathDifference(s));
   }
-  for (bool range : {false, true}) {
-    Run(s, range, 1);
-    if (all > 1) Run(s, range, all);
-  }
+  for (bool range : {false, true})
+    for (bool block : {true, false}) {
+      Run(s, range, block, 1);
+      if (all > 1) Run(s, range, block, all);
+    }
   return 0;
 }

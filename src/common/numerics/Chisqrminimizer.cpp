@@ -34,32 +34,35 @@ double ReduceLanes(const double* s) {
 OX_SIMD_CLONES
 void AccumulateBlock(const double* yData, const double* yModel, const double* w, const double* d,
                      const int* varied, int mfit, double* dy, double* wt, double* sums) {
-  for (int i = 0; i < kBlock; ++i) dy[i] = yData[i] - yModel[i];
-  for (int l = 0; l < mfit; ++l) {
-    const double* dl = d + varied[l] * kBlock;
-    double* wl = wt + l * kBlock;
-    for (int i = 0; i < kBlock; ++i) wl[i] = dl[i] * w[i];
-  }
   constexpr int kVectors = kBlock / kLanes;
+  const auto lanes = [](const double* p) { return reinterpret_cast<const TLaneVector*>(p); };
+  TLaneVector* dyv = reinterpret_cast<TLaneVector*>(dy);
+  const TLaneVector* yd = lanes(yData);
+  const TLaneVector* ym = lanes(yModel);
+  const TLaneVector* wv = lanes(w);
+  for (int i = 0; i < kVectors; ++i) dyv[i] = yd[i] - ym[i];
+  for (int l = 0; l < mfit; ++l) {
+    const TLaneVector* dl = lanes(d + varied[l] * kBlock);
+    TLaneVector* wl = reinterpret_cast<TLaneVector*>(wt + l * kBlock);
+    for (int i = 0; i < kVectors; ++i) wl[i] = dl[i] * wv[i];
+  }
   TLaneVector* s = reinterpret_cast<TLaneVector*>(sums);
   int k = 0;
   for (int l = 0; l < mfit; ++l) {
-    const TLaneVector* wl = reinterpret_cast<const TLaneVector*>(wt + l * kBlock);
+    const TLaneVector* wl = lanes(wt + l * kBlock);
     for (int m = 0; m <= l; ++m, ++k) {
-      const TLaneVector* dm = reinterpret_cast<const TLaneVector*>(d + varied[m] * kBlock);
+      const TLaneVector* dm = lanes(d + varied[m] * kBlock);
       TLaneVector a = s[k];
       for (int i = 0; i < kVectors; ++i) a += wl[i] * dm[i];
       s[k] = a;
     }
   }
-  const TLaneVector* dyv = reinterpret_cast<const TLaneVector*>(dy);
   for (int l = 0; l < mfit; ++l, ++k) {
-    const TLaneVector* wl = reinterpret_cast<const TLaneVector*>(wt + l * kBlock);
+    const TLaneVector* wl = lanes(wt + l * kBlock);
     TLaneVector a = s[k];
     for (int i = 0; i < kVectors; ++i) a += dyv[i] * wl[i];
     s[k] = a;
   }
-  const TLaneVector* wv = reinterpret_cast<const TLaneVector*>(w);
   TLaneVector a = s[k];
   for (int i = 0; i < kVectors; ++i) a += dyv[i] * dyv[i] * wv[i];
   s[k] = a;

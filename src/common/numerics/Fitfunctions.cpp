@@ -299,6 +299,7 @@ TTagError TFitFunction::LoadFromTagFile(TFileHandle file, const TTagControl& par
 void TNLFitFunction::InitializeCSM(TChiSqrMinimizer* m) {
   m->SetModelFunction(Model);
   m->SetModelClosure(ModelClosure);
+  m->SetBlockModelFunction(BlockModel);
   m->SetEstimatorFunction(Estimator);
   m->SetEstimatorClosure(EstimatorClosure);
   m->Tolerance = Tolerance;
@@ -423,6 +424,103 @@ void TNLFitFunction::CreateErrorMessage(const TChiSqrMinimizer* m, std::string& 
 
 // ---------------------------------------------------------------------------------------------
 // Models
+//
+// Each model has a per-point form and a block form (kCSMBlockSize points per call). Both use the same
+// inline term functions, so they compute the same expressions; the block forms run the terms in loops
+// without branches over the points, which the compiler turns into vector code. Only the exponential itself
+// stays a scalar library call, in a loop of its own.
+
+namespace {
+
+constexpr int kB = kCSMBlockSize;
+
+#define OX_TERM [[gnu::always_inline]] inline
+
+// Lorentz term 2A/pi w / (4 dx^2 + w^2) and its derivatives by x0, w and A; one division serves all.
+OX_TERM void LorentzTerm(double dx, double w, double a, double& v, double& dX0, double& dW, double& dA) {
+  const double dx2 = dx * dx;
+  const double r = 1.0 / (4.0 * dx2 + w * w);
+  const double c = k2OverPi * a;
+  v = c * w * r;
+  dX0 = 8.0 * v * dx * r;
+  dW = c * (4.0 * dx2 - w * w) * r * r;
+  dA = k2OverPi * w * r;
+}
+
+// Exponent of a Gauss term, -0.5 dx^2 / s^2, with is2 = 1/s^2.
+OX_TERM double GaussArgument(double dx, double is2) {
+  return -0.5 * dx * dx * is2;
+}
+// The exponential of a Gauss term: 0 below an argument of -200.
+OX_TERM double GaussExp(double arg) {
+  return arg < -200.0 ? 0.0 : std::exp(arg);
+}
+// Gauss term Amp e and its derivatives by x0, s and Amp from the exponential e.
+OX_TERM void GaussTerm(double dx, double is2, double s, double a, double e, double& v, double& dX0,
+                       double& dS, double& dA) {
+  v = a * e;
+  dX0 = v * dx * is2;
+  dS = dX0 * dx / s;
+  dA = e;
+}
+
+// Exponent of the Gauss part of a pseudo-Voigt, 4 ln2 dx^2 / wg^2, with iwg2 = 1/wg^2.
+OX_TERM double VoigtGaussExponent(double dx, double iwg2) {
+  return k4Ln2 * dx * dx * iwg2;
+}
+OX_TERM double VoigtGaussExp(double q) {
+  return q > 700.0 ? 0.0 : std::exp(-q);
+}
+
+// Lorentz and Gauss parts of the pseudo-Voigt (unit area) with their derivatives by x0 and by width.
+struct TVoigtParts {
+  double L, dLdx0, dLdw, G, dGdx0, dGdw;
+};
+// The parts at dx from the Gauss exponent q and its exponential eq = exp(-q).
+OX_TERM TVoigtParts VoigtPartsFrom(double dx, double wl, double wg, double iwg2, double q, double eq) {
+  TVoigtParts v;
+  const double r = 1.0 / (4.0 * dx * dx + wl * wl);
+  v.L = k2OverPi * wl * r;
+  v.dLdx0 = 8.0 * v.L * dx * r;
+  v.dLdw = k2OverPi * (4.0 * dx * dx - wl * wl) * r * r;
+  v.G = kSqrt4Ln2 / (kSqrtPi * wg) * eq;
+  v.dGdx0 = v.G * 2.0 * k4Ln2 * dx * iwg2;
+  v.dGdw = v.G * (2.0 * q - 1.0) / wg;
+  return v;
+}
+TVoigtParts VoigtParts(double dx, double wl, double wg) {
+  const double iwg2 = 1.0 / (wg * wg);
+  const double q = VoigtGaussExponent(dx, iwg2);
+  return VoigtPartsFrom(dx, wl, wg, iwg2, q, VoigtGaussExp(q));
+}
+
+// Adds a (mu L + (1-mu) G) to y and gives the derivatives of a pseudo-Voigt by x0, the Lorentz and the Gauss
+// width, the area and the shape factor (with one width for both parts, its derivative is dWl + dWg).
+OX_TERM void VoigtTerm(const TVoigtParts& v, double a, double mu, double& y, double& dX0, double& dWl,
+                       double& dWg, double& dA, double& dMu) {
+  const double shape = mu * v.L + (1.0 - mu) * v.G;
+  y += a * shape;
+  dX0 = a * (mu * v.dLdx0 + (1.0 - mu) * v.dGdx0);
+  dWl = a * mu * v.dLdw;
+  dWg = a * (1.0 - mu) * v.dGdw;
+  dA = shape;
+  dMu = a * (v.L - v.G);
+}
+
+// Exponent -(x - x0)/t of a decay term.
+OX_TERM double DecayExponent(double x, double x0, double it) {
+  return -(x - x0) * it;
+}
+// Decay term A e with its derivatives by A and t and the contribution to the derivative by x0.
+OX_TERM void DecayTerm(double x, double x0, double a, double it, double e, double& v, double& dX0, double& dA,
+                       double& dT) {
+  v = a * e;
+  dX0 = v * it;
+  dA = e;
+  dT = v * (x - x0) * it * it;
+}
+
+} // namespace
 
 void CSMGauss(double x, const double* p, double& y, double* d, int n, TChiSqrMinimizer*) {
   const int nf = (n - 1) / 3;
@@ -430,13 +528,32 @@ void CSMGauss(double x, const double* p, double& y, double* d, int n, TChiSqrMin
   d[0] = 1.0;
   for (int i = 0; i < nf; ++i) {
     const double x0 = p[1 + 3 * i], s = p[2 + 3 * i], a = p[3 + 3 * i];
-    const double dx = x - x0;
-    const double arg = -0.5 * dx * dx / (s * s);
-    const double e = arg < -200.0 ? 0.0 : std::exp(arg);
-    y += a * e;
-    d[1 + 3 * i] = a * e * dx / (s * s);
-    d[2 + 3 * i] = a * e * dx * dx / (s * s * s);
-    d[3 + 3 * i] = e;
+    const double dx = x - x0, is2 = 1.0 / (s * s);
+    double v;
+    GaussTerm(dx, is2, s, a, GaussExp(GaussArgument(dx, is2)), v, d[1 + 3 * i], d[2 + 3 * i], d[3 + 3 * i]);
+    y += v;
+  }
+}
+
+OX_SIMD_CLONES
+void CSMGaussBlock(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                   double* __restrict d, int n, TChiSqrMinimizer*) {
+  const int nf = (n - 1) / 3;
+  for (int i = 0; i < kB; ++i) y[i] = p[0], d[i] = 1.0;
+  double e[kB];
+  for (int f = 0; f < nf; ++f) {
+    const double x0 = p[1 + 3 * f], s = p[2 + 3 * f], a = p[3 + 3 * f];
+    const double is2 = 1.0 / (s * s);
+    double* __restrict dX0 = d + (1 + 3 * f) * kB;
+    double* __restrict dS = d + (2 + 3 * f) * kB;
+    double* __restrict dA = d + (3 + 3 * f) * kB;
+    for (int i = 0; i < kB; ++i) e[i] = GaussArgument(x[i] - x0, is2);
+    for (int i = 0; i < kB; ++i) e[i] = GaussExp(e[i]);
+    for (int i = 0; i < kB; ++i) {
+      double v;
+      GaussTerm(x[i] - x0, is2, s, a, e[i], v, dX0[i], dS[i], dA[i]);
+      y[i] += v;
+    }
   }
 }
 
@@ -445,57 +562,94 @@ void CSMLorentz(double x, const double* p, double& y, double* d, int n, TChiSqrM
   y = p[0];
   d[0] = 1.0;
   for (int i = 0; i < nf; ++i) {
-    const double x0 = p[1 + 3 * i], w = p[2 + 3 * i], a = p[3 + 3 * i];
-    const double dx = x - x0;
-    const double den = 4.0 * dx * dx + w * w;
-    const double c = k2OverPi * a;
-    y += c * w / den;
-    d[1 + 3 * i] = c * w * 8.0 * dx / (den * den);
-    d[2 + 3 * i] = c * (4.0 * dx * dx - w * w) / (den * den);
-    d[3 + 3 * i] = k2OverPi * w / den;
+    double v;
+    LorentzTerm(x - p[1 + 3 * i], p[2 + 3 * i], p[3 + 3 * i], v, d[1 + 3 * i], d[2 + 3 * i], d[3 + 3 * i]);
+    y += v;
   }
 }
 
-namespace {
-// Lorentz and Gauss parts of the pseudo-Voigt (unit area) with their derivatives by x0 and by width.
-struct TVoigtParts {
-  double L, dLdx0, dLdw, G, dGdx0, dGdw;
-};
-TVoigtParts VoigtParts(double dx, double wl, double wg) {
-  TVoigtParts r;
-  const double den = 4.0 * dx * dx + wl * wl;
-  r.L = k2OverPi * wl / den;
-  r.dLdx0 = k2OverPi * wl * 8.0 * dx / (den * den);
-  r.dLdw = k2OverPi * (4.0 * dx * dx - wl * wl) / (den * den);
-  const double q = k4Ln2 * dx * dx / (wg * wg);
-  r.G = q > 700.0 ? 0.0 : kSqrt4Ln2 / (kSqrtPi * wg) * std::exp(-q);
-  r.dGdx0 = r.G * 2.0 * k4Ln2 * dx / (wg * wg);
-  r.dGdw = r.G * (2.0 * q - 1.0) / wg;
-  return r;
+OX_SIMD_CLONES
+void CSMLorentzBlock(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                     double* __restrict d, int n, TChiSqrMinimizer*) {
+  const int nf = (n - 1) / 3;
+  for (int i = 0; i < kB; ++i) y[i] = p[0], d[i] = 1.0;
+  for (int f = 0; f < nf; ++f) {
+    const double x0 = p[1 + 3 * f], w = p[2 + 3 * f], a = p[3 + 3 * f];
+    double* __restrict dX0 = d + (1 + 3 * f) * kB;
+    double* __restrict dW = d + (2 + 3 * f) * kB;
+    double* __restrict dA = d + (3 + 3 * f) * kB;
+    for (int i = 0; i < kB; ++i) {
+      double v;
+      LorentzTerm(x[i] - x0, w, a, v, dX0[i], dW[i], dA[i]);
+      y[i] += v;
+    }
+  }
 }
-} // namespace
 
 void CSMPsdVoigt1(double x, const double* p, double& y, double* d, int, TChiSqrMinimizer*) {
-  const double y0 = p[0], x0 = p[1], w = p[2], a = p[3], mu = p[4];
+  const double x0 = p[1], w = p[2], a = p[3], mu = p[4];
   const TVoigtParts v = VoigtParts(x - x0, w, w);
-  y = y0 + a * (mu * v.L + (1.0 - mu) * v.G);
+  double dWl, dWg;
+  y = p[0];
   d[0] = 1.0;
-  d[1] = a * (mu * v.dLdx0 + (1.0 - mu) * v.dGdx0);
-  d[2] = a * (mu * v.dLdw + (1.0 - mu) * v.dGdw);
-  d[3] = mu * v.L + (1.0 - mu) * v.G;
-  d[4] = a * (v.L - v.G);
+  VoigtTerm(v, a, mu, y, d[1], dWl, dWg, d[3], d[4]);
+  d[2] = dWl + dWg;
 }
 
 void CSMPsdVoigt2(double x, const double* p, double& y, double* d, int, TChiSqrMinimizer*) {
-  const double y0 = p[0], x0 = p[1], wl = p[2], wg = p[3], a = p[4], mu = p[5];
+  const double x0 = p[1], wl = p[2], wg = p[3], a = p[4], mu = p[5];
   const TVoigtParts v = VoigtParts(x - x0, wl, wg);
-  y = y0 + a * (mu * v.L + (1.0 - mu) * v.G);
+  y = p[0];
   d[0] = 1.0;
-  d[1] = a * (mu * v.dLdx0 + (1.0 - mu) * v.dGdx0);
-  d[2] = a * mu * v.dLdw;
-  d[3] = a * (1.0 - mu) * v.dGdw;
-  d[4] = mu * v.L + (1.0 - mu) * v.G;
-  d[5] = a * (v.L - v.G);
+  VoigtTerm(v, a, mu, y, d[1], d[2], d[3], d[4], d[5]);
+}
+
+namespace {
+// Block form of both pseudo-Voigt models; twoWidths selects the parameter layout.
+OX_TERM void PsdVoigtBlock(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                           double* __restrict d, bool twoWidths) {
+  const double y0 = p[0], x0 = p[1], wl = p[2], wg = twoWidths ? p[3] : p[2];
+  const double a = twoWidths ? p[4] : p[3], mu = twoWidths ? p[5] : p[4];
+  const double iwg2 = 1.0 / (wg * wg);
+  double q[kB], eq[kB];
+  for (int i = 0; i < kB; ++i) q[i] = VoigtGaussExponent(x[i] - x0, iwg2);
+  for (int i = 0; i < kB; ++i) eq[i] = VoigtGaussExp(q[i]);
+  double* __restrict d0 = d;
+  double* __restrict dX0 = d + kB;
+  double* __restrict dWl = d + 2 * kB;
+  double* __restrict dWg = d + 3 * kB;
+  double* __restrict dA = d + (twoWidths ? 4 : 3) * kB;
+  double* __restrict dMu = d + (twoWidths ? 5 : 4) * kB;
+  if (twoWidths) {
+    for (int i = 0; i < kB; ++i) {
+      const TVoigtParts v = VoigtPartsFrom(x[i] - x0, wl, wg, iwg2, q[i], eq[i]);
+      y[i] = y0;
+      d0[i] = 1.0;
+      VoigtTerm(v, a, mu, y[i], dX0[i], dWl[i], dWg[i], dA[i], dMu[i]);
+    }
+  } else {
+    for (int i = 0; i < kB; ++i) {
+      const TVoigtParts v = VoigtPartsFrom(x[i] - x0, wl, wg, iwg2, q[i], eq[i]);
+      double l, g;
+      y[i] = y0;
+      d0[i] = 1.0;
+      VoigtTerm(v, a, mu, y[i], dX0[i], l, g, dA[i], dMu[i]);
+      dWl[i] = l + g;
+    }
+  }
+}
+} // namespace
+
+OX_SIMD_CLONES
+void CSMPsdVoigt1Block(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                       double* __restrict d, int, TChiSqrMinimizer*) {
+  PsdVoigtBlock(x, p, y, d, false);
+}
+
+OX_SIMD_CLONES
+void CSMPsdVoigt2Block(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                       double* __restrict d, int, TChiSqrMinimizer*) {
+  PsdVoigtBlock(x, p, y, d, true);
 }
 
 void CSMExpDecay(double x, const double* p, double& y, double* d, int n, TChiSqrMinimizer*) {
@@ -505,29 +659,51 @@ void CSMExpDecay(double x, const double* p, double& y, double* d, int n, TChiSqr
   d[0] = 1.0;
   d[1] = 0.0;
   for (int i = 0; i < nf; ++i) {
-    const double a = p[2 + 2 * i], t = p[3 + 2 * i];
-    const double exponent = -(x - x0) / t;
-    if (exponent >= 700.0) {
+    const double a = p[2 + 2 * i], it = 1.0 / p[3 + 2 * i];
+    const double exponent = DecayExponent(x, x0, it);
+    if (exponent >= 700.0) { // the term is left out
       d[2 + 2 * i] = d[3 + 2 * i] = 0.0;
       continue;
     }
-    const double e = std::exp(exponent);
-    y += a * e;
-    d[1] += a * e / t;
-    d[2 + 2 * i] = e;
-    d[3 + 2 * i] = a * e * (x - x0) / (t * t);
+    double v, dX0;
+    DecayTerm(x, x0, a, it, std::exp(exponent), v, dX0, d[2 + 2 * i], d[3 + 2 * i]);
+    y += v;
+    d[1] += dX0;
+  }
+}
+
+OX_SIMD_CLONES
+void CSMExpDecayBlock(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                      double* __restrict d, int n, TChiSqrMinimizer*) {
+  const int nf = (n - 2) / 2;
+  const double x0 = p[1];
+  double* __restrict dX0 = d + kB;
+  for (int i = 0; i < kB; ++i) y[i] = p[0], d[i] = 1.0, dX0[i] = 0.0;
+  double exponent[kB], e[kB];
+  for (int f = 0; f < nf; ++f) {
+    const double a = p[2 + 2 * f], it = 1.0 / p[3 + 2 * f];
+    double* __restrict dA = d + (2 + 2 * f) * kB;
+    double* __restrict dT = d + (3 + 2 * f) * kB;
+    for (int i = 0; i < kB; ++i) exponent[i] = DecayExponent(x[i], x0, it);
+    // A left-out term (exponent 700 or above) has e = 0 and adds exact zeros.
+    for (int i = 0; i < kB; ++i) e[i] = exponent[i] >= 700.0 ? 0.0 : std::exp(exponent[i]);
+    for (int i = 0; i < kB; ++i) {
+      double v, dx0;
+      DecayTerm(x[i], x0, a, it, e[i], v, dx0, dA[i], dT[i]);
+      y[i] += v;
+      dX0[i] += dx0;
+    }
   }
 }
 
 void CSMLevenbergMarquardtExponentialDecay(double x, const double* p, double& y, double* d, int,
                                            TChiSqrMinimizer*) {
-  const double y0 = p[0], a = p[1], t = p[2];
-  const double exponent = -x / t;
-  const double e = exponent >= 700.0 ? 0.0 : std::exp(exponent);
-  y = y0 + a * e;
+  const double it = 1.0 / p[2];
+  const double exponent = DecayExponent(x, 0.0, it);
+  double v, dX0;
+  DecayTerm(x, 0.0, p[1], it, exponent >= 700.0 ? 0.0 : std::exp(exponent), v, dX0, d[1], d[2]);
+  y = p[0] + v;
   d[0] = 1.0;
-  d[1] = e;
-  d[2] = a * e * x / (t * t);
 }
 
 void CSMPolynom(double x, const double* p, double& y, double* d, int n, TChiSqrMinimizer*) {
@@ -539,6 +715,24 @@ void CSMPolynom(double x, const double* p, double& y, double* d, int n, TChiSqrM
     power *= x;
   }
 }
+
+OX_SIMD_CLONES
+void CSMPolynomBlock(const double* __restrict x, const double* __restrict p, double* __restrict y,
+                     double* __restrict d, int n, TChiSqrMinimizer*) {
+  double power[kB];
+  for (int i = 0; i < kB; ++i) y[i] = 0.0, power[i] = 1.0;
+  for (int k = 0; k < n; ++k) {
+    double* __restrict dk = d + k * kB;
+    const double pk = p[k];
+    for (int i = 0; i < kB; ++i) {
+      y[i] += pk * power[i];
+      dk[i] = power[i];
+      power[i] *= x[i];
+    }
+  }
+}
+
+#undef OX_TERM
 
 // ---------------------------------------------------------------------------------------------
 // Estimators
@@ -728,6 +922,7 @@ TNLFitGauss::TNLFitGauss() {
   FunctionName = "Gauss";
   Categories = {"Peak Functions"};
   Model = CSMGauss;
+  BlockModel = CSMGaussBlock;
   Estimator = CSMEstimateParametersGauss;
   CreateParameters();
 }
@@ -870,6 +1065,7 @@ TNLFitLorentz::TNLFitLorentz() {
   FunctionName = "Lorentz";
   Categories = {"Peak Functions"};
   Model = CSMLorentz;
+  BlockModel = CSMLorentzBlock;
   Estimator = CSMEstimateParametersLorentz;
   CreateParameters();
 }
@@ -1004,6 +1200,7 @@ TNLFitPsdVoigt1::TNLFitPsdVoigt1() {
   FunctionName = "PsdVoigt1";
   Categories = {"Peak Functions"};
   Model = CSMPsdVoigt1;
+  BlockModel = CSMPsdVoigt1Block;
   Estimator = CSMEstimateParametersPsdVoigt1;
   CreateParameters();
 }
@@ -1039,6 +1236,7 @@ TNLFitPsdVoigt2::TNLFitPsdVoigt2() {
   FunctionName = "PsdVoigt2";
   Categories = {"Peak Functions"};
   Model = CSMPsdVoigt2;
+  BlockModel = CSMPsdVoigt2Block;
   Estimator = CSMEstimateParametersPsdVoigt2;
   CreateParameters();
 }
@@ -1077,6 +1275,7 @@ TNLFitExpDecay::TNLFitExpDecay() {
   FunctionName = "ExpDecay";
   Categories = {"Exponential"};
   Model = CSMExpDecay;
+  BlockModel = CSMExpDecayBlock;
   Estimator = CSMEstimateParametersExpDecay;
   CreateParameters();
 }
@@ -1142,6 +1341,7 @@ TNLFitPolynom::TNLFitPolynom() {
   FunctionName = "Polynom";
   Categories = {"Polynomial"};
   Model = CSMPolynom;
+  BlockModel = CSMPolynomBlock;
   Estimator = CSMEstimateParametersPolynom;
   CreateParameters();
 }
@@ -1249,6 +1449,7 @@ double TNLFitUserDefined::GetFunctionValue(const double* p, double x) const {
 void TNLFitUserDefined::InitializeCSM(TChiSqrMinimizer* m) {
   TNLFitFunction::InitializeCSM(m);
   m->SetModelFunction(nullptr);
+  m->SetBlockModelFunction(nullptr);
   m->SetEstimatorFunction(nullptr);
   m->SetEstimatorClosure(nullptr); // the user's formula has no estimator
 }

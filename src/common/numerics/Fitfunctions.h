@@ -212,6 +212,8 @@ public:
   bool ShowFirstDisplayValue = true;
   TCSMModelFunction Model = nullptr;
   TCSMModelClosure ModelClosure;
+  /// Block form of Model, used for fits when set (see TCSMBlockModelFunction).
+  TCSMBlockModelFunction BlockModel = nullptr;
   TCSMEstimatorFunction Estimator = nullptr;
   TCSMEstimatorClosure EstimatorClosure;
   double Tolerance = 1e-8;
@@ -358,6 +360,13 @@ void CSMExpDecay(double x, const double* p, double& y, double* d, int n, TChiSqr
 void CSMLevenbergMarquardtExponentialDecay(double x, const double* p, double& y, double* d, int n,
                                            TChiSqrMinimizer* csm);
 void CSMPolynom(double x, const double* p, double& y, double* d, int n, TChiSqrMinimizer* csm);
+// Block forms of the models above (kCSMBlockSize points per call).
+void CSMGaussBlock(const double* x, const double* p, double* y, double* d, int n, TChiSqrMinimizer* csm);
+void CSMLorentzBlock(const double* x, const double* p, double* y, double* d, int n, TChiSqrMinimizer* csm);
+void CSMPsdVoigt1Block(const double* x, const double* p, double* y, double* d, int n, TChiSqrMinimizer* csm);
+void CSMPsdVoigt2Block(const double* x, const double* p, double* y, double* d, int n, TChiSqrMinimizer* csm);
+void CSMExpDecayBlock(const double* x, const double* p, double* y, double* d, int n, TChiSqrMinimizer* csm);
+void CSMPolynomBlock(const double* x, const double* p, double* y, double* d, int n, TChiSqrMinimizer* csm);
 void CSMEstimateParametersGauss(const double* x, const double* y, double* s1, double* s2, int np,
                                 const bool* use, double* p, int n, TChiSqrMinimizer* csm);
 void CSMEstimateParametersLorentz(const double* x, const double* y, double* s1, double* s2, int np,
