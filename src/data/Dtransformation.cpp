@@ -702,7 +702,7 @@ TTagError TDSpectralTransformation::LoadDataFromTagFile(TFileHandle file, const 
   if (FFreePolynomOrder >= 0) {
     // An order the tag can't hold is corrupt: refuse before allocating.
     if ((result = t.FindTag(file, "FreePolynom", own)) < 1) return result;
-    if (static_cast<int64_t>(FFreePolynomOrder + 1) * 8 > t.End() - t.Begin()) return teReadFileError;
+    if ((static_cast<int64_t>(FFreePolynomOrder) + 1) * 8 > t.End() - t.Begin()) return teReadFileError;
     FFreePolynom.resize(static_cast<size_t>(FFreePolynomOrder) + 1);
     if ((result = t.LoadDoubleTag(file, "FreePolynom", own, FFreePolynom.data(), FFreePolynomOrder + 1)) < 1)
       return result;

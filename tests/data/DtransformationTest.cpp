@@ -330,6 +330,34 @@ TEST(DtransformationTest, FreePolynomialTagOnlyWithAnOrder) {
   EXPECT_EQ(back->GetFreePolynomOrder(), -1);
 }
 
+TEST(DtransformationTest, CorruptFreePolynomialOrderIsRefused) {
+  oxtest::TempDir dir;
+  const auto name = dir.File("corrupt.oxt");
+  TDSpectralTransformation spectral;
+  TFileHandle f = CreateTagFile(name, "ORX_TEST");
+  TTagControl root, own, t;
+  root.WriteTag(f, "Root", TTagKind::TagList);
+  ASSERT_EQ(spectral.TDTransformation::SaveDataToTagFile(f), 1);
+  own.WriteTag(f, "TDSpectralTransformation", TTagKind::TagList);
+  t.SaveIntTag(f, "Version", 0);
+  t.SaveIntTag(f, "SpectralTransformationType", 2);
+  const double polynom[3] = {0, 1, 0};
+  t.SaveDoubleTag(f, "Polynom", polynom, 3);
+  for (const char* tag : {"nC", "LambdaC", "Gamma", "Delta", "m", "d", "x", "f"})
+    t.SaveDoubleTag(f, tag, 0.0);
+  t.SaveIntTag(f, "FreePolynomOrder", INT32_MAX); // far more than the tag holds
+  t.SaveDoubleTag(f, "FreePolynom", polynom, 3);
+  own.CloseWriteTag(f);
+  root.CloseWriteTag(f);
+  CloseFile(f);
+  TFileHandle in = kInvalidFileHandle;
+  TTagControl readRoot;
+  ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
+  TDSpectralTransformation back;
+  EXPECT_LT(back.LoadDataFromTagFile(in, readRoot), 1);
+  CloseFile(in);
+}
+
 class DtransformationProjectTest : public ::testing::Test {
 protected:
   void SetUp() override {
