@@ -13,6 +13,7 @@
 #include <memory>
 #include <numbers>
 #include <random>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -168,7 +169,9 @@ double PathDifference(const TSpectra& s) {
 
 } // namespace
 
-int main() {
+// With the argument "block" only the block path over whole spectra runs (for profiling).
+int main(int argc, char** argv) {
+  const bool blockOnly = argc > 1 && std::string_view(argv[1]) == "block";
   const TSpectra s = MakeSpectra();
   const int all = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
   // Accuracy check on one spectrum so that the figures belong to real fits.
@@ -183,6 +186,7 @@ int main() {
   }
   for (bool range : {false, true})
     for (bool block : {true, false}) {
+      if (blockOnly && (!block || range)) continue;
       Run(s, range, block, 1);
       if (all > 1) Run(s, range, block, all);
     }

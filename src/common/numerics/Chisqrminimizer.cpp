@@ -31,6 +31,21 @@ double ReduceLanes(const double* s) {
 // Adds one block of points to the lane sums: for every pair (l, m <= l) of fitted parameters w d_l d_m, for
 // every l w dy d_l, and w dy^2, in this order in sums. Each product is formed as in the textbook per-point
 // loop (wt = d_l w, then wt d_m, dy wt, dy dy w).
+// Sum over one block of a[i] b[i] (or a[i] b[i] c[i]) in four independent chains, added to the lanes of s;
+// the short chains keep the vector units busy where one running sum would wait for each addition.
+[[gnu::always_inline]] inline void AddProducts(TLaneVector& s, const TLaneVector* a, const TLaneVector* b) {
+  static_assert(kBlock / kLanes == 8, "the chains below cover eight lane vectors");
+  TLaneVector c0 = a[0] * b[0], c1 = a[1] * b[1], c2 = a[2] * b[2], c3 = a[3] * b[3];
+  c0 += a[4] * b[4];
+  c1 += a[5] * b[5];
+  c2 += a[6] * b[6];
+  c3 += a[7] * b[7];
+  s += (c0 + c1) + (c2 + c3);
+}
+
+// Adds one block of points to the lane sums: for every pair (l, m <= l) of fitted parameters w d_l d_m, for
+// every l w dy d_l, and w dy^2, in this order in sums. The products are formed as in the textbook per-point
+// loop (wt = d_l w, then wt d_m, dy wt, dy dy w).
 OX_SIMD_CLONES
 void AccumulateBlock(const double* yData, const double* yModel, const double* w, const double* d,
                      const int* varied, int mfit, double* dy, double* wt, double* sums) {
@@ -50,22 +65,12 @@ void AccumulateBlock(const double* yData, const double* yModel, const double* w,
   int k = 0;
   for (int l = 0; l < mfit; ++l) {
     const TLaneVector* wl = lanes(wt + l * kBlock);
-    for (int m = 0; m <= l; ++m, ++k) {
-      const TLaneVector* dm = lanes(d + varied[m] * kBlock);
-      TLaneVector a = s[k];
-      for (int i = 0; i < kVectors; ++i) a += wl[i] * dm[i];
-      s[k] = a;
-    }
+    for (int m = 0; m <= l; ++m, ++k) AddProducts(s[k], wl, lanes(d + varied[m] * kBlock));
   }
-  for (int l = 0; l < mfit; ++l, ++k) {
-    const TLaneVector* wl = lanes(wt + l * kBlock);
-    TLaneVector a = s[k];
-    for (int i = 0; i < kVectors; ++i) a += dyv[i] * wl[i];
-    s[k] = a;
-  }
-  TLaneVector a = s[k];
-  for (int i = 0; i < kVectors; ++i) a += dyv[i] * dyv[i] * wv[i];
-  s[k] = a;
+  for (int l = 0; l < mfit; ++l, ++k) AddProducts(s[k], dyv, lanes(wt + l * kBlock));
+  TLaneVector wdy[kVectors];
+  for (int i = 0; i < kVectors; ++i) wdy[i] = dyv[i] * wv[i];
+  AddProducts(s[k], dyv, wdy);
 }
 
 } // namespace

@@ -737,16 +737,53 @@ void CSMPolynomBlock(const double* __restrict x, const double* __restrict p, dou
 // ---------------------------------------------------------------------------------------------
 // Estimators
 
+namespace {
+constexpr int kScanLanes = 8;
+typedef double TScanVector __attribute__((vector_size(kScanLanes * sizeof(double)), aligned(sizeof(double))));
+
+// Minimum, maximum and sum of (y - base) over n points in interleaved lanes. The comparisons skip NaN as
+// the plain scan does when the first value is a number.
+OX_SIMD_CLONES
+void ScanExtremaAndArea(const double* y, int n, double base, double& minimum, double& maximum, double& area) {
+  TScanVector lo, hi, sum = {}, b;
+  for (int j = 0; j < kScanLanes; ++j) lo[j] = hi[j] = y[0], b[j] = base;
+  const int whole = n / kScanLanes * kScanLanes;
+  const TScanVector* v = reinterpret_cast<const TScanVector*>(y);
+  for (int i = 0; i < whole / kScanLanes; ++i) {
+    const TScanVector t = v[i];
+    lo = t < lo ? t : lo;
+    hi = t > hi ? t : hi;
+    sum += t - b;
+  }
+  minimum = lo[0], maximum = hi[0];
+  for (int j = 1; j < kScanLanes; ++j) {
+    if (lo[j] < minimum) minimum = lo[j];
+    if (hi[j] > maximum) maximum = hi[j];
+  }
+  area = ((sum[0] + sum[1]) + (sum[2] + sum[3])) + ((sum[4] + sum[5]) + (sum[6] + sum[7]));
+  for (int i = whole; i < n; ++i) {
+    if (y[i] < minimum) minimum = y[i];
+    if (y[i] > maximum) maximum = y[i];
+    area += y[i] - base;
+  }
+}
+} // namespace
+
 TPeakEstimate EstimatePeak(const double* x, const double* y, int n) {
   TPeakEstimate r;
   if (n < 1) return r;
   r.Base = (y[0] + y[n - 1]) / 2.0;
   int iMin = 0, iMax = 0;
   double area = 0.0;
-  for (int i = 0; i < n; ++i) {
-    if (y[i] < y[iMin]) iMin = i;
-    if (y[i] > y[iMax]) iMax = i;
-    area += y[i] - r.Base;
+  if (std::isnan(y[0])) {
+    // The plain scan: with a NaN first value no comparison moves the indices.
+    for (int i = 0; i < n; ++i) area += y[i] - r.Base;
+  } else {
+    // Extrema by value, then the first index holding each (the first occurrence, as a scan would find).
+    double minimum, maximum;
+    ScanExtremaAndArea(y, n, r.Base, minimum, maximum, area);
+    while (iMin < n - 1 && y[iMin] != minimum) ++iMin;
+    while (iMax < n - 1 && y[iMax] != maximum) ++iMax;
   }
   r.Upward = area > 0.0;
   const int i = r.Upward ? iMax : iMin;
