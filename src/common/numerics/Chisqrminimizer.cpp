@@ -28,10 +28,7 @@ double ReduceLanes(const double* s) {
   return ((s[0] + s[1]) + (s[2] + s[3])) + ((s[4] + s[5]) + (s[6] + s[7]));
 }
 
-// Adds one block of points to the lane sums: for every pair (l, m <= l) of fitted parameters w d_l d_m, for
-// every l w dy d_l, and w dy^2, in this order in sums. Each product is formed as in the textbook per-point
-// loop (wt = d_l w, then wt d_m, dy wt, dy dy w).
-// Sum over one block of a[i] b[i] (or a[i] b[i] c[i]) in four independent chains, added to the lanes of s;
+// Sum over one block of a[i] b[i] in four independent chains, added to the lanes of s;
 // the short chains keep the vector units busy where one running sum would wait for each addition.
 [[gnu::always_inline]] inline void AddProducts(TLaneVector& s, const TLaneVector* a, const TLaneVector* b) {
   static_assert(kBlock / kLanes == 8, "the chains below cover eight lane vectors");
@@ -45,10 +42,10 @@ double ReduceLanes(const double* s) {
 
 // Adds one block of points to the lane sums: for every pair (l, m <= l) of fitted parameters w d_l d_m, for
 // every l w dy d_l, and w dy^2, in this order in sums. The products are formed as in the textbook per-point
-// loop (wt = d_l w, then wt d_m, dy wt, dy dy w).
+// loop (wt = d_l w, then wt d_m, dy wt), chi-square as dy (dy w).
 OX_SIMD_CLONES
-void AccumulateBlock(const double* yData, const double* yModel, const double* w, const double* d,
-                     const int* varied, int mfit, double* dy, double* wt, double* sums) {
+void AccumulateBlock(const double* yData, const double* yModel, const double* w, bool unitWeights,
+                     const double* d, const int* varied, int mfit, double* dy, double* wt, double* sums) {
   constexpr int kVectors = kBlock / kLanes;
   const auto lanes = [](const double* p) { return reinterpret_cast<const TLaneVector*>(p); };
   TLaneVector* dyv = reinterpret_cast<TLaneVector*>(dy);
@@ -56,21 +53,30 @@ void AccumulateBlock(const double* yData, const double* yModel, const double* w,
   const TLaneVector* ym = lanes(yModel);
   const TLaneVector* wv = lanes(w);
   for (int i = 0; i < kVectors; ++i) dyv[i] = yd[i] - ym[i];
-  for (int l = 0; l < mfit; ++l) {
-    const TLaneVector* dl = lanes(d + varied[l] * kBlock);
-    TLaneVector* wl = reinterpret_cast<TLaneVector*>(wt + l * kBlock);
-    for (int i = 0; i < kVectors; ++i) wl[i] = dl[i] * wv[i];
-  }
+  // With unit weights w d_l is d_l itself (the product with 1 is exact), so the derivatives serve directly.
+  const auto weighted = [&](int l) {
+    return unitWeights ? lanes(d + varied[l] * kBlock) : lanes(wt + l * kBlock);
+  };
+  if (!unitWeights)
+    for (int l = 0; l < mfit; ++l) {
+      const TLaneVector* dl = lanes(d + varied[l] * kBlock);
+      TLaneVector* wl = reinterpret_cast<TLaneVector*>(wt + l * kBlock);
+      for (int i = 0; i < kVectors; ++i) wl[i] = dl[i] * wv[i];
+    }
   TLaneVector* s = reinterpret_cast<TLaneVector*>(sums);
   int k = 0;
   for (int l = 0; l < mfit; ++l) {
-    const TLaneVector* wl = lanes(wt + l * kBlock);
+    const TLaneVector* wl = weighted(l);
     for (int m = 0; m <= l; ++m, ++k) AddProducts(s[k], wl, lanes(d + varied[m] * kBlock));
   }
-  for (int l = 0; l < mfit; ++l, ++k) AddProducts(s[k], dyv, lanes(wt + l * kBlock));
-  TLaneVector wdy[kVectors];
-  for (int i = 0; i < kVectors; ++i) wdy[i] = dyv[i] * wv[i];
-  AddProducts(s[k], dyv, wdy);
+  for (int l = 0; l < mfit; ++l, ++k) AddProducts(s[k], dyv, weighted(l));
+  if (unitWeights) {
+    AddProducts(s[k], dyv, dyv);
+  } else {
+    TLaneVector wdy[kVectors];
+    for (int i = 0; i < kVectors; ++i) wdy[i] = dyv[i] * wv[i];
+    AddProducts(s[k], dyv, wdy);
+  }
 }
 
 } // namespace
@@ -362,7 +368,7 @@ void TChiSqrMinimizer::mrqcof(const double* x, const double* y, const double* si
       FBlockY[j] = by[j];
       for (int l = 0; l < mfit; ++l) FBlockD[FVaried[l] * kBlock + j] = 0.0;
     }
-    AccumulateBlock(by, FBlockY, w, FBlockD, FVaried, mfit, FBlockDy, FBlockWt, FLaneSums);
+    AccumulateBlock(by, FBlockY, w, w == FBlockOnes, FBlockD, FVaried, mfit, FBlockDy, FBlockWt, FLaneSums);
   }
   const double* s = FLaneSums;
   for (int j = 0; j < mfit; ++j)
