@@ -51,6 +51,7 @@ void AddTagCommands(CLI::App& app, CliContext& ctx);
 void AddProjectCommands(CLI::App& app, CliContext& ctx);
 void AddFitCommands(CLI::App& app, CliContext& ctx);
 void AddDataCommands(CLI::App& app, CliContext& ctx);
+void AddDemoCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
 /// Loads the memory options, applies this run's overrides and creates the memory strategy.
 void StartMemoryStrategyForRun(CliContext& ctx);

@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
   AddProjectCommands(app, ctx);
   AddFitCommands(app, ctx);
   AddDataCommands(app, ctx);
+  AddDemoCommands(app, ctx);
   AddConfigCommands(app, ctx);
 
   try {

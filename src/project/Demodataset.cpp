@@ -1,0 +1,301 @@
+// The synthetic confocal Raman map of the demo data set.
+//
+// Model of one spectrum at pixel (x, y): the sum of four component spectra weighted by smooth abundance
+// maps, a broad fluorescence background whose strength varies across the map, a dark offset, Gaussian
+// noise with the variance of shot noise, and a few cosmic-ray spikes. Every random number comes from a
+// generator seeded by (seed, element), so the result doesn't depend on the number of threads.
+#include "project/Demodataset.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "common/threads/Multicorecalc.h"
+#include "data/Dgraph.h"
+#include "data/Dimage.h"
+#include "data/Dinterpretation.h"
+#include "data/Dtext.h"
+#include "data/Dtransformation.h"
+#include "project/Project.h"
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDarkOffset = 600.0;
+constexpr double kFieldOfViewMicrometer = 50.0;
+
+// splitmix64: a small, good generator for per-element streams.
+struct TRandom {
+  uint64_t State;
+  explicit TRandom(uint64_t seed) : State(seed) {}
+  uint64_t Next() {
+    uint64_t z = (State += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+  }
+  double Uniform() { return (Next() >> 11) * (1.0 / 9007199254740992.0); }
+  double Gaussian() {
+    const double u1 = std::max(Uniform(), 1e-300);
+    const double u2 = Uniform();
+    return std::sqrt(-2.0 * std::log(u1)) * std::cos(2 * kPi * u2);
+  }
+};
+
+uint64_t MixSeed(uint64_t seed, uint64_t stream) { return TRandom(seed * 0x100000001B3ull ^ stream).Next(); }
+
+double RelativeWavenumber(double wavelength) { return 1e7 / kDemoExcitation - 1e7 / wavelength; }
+
+// Abundance of component c at normalised map position (u, v) in [0, 1].
+double Abundance(int c, double u, double v) {
+  auto blob = [](double u0, double v0, double radius, double cu, double cv) {
+    const double du = cu - u0, dv = cv - v0;
+    return std::exp(-(du * du + dv * dv) / (2 * radius * radius));
+  };
+  switch (c) {
+  case 0: // substrate: a gradient from left to right
+    return 0.25 + 0.65 * u;
+  case 1: // polymer beads: three blobs
+    return std::min(1.0, blob(0.3, 0.3, 0.09, u, v) + blob(0.7, 0.35, 0.07, u, v) + 0.8 * blob(0.45, 0.75, 0.11, u, v));
+  case 2: { // carbon: a diagonal stripe
+    const double d = (u - v) / std::sqrt(2.0);
+    return std::exp(-d * d / (2 * 0.06 * 0.06));
+  }
+  default: // calcite grain: one large smooth blob with a soft edge
+    return 0.9 / (1 + std::exp((std::hypot(u - 0.78, v - 0.78) - 0.16) / 0.03));
+  }
+}
+
+} // namespace
+
+const std::vector<TDemoComponent>& DemoComponents() {
+  static const std::vector<TDemoComponent> components = {
+      {"Silicon", {{520.7, 4.5, 900}, {302, 25, 60}, {965, 45, 90}}},
+      {"Polystyrene", {{1001.4, 5, 700}, {1031.8, 6, 180}, {1583, 8, 90}, {1602, 9, 260}, {2904, 30, 150},
+                       {3054, 18, 420}, {620, 7, 110}}},
+      {"Amorphous carbon", {{1350, 120, 350}, {1585, 70, 420}, {2700, 160, 90}}},
+      {"Calcite", {{1086, 6, 800}, {712, 7, 110}, {282, 9, 170}, {1436, 30, 40}}},
+  };
+  return components;
+}
+
+void DemoWavelengthPolynomial(int32_t sizeGraph, double& a0, double& a1, double& a2) {
+  // About 100 to 3300 rel. 1/cm at 532 nm over the detector, slightly nonlinear as a real spectrograph.
+  const double n = std::max(sizeGraph, 2);
+  a0 = 534.5;
+  a1 = 102.4 / n;
+  a2 = 10.5 / (n * n);
+}
+
+TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
+  const int32_t sx = options.SizeX, sy = options.SizeY, sg = options.SizeGraph;
+  const auto& components = DemoComponents();
+  const int nc = static_cast<int>(components.size());
+  TDemoIDs ids;
+
+  // Spectral axis: quadratic pixel -> wavelength, shown in rel. 1/cm against 532 nm.
+  auto spectralInterpretation = std::make_unique<TDSpectralInterpretation>();
+  spectralInterpretation->SetID(project.GetNewDataID());
+  spectralInterpretation->SetExcitationWaveLength(kDemoExcitation);
+  spectralInterpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
+  spectralInterpretation->SetSaveMode(TDataSaveMode::WhileUsed);
+  ids.SpectralInterpretation = spectralInterpretation->GetID();
+  project.AddData(std::move(spectralInterpretation));
+
+  auto spectral = std::make_unique<TDSpectralTransformation>();
+  spectral->SetID(project.GetNewDataID());
+  double a0, a1, a2;
+  DemoWavelengthPolynomial(sg, a0, a1, a2);
+  spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
+  spectral->SetPolynom(a0, a1, a2);
+  spectral->SetInterpretationID(ids.SpectralInterpretation);
+  spectral->SetCaption("Spectrograph calibration (demo)");
+  ids.SpectralTransformation = spectral->GetID();
+  std::vector<double> shift(static_cast<size_t>(sg));
+  for (int32_t g = 0; g < sg; ++g) {
+    const double bin = g;
+    double wavelength = 0;
+    spectral->BinToReal(&bin, &wavelength);
+    shift[static_cast<size_t>(g)] = RelativeWavenumber(wavelength);
+  }
+  project.AddData(std::move(spectral));
+
+  // Space axes in µm.
+  auto spaceInterpretation = std::make_unique<TDSpaceInterpretation>();
+  spaceInterpretation->SetID(project.GetNewDataID());
+  spaceInterpretation->SetSaveMode(TDataSaveMode::WhileUsed);
+  ids.SpaceInterpretation = spaceInterpretation->GetID();
+  project.AddData(std::move(spaceInterpretation));
+  auto space = std::make_unique<TDSpaceTransformation>();
+  space->SetID(project.GetNewDataID());
+  const double pixel = kFieldOfViewMicrometer / std::max(sx, sy);
+  space->ViewPort().SetScale({pixel, pixel, 1.0});
+  space->SetInterpretationID(ids.SpaceInterpretation);
+  space->SetCaption("Scan geometry (demo)");
+  ids.SpaceTransformation = space->GetID();
+  project.AddData(std::move(space));
+
+  // Component spectra on the detector axis.
+  std::vector<std::vector<float>> componentSpectra(static_cast<size_t>(nc), std::vector<float>(static_cast<size_t>(sg)));
+  for (int c = 0; c < nc; ++c)
+    for (int32_t g = 0; g < sg; ++g) {
+      double value = 0;
+      for (const auto& band : components[static_cast<size_t>(c)].Bands) {
+        const double d = (shift[static_cast<size_t>(g)] - band.Shift) / (band.Width / 2);
+        value += band.Amplitude / (1 + d * d);
+      }
+      componentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)] = static_cast<float>(value);
+    }
+  // Fluorescence: a broad hump rising towards the red end of the detector.
+  std::vector<float> fluorescence(static_cast<size_t>(sg));
+  for (int32_t g = 0; g < sg; ++g) {
+    const double t = double(g) / std::max(sg - 1, 1);
+    fluorescence[static_cast<size_t>(g)] = static_cast<float>(900.0 * std::exp(-(t - 0.75) * (t - 0.75) / 0.18));
+  }
+
+  auto makeGraph = [&](int32_t gx, int32_t gy, const std::string& caption) {
+    auto graph = std::make_unique<TDGraph>();
+    graph->SetID(project.GetNewDataID());
+    graph->SetFieldSize(gx, gy, TDataFieldKind::Float, sg);
+    graph->SetXTransformationID(ids.SpectralTransformation);
+    graph->SetXInterpretationID(ids.SpectralInterpretation);
+    graph->SetCaption(caption);
+    return graph;
+  };
+
+  auto map = makeGraph(sx, sy, "Raman Map (demo)");
+  map->SetSpaceTransformationID(ids.SpaceTransformation);
+  map->AddToHistoryList("Synthetic confocal Raman map, " + std::to_string(sx) + " x " + std::to_string(sy) + " x " +
+                            std::to_string(sg) + ", seed " + std::to_string(options.Seed),
+                        0);
+  TDGraph* mapRaw = map.get();
+  const uint64_t seed = options.Seed;
+  // Cosmic rays: a few spikes, a handful per ten thousand spectra.
+  const int64_t spectra = int64_t(sx) * sy;
+  const int64_t spikes = 3 + spectra / 2500;
+  TRandom spikeRandom(MixSeed(seed, 0xC05111Cull));
+  std::vector<std::pair<int64_t, int32_t>> spikeList;
+  for (int64_t i = 0; i < spikes && sg > 0 && spectra > 0; ++i)
+    spikeList.emplace_back(static_cast<int64_t>(spikeRandom.Uniform() * spectra),
+                           static_cast<int32_t>(spikeRandom.Uniform() * sg));
+
+  // Fill column by column (x major is the memory order of the field), on all allowed processors.
+  TMCC mcc(
+      "Demo Data Set",
+      [&](TMCC* m, int thread) {
+        if (thread == 0)
+          m->OverallProgressMax = spectra;
+        const int first = TMCC::GetFirstElementIndex(thread, m->GetNumberOfThreads(), sx);
+        const int last = TMCC::GetLastElementIndex(thread, m->GetNumberOfThreads(), sx);
+        std::vector<float> spectrum(static_cast<size_t>(sg));
+        for (int32_t x = first; x <= last && !m->GetCancel(); ++x) {
+          for (int32_t y = 0; y < sy; ++y) {
+            const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
+            double weights[8];
+            for (int c = 0; c < nc; ++c) weights[c] = Abundance(c, u, v);
+            const double fluorescenceLevel = 0.3 + 0.7 * (0.5 + 0.5 * std::sin(2 * kPi * (0.7 * u + 0.4 * v)));
+            const int64_t element = x + int64_t(y) * sx;
+            TRandom random(MixSeed(seed, static_cast<uint64_t>(element) + 1));
+            for (int32_t g = 0; g < sg; ++g) {
+              double signal = kDarkOffset + fluorescenceLevel * fluorescence[static_cast<size_t>(g)];
+              for (int c = 0; c < nc; ++c) signal += weights[c] * componentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)];
+              // Shot noise plus read noise.
+              signal += random.Gaussian() * std::sqrt(std::max(signal - kDarkOffset, 0.0) + 25.0);
+              spectrum[static_cast<size_t>(g)] = static_cast<float>(signal);
+            }
+            for (const auto& [spikeElement, spikePixel] : spikeList)
+              if (spikeElement == element)
+                spectrum[static_cast<size_t>(spikePixel)] += 5000.0f + 3000.0f * static_cast<float>(random.Uniform());
+            mapRaw->SetSpectrum(x, y, spectrum.data());
+          }
+          m->OverallProgress += sy;
+        }
+      },
+      -1);
+  mcc.StartThreads(-1);
+  mcc.WaitAndShowProgressOnDelay(100);
+  mapRaw->SetAllLinesValid(true);
+  ids.Map = mapRaw->GetID();
+  project.AddData(std::move(map));
+
+  // The truth: each component as a one-spectrum graph, each abundance as an image.
+  for (int c = 0; c < nc; ++c) {
+    const std::string& name = components[static_cast<size_t>(c)].Name;
+    auto truth = makeGraph(1, 1, "True Component " + std::to_string(c + 1) + ": " + name + " (demo truth)");
+    truth->SetSpectrum(0, 0, componentSpectra[static_cast<size_t>(c)].data());
+    truth->SetAllLinesValid(true);
+    ids.TrueComponents.push_back(truth->GetID());
+    project.AddData(std::move(truth));
+  }
+  for (int c = 0; c < nc; ++c) {
+    auto image = std::make_unique<TDImage>();
+    image->SetID(project.GetNewDataID());
+    image->SetFieldSize(sx, sy);
+    image->SetSpaceTransformationID(ids.SpaceTransformation);
+    image->SetCaption("True Abundance " + std::to_string(c + 1) + ": " +
+                      components[static_cast<size_t>(c)].Name + " (demo truth)");
+    std::vector<float> line(static_cast<size_t>(sx));
+    for (int32_t y = 0; y < sy; ++y) {
+      for (int32_t x = 0; x < sx; ++x)
+        line[static_cast<size_t>(x)] = static_cast<float>(
+            Abundance(c, sx > 1 ? double(x) / (sx - 1) : 0.5, sy > 1 ? double(y) / (sy - 1) : 0.5));
+      image->SetLine(y, line.data());
+    }
+    image->SetAllLinesValid(true);
+    image->DoDataChange(TDataChangeInfo::DataChanged);
+    ids.TrueAbundances.push_back(image->GetID());
+    project.AddData(std::move(image));
+  }
+
+  // A topography-like image in nm: a tilted plane with the grains standing out and fine roughness.
+  auto height = std::make_unique<TDZInterpretation>();
+  height->SetID(project.GetNewDataID());
+  height->SetUnitName("nm");
+  height->SetSaveMode(TDataSaveMode::WhileUsed);
+  const int32_t heightID = height->GetID();
+  project.AddData(std::move(height));
+  auto topography = std::make_unique<TDImage>();
+  topography->SetID(project.GetNewDataID());
+  topography->SetFieldSize(sx, sy);
+  topography->SetSpaceTransformationID(ids.SpaceTransformation);
+  topography->SetZInterpretationID(heightID);
+  topography->SetCaption("Topography (demo)");
+  TRandom roughness(MixSeed(seed, 0x70b0ull));
+  std::vector<float> line(static_cast<size_t>(sx));
+  for (int32_t y = 0; y < sy; ++y) {
+    for (int32_t x = 0; x < sx; ++x) {
+      const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
+      line[static_cast<size_t>(x)] = static_cast<float>(20.0 * u - 8.0 * v + 120.0 * Abundance(1, u, v) +
+                                                        60.0 * Abundance(3, u, v) + 1.5 * roughness.Gaussian());
+    }
+    topography->SetLine(y, line.data());
+  }
+  topography->SetAllLinesValid(true);
+  topography->DoDataChange(TDataChangeInfo::DataChanged);
+  ids.Topography = topography->GetID();
+  project.AddData(std::move(topography));
+
+  // A text that says what the set is.
+  std::string description = "Orvex demo data set\n\nA synthetic confocal Raman map of " + std::to_string(sx) + " x " +
+                            std::to_string(sy) + " spectra with " + std::to_string(sg) +
+                            " pixels each, excitation 532 nm, field of view " +
+                            std::to_string(static_cast<int>(kFieldOfViewMicrometer)) +
+                            " µm.\n\nComponents (bands in rel. 1/cm):\n";
+  for (int c = 0; c < nc; ++c) {
+    description += "  " + std::to_string(c + 1) + ". " + components[static_cast<size_t>(c)].Name + ":";
+    for (const auto& band : components[static_cast<size_t>(c)].Bands)
+      description += " " + std::to_string(static_cast<int>(std::lround(band.Shift)));
+    description += "\n";
+  }
+  description += "\nAbundances: silicon as a left-to-right gradient, polystyrene in three beads, amorphous carbon "
+                 "in a diagonal stripe, calcite in one grain at the lower right. On top: a fluorescence background "
+                 "that varies across the map, a dark offset of 600 counts, shot and read noise, and " +
+                 std::to_string(spikeList.size()) +
+                 " cosmic-ray spikes. The true component spectra and abundance maps are stored beside the map.\n";
+  auto text = std::make_unique<TDText>();
+  text->SetID(project.GetNewDataID());
+  text->SetCaption("About this data set (demo)");
+  text->SetText(description);
+  ids.Description = text->GetID();
+  project.AddData(std::move(text));
+  return ids;
+}
