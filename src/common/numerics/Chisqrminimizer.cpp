@@ -12,8 +12,9 @@
 namespace {
 
 // The normal equations sum over the points in kLanes interleaved partial sums (point i goes to lane i mod
-// kLanes), which the vector units add side by side; the lanes are added in a fixed order at the end, so the
-// result does not depend on the vector width of the processor.
+// kLanes), which the vector units add side by side; the lanes are added in a fixed order at the end. The
+// order of the additions is thus the same for every vector width; processors with fused multiply-add round
+// the products once less, which moves results in the last digits only.
 constexpr int kLanes = 8;
 constexpr int kBlock = kCSMBlockSize;
 static_assert(kBlock % kLanes == 0, "a block holds whole lane vectors");
@@ -28,8 +29,8 @@ double ReduceLanes(const double* s) {
   return ((s[0] + s[1]) + (s[2] + s[3])) + ((s[4] + s[5]) + (s[6] + s[7]));
 }
 
-// Sum over one block of a[i] b[i] in four independent chains, added to the lanes of s;
-// the short chains keep the vector units busy where one running sum would wait for each addition.
+// Sum over one block of a[i] b[i] in four independent chains, added to the lanes of s; the short chains keep
+// the vector units busy where one running sum would wait for each addition.
 [[gnu::always_inline]] inline void AddProducts(TLaneVector& s, const TLaneVector* a, const TLaneVector* b) {
   static_assert(kBlock / kLanes == 8, "the chains below cover eight lane vectors");
   TLaneVector c0 = a[0] * b[0], c1 = a[1] * b[1], c2 = a[2] * b[2], c3 = a[3] * b[3];

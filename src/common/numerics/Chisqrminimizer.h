@@ -32,8 +32,10 @@ inline constexpr int kCSMBlockSize = 64;
 using TCSMBlockModelFunction = void (*)(const double* x, const double* parameters, double* y,
                                         double* derivatives, int n, TChiSqrMinimizer* minimizer);
 
-// Loops over a block of points are compiled for the common vector extensions and chosen at load time.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+// Loops over a block of points are compiled for the common vector extensions and chosen at load time
+// (OX_NO_SIMD_CLONES builds the plain form only).
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__) &&     \
+    !defined(OX_NO_SIMD_CLONES)
 #define OX_SIMD_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
 #else
 #define OX_SIMD_CLONES

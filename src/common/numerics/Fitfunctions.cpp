@@ -16,7 +16,7 @@ constexpr double kSqrtPi = 1.772453850905516;
 constexpr double k2OverPi = 0.6366197723675814;
 constexpr double kSqrt2Pi = 2.5066282746310007;
 constexpr double kFwhmPerSigma = 2.3548200450309493;
-constexpr double kSigmaPerFwhm = 0.42466090014400953;
+[[maybe_unused]] constexpr double kSigmaPerFwhm = 0.42466090014400953;
 constexpr double kMinWidth = 1e-10;
 
 const char* const kFitParamTagNames[fpvCount] = {"ShortName",
