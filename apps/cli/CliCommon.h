@@ -52,6 +52,7 @@ void AddProjectCommands(CLI::App& app, CliContext& ctx);
 void AddFitCommands(CLI::App& app, CliContext& ctx);
 void AddDataCommands(CLI::App& app, CliContext& ctx);
 void AddDemoCommands(CLI::App& app, CliContext& ctx);
+void AddAxisCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
 /// Loads the memory options, applies this run's overrides and creates the memory strategy.
 void StartMemoryStrategyForRun(CliContext& ctx);

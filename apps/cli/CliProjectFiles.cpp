@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 
 #include "CliCommon.h"
 #include "common/Saveandload.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
+#include "data/Dinterpretation.h"
+#include "data/Dtransformation.h"
 
 namespace orvexcli {
 namespace {
@@ -107,6 +110,48 @@ std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& da
   return {};
 }
 
-std::vector<std::string> DescribeObjectAxes(const TData&) { return {}; }
+bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count,
+                int axis, std::vector<double>& values, std::string& unit) {
+  const auto* transformation = dynamic_cast<const TDTransformation*>(project.FindData(transformationID));
+  if (!transformation || count <= 0)
+    return false;
+  const TDInterpretation* interpretation = dynamic_cast<const TDInterpretation*>(
+      project.FindData(interpretationID != 0 ? interpretationID : transformation->GetInterpretationID()));
+  values.resize(static_cast<size_t>(count));
+  const int dimension = std::max<int>(transformation->GetDim(), 1);
+  std::vector<double> bin(static_cast<size_t>(std::max(dimension, 3)), 0.0), real(bin.size(), 0.0);
+  for (int32_t i = 0; i < count; ++i) {
+    std::fill(bin.begin(), bin.end(), 0.0);
+    bin[static_cast<size_t>(std::min(axis, dimension - 1))] = i;
+    transformation->BinToReal(bin.data(), real.data());
+    const double standard = real[static_cast<size_t>(std::min(axis, dimension - 1))];
+    values[static_cast<size_t>(i)] = interpretation ? interpretation->StandardTo(standard) : standard;
+  }
+  unit = interpretation ? interpretation->UnitString(interpretation->GetUnitIndex())
+                        : transformation->GetStandardUnit();
+  return true;
+}
+
+std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData& data) {
+  const auto* base = dynamic_cast<const TDImageBase*>(&data);
+  if (!base)
+    return {};
+  std::vector<std::string> lines;
+  auto describe = [&](const char* name, int32_t transformationID, int32_t interpretationID, int32_t count, int axis) {
+    std::vector<double> values;
+    std::string unit;
+    if (!AxisValues(project, transformationID, interpretationID, count, axis, values, unit))
+      return;
+    char line[256];
+    std::snprintf(line, sizeof line, "%s: %.6g ... %.6g %s, %d px", name, values.front(), values.back(),
+                  unit.c_str(), count);
+    lines.emplace_back(line);
+  };
+  describe("x", base->GetSpaceTransformationID(), 0, base->GetSizeX(), 0);
+  describe("y", base->GetSpaceTransformationID(), 0, base->GetSizeY(), 1);
+  if (const auto* graph = dynamic_cast<const TDGraph*>(&data))
+    describe("spectral", graph->GetXTransformationID(), graph->GetXInterpretationID(), graph->GetSizeGraph(), 0);
+  return lines;
+}
 
 } // namespace orvexcli

@@ -25,7 +25,11 @@ void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool 
 
 /// "sizeX", "sizeY", "sizeGraph" of images and graphs, nothing for other objects.
 std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& data);
-/// Axis lines of images and graphs in physical units; nothing for other objects.
-std::vector<std::string> DescribeObjectAxes(const TData& data);
+/// Axis lines of images and graphs in physical units ("x: 0 ... 50 µm, 128 px"); nothing for other objects.
+std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData& data);
+/// The values of an axis (0 x, 1 y of a space transformation; 0 of a one-dimensional one) in the current unit
+/// of its interpretation (interpretationID, or the transformation's own when 0). False without transformation.
+bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count, int axis,
+                std::vector<double>& values, std::string& unit);
 
 } // namespace orvexcli

@@ -91,3 +91,36 @@ void AddDataCommands(CLI::App& app, CliContext& ctx) {
 }
 
 } // namespace orvexcli
+
+namespace orvexcli {
+namespace {
+
+void RunAxis(CliContext& ctx, const std::string& fileName, int32_t id) {
+  StartRuntime(ctx);
+  TLoadedFile loaded = LoadProjectOrDataFile(fileName);
+  const auto* graph = dynamic_cast<const TDGraph*>(loaded.Project->FindData(id));
+  if (!graph)
+    throw CliError(kExitFailure, "No graph with ID " + std::to_string(id) + " in " + fileName);
+  std::vector<double> values;
+  std::string unit;
+  if (!AxisValues(*loaded.Project, graph->GetXTransformationID(), graph->GetXInterpretationID(),
+                  graph->GetSizeGraph(), 0, values, unit))
+    throw CliError(kExitFailure, "Graph " + std::to_string(id) + " has no spectral transformation");
+  for (double v : values) std::printf("%.10g\n", v);
+}
+
+} // namespace
+
+void AddAxisCommands(CLI::App& app, CliContext& ctx) {
+  struct TOptions {
+    std::string File;
+    int32_t ID = 0;
+  };
+  auto options = std::make_shared<TOptions>();
+  auto* command = app.add_subcommand("axis", "Print the spectral axis of a graph in its current unit, one per line");
+  command->add_option("FILE", options->File, "Project or data file")->required();
+  command->add_option("ID", options->ID, "ID of the graph")->required();
+  command->callback([options, &ctx] { RunAxis(ctx, options->File, options->ID); });
+}
+
+} // namespace orvexcli

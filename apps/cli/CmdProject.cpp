@@ -57,7 +57,7 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
     for (const auto& [key, value] : DescribeObjectSizes(*data)) std::cout << "  " << key << "=" << value;
     for (const auto& [name, id] : data->GetReferencedIDs()) std::cout << "  " << name << "=" << id;
     std::cout << "\n";
-    for (const auto& line : DescribeObjectAxes(*data)) std::cout << "      " << line << "\n";
+    for (const auto& line : DescribeObjectAxes(project, *data)) std::cout << "      " << line << "\n";
   }
   std::cout << "viewers: " << project.ViewerList().size() << "\n";
   for (const auto& viewer : project.ViewerList()) std::cout << "  " << viewer->GetClassNameA() << "\n";

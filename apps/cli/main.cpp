@@ -35,6 +35,7 @@ int main(int argc, char** argv) {
   AddFitCommands(app, ctx);
   AddDataCommands(app, ctx);
   AddDemoCommands(app, ctx);
+  AddAxisCommands(app, ctx);
   AddConfigCommands(app, ctx);
 
   try {

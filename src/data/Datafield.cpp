@@ -113,10 +113,8 @@ void TDataField::Allocate() {
                                          std::to_string(size / (1024 * 1024)) + " MBytes) did not work");
 }
 
-TDataField::~TDataField() {
-  if (FMemory && TMemoryManagement::PartialMemoryAllocator)
-    TMemoryManagement::PartialMemoryAllocator->FreeArray(FMemory);
-}
+// Deleting the array gives its pages back to the allocator.
+TDataField::~TDataField() { delete FMemory; }
 
 void TDataField::GetRanges(int32_t* out) const { std::copy(FRanges.begin(), FRanges.end(), out); }
 

@@ -3,7 +3,6 @@
 
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
-#include "project/Project.h"
 
 #include <algorithm>
 #include <cmath>
@@ -221,7 +220,7 @@ void TDBitmap::CopyFrom(const TDBitmap& source) {
 namespace {
 
 // A float image of the bitmap's size, link and "Bins" unit, with a new ID from the project.
-std::unique_ptr<TDImage> MakeChannelImage(TDBitmap& bitmap, TProject& project, const std::string& suffix) {
+std::unique_ptr<TDImage> MakeChannelImage(TDBitmap& bitmap, IDataProject& project, const std::string& suffix) {
   auto image = std::make_unique<TDImage>();
   image->SetFieldSize(bitmap.GetWidth(), bitmap.GetHeight(), TDataFieldKind::Float, true);
   image->SetSpaceTransformationID(bitmap.GetSpaceTransformationID());
@@ -250,7 +249,7 @@ void FillImage(const TDBitmap& bitmap, TDImage& image, F value) {
 } // namespace
 
 int32_t TDBitmap::ExtractAsImageMonochrome() {
-  TProject* project = OwningProject(*this);
+  IDataProject* project = OwningProject(*this);
   if (!project || !FField) return 0;
   auto image = MakeChannelImage(*this, *project, " (Image)");
   FillImage(*this, *image,
@@ -261,7 +260,7 @@ int32_t TDBitmap::ExtractAsImageMonochrome() {
 }
 
 std::vector<int32_t> TDBitmap::ExtractAsImageRGB() {
-  TProject* project = OwningProject(*this);
+  IDataProject* project = OwningProject(*this);
   if (!project || !FField) return {};
   std::vector<int32_t> ids;
   const std::pair<const char*, int (*)(TColor)> channels[3] = {

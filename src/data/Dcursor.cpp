@@ -2,7 +2,6 @@
 #include "data/Dcursor.h"
 
 #include "data/Dtransformation.h"
-#include "project/Project.h"
 
 #include <cmath>
 
@@ -261,8 +260,8 @@ bool TCursorLockManager::IsCursorLockedByObject(int32_t id, const void* locker) 
 
 int32_t TCursorLockManager::GetNumberOfLockCursors() const {
   int32_t count = 0;
-  for (const auto& data : FProject.DataList())
-    if (const auto* cursor = dynamic_cast<const TDCursor*>(data.get()))
+  for (int32_t id : FProject.GetIDListOfAllData())
+    if (const auto* cursor = dynamic_cast<const TDCursor*>(FProject.FindData(id)))
       if (cursor->GetLockingObject()) ++count;
   return count;
 }
@@ -282,14 +281,14 @@ void TCursorLockManager::DataChange(TData* data, TDataChangeInfo info) {
 // ---------------------------------------------------------------------------------------------
 // TCursorLink
 
-int32_t TCursorLink::Connect(TProject& project, TUnitKind kind) {
+int32_t TCursorLink::Connect(IDataProject& project, TUnitKind kind) {
   FProject = &project;
   const std::string className = GetCursorClassNameForUnitKind(kind);
   FCursorID = className.empty() ? 0 : project.MakeOrGetFirstIDByClassName(className);
   return FCursorID;
 }
 
-int32_t TCursorLink::ConnectByTransformation(TProject& project, int32_t transformationID) {
+int32_t TCursorLink::ConnectByTransformation(IDataProject& project, int32_t transformationID) {
   FProject = &project;
   FCursorID = MakeOrGetCursorIDFromTransformationID(project, transformationID);
   return FCursorID;

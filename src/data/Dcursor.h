@@ -160,7 +160,7 @@ public:
 /// calls DataChange from its change routing and ReleaseAllLocks when it is cleared.
 class TCursorLockManager {
 public:
-  explicit TCursorLockManager(TProject& project) : FProject(project) {}
+  explicit TCursorLockManager(IDataProject& project) : FProject(project) {}
 
   /// Locks the cursor of id for locker (null releases every lock on it); false when id is no cursor.
   bool ChangeCursorToLock(int32_t id, const void* locker, TDCursorParts parts);
@@ -179,7 +179,7 @@ public:
 
 private:
   TDCursor* FindCursor(int32_t id) const;
-  TProject& FProject;
+  IDataProject& FProject;
 };
 
 /// What a viewer or tool keeps of a shared cursor: its ID, found or made for one unit kind. Every holder of
@@ -187,9 +187,9 @@ private:
 class TCursorLink {
 public:
   /// Finds or makes the cursor of the unit kind in the project; returns its ID (0 for kind 0).
-  int32_t Connect(TProject& project, TUnitKind kind);
+  int32_t Connect(IDataProject& project, TUnitKind kind);
   /// Finds or makes the cursor of a transformation's unit kind.
-  int32_t ConnectByTransformation(TProject& project, int32_t transformationID);
+  int32_t ConnectByTransformation(IDataProject& project, int32_t transformationID);
   void Disconnect() { FCursorID = 0; }
   int32_t GetCursorID() const { return FCursorID; }
   /// The cursor while it exists in the project, else null.
@@ -208,7 +208,7 @@ public:
   std::function<void()> OnCursorRemoved;
 
 private:
-  TProject* FProject = nullptr;
+  IDataProject* FProject = nullptr;
   int32_t FCursorID = 0;
 };
 

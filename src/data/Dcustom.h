@@ -23,24 +23,6 @@ struct TFileVersion {
   static inline int32_t SaveVersion = ThisVersion;
 };
 
-/// What data objects need of the project that owns them; the project implements it. Data objects refer
-/// to each other by ID and reach each other only through these calls.
-class IDataProject {
-public:
-  virtual ~IDataProject() = default;
-  virtual bool DataIDExists(int32_t id) const = 0;
-  /// True when the object of id is of className or derives from it.
-  virtual bool IsIDInheritFrom(int32_t id, const std::string& className) const = 0;
-  virtual std::string GetClassNameByID(int32_t id) const = 0;
-  /// Unlocked access for the moment of a call; null when unknown.
-  virtual TData* FindData(int32_t id) const = 0;
-  /// Locks and returns the object of id; null when unknown. Give it back with UnlockData.
-  virtual TData* LockData(int32_t id) = 0;
-  virtual void UnlockData(TData* data) = 0;
-  virtual int32_t GetNewDataID() = 0;
-  /// Takes ownership of a new object.
-  virtual void AddData(std::unique_ptr<TData> data) = 0;
-};
 
 /// How an object travels with the project's file.
 enum class TDataSaveMode : int32_t {
@@ -59,6 +41,33 @@ enum class TDataChangeInfo : int32_t {
   HistoryChanged = 4,
   CaptionChanged = 5,
   AboutToBeDeleted = 6,
+};
+
+/// What data objects need of the project that owns them; the project implements it. Data objects refer
+/// to each other by ID and reach each other only through these calls.
+class IDataProject {
+public:
+  virtual ~IDataProject() = default;
+  virtual bool DataIDExists(int32_t id) const = 0;
+  /// True when the object of id is of className or derives from it.
+  virtual bool IsIDInheritFrom(int32_t id, const std::string& className) const = 0;
+  virtual std::string GetClassNameByID(int32_t id) const = 0;
+  /// Unlocked access for the moment of a call; null when unknown.
+  virtual TData* FindData(int32_t id) const = 0;
+  /// Locks and returns the object of id; null when unknown. Give it back with UnlockData.
+  virtual TData* LockData(int32_t id) = 0;
+  virtual void UnlockData(TData* data) = 0;
+  virtual int32_t GetNewDataID() = 0;
+  /// Takes ownership of a new object.
+  virtual void AddData(std::unique_ptr<TData> data) = 0;
+  /// The ID of the first object of exactly this class, made and added when there is none; 0 when the class
+  /// can't be made.
+  virtual int32_t MakeOrGetFirstIDByClassName(const std::string& className) = 0;
+  /// IDs of the objects of exactly this class, in list order, with minExclusive < ID <= maxInclusive.
+  virtual TIntList GetIDListByClassName(const std::string& className, int32_t minExclusive = 0,
+                                        int32_t maxInclusive = INT32_MAX) const = 0;
+  /// All IDs in list order, or those of one save mode.
+  virtual TIntList GetIDListOfAllData(bool filterByMode = false, TDataSaveMode mode = TDataSaveMode::Always) const = 0;
 };
 
 /// History entry types; 2 marks an ID change, the others are as the callers give them.
@@ -204,18 +213,3 @@ public:                                                                         
   }                                                                                                            \
   static std::unique_ptr<TData> CreateDataObject() { return std::make_unique<ClassName>(); }
 
-/// Data category numbers for the project's lists.
-enum TDataCategory : int32_t {
-  dcImage = 0,
-  dcGraph = 1,
-  dcBitmap = 2,
-  dcText = 3,
-  dcTransformation = 4,
-  dcInterpretation = 5,
-  dcCursor = 6,
-  dcColorProfile = 7,
-  dcFilter = 8,
-  dcConnector = 9,
-  dcStream = 10,
-  dcOther = 11,
-};

@@ -13,7 +13,7 @@ public:
   TDImage();
   ~TDImage() override;
 
-  int32_t GetDataCategory() const override { return dcImage; }
+  int32_t GetDataCategory() const override { return 0; }
   TDataField* GetDataField() override { return FField.get(); }
   bool IsLargeObject() const override { return int64_t(FSizeX) * FSizeY >= 490001; }
   TTagError SaveDataToTagFile(TFileHandle file) override;

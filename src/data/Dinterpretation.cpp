@@ -1,15 +1,12 @@
 // Interpretations: unit lists, conversions, number formatting and their file form.
 #include "data/Dinterpretation.h"
 
-#include "project/Project.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
-TProject* OwningProject(const TData& object) {
-  return dynamic_cast<TProject*>(object.GetProject());
-}
+IDataProject* OwningProject(const TData& object) { return object.GetProject(); }
 
 std::string GetUnitKindString(TUnitKind kind) {
   switch (kind) {
@@ -143,7 +140,7 @@ void TDInterpretation::SetUnitTable(TUnitKind kind, std::vector<std::string> uni
 
 int32_t TDInterpretation::MakeOrGetCursorID() {
   const std::string className = GetCursorClassNameForUnitKind(FUnitKind);
-  TProject* project = OwningProject(*this);
+  IDataProject* project = OwningProject(*this);
   if (className.empty() || !project) return 0;
   return project->MakeOrGetFirstIDByClassName(className);
 }
@@ -409,14 +406,14 @@ TTagError TDZInterpretation::LoadDataFromTagFile(TFileHandle file, const TTagCon
 // ---------------------------------------------------------------------------------------------
 // Helpers
 
-int32_t GetStandardZInterpretation(const TProject& project, const std::string& unit) {
-  for (const auto& data : project.DataList())
-    if (data->GetClassNameA() == TDZInterpretation::kClassName)
-      if (static_cast<const TDZInterpretation&>(*data).GetUnitName() == unit) return data->GetID();
+int32_t GetStandardZInterpretation(const IDataProject& project, const std::string& unit) {
+  for (int32_t id : project.GetIDListByClassName(TDZInterpretation::kClassName))
+    if (const auto* z = dynamic_cast<const TDZInterpretation*>(project.FindData(id)); z && z->GetUnitName() == unit)
+      return id;
   return 0;
 }
 
-int32_t GetOrMakeStandardZInterpretation(TProject& project, const std::string& firstName,
+int32_t GetOrMakeStandardZInterpretation(IDataProject& project, const std::string& firstName,
                                          const std::string& secondName) {
   if (const int32_t id = GetStandardZInterpretation(project, firstName)) return id;
   if (const int32_t id = GetStandardZInterpretation(project, secondName)) return id;
@@ -429,7 +426,7 @@ int32_t GetOrMakeStandardZInterpretation(TProject& project, const std::string& f
   return id;
 }
 
-bool IsInterpretationEqualWithoutUnitIndex(const TProject& project, int32_t a, int32_t b) {
+bool IsInterpretationEqualWithoutUnitIndex(const IDataProject& project, int32_t a, int32_t b) {
   const auto* first = dynamic_cast<const TDInterpretation*>(project.FindData(a));
   const auto* second = dynamic_cast<const TDInterpretation*>(project.FindData(b));
   if (!first || !second || first->GetClassNameA() != second->GetClassNameA()) return false;
@@ -441,7 +438,7 @@ bool IsInterpretationEqualWithoutUnitIndex(const TProject& project, int32_t a, i
   return true;
 }
 
-std::unique_ptr<TDInterpretation> MakeAndCopyInterpretation(TProject& project, TDataSaveMode saveMode,
+std::unique_ptr<TDInterpretation> MakeAndCopyInterpretation(IDataProject& project, TDataSaveMode saveMode,
                                                             const TDInterpretation& source) {
   std::unique_ptr<TData> made = TData::CreateDataObjectByName(source.GetClassNameA());
   auto* raw = dynamic_cast<TDInterpretation*>(made.get());
@@ -455,7 +452,7 @@ std::unique_ptr<TDInterpretation> MakeAndCopyInterpretation(TProject& project, T
   return copy;
 }
 
-int32_t MakeAndCopyInterpretation(TProject& project, TDataSaveMode saveMode, int32_t sourceID) {
+int32_t MakeAndCopyInterpretation(IDataProject& project, TDataSaveMode saveMode, int32_t sourceID) {
   const auto* source = dynamic_cast<const TDInterpretation*>(project.FindData(sourceID));
   if (!source) return 0;
   std::unique_ptr<TDInterpretation> copy = MakeAndCopyInterpretation(project, saveMode, *source);

@@ -2,13 +2,11 @@
 // the standard unit of its kind (space, inverse space, spectral, time, frequency, phase, Z value).
 #pragma once
 
+#include "common/Floatstyle.h"
 #include "data/Dcustom.h"
 
-class TProject;
-
-/// The project that owns object, for the lookups by class that the data layer's interface doesn't offer;
-/// null outside a project.
-TProject* OwningProject(const TData& object);
+/// The project that owns object; null outside a project.
+IDataProject* OwningProject(const TData& object);
 
 #include <cstdint>
 #include <memory>
@@ -36,7 +34,6 @@ std::string GetInterpretationClassNameForUnitKind(TUnitKind kind);
 std::string GetCursorClassNameForUnitKind(TUnitKind kind);
 
 /// How a number is written: general (fixed or scientific, whichever is shorter), scientific, or fixed.
-enum class TFloatFormat : int32_t { General = 0, Exponent = 1, Fixed = 2 };
 
 /// Number formatting of an axis: significant digits (precision), digits of the exponent or after the point.
 struct TFloatStyle {
@@ -191,20 +188,20 @@ public:
 // --- Helpers ---------------------------------------------------------------------------------------
 
 /// The first Z interpretation of the project whose unit is exactly unit; 0 when there is none.
-int32_t GetStandardZInterpretation(const TProject& project, const std::string& unit);
+int32_t GetStandardZInterpretation(const IDataProject& project, const std::string& unit);
 /// Tries firstName, then secondName as unit; otherwise makes and adds a Z interpretation with the caption
 /// firstName and the unit secondName. Returns its ID.
-int32_t GetOrMakeStandardZInterpretation(TProject& project, const std::string& firstName,
+int32_t GetOrMakeStandardZInterpretation(IDataProject& project, const std::string& firstName,
                                          const std::string& secondName);
 /// Same class, and for spectral ones the same excitation, for Z ones the same unit; the unit index is
 /// ignored.
-bool IsInterpretationEqualWithoutUnitIndex(const TProject& project, int32_t a, int32_t b);
+bool IsInterpretationEqualWithoutUnitIndex(const IDataProject& project, int32_t a, int32_t b);
 /// A new object of the source's class with its parameters and a new ID; not added to the project.
 /// Null when the class can't be made.
-std::unique_ptr<TDInterpretation> MakeAndCopyInterpretation(TProject& project, TDataSaveMode saveMode,
+std::unique_ptr<TDInterpretation> MakeAndCopyInterpretation(IDataProject& project, TDataSaveMode saveMode,
                                                             const TDInterpretation& source);
 /// The same by ID; the copy is added to the project. Returns its ID, 0 when source isn't an interpretation.
-int32_t MakeAndCopyInterpretation(TProject& project, TDataSaveMode saveMode, int32_t sourceID);
+int32_t MakeAndCopyInterpretation(IDataProject& project, TDataSaveMode saveMode, int32_t sourceID);
 
 /// Registers the interpretation classes in the fixed order of the registry.
 void RegisterInterpretationClasses();

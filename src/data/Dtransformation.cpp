@@ -4,7 +4,6 @@
 #include "common/OrvexException.h"
 #include "common/Standardmessage.h"
 #include "data/Dcursor.h"
-#include "project/Project.h"
 
 #include <algorithm>
 #include <cmath>
@@ -205,7 +204,7 @@ void TDTransformation::Dim1RealToDimMultiReal(double one, double* multi) const {
 }
 
 int32_t TDTransformation::MakeOrGetInterpretationID() {
-  TProject* project = OwningProject(*this);
+  IDataProject* project = OwningProject(*this);
   if (!project) return 0;
   if (FUnitKind == TUnitKind::ZValue)
     return GetOrMakeStandardZInterpretation(*project, "ZInterpretation " + FStandardUnit, FStandardUnit);
@@ -215,7 +214,7 @@ int32_t TDTransformation::MakeOrGetInterpretationID() {
 
 int32_t TDTransformation::MakeOrGetCursorID() {
   const std::string className = GetCursorClassNameForUnitKind(FUnitKind);
-  TProject* project = OwningProject(*this);
+  IDataProject* project = OwningProject(*this);
   if (className.empty() || !project) return 0;
   return project->MakeOrGetFirstIDByClassName(className);
 }
@@ -835,10 +834,10 @@ TTagError TDLUTTransformation::LoadDataFromTagFile(TFileHandle file, const TTagC
 
 namespace {
 
-const TDTransformation* FindTransformation(const TProject& project, int32_t id) {
+const TDTransformation* FindTransformation(const IDataProject& project, int32_t id) {
   return dynamic_cast<const TDTransformation*>(project.FindData(id));
 }
-const TDSpaceTransformation* FindSpaceTransformation(const TProject& project, int32_t id) {
+const TDSpaceTransformation* FindSpaceTransformation(const IDataProject& project, int32_t id) {
   return dynamic_cast<const TDSpaceTransformation*>(project.FindData(id));
 }
 
@@ -863,21 +862,21 @@ constexpr double kGeometryTolerance = 1e-6;
 
 } // namespace
 
-bool IsTransformationEqual(const TProject& project, int32_t a, int32_t b) {
+bool IsTransformationEqual(const IDataProject& project, int32_t a, int32_t b) {
   if (a == b) return true;
   const TDTransformation* first = FindTransformation(project, a);
   const TDTransformation* second = FindTransformation(project, b);
   return first && second && first->IsEqualTo(*second);
 }
 
-int32_t SearchForEqualTransformation(const TProject& project, const TIntList& idList,
+int32_t SearchForEqualTransformation(const IDataProject& project, const TIntList& idList,
                                      int32_t transformationID) {
   for (int32_t id : idList)
     if (FindTransformation(project, id) && IsTransformationEqual(project, id, transformationID)) return id;
   return 0;
 }
 
-std::unique_ptr<TDTransformation> MakeAndCopyTransformation(TProject& project, TDataSaveMode saveMode,
+std::unique_ptr<TDTransformation> MakeAndCopyTransformation(IDataProject& project, TDataSaveMode saveMode,
                                                             const TDTransformation& source) {
   std::unique_ptr<TData> made = TData::CreateDataObjectByName(source.GetClassNameA());
   auto* raw = dynamic_cast<TDTransformation*>(made.get());
@@ -898,7 +897,7 @@ std::unique_ptr<TDTransformation> MakeAndCopyTransformation(TProject& project, T
   return copy;
 }
 
-int32_t MakeAndCopyTransformation(TProject& project, TDataSaveMode saveMode, int32_t sourceID) {
+int32_t MakeAndCopyTransformation(IDataProject& project, TDataSaveMode saveMode, int32_t sourceID) {
   const TDTransformation* source = FindTransformation(project, sourceID);
   if (!source) return 0;
   std::unique_ptr<TDTransformation> copy = MakeAndCopyTransformation(project, saveMode, *source);
@@ -908,7 +907,7 @@ int32_t MakeAndCopyTransformation(TProject& project, TDataSaveMode saveMode, int
   return id;
 }
 
-bool CopyTransformation(TProject& project, int32_t sourceID, int32_t targetID) {
+bool CopyTransformation(IDataProject& project, int32_t sourceID, int32_t targetID) {
   const TDTransformation* source = FindTransformation(project, sourceID);
   auto* target = dynamic_cast<TDTransformation*>(project.FindData(targetID));
   if (!source || !target || source->GetClassNameA() != target->GetClassNameA()) return false;
@@ -917,7 +916,7 @@ bool CopyTransformation(TProject& project, int32_t sourceID, int32_t targetID) {
   return true;
 }
 
-bool GetDeltaXYFromTransformation(const TProject& project, int32_t id, double& deltaX, double& deltaY) {
+bool GetDeltaXYFromTransformation(const IDataProject& project, int32_t id, double& deltaX, double& deltaY) {
   deltaX = deltaY = 0.0;
   const TDSpaceTransformation* space = FindSpaceTransformation(project, id);
   if (!space) return false;
@@ -925,21 +924,21 @@ bool GetDeltaXYFromTransformation(const TProject& project, int32_t id, double& d
   return true;
 }
 
-bool IsImageTransformationParallelToImageTransformation(const TProject& project, int32_t a, int32_t b) {
+bool IsImageTransformationParallelToImageTransformation(const IDataProject& project, int32_t a, int32_t b) {
   const TDSpaceTransformation* first = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* second = FindSpaceTransformation(project, b);
   if (!first || !second) return false;
   return std::fabs(std::fabs(Dot(ScanNormal(*first), ScanNormal(*second))) - 1.0) <= kGeometryTolerance;
 }
 
-bool IsImageTransformationPerpendicularToImageTransformation(const TProject& project, int32_t a, int32_t b) {
+bool IsImageTransformationPerpendicularToImageTransformation(const IDataProject& project, int32_t a, int32_t b) {
   const TDSpaceTransformation* first = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* second = FindSpaceTransformation(project, b);
   if (!first || !second) return false;
   return std::fabs(Dot(ScanNormal(*first), ScanNormal(*second))) <= kGeometryTolerance;
 }
 
-bool IsPointTransformationPartOfImageTransformation(const TProject& project, int32_t a, int32_t b) {
+bool IsPointTransformationPartOfImageTransformation(const IDataProject& project, int32_t a, int32_t b) {
   const TDSpaceTransformation* point = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* image = FindSpaceTransformation(project, b);
   if (!point || !image) return false;
@@ -951,7 +950,7 @@ bool IsPointTransformationPartOfImageTransformation(const TProject& project, int
   return std::fabs(Dot(offset, Unit(Cross(x, y)))) <= kGeometryTolerance * scale;
 }
 
-bool IsLineTransformationParallelToImageTransformation(const TProject& project, int32_t a, int32_t b) {
+bool IsLineTransformationParallelToImageTransformation(const IDataProject& project, int32_t a, int32_t b) {
   const TDSpaceTransformation* line = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* image = FindSpaceTransformation(project, b);
   if (!line || !image) return false;
@@ -960,7 +959,7 @@ bool IsLineTransformationParallelToImageTransformation(const TProject& project, 
   return std::fabs(Dot(lineX, ScanNormal(*image))) <= kGeometryTolerance;
 }
 
-bool IsImageBaseTransformationTheSameWithoutZ(const TProject& project, int32_t a, int32_t b, int32_t sizeX,
+bool IsImageBaseTransformationTheSameWithoutZ(const IDataProject& project, int32_t a, int32_t b, int32_t sizeX,
                                               int32_t sizeY) {
   const TDSpaceTransformation* first = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* second = FindSpaceTransformation(project, b);
@@ -977,22 +976,22 @@ bool IsImageBaseTransformationTheSameWithoutZ(const TProject& project, int32_t a
   return true;
 }
 
-TUnitKind GetUnitKindFromTransformationID(const TProject& project, int32_t id) {
+TUnitKind GetUnitKindFromTransformationID(const IDataProject& project, int32_t id) {
   const TDTransformation* t = FindTransformation(project, id);
   return t ? t->GetUnitKind() : TUnitKind::None;
 }
 
-int32_t MakeOrGetCursorIDFromTransformationID(TProject& project, int32_t id) {
+int32_t MakeOrGetCursorIDFromTransformationID(IDataProject& project, int32_t id) {
   auto* t = dynamic_cast<TDTransformation*>(project.FindData(id));
   return t ? t->MakeOrGetCursorID() : 0;
 }
 
-int32_t MakeOrGetInterpretationIDFromTransformationID(TProject& project, int32_t id) {
+int32_t MakeOrGetInterpretationIDFromTransformationID(IDataProject& project, int32_t id) {
   auto* t = dynamic_cast<TDTransformation*>(project.FindData(id));
   return t ? t->MakeOrGetInterpretationID() : 0;
 }
 
-int32_t GetSpaceTransformationIDFromObject(const TProject& project, int32_t id) {
+int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t id) {
   const TData* data = project.FindData(id);
   if (!data ||
       !(data->InheritsFrom("TDImage") || data->InheritsFrom("TDGraph") || data->InheritsFrom("TDBitmap")))
@@ -1002,7 +1001,7 @@ int32_t GetSpaceTransformationIDFromObject(const TProject& project, int32_t id) 
   return 0;
 }
 
-void SendSpaceCursorByArrowKeys(TProject& project, int32_t cursorID, int32_t transformationID, int32_t stepX,
+void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID, int32_t stepX,
                                 int32_t stepY) {
   auto* cursor = dynamic_cast<TDSpaceCursor*>(project.FindData(cursorID));
   const TDSpaceTransformation* space = FindSpaceTransformation(project, transformationID);

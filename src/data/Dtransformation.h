@@ -279,39 +279,39 @@ private:
 // --- Helpers (all with a project) ------------------------------------------------------------------
 
 /// True for equal IDs; otherwise both must exist, be transformations of the same class and map alike.
-bool IsTransformationEqual(const TProject& project, int32_t a, int32_t b);
+bool IsTransformationEqual(const IDataProject& project, int32_t a, int32_t b);
 /// The first ID of the list whose transformation equals transformationID's, else 0.
-int32_t SearchForEqualTransformation(const TProject& project, const TIntList& idList,
+int32_t SearchForEqualTransformation(const IDataProject& project, const TIntList& idList,
                                      int32_t transformationID);
 /// A new object of the source's class with its parameters and a new ID, not added to the project. On
 /// failure the user is told and null comes back.
-std::unique_ptr<TDTransformation> MakeAndCopyTransformation(TProject& project, TDataSaveMode saveMode,
+std::unique_ptr<TDTransformation> MakeAndCopyTransformation(IDataProject& project, TDataSaveMode saveMode,
                                                             const TDTransformation& source);
 /// The same by ID; the copy is added to the project and its ID returned (0 on failure).
-int32_t MakeAndCopyTransformation(TProject& project, TDataSaveMode saveMode, int32_t sourceID);
+int32_t MakeAndCopyTransformation(IDataProject& project, TDataSaveMode saveMode, int32_t sourceID);
 /// Copies the parameters of source into target (both IDs, same class); false otherwise.
-bool CopyTransformation(TProject& project, int32_t sourceID, int32_t targetID);
+bool CopyTransformation(IDataProject& project, int32_t sourceID, int32_t targetID);
 /// Pixel size of a space transformation; false (and 0, 0) for other IDs.
-bool GetDeltaXYFromTransformation(const TProject& project, int32_t id, double& deltaX, double& deltaY);
+bool GetDeltaXYFromTransformation(const IDataProject& project, int32_t id, double& deltaX, double& deltaY);
 /// Scan planes of two space transformations are parallel.
-bool IsImageTransformationParallelToImageTransformation(const TProject& project, int32_t a, int32_t b);
+bool IsImageTransformationParallelToImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// Scan planes of two space transformations stand at right angles.
-bool IsImageTransformationPerpendicularToImageTransformation(const TProject& project, int32_t a, int32_t b);
+bool IsImageTransformationPerpendicularToImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// The origin point of transformation a lies in the scan plane of b.
-bool IsPointTransformationPartOfImageTransformation(const TProject& project, int32_t a, int32_t b);
+bool IsPointTransformationPartOfImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// The x axis of line transformation a runs parallel to the scan plane of b.
-bool IsLineTransformationParallelToImageTransformation(const TProject& project, int32_t a, int32_t b);
+bool IsLineTransformationParallelToImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// The corners (0, 0), (sizeX, 0), (sizeX, sizeY) mapped through a and back through b land where they
 /// started (x and y within 1e-6 pixels); z is ignored.
-bool IsImageBaseTransformationTheSameWithoutZ(const TProject& project, int32_t a, int32_t b, int32_t sizeX,
+bool IsImageBaseTransformationTheSameWithoutZ(const IDataProject& project, int32_t a, int32_t b, int32_t sizeX,
                                               int32_t sizeY);
-TUnitKind GetUnitKindFromTransformationID(const TProject& project, int32_t id);
-int32_t MakeOrGetCursorIDFromTransformationID(TProject& project, int32_t id);
-int32_t MakeOrGetInterpretationIDFromTransformationID(TProject& project, int32_t id);
+TUnitKind GetUnitKindFromTransformationID(const IDataProject& project, int32_t id);
+int32_t MakeOrGetCursorIDFromTransformationID(IDataProject& project, int32_t id);
+int32_t MakeOrGetInterpretationIDFromTransformationID(IDataProject& project, int32_t id);
 /// The space transformation of an image, graph or bitmap (by the reference it lists), else 0.
-int32_t GetSpaceTransformationIDFromObject(const TProject& project, int32_t id);
+int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t id);
 /// Moves a space cursor by (stepX, stepY) pixels of a space transformation, as the arrow keys do.
-void SendSpaceCursorByArrowKeys(TProject& project, int32_t cursorID, int32_t transformationID, int32_t stepX,
+void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID, int32_t stepX,
                                 int32_t stepY);
 
 /// Registers the transformation classes in the fixed order of the registry.

@@ -40,7 +40,13 @@ const char* kViewerTag = "Viewer";
 
 } // namespace
 
-TProject::TProject() { FSystemInformation.AfterNewProject(); }
+TProject::TProject() {
+  FSystemInformation.AfterNewProject();
+  FCursorLocks.OnCursorLockChange = [this](int32_t id) {
+    if (OnCursorLockChange)
+      OnCursorLockChange(id);
+  };
+}
 
 TProject::~TProject() {
   // Viewers first: they may hold IDs of objects.
@@ -92,6 +98,7 @@ void TProject::ClearProject() {
   }
   if (OnClear)
     OnClear();
+  FCursorLocks.ReleaseAllLocks();
   FDataList.clear();
   FClosingViewers = true;
   while (!FViewerList.empty()) FViewerList.erase(FViewerList.begin());
@@ -577,6 +584,7 @@ void TProject::DataChange(TData* data, TDataChangeInfo info) {
       !data->InheritsFrom("TDCursor") && !data->InheritsFrom("TDZInterpretation"))
     SetProjectChanged(true);
   data->Lock();
+  FCursorLocks.DataChange(data, info); // a cursor being removed releases its lock holder
   for (size_t i = 0; i < FViewerList.size(); ++i) FViewerList[i]->DataChanged(data, info);
   for (size_t i = 0; i < FDataList.size(); ++i)
     if (FDataList[i].get() != data)

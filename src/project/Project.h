@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/Tagcontrol.h"
+#include "data/Dcursor.h"
 #include "data/Dcustom.h"
 #include "project/Systeminformation.h"
 #include "project/Viewerbase.h"
@@ -141,9 +142,9 @@ public:
     list.clear();
   }
 
-  TIntList GetIDListOfAllData(bool filterByMode = false, TDataSaveMode mode = TDataSaveMode::Always) const;
+  TIntList GetIDListOfAllData(bool filterByMode = false, TDataSaveMode mode = TDataSaveMode::Always) const override;
   TIntList GetIDListByClassName(const std::string& className, int32_t minExclusive = 0,
-                                int32_t maxInclusive = INT32_MAX) const;
+                                int32_t maxInclusive = INT32_MAX) const override;
   TIntList GetIDListByClassNameWithoutHardwareData(const std::string& className, int32_t minExclusive = 0,
                                                    int32_t maxInclusive = INT32_MAX) const;
   TIntList GetIDListByIDListAndClassName(const std::string& className, const TIntList& idList) const;
@@ -162,13 +163,26 @@ public:
   virtual bool DeleteData(int32_t id);
   /// Removes the object without freeing it; null for an unknown ID.
   virtual std::unique_ptr<TData> DeleteDataAndReturnPointer(int32_t id);
-  int32_t MakeOrGetFirstIDByClassName(const std::string& className);
+  int32_t MakeOrGetFirstIDByClassName(const std::string& className) override;
   TData* MakeOrGetFirstDataByClassName(const std::string& className);
 
   /// Unlocked access by ID (for code that holds the object only for the moment of the call).
   TData* FindData(int32_t id) const override;
   const std::vector<std::unique_ptr<TData>>& DataList() const { return FDataList; }
   static void AddDataSortedToList(std::unique_ptr<TData> data, std::vector<std::unique_ptr<TData>>& list);
+
+  // --- Cursor locks ----------------------------------------------------------------------------
+
+  bool ChangeCursorToLock(int32_t id, const void* locker, TDCursorParts parts) {
+    return FCursorLocks.ChangeCursorToLock(id, locker, parts);
+  }
+  bool ChangeCursorToUnlock(int32_t id, const void* locker) { return FCursorLocks.ChangeCursorToUnlock(id, locker); }
+  bool IsCursorLockedByObject(int32_t id, const void* locker) const {
+    return FCursorLocks.IsCursorLockedByObject(id, locker);
+  }
+  int32_t GetNumberOfLockCursors() const { return FCursorLocks.GetNumberOfLockCursors(); }
+  /// Fired with a cursor's ID when its lock holder changed.
+  std::function<void(int32_t)> OnCursorLockChange;
 
   // --- Viewers ---------------------------------------------------------------------------------
 
@@ -255,4 +269,5 @@ private:
   std::string FDataPath;
   bool FShowPlusFeatures = true;
   std::vector<std::pair<int32_t, std::string>> FSkippedObjects;
+  TCursorLockManager FCursorLocks{*this};
 };

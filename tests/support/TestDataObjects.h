@@ -18,7 +18,7 @@ public:
   bool FailOnSave = false; ///< makes the save fail half way
   bool ThrowOnSave = false;
 
-  int32_t GetDataCategory() const override { return dcOther; }
+  int32_t GetDataCategory() const override { return 11; }
   bool IsDataUsed(int32_t id) const override { return id != 0 && RefID == id; }
   void AddToID(int32_t delta) override {
     TData::AddToID(delta);

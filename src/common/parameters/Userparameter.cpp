@@ -457,7 +457,7 @@ void TUserFloatParameter::SetLimits(float lower, float upper) {
   FHasLowerLimit = FHasUpperLimit = true;
 }
 
-void TUserFloatParameter::SetFloatStyle(TFloatStyle style, int digits) {
+void TUserFloatParameter::SetFloatStyle(TFloatFormat style, int digits) {
   FFloatStyle = style;
   FFloatDigits = std::clamp(digits, 0, 18);
 }
@@ -528,10 +528,10 @@ std::string TUserFloatParameter::GetParameterString() const {
   char buffer[64];
   const double value = GetParameter();
   switch (FFloatStyle) {
-  case TFloatStyle::Exponent:
+  case TFloatFormat::Exponent:
     std::snprintf(buffer, sizeof(buffer), "%.*E", std::max(FFloatDigits - 1, 0), value);
     break;
-  case TFloatStyle::Fixed:
+  case TFloatFormat::Fixed:
     std::snprintf(buffer, sizeof(buffer), "%.*f", FFloatDigits, value);
     break;
   default:

@@ -2,6 +2,8 @@
 // update their input controls and save themselves to tag files.
 #pragma once
 
+#include "common/Floatstyle.h"
+
 #include "common/Tagcontrol.h"
 
 #include <atomic>
@@ -50,7 +52,6 @@ using TParameterStateChangedEvent = std::function<void(TUserParameter* parameter
 enum class TUserParameterFontColor { WindowText, Red };
 
 /// Display of floats, as the float controls format them.
-enum class TFloatStyle { General, Exponent, Fixed };
 
 /// An input control (or its label) that shows a parameter. The control reports an entered value by
 /// calling the parameter's setters (SetParameter, SetParameterFromText); the parameter calls back here.
@@ -398,14 +399,14 @@ public:
   void SetSmallIncrement(float step) { FSmallIncrement = step; }
   void SetLargeIncrement(float step) { FLargeIncrement = step; }
   /// Display: style, significant digits (general, exponent) or decimals (fixed).
-  void SetFloatStyle(TFloatStyle style, int digits);
+  void SetFloatStyle(TFloatFormat style, int digits);
   float GetLowerLimit() const { return FLowerLimit; }
   float GetUpperLimit() const { return FUpperLimit; }
   bool GetHasLowerLimit() const { return FHasLowerLimit; }
   bool GetHasUpperLimit() const { return FHasUpperLimit; }
   float GetSmallIncrement() const { return FSmallIncrement; }
   float GetLargeIncrement() const { return FLargeIncrement; }
-  TFloatStyle GetFloatStyle() const { return FFloatStyle; }
+  TFloatFormat GetFloatStyle() const { return FFloatStyle; }
   int GetFloatDigits() const { return FFloatDigits; }
   /// @}
 
@@ -432,7 +433,7 @@ private:
   bool FHasUpperLimit = true;
   float FSmallIncrement = 0.1f;
   float FLargeIncrement = 1.0f;
-  TFloatStyle FFloatStyle = TFloatStyle::General;
+  TFloatFormat FFloatStyle = TFloatFormat::General;
   int FFloatDigits = 7;
 };
 

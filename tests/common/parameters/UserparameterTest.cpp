@@ -224,11 +224,11 @@ TEST(UserParameterText, BadTextsAndValuesOutsideLimitsAreRefusedWithoutChange) {
 
 TEST(UserFloatParameter, DisplayFollowsTheFloatStyle) {
   TUserFloatParameter f(1, "F", "F", "", 2.5f);
-  f.SetFloatStyle(TFloatStyle::Fixed, 3);
+  f.SetFloatStyle(TFloatFormat::Fixed, 3);
   EXPECT_EQ(f.GetParameterString(), "2.500");
-  f.SetFloatStyle(TFloatStyle::Exponent, 3);
+  f.SetFloatStyle(TFloatFormat::Exponent, 3);
   EXPECT_EQ(f.GetParameterString(), "2.50E+00");
-  f.SetFloatStyle(TFloatStyle::General, 4);
+  f.SetFloatStyle(TFloatFormat::General, 4);
   f.SetParameter(0.125f);
   EXPECT_EQ(f.GetParameterString(), "0.125");
 }
