@@ -6,6 +6,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,6 +27,10 @@ struct TCase {
   std::function<double(double)> Position; ///< abscissa of point i
   double Noise;
 };
+
+void PrintTo(const TCase& c, std::ostream* os) {
+  *os << c.Name;
+}
 
 std::vector<TCase> Cases() {
   auto gauss2 = [] {
