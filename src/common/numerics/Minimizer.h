@@ -138,6 +138,9 @@ public:
   };
 
   explicit TMinimizerHelper(int numberOfParameters);
+  // The minimizer's hook refers to this object.
+  TMinimizerHelper(const TMinimizerHelper&) = delete;
+  TMinimizerHelper& operator=(const TMinimizerHelper&) = delete;
 
   /// The function of the full parameter list (all n values in list order).
   void SetFunction(std::function<double(const double* values, int n)> function) {
