@@ -265,8 +265,9 @@ std::vector<int32_t> TDBitmap::ExtractAsImageRGB() {
   std::vector<int32_t> ids;
   const std::pair<const char*, int (*)(TColor)> channels[3] = {
       {" (Image Red)", Red}, {" (Image Green)", Green}, {" (Image Blue)", Blue}};
-  for (const auto& [suffix, channel] : channels) {
-    auto image = MakeChannelImage(*this, *project, suffix);
+  for (const auto& entry : channels) {
+    const auto channel = entry.second; // a plain variable: structured bindings can't be captured everywhere
+    auto image = MakeChannelImage(*this, *project, entry.first);
     FillImage(*this, *image, [channel](TColor c) { return static_cast<float>(channel(c)); });
     ids.push_back(image->GetID());
     project->AddData(std::move(image));

@@ -259,8 +259,9 @@ TEST_F(ProjectTest, DeletingALockedObjectRefuses) {
   EXPECT_EQ(seen, std::vector<TDataChangeInfo>{TDataChangeInfo::AboutToBeDeleted});
   EXPECT_EQ(b->RefID, a->GetID());
   project.UnlockData(locked);
-  EXPECT_TRUE(project.DeleteData(a->GetID()));
-  EXPECT_EQ(project.FindData(a->GetID()), nullptr);
+  const int32_t id = a->GetID();
+  EXPECT_TRUE(project.DeleteData(id));
+  EXPECT_EQ(project.FindData(id), nullptr);
   EXPECT_TRUE(project.DeleteData(999)); // unknown IDs are no failure
 }
 
