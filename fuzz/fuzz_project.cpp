@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "common/OrvexException.h"
 #include "common/Standardmessage.h"
 #include "common/memory/Memorymanagement.h"
 #include "data/Registerdata.h"

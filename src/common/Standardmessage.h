@@ -368,6 +368,8 @@ public:
   /// Throws OrvexException for a non-blocking message.
   TMessageAnswerFunction GetAnswerStrategyForMessage(IStandardMessage* message) override;
   std::string GetName() const override { return "Windows Message Box"; }
+  /// The window the boxes belong to (null: none); the workbench's box function places them over it.
+  void* GetOwnerWindow() const { return FOwnerWindow; }
 
 private:
   TMessageBoxFunction FBox;
