@@ -74,6 +74,16 @@ int main(int argc, char** argv) {
     ReadAllBytes(file, raw.data(), static_cast<int64_t>(raw.size()) * 4);
     CloseFile(file);
     const double rawRead = Seconds(start);
+    // The same read into memory that is new to the process, as a load into a new field has to.
+    SyncAndDrop(rawName);
+    start = Clock::now();
+    {
+      std::vector<float> fresh(raw.size());
+      file = OpenFileForReading(rawName);
+      ReadAllBytes(file, fresh.data(), static_cast<int64_t>(fresh.size()) * 4);
+      CloseFile(file);
+    }
+    const double rawFreshRead = Seconds(start);
 
     start = Clock::now();
     project.SaveProjectToFile(projectName);
@@ -83,9 +93,10 @@ int main(int argc, char** argv) {
     TProject loaded;
     loaded.LoadProjectFromFile(projectName);
     const double load = Seconds(start);
-    std::printf("round %d: write raw %7.1f MB/s  save %7.1f MB/s (%5.1f%%) | read raw %7.1f MB/s  load %7.1f MB/s "
-                "(%5.1f%%)\n",
-                round, mb / rawWrite, mb / save, 100 * rawWrite / save, mb / rawRead, mb / load, 100 * rawRead / load);
+    std::printf("round %d: write raw %7.1f MB/s  save %7.1f MB/s (%5.1f%%) | read raw %7.1f MB/s (into new memory "
+                "%7.1f MB/s)  load %7.1f MB/s (%5.1f%% / %5.1f%%)\n",
+                round, mb / rawWrite, mb / save, 100 * rawWrite / save, mb / rawRead, mb / rawFreshRead, mb / load,
+                100 * rawRead / load, 100 * rawFreshRead / load);
     SyncAndDrop(projectName);
   }
   DeleteFileByName(rawName);

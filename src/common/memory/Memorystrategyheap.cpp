@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/mman.h>
 #include <new>
 
 #include <unistd.h>
@@ -68,6 +69,8 @@ void TPartialMemoryFromHeapArray::SetDataAtAddressEx(uint64_t address, const voi
 }
 
 bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  if (FContiguousBlock)
+    return TransferFile(fileDescriptor, FContiguousBlock + address, size, true) > 0 || size == 0;
   uint64_t movedTotal = 0;
   while (size > 0) {
     const THeapFragment& fragment = FFragments[address / FPageSize];
@@ -83,6 +86,8 @@ bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint6
 }
 
 bool TPartialMemoryFromHeapArray::SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  if (FContiguousBlock)
+    return TransferFile(fileDescriptor, FContiguousBlock + address, size, false) > 0 || size == 0;
   uint64_t movedTotal = 0;
   while (size > 0) {
     const THeapFragment& fragment = FFragments[address / FPageSize];
@@ -152,14 +157,23 @@ IPartialArray* TPartialMemoryFromHeapAllocator::AllocateArray(uint64_t bytes) {
     }
   }
 
-  // The blocks are allocated outside the lock: malloc may take long for many pages.
+  // The blocks are allocated outside the lock: malloc may take long for many pages. A large array gets one
+  // block on huge pages, so that filling it costs few page faults and file transfers run in one piece.
+  constexpr uint64_t kHugePage = 2u << 20;
+  if (bytes >= kHugePage) {
+    const uint64_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    array->FContiguousBlock = static_cast<uint8_t*>(std::aligned_alloc(kHugePage, rounded));
+    if (array->FContiguousBlock)
+      ::madvise(array->FContiguousBlock, rounded, MADV_HUGEPAGE);
+  }
   uint64_t start = 0;
   for (uint32_t i = 0; i < count; ++i) {
     THeapFragment& fragment = array->FFragments[i];
     fragment.StartAddress = start;
     fragment.Size = uint32_t(std::min<uint64_t>(bytes - start, FPageSize));
     fragment.EndAddress = start + fragment.Size;
-    fragment.Block = static_cast<uint8_t*>(std::malloc(fragment.Size));
+    fragment.Block = array->FContiguousBlock ? array->FContiguousBlock + start
+                                             : static_cast<uint8_t*>(std::malloc(fragment.Size));
     if (!fragment.Block) {
       delete array; // FreeArray gives back pages and the blocks made so far
       return nullptr;
@@ -173,9 +187,12 @@ void TPartialMemoryFromHeapAllocator::FreeArray(IPartialArray* array) {
   auto* heapArray = dynamic_cast<TPartialMemoryFromHeapArray*>(array);
   if (!heapArray || heapArray->FAllocator != this || heapArray->FPageNumbers.empty()) return;
   for (THeapFragment& fragment : heapArray->FFragments) {
-    std::free(fragment.Block);
+    if (!heapArray->FContiguousBlock)
+      std::free(fragment.Block);
     fragment.Block = nullptr;
   }
+  std::free(heapArray->FContiguousBlock);
+  heapArray->FContiguousBlock = nullptr;
   TPageLockGuard guard(FLock);
   ReturnPages(heapArray->FPageNumbers.data(), uint32_t(heapArray->FPageNumbers.size()));
   heapArray->FPageNumbers.clear();

@@ -41,6 +41,8 @@ private:
   TPartialMemoryFromHeapAllocator* FAllocator;
   std::vector<THeapFragment> FFragments;
   std::vector<uint32_t> FPageNumbers;
+  /// One block behind all fragments of a large array (null: each fragment has its own block).
+  uint8_t* FContiguousBlock = nullptr;
   uint64_t FTotalBytes = 0;
   uint32_t FPageSize = kPartialMemoryPageSize;
 };
