@@ -263,10 +263,12 @@ void TDataField::GetDoubleValueArray(const int32_t* index, double* values, int64
   GetRaw(index, values, count, TDataFieldKind::Double);
 }
 
-TTagError TDataField::SaveDataToFile(TFileHandle file, TProgressCounter* position) const {
+TTagError TDataField::SaveDataToFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel) const {
   const int64_t total = GetSizeInBytes();
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
+    if (cancel && cancel())
+      return teUnspecificError;
     const int64_t n = std::min(chunk, total - offset);
     if (!FMemory->SaveContentsToFile(file, static_cast<uint64_t>(offset), static_cast<uint64_t>(n)))
       return teWriteFileError;
@@ -277,10 +279,12 @@ TTagError TDataField::SaveDataToFile(TFileHandle file, TProgressCounter* positio
   return teNoError;
 }
 
-TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* position) {
+TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel) {
   const int64_t total = GetSizeInBytes();
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
+    if (cancel && cancel())
+      return teUnspecificError;
     const int64_t n = std::min(chunk, total - offset);
     if (!FMemory->LoadContentsFromFile(file, static_cast<uint64_t>(offset), static_cast<uint64_t>(n)))
       return teReadFileError;
@@ -294,7 +298,7 @@ TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* posit
 // ---------------------------------------------------------------------------------------------
 
 TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, const TDataField& field,
-                                 TProgressCounter* position, TProgressCounter* total) {
+                                 TProgressCounter* position, TProgressCounter* total, const TCancelCheck& cancel) {
   TTagControl list, t, data;
   TTagError result = list.WriteTag(file, name, TTagKind::TagList);
   if (result < 1)
@@ -309,14 +313,14 @@ TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, cons
   if (position)
     *position = 0;
   if ((result = data.WriteTag(file, "Data", TTagKind::Byte)) < 1 ||
-      (result = field.SaveDataToFile(file, position)) < 1 || (result = data.CloseWriteTag(file)) < 1)
+      (result = field.SaveDataToFile(file, position, cancel)) < 1 || (result = data.CloseWriteTag(file)) < 1)
     return result;
   return list.CloseWriteTag(file);
 }
 
 TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, const TTagControl& parent,
                                    std::unique_ptr<TDataField>& field, TProgressCounter* position,
-                                   TProgressCounter* total) {
+                                   TProgressCounter* total, const TCancelCheck& cancel) {
   TTagControl list, t;
   TTagError result = list.FindTag(file, name, parent);
   if (result < 1)
@@ -352,7 +356,7 @@ TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, co
   field.reset();
   field = std::make_unique<TDataField>(ranges.data(), dimension, static_cast<TDataFieldKind>(kind));
   FileSeek(file, data.Begin(), TSeekOrigin::Begin);
-  return field->LoadDataFromFile(file, position);
+  return field->LoadDataFromFile(file, position, cancel);
 }
 
 // ---------------------------------------------------------------------------------------------

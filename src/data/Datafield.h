@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,8 @@ class IPartialArray;
 
 /// A progress counter that a calculation's progress display reads while the field streams.
 using TProgressCounter = std::atomic<int64_t>;
+/// Asked between the steps of a long transfer; true stops it (the result is then 0, "Unspecific Error").
+using TCancelCheck = std::function<bool()>;
 
 /// Element kind of a data field, stored in files as "DataType".
 enum class TDataFieldKind : int32_t {
@@ -89,8 +92,8 @@ public:
 
   /// Streams all bytes between the file's position and the paged memory, in at most 128 steps;
   /// position (may be null) follows in elements.
-  TTagError SaveDataToFile(TFileHandle file, TProgressCounter* position) const;
-  TTagError LoadDataFromFile(TFileHandle file, TProgressCounter* position);
+  TTagError SaveDataToFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel = {}) const;
+  TTagError LoadDataFromFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel = {});
 
 private:
   void Allocate();
@@ -110,12 +113,13 @@ private:
 /// Writes a list tag name: "Dimension", "DataType", "Ranges", and "Data" (Byte) with all elements.
 /// position/total (may be null) are progress counters in elements.
 TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, const TDataField& field,
-                                 TProgressCounter* position = nullptr, TProgressCounter* total = nullptr);
+                                 TProgressCounter* position = nullptr, TProgressCounter* total = nullptr,
+                                 const TCancelCheck& cancel = {});
 /// Reads the list tag name of parent into a new field (the old one is freed). A field whose sizes don't
 /// match its stored data, or whose sizes overflow, is refused with -3 before allocating.
 TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, const TTagControl& parent,
                                    std::unique_ptr<TDataField>& field, TProgressCounter* position = nullptr,
-                                   TProgressCounter* total = nullptr);
+                                   TProgressCounter* total = nullptr, const TCancelCheck& cancel = {});
 
 /// The predecessor of TDataField: nested heap arrays with the same file form (for reading old files).
 class TDataFieldOld {

@@ -272,6 +272,7 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
   TMCC* mcc = GetProgressController();
   TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
   TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
+  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
   if ((result = own.WriteTag(file, kClassName, TTagKind::TagList)) < 1 ||
       (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 || (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
       (result = t.SaveIntTag(file, "SizeY", FSizeY)) < 1 ||
@@ -280,7 +281,7 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
       (result = t.SaveIntTag(file, "XTransformationID", FXTransformationID)) < 1 ||
       (result = t.SaveIntTag(file, "XInterpretationID", FXInterpretationID)) < 1 ||
       (result = t.SaveIntTag(file, "ZInterpretationID", FZInterpretationID)) < 1 ||
-      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, position, total)) < 1 ||
+      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, position, total, cancel)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
@@ -310,7 +311,8 @@ TTagError TDGraph::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   TMCC* mcc = GetProgressController();
   TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
   TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
-  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, position, total)) < 1)
+  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
+  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, position, total, cancel)) < 1)
     return result;
   if (FField->Ranges() != std::vector<int32_t>{sizeX, sizeY * sizeGraph})
     return teReadFileError; // the stored field doesn't match the stated sizes

@@ -367,14 +367,15 @@ TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
   TMCC* mcc = GetProgressController();
   TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
   TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
+  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
   if (version >= 1) {
     if ((result = t.SaveBoolTag(file, "ImageDataIsInverted", true)) < 1 ||
-        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, position, total)) < 1)
+        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, position, total, cancel)) < 1)
       return result;
   } else {
     // Old software reads only the non-inverted orientation.
     const auto copy = FInverted ? MakeTransposedCopy(false) : nullptr;
-    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, position, total)) < 1)
+    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, position, total, cancel)) < 1)
       return result;
   }
   return own.CloseWriteTag(file);
@@ -419,7 +420,8 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   TMCC* mcc = GetProgressController();
   TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
   TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
-  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, position, total)) < 1)
+  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
+  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, position, total, cancel)) < 1)
     return result;
   const std::vector<int32_t> expected = inverted ? std::vector<int32_t>{sizeY, sizeX} : std::vector<int32_t>{sizeX, sizeY};
   if (FField->Ranges() != expected)

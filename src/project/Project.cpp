@@ -30,6 +30,7 @@ TTagError RunOnWorker(const std::string& caption, const std::function<TTagError(
   TTagError result = teUnspecificError;
   TMCC mcc(caption, [&](TMCC* controller, int) { result = job(controller); }, 1);
   mcc.SetProgressMainCaption(caption);
+  mcc.ShowSubProgress = true; // the share of the current object: one graph may be most of the file
   mcc.StartThreads(1);
   mcc.WaitAndShowProgressOnDelay(100);
   return result;
