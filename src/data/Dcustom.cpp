@@ -3,8 +3,8 @@
 
 #include <chrono>
 #include <ctime>
-#include <mutex>
 
+#include "common/Classregistry.h"
 #include "common/threads/Multicorecalc.h"
 
 THistoryEntry THistoryEntry::Now(const std::string& text, THistoryEntryType type) {
@@ -201,47 +201,20 @@ TTagError TData::LoadHistoryList(TFileHandle file, const TTagControl& dataTag) {
 // Registry
 
 namespace {
-struct TRegistry {
-  std::mutex Lock;
-  std::vector<std::pair<std::string, TData::TFactory>> Entries;
-};
-TRegistry& Registry() {
-  static TRegistry registry;
+TClassRegistry<TData>& Registry() {
+  static TClassRegistry<TData> registry;
   return registry;
 }
 } // namespace
 
 void TData::RegisterDataObject(const std::string& className, TFactory factory) {
-  auto& registry = Registry();
-  std::lock_guard lock(registry.Lock);
-  for (const auto& entry : registry.Entries)
-    if (entry.first == className)
-      return;
-  registry.Entries.emplace_back(className, std::move(factory));
+  Registry().Register(className, std::move(factory));
 }
 
 std::unique_ptr<TData> TData::CreateDataObjectByName(const std::string& className) {
-  auto& registry = Registry();
-  TFactory factory;
-  {
-    std::lock_guard lock(registry.Lock);
-    for (const auto& entry : registry.Entries)
-      if (entry.first == className)
-        factory = entry.second;
-  }
-  return factory ? factory() : nullptr;
+  return Registry().Create(className);
 }
 
-void TData::DeleteRegisteredDataObjectList() {
-  auto& registry = Registry();
-  std::lock_guard lock(registry.Lock);
-  registry.Entries.clear();
-}
+void TData::DeleteRegisteredDataObjectList() { Registry().Clear(); }
 
-std::vector<std::string> TData::RegisteredDataObjectNames() {
-  auto& registry = Registry();
-  std::lock_guard lock(registry.Lock);
-  std::vector<std::string> names;
-  for (const auto& entry : registry.Entries) names.push_back(entry.first);
-  return names;
-}
+std::vector<std::string> TData::RegisteredDataObjectNames() { return Registry().Names(); }

@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "common/OrvexException.h"
-#include "common/threads/Multicorecalc.h"
 
 TDGraph::TDGraph() {
   SetCaption("Graph");
@@ -269,10 +268,7 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
   if (result < 1)
     return result;
   TTagControl own, t;
-  TMCC* mcc = GetProgressController();
-  TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
-  TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
-  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
+  const TFieldTransfer transfer = FieldTransfer();
   if ((result = own.WriteTag(file, kClassName, TTagKind::TagList)) < 1 ||
       (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 || (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
       (result = t.SaveIntTag(file, "SizeY", FSizeY)) < 1 ||
@@ -281,7 +277,7 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
       (result = t.SaveIntTag(file, "XTransformationID", FXTransformationID)) < 1 ||
       (result = t.SaveIntTag(file, "XInterpretationID", FXInterpretationID)) < 1 ||
       (result = t.SaveIntTag(file, "ZInterpretationID", FZInterpretationID)) < 1 ||
-      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, position, total, cancel)) < 1 ||
+      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
@@ -308,11 +304,8 @@ TTagError TDGraph::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   t.LoadOrDefaultIntTag(file, "ZInterpretationID", own, &FZInterpretationID, 1, 0);
   if (sizeX < 0 || sizeY < 0 || sizeGraph < 0 || int64_t(sizeY) * sizeGraph > INT32_MAX)
     return teReadFileError;
-  TMCC* mcc = GetProgressController();
-  TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
-  TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
-  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
-  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, position, total, cancel)) < 1)
+  const TFieldTransfer transfer = FieldTransfer();
+  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
     return result;
   if (FField->Ranges() != std::vector<int32_t>{sizeX, sizeY * sizeGraph})
     return teReadFileError; // the stored field doesn't match the stated sizes

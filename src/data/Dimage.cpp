@@ -5,7 +5,6 @@
 #include <cmath>
 
 #include "common/Logfile.h"
-#include "common/threads/Multicorecalc.h"
 
 TDImage::TDImage() {
   SetCaption("Image");
@@ -364,18 +363,15 @@ TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
-  TMCC* mcc = GetProgressController();
-  TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
-  TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
-  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
+  const TFieldTransfer transfer = FieldTransfer();
   if (version >= 1) {
     if ((result = t.SaveBoolTag(file, "ImageDataIsInverted", true)) < 1 ||
-        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, position, total, cancel)) < 1)
+        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
       return result;
   } else {
     // Old software reads only the non-inverted orientation.
     const auto copy = FInverted ? MakeTransposedCopy(false) : nullptr;
-    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, position, total, cancel)) < 1)
+    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
       return result;
   }
   return own.CloseWriteTag(file);
@@ -417,11 +413,8 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
     return result;
   bool inverted = false;
   t.LoadOrDefaultBoolTag(file, "ImageDataIsInverted", own, &inverted, 1, false);
-  TMCC* mcc = GetProgressController();
-  TProgressCounter* position = mcc ? &mcc->SubProgress : nullptr;
-  TProgressCounter* total = mcc ? &mcc->SubProgressMax : nullptr;
-  const TCancelCheck cancel = mcc ? TCancelCheck([mcc] { return mcc->GetCancel(); }) : TCancelCheck();
-  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, position, total, cancel)) < 1)
+  const TFieldTransfer transfer = FieldTransfer();
+  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
     return result;
   const std::vector<int32_t> expected = inverted ? std::vector<int32_t>{sizeY, sizeX} : std::vector<int32_t>{sizeX, sizeY};
   if (FField->Ranges() != expected)

@@ -1,6 +1,8 @@
 // Image base: ID bookkeeping of the space transformation and Z interpretation links.
 #include "data/Dimagebase.h"
 
+#include "common/threads/Multicorecalc.h"
+
 void TDImageBase::AddToID(int32_t delta) {
   TData::AddToID(delta);
   SafeAddToDataID(FSpaceTransformationID, delta);
@@ -84,4 +86,14 @@ TTagError LoadBoolVectorTag(TFileHandle file, const std::string& name, const TTa
   values.assign(bytes.begin(), bytes.end());
   for (size_t i = 0; i < bytes.size(); ++i) values[i] = bytes[i] != 0;
   return teNoError;
+}
+
+TDImageBase::TFieldTransfer TDImageBase::FieldTransfer() const {
+  TFieldTransfer transfer;
+  if (TMCC* mcc = GetProgressController()) {
+    transfer.Position = &mcc->SubProgress;
+    transfer.Total = &mcc->SubProgressMax;
+    transfer.Cancel = [mcc] { return mcc->GetCancel(); };
+  }
+  return transfer;
 }

@@ -1,45 +1,24 @@
 // Viewer interface of the project: registry and the stored viewer of an unknown class.
 #include "project/Viewerbase.h"
 
-#include <mutex>
+#include "common/Classregistry.h"
 
 namespace {
-struct TViewerRegistry {
-  std::mutex Lock;
-  std::vector<std::pair<std::string, TVCustomForm::TFactory>> Entries;
-};
-TViewerRegistry& Registry() {
-  static TViewerRegistry registry;
+TClassRegistry<TVCustomForm>& Registry() {
+  static TClassRegistry<TVCustomForm> registry;
   return registry;
 }
 } // namespace
 
 void TVCustomForm::RegisterViewerClass(const std::string& className, TFactory factory) {
-  auto& registry = Registry();
-  std::lock_guard lock(registry.Lock);
-  for (const auto& entry : registry.Entries)
-    if (entry.first == className)
-      return;
-  registry.Entries.emplace_back(className, std::move(factory));
+  Registry().Register(className, std::move(factory));
 }
 
 std::unique_ptr<TVCustomForm> TVCustomForm::CreateViewerByName(const std::string& className) {
-  auto& registry = Registry();
-  TFactory factory;
-  {
-    std::lock_guard lock(registry.Lock);
-    for (const auto& entry : registry.Entries)
-      if (entry.first == className)
-        factory = entry.second;
-  }
-  return factory ? factory() : nullptr;
+  return Registry().Create(className);
 }
 
-void TVCustomForm::DeleteRegisteredViewerList() {
-  auto& registry = Registry();
-  std::lock_guard lock(registry.Lock);
-  registry.Entries.clear();
-}
+void TVCustomForm::DeleteRegisteredViewerList() { Registry().Clear(); }
 
 TTagError TVStoredViewer::SaveViewerToTagFile(TFileHandle file) {
   // The project has opened the "Viewer n" tag; write the stored children back into it.
