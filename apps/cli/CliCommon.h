@@ -37,6 +37,10 @@ private:
   int FExitCode;
 };
 
+/// The message of an exception with its first cause, for one line on stderr: a calculation thread's error
+/// reaches the command wrapped in the controller's own.
+std::string DescribeError(const std::exception& e);
+
 /// Adds a global option to the program; fallthrough lets it follow the command's name as well.
 void AddGlobalOptions(CLI::App& app, CliContext& ctx);
 

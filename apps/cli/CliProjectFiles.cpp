@@ -65,7 +65,13 @@ TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
       loaded.Project->FindNextDataID();
     }
   } else {
-    result = loaded.Project->LoadProjectFromTagFile(file);
+    try {
+      result = loaded.Project->LoadProjectFromTagFile(file);
+    } catch (const std::exception& e) {
+      // Too large for the memory strategy, say: the objects read so far are dropped with the project.
+      CloseFile(file);
+      throw CliError(kExitFailure, "Loading Error: " + DescribeError(e) + ": " + fileName);
+    }
     loaded.Version = loaded.Project->GetFileVersion();
   }
   CloseFile(file);

@@ -3,8 +3,19 @@
 #include <iostream>
 
 #include "CliCommon.h"
+#include "common/OrvexException.h"
 
 namespace orvexcli {
+
+std::string DescribeError(const std::exception& e) {
+  const auto* orvex = dynamic_cast<const OrvexException*>(&e);
+  if (!orvex)
+    return e.what();
+  // The oldest entry of the history is the cause; the wrappers around it say only where it passed.
+  if (const auto* history = orvex->ExceptionHistory(); history && !history->empty())
+    return history->back();
+  return orvex->Message();
+}
 
 void AddGlobalOptions(CLI::App& app, CliContext& ctx) {
   auto* yes = app.add_flag("--yes", ctx.AnswerYes, "Answer every question of the program with Yes/Ok");
@@ -51,7 +62,7 @@ int main(int argc, char** argv) {
     return e.ExitCodeValue();
   } catch (const std::exception& e) {
     std::cout.flush();
-    std::cerr << e.what() << "\n";
+    std::cerr << DescribeError(e) << "\n";
     return kExitFailure;
   }
   return ctx.ExitCode;

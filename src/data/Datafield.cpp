@@ -110,7 +110,8 @@ void TDataField::Allocate() {
   FMemory = allocator ? allocator->AllocateArray(static_cast<uint64_t>(size)) : nullptr;
   if (!FMemory)
     throw OrvexExceptionMemoryAllocation("PartialMemoryAllocator->AllocateArray(" +
-                                         std::to_string(size / (1024 * 1024)) + " MBytes) did not work");
+                                         std::to_string(size / (1024 * 1024)) +
+                                         " MBytes) did not work: not enough memory");
 }
 
 // Deleting the array gives its pages back to the allocator.
