@@ -1,28 +1,30 @@
 // Saving and loading a project with a 1 GiB graph beside raw sequential write and read of the same bytes,
 // on the heap strategy and on the memory-mapped strategy. Prints MB/s; asserts nothing.
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
-#include <string>
-#include <unistd.h>
-#include <vector>
-
 #include "common/Saveandload.h"
 #include "common/memory/Memorymanagement.h"
 #include "data/Dgraph.h"
 #include "data/Registerdata.h"
 #include "project/Project.h"
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
-double Seconds(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double Seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 void SyncAndDrop(const std::string& name) {
   const int fd = ::open(name.c_str(), O_RDONLY);
-  if (fd < 0)
-    return;
+  if (fd < 0) return;
   ::fdatasync(fd);
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
   ::close(fd);
@@ -93,10 +95,11 @@ int main(int argc, char** argv) {
     TProject loaded;
     loaded.LoadProjectFromFile(projectName);
     const double load = Seconds(start);
-    std::printf("round %d: write raw %7.1f MB/s  save %7.1f MB/s (%5.1f%%) | read raw %7.1f MB/s (into new memory "
-                "%7.1f MB/s)  load %7.1f MB/s (%5.1f%% / %5.1f%%)\n",
-                round, mb / rawWrite, mb / save, 100 * rawWrite / save, mb / rawRead, mb / rawFreshRead, mb / load,
-                100 * rawRead / load, 100 * rawFreshRead / load);
+    std::printf(
+        "round %d: write raw %7.1f MB/s  save %7.1f MB/s (%5.1f%%) | read raw %7.1f MB/s (into new memory "
+        "%7.1f MB/s)  load %7.1f MB/s (%5.1f%% / %5.1f%%)\n",
+        round, mb / rawWrite, mb / save, 100 * rawWrite / save, mb / rawRead, mb / rawFreshRead, mb / load,
+        100 * rawRead / load, 100 * rawFreshRead / load);
     SyncAndDrop(projectName);
   }
   DeleteFileByName(rawName);

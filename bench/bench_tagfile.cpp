@@ -1,27 +1,29 @@
 // Throughput of tag files: a 1 GiB float array written and read as one tag, beside raw sequential
 // write and read of the same bytes in the same run. Prints MB/s; asserts nothing.
+#include "common/Saveandload.h"
+#include "common/Tagcontrol.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
-#include "common/Saveandload.h"
-#include "common/Tagcontrol.h"
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double Seconds(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double Seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 // Flushes the file to disk and drops it from the page cache, so that reads come from the disk.
 void SyncAndDrop(const std::string& name) {
   const int fd = ::open(name.c_str(), O_RDONLY);
-  if (fd < 0)
-    return;
+  if (fd < 0) return;
   ::fdatasync(fd);
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
   ::close(fd);
@@ -76,13 +78,13 @@ int main(int argc, char** argv) {
     tag.LoadFloatTag(in, "Values", readRoot, back.data(), count);
     CloseFile(in);
     const double tagRead = Seconds(start);
-    if (back[count - 1] != values[count - 1])
-      std::printf("read-back mismatch!\n");
+    if (back[count - 1] != values[count - 1]) std::printf("read-back mismatch!\n");
 
-    std::printf("round %d: write raw %8.1f MB/s  tag %8.1f MB/s (%5.1f%%) | read raw %8.1f MB/s  tag %8.1f MB/s "
-                "(%5.1f%%)\n",
-                round + 1, mb / rawWrite, mb / tagWrite, 100.0 * rawWrite / tagWrite, mb / rawRead, mb / tagRead,
-                100.0 * rawRead / tagRead);
+    std::printf(
+        "round %d: write raw %8.1f MB/s  tag %8.1f MB/s (%5.1f%%) | read raw %8.1f MB/s  tag %8.1f MB/s "
+        "(%5.1f%%)\n",
+        round + 1, mb / rawWrite, mb / tagWrite, 100.0 * rawWrite / tagWrite, mb / rawRead, mb / tagRead,
+        100.0 * rawRead / tagRead);
   }
   DeleteFileByName(rawName);
   DeleteFileByName(tagName);

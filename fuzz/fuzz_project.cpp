@@ -1,15 +1,16 @@
 // Fuzz target: the project loader on arbitrary bytes (every registered class, data fields, viewers kept
 // as stored tags) must end cleanly, whatever the file claims.
-#include <cstdint>
-#include <string>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "common/OrvexException.h"
 #include "common/Standardmessage.h"
 #include "common/memory/Memorymanagement.h"
 #include "data/Registerdata.h"
 #include "project/Project.h"
+
+#include <cstdint>
+#include <string>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   TMemoryManagement::CurrentStrategy = 0;
@@ -22,8 +23,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int fd = memfd_create("fuzz_project", 0);
-  if (fd < 0)
-    return 0;
+  if (fd < 0) return 0;
   if (write(fd, data, size) != static_cast<ssize_t>(size)) {
     close(fd);
     return 0;

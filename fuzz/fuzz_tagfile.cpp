@@ -1,21 +1,21 @@
 // Fuzz target: every reader of tag files on arbitrary bytes (whole-tree load, tag walks, lists,
 // the stream path and the structural check) must end cleanly.
-#include <cstdint>
-#include <string>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
 #include "common/Tagstream.h"
 #include "common/Tagvalidate.h"
 
+#include <cstdint>
+#include <string>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace {
 
 // Walks every list found by FindTag-like scanning and reads values as the loaders do.
 void Walk(TFileHandle file, const TTagControl& parent, int depth) {
-  if (depth > 20)
-    return;
+  if (depth > 20) return;
   for (const char* name : {"Root", "Data", "Count", "Strings", "Name", ""}) {
     TTagControl tag;
     int32_t ints[4] = {};
@@ -36,10 +36,8 @@ void Walk(TFileHandle file, const TTagControl& parent, int depth) {
     TTagControl child;
     std::string name;
     FileSeek(file, pos, TSeekOrigin::Begin);
-    if (child.ReadTag(file, name) < 1 || child.Begin() <= pos || child.End() < child.Begin())
-      break;
-    if (child.Kind() == TTagKind::TagList)
-      Walk(file, child, depth + 1);
+    if (child.ReadTag(file, name) < 1 || child.Begin() <= pos || child.End() < child.Begin()) break;
+    if (child.Kind() == TTagKind::TagList) Walk(file, child, depth + 1);
     pos = child.End();
   }
 }
@@ -48,8 +46,7 @@ void Walk(TFileHandle file, const TTagControl& parent, int depth) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int fd = memfd_create("fuzz_tagfile", 0);
-  if (fd < 0)
-    return 0;
+  if (fd < 0) return 0;
   if (write(fd, data, size) != static_cast<ssize_t>(size)) {
     close(fd);
     return 0;

@@ -1,9 +1,10 @@
 // Shared pieces of the orvex command line: global options, exit codes, errors.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <stdexcept>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 namespace orvexcli {
 
@@ -18,8 +19,8 @@ enum ExitCode : int {
 struct CliContext {
   bool AnswerYes = false;
   bool AnswerNo = false;
-  int Threads = 0; ///< 0: all processors the process may use
-  std::string Memory;  ///< "", "heap" or "mmf"
+  int Threads = 0;    ///< 0: all processors the process may use
+  std::string Memory; ///< "", "heap" or "mmf"
   std::string MmfDir;
   double MmfSizeGB = 0;
   double MapSizeMB = 0;

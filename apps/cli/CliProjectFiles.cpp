@@ -1,10 +1,6 @@
 // Loading and saving project and data files for the commands.
 #include "CliProjectFiles.h"
 
-#include <algorithm>
-#include <cctype>
-#include <cstdio>
-
 #include "CliCommon.h"
 #include "common/Saveandload.h"
 #include "data/Dgraph.h"
@@ -12,13 +8,16 @@
 #include "data/Dinterpretation.h"
 #include "data/Dtransformation.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+
 namespace orvexcli {
 namespace {
 
 std::string LowerExtension(const std::string& fileName) {
   const size_t dot = fileName.find_last_of('.');
-  if (dot == std::string::npos || fileName.find('/', dot) != std::string::npos)
-    return {};
+  if (dot == std::string::npos || fileName.find('/', dot) != std::string::npos) return {};
   std::string ext = fileName.substr(dot);
   std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
   return ext;
@@ -36,8 +35,7 @@ TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
   loaded.Project = std::make_unique<TProject>();
   loaded.Project->SetWithoutProjectManager(forAppend);
   const TFileHandle file = OpenFileForReading(fileName);
-  if (file == kInvalidFileHandle)
-    FailLoading(teCreateFileForReadError, fileName);
+  if (file == kInvalidFileHandle) FailLoading(teCreateFileForReadError, fileName);
   TTagError result = LoadIdentificationFromFile(file, loaded.Identification);
   if (result < 1) {
     CloseFile(file);
@@ -54,8 +52,7 @@ TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
     result = root.ReadTag(file, rootName);
     if (result >= 1) {
       t.LoadOrDefaultIntTag(file, "Version", root, &loaded.Version, 1, 0);
-      if (loaded.Version > TProject::ThisVersion)
-        result = teWrongFileVersion;
+      if (loaded.Version > TProject::ThisVersion) result = teWrongFileVersion;
     }
     if (result >= 1) {
       std::vector<std::unique_ptr<TData>> list;
@@ -75,11 +72,9 @@ TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
     loaded.Version = loaded.Project->GetFileVersion();
   }
   CloseFile(file);
-  if (result < 1)
-    FailLoading(result, fileName);
+  if (result < 1) FailLoading(result, fileName);
   loaded.Project->SetFileName(fileName);
-  if (CancelRequested())
-    throw CliError(kExitFailure, "Loading cancelled: " + fileName);
+  if (CancelRequested()) throw CliError(kExitFailure, "Loading cancelled: " + fileName);
   return loaded;
 }
 
@@ -102,10 +97,8 @@ void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool 
     throw;
   }
   TProject::SaveVersion = TProject::ThisVersion;
-  if (CancelRequested())
-    throw CliError(kExitFailure, "Saving cancelled; " + fileName + " is unchanged");
-  if (result < 1)
-    throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(result) + ": " + fileName);
+  if (CancelRequested()) throw CliError(kExitFailure, "Saving cancelled; " + fileName + " is unchanged");
+  if (result < 1) throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(result) + ": " + fileName);
 }
 
 std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& data) {
@@ -119,8 +112,7 @@ std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& da
 bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count,
                 int axis, std::vector<double>& values, std::string& unit) {
   const auto* transformation = dynamic_cast<const TDTransformation*>(project.FindData(transformationID));
-  if (!transformation || count <= 0)
-    return false;
+  if (!transformation || count <= 0) return false;
   const TDInterpretation* interpretation = dynamic_cast<const TDInterpretation*>(
       project.FindData(interpretationID != 0 ? interpretationID : transformation->GetInterpretationID()));
   values.resize(static_cast<size_t>(count));
@@ -140,14 +132,13 @@ bool AxisValues(const TProject& project, int32_t transformationID, int32_t inter
 
 std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData& data) {
   const auto* base = dynamic_cast<const TDImageBase*>(&data);
-  if (!base)
-    return {};
+  if (!base) return {};
   std::vector<std::string> lines;
-  auto describe = [&](const char* name, int32_t transformationID, int32_t interpretationID, int32_t count, int axis) {
+  auto describe = [&](const char* name, int32_t transformationID, int32_t interpretationID, int32_t count,
+                      int axis) {
     std::vector<double> values;
     std::string unit;
-    if (!AxisValues(project, transformationID, interpretationID, count, axis, values, unit))
-      return;
+    if (!AxisValues(project, transformationID, interpretationID, count, axis, values, unit)) return;
     char line[256];
     std::snprintf(line, sizeof line, "%s: %.6g ... %.6g %s, %d px", name, values.front(), values.back(),
                   unit.c_str(), count);
@@ -156,7 +147,8 @@ std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData
   describe("x", base->GetSpaceTransformationID(), 0, base->GetSizeX(), 0);
   describe("y", base->GetSpaceTransformationID(), 0, base->GetSizeY(), 1);
   if (const auto* graph = dynamic_cast<const TDGraph*>(&data))
-    describe("spectral", graph->GetXTransformationID(), graph->GetXInterpretationID(), graph->GetSizeGraph(), 0);
+    describe("spectral", graph->GetXTransformationID(), graph->GetXInterpretationID(), graph->GetSizeGraph(),
+             0);
   return lines;
 }
 

@@ -1,12 +1,12 @@
 // Loading and saving project and data files for the commands, with errors in the program's words.
 #pragma once
 
+#include "project/Project.h"
+
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "project/Project.h"
 
 namespace orvexcli {
 
@@ -17,8 +17,8 @@ struct TLoadedFile {
   bool IsDataFile = false;
 };
 
-/// Loads a project file, or a data file into a fresh project; throws CliError ("Loading Error: …") on failure.
-/// forAppend marks the project as a temporary one that is appended elsewhere.
+/// Loads a project file, or a data file into a fresh project; throws CliError ("Loading Error: …") on
+/// failure. forAppend marks the project as a temporary one that is appended elsewhere.
 TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend = false);
 /// Saves as a project (".oxp") or data file (".oxd") by the extension; throws CliError on failure.
 void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool compatible);
@@ -28,8 +28,9 @@ std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& da
 /// Axis lines of images and graphs in physical units ("x: 0 ... 50 µm, 128 px"); nothing for other objects.
 std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData& data);
 /// The values of an axis (0 x, 1 y of a space transformation; 0 of a one-dimensional one) in the current unit
-/// of its interpretation (interpretationID, or the transformation's own when 0). False without transformation.
-bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count, int axis,
-                std::vector<double>& values, std::string& unit);
+/// of its interpretation (interpretationID, or the transformation's own when 0). False without
+/// transformation.
+bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count,
+                int axis, std::vector<double>& values, std::string& unit);
 
 } // namespace orvexcli

@@ -1,6 +1,4 @@
 // Start of every command's work: messages, threads, progress display and Ctrl-C.
-#include <memory>
-
 #include "CliCommon.h"
 #include "common/Exceptionhandling.h"
 #include "common/MainThreadQueue.h"
@@ -10,10 +8,11 @@
 #include "common/threads/Multicorecalc.h"
 #include "data/Registerdata.h"
 
+#include <memory>
+
 namespace orvexcli {
 void StartRuntime(CliContext& ctx) {
-  if (ctx.Started)
-    return;
+  if (ctx.Started) return;
   ctx.Started = true;
   TMainThreadQueue::Instance().SetMainThread();
   InstallOrvexExceptionHandlers();
@@ -26,8 +25,7 @@ void StartRuntime(CliContext& ctx) {
   else
     proxy->SetMessagingStrategy(new TConsoleMessagingStrategy());
 
-  if (ctx.Threads > 0)
-    TMCC::SetProcessThreadLimit(ctx.Threads);
+  if (ctx.Threads > 0) TMCC::SetProcessThreadLimit(ctx.Threads);
   static TConsoleProgressView progressView;
   TMCC::SetDefaultProgressView(&progressView);
   // Ctrl-C cancels the running calculation; a second one ends the program.
@@ -38,6 +36,8 @@ void StartRuntime(CliContext& ctx) {
   RegisterDataClasses();
 }
 
-bool CancelRequested() { return TMCC::ProcessCancelRequested(); }
+bool CancelRequested() {
+  return TMCC::ProcessCancelRequested();
+}
 
 } // namespace orvexcli

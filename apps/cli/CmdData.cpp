@@ -1,13 +1,14 @@
 // orvex data: the values of a graph or image as raw little-endian float32, for comparison outside.
-#include <cstdio>
-#include <iostream>
-#include <memory>
-#include <unistd.h>
-
 #include "CliCommon.h"
 #include "CliProjectFiles.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+
+#include <unistd.h>
 
 namespace orvexcli {
 namespace {
@@ -17,8 +18,7 @@ bool WriteOut(int fd, const void* data, size_t size) {
   const auto* p = static_cast<const char*>(data);
   while (size > 0) {
     const ssize_t n = ::write(fd, p, size);
-    if (n <= 0)
-      return false;
+    if (n <= 0) return false;
     p += n;
     size -= static_cast<size_t>(n);
   }
@@ -29,8 +29,7 @@ void RunData(CliContext& ctx, const std::string& fileName, int32_t id, const std
   StartRuntime(ctx);
   TLoadedFile loaded = LoadProjectOrDataFile(fileName);
   TData* data = loaded.Project->FindData(id);
-  if (!data)
-    throw CliError(kExitFailure, "No data object with ID " + std::to_string(id) + " in " + fileName);
+  if (!data) throw CliError(kExitFailure, "No data object with ID " + std::to_string(id) + " in " + fileName);
   const auto* graph = dynamic_cast<const TDGraph*>(data);
   const auto* image = dynamic_cast<const TDImage*>(data);
   if (!graph && !image)
@@ -43,7 +42,8 @@ void RunData(CliContext& ctx, const std::string& fileName, int32_t id, const std
     tempName = out;
     file = CreateFileSafeOverWrite(out, tempName);
     if (file == kInvalidFileHandle)
-      throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(teCreateFileForWriteError) + ": " + out);
+      throw CliError(kExitFailure,
+                     "Saving Error: " + GetTagErrorName(teCreateFileForWriteError) + ": " + out);
     fd = file;
   }
   bool ok = true;
@@ -53,8 +53,7 @@ void RunData(CliContext& ctx, const std::string& fileName, int32_t id, const std
     for (int64_t e = 0; ok && e < graph->GetNumberOfSpectra(); ++e) {
       graph->GetSpectrumOfElement(e, spectrum.data(), true);
       ok = WriteOut(fd, spectrum.data(), spectrum.size() * sizeof(float));
-      if (CancelRequested())
-        ok = false;
+      if (CancelRequested()) ok = false;
     }
   } else {
     std::vector<float> line(static_cast<size_t>(image->GetSizeX()));
@@ -71,8 +70,7 @@ void RunData(CliContext& ctx, const std::string& fileName, int32_t id, const std
       ok = false;
     }
   }
-  if (!ok)
-    throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(teWriteFileError) + ": " + out);
+  if (!ok) throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(teWriteFileError) + ": " + out);
 }
 
 } // namespace
@@ -83,7 +81,8 @@ void AddDataCommands(CLI::App& app, CliContext& ctx) {
     int32_t ID = 0;
   };
   auto options = std::make_shared<TOptions>();
-  auto* command = app.add_subcommand("data", "Write the values of a graph or image as raw little-endian float32");
+  auto* command =
+      app.add_subcommand("data", "Write the values of a graph or image as raw little-endian float32");
   command->add_option("FILE", options->File, "Project or data file")->required();
   command->add_option("ID", options->ID, "ID of the graph or image")->required();
   command->add_option("-o,--output", options->Out, "File to write, - for standard output")->required();
@@ -99,8 +98,7 @@ void RunAxis(CliContext& ctx, const std::string& fileName, int32_t id) {
   StartRuntime(ctx);
   TLoadedFile loaded = LoadProjectOrDataFile(fileName);
   const auto* graph = dynamic_cast<const TDGraph*>(loaded.Project->FindData(id));
-  if (!graph)
-    throw CliError(kExitFailure, "No graph with ID " + std::to_string(id) + " in " + fileName);
+  if (!graph) throw CliError(kExitFailure, "No graph with ID " + std::to_string(id) + " in " + fileName);
   std::vector<double> values;
   std::string unit;
   if (!AxisValues(*loaded.Project, graph->GetXTransformationID(), graph->GetXInterpretationID(),
@@ -117,7 +115,8 @@ void AddAxisCommands(CLI::App& app, CliContext& ctx) {
     int32_t ID = 0;
   };
   auto options = std::make_shared<TOptions>();
-  auto* command = app.add_subcommand("axis", "Print the spectral axis of a graph in its current unit, one per line");
+  auto* command =
+      app.add_subcommand("axis", "Print the spectral axis of a graph in its current unit, one per line");
   command->add_option("FILE", options->File, "Project or data file")->required();
   command->add_option("ID", options->ID, "ID of the graph")->required();
   command->callback([options, &ctx] { RunAxis(ctx, options->File, options->ID); });

@@ -1,13 +1,13 @@
 // orvex demo: writes the built-in demo data set, a synthetic confocal Raman map, as a project file.
+#include "CliCommon.h"
+#include "CliProjectFiles.h"
+#include "project/Demodataset.h"
+
 #include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <regex>
-
-#include "CliCommon.h"
-#include "CliProjectFiles.h"
-#include "project/Demodataset.h"
 
 namespace orvexcli {
 namespace {
@@ -15,8 +15,7 @@ namespace {
 TDemoOptions ParseSize(const std::string& size, uint64_t seed) {
   TDemoOptions options;
   options.Seed = seed;
-  if (size.empty())
-    return options;
+  if (size.empty()) return options;
   const std::regex pattern(R"((\d+)x(\d+)x(\d+))");
   std::smatch match;
   if (!std::regex_match(size, match, pattern))
@@ -36,13 +35,12 @@ void RunDemo(CliContext& ctx, const std::string& out, const std::string& size, u
   const auto start = std::chrono::steady_clock::now();
   TProject project;
   const TDemoIDs ids = CreateDemoProject(project, options);
-  if (CancelRequested())
-    throw CliError(kExitFailure, "Demo data set cancelled; nothing written");
+  if (CancelRequested()) throw CliError(kExitFailure, "Demo data set cancelled; nothing written");
   const double made = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   SaveProjectOrDataFile(project, out, false);
   const double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::printf("written: %s (map %dx%dx%d, ID %d; made in %.2f s, with saving %.2f s)\n", out.c_str(), options.SizeX,
-              options.SizeY, options.SizeGraph, ids.Map, made, total);
+  std::printf("written: %s (map %dx%dx%d, ID %d; made in %.2f s, with saving %.2f s)\n", out.c_str(),
+              options.SizeX, options.SizeY, options.SizeGraph, ids.Map, made, total);
 }
 
 } // namespace
@@ -55,7 +53,8 @@ void AddDemoCommands(CLI::App& app, CliContext& ctx) {
   auto options = std::make_shared<TOptions>();
   auto* command = app.add_subcommand("demo", "Write the demo data set: a synthetic confocal Raman map");
   command->add_option("-o,--output", options->Out, "Project file to write (.oxp)")->required();
-  command->add_option("--size", options->Size, "XxYxN: pixels in x and y, points per spectrum (default 128x128x1024)");
+  command->add_option("--size", options->Size,
+                      "XxYxN: pixels in x and y, points per spectrum (default 128x128x1024)");
   command->add_option("--seed", options->Seed, "Seed of the noise and spikes (default 1)");
   command->callback([options, &ctx] { RunDemo(ctx, options->Out, options->Size, options->Seed); });
 }

@@ -1,12 +1,13 @@
 // orvex info / convert / append: look into, convert and combine project and data files.
-#include <iostream>
-#include <memory>
-#include <nlohmann/json.hpp>
-
 #include "CliCommon.h"
 #include "CliProjectFiles.h"
 #include "common/Saveandload.h"
 #include "project/Project.h"
+
+#include <iostream>
+#include <memory>
+
+#include <nlohmann/json.hpp>
 
 namespace orvexcli {
 namespace {
@@ -47,8 +48,8 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
     return;
   }
   std::cout << "identification: " << loaded.Identification << "\n";
-  std::cout << "version: " << loaded.Version << " (" << TProject::GetVersionStringForFileVersion(loaded.Version)
-            << ")\n";
+  std::cout << "version: " << loaded.Version << " ("
+            << TProject::GetVersionStringForFileVersion(loaded.Version) << ")\n";
   std::cout << "next data ID: " << project.GetNextDataID() << "\n";
   std::cout << "objects: " << project.DataList().size() << "\n";
   for (const auto& data : project.DataList()) {
@@ -105,9 +106,12 @@ void AddProjectCommands(CLI::App& app, CliContext& ctx) {
   auto convert = std::make_shared<TConvertOptions>();
   auto* convertCommand = app.add_subcommand("convert", "Load a project or data file and save it again");
   convertCommand->add_option("IN", convert->In, "File to read")->required();
-  convertCommand->add_option("OUT", convert->Out, "File to write (.oxp or .oxd by its extension)")->required();
-  convertCommand->add_flag("--compatible", convert->Compatible, "Write the form older versions read (version 5)");
-  convertCommand->callback([convert, &ctx] { RunConvert(ctx, convert->In, convert->Out, convert->Compatible); });
+  convertCommand->add_option("OUT", convert->Out, "File to write (.oxp or .oxd by its extension)")
+      ->required();
+  convertCommand->add_flag("--compatible", convert->Compatible,
+                           "Write the form older versions read (version 5)");
+  convertCommand->callback(
+      [convert, &ctx] { RunConvert(ctx, convert->In, convert->Out, convert->Compatible); });
 
   struct TAppendOptions {
     std::string Base, Out;
@@ -119,10 +123,10 @@ void AddProjectCommands(CLI::App& app, CliContext& ctx) {
   appendCommand->add_option("BASE", append->Base, "Project or data file to start from")->required();
   appendCommand->add_option("ADD", append->Additions, "Projects and data files to append")->required();
   appendCommand->add_option("-o,--output", append->Out, "File to write")->required();
-  appendCommand->add_flag("--compatible", append->Compatible, "Write the form older versions read (version 5)");
-  appendCommand->callback([append, &ctx] {
-    RunAppend(ctx, append->Base, append->Additions, append->Out, append->Compatible);
-  });
+  appendCommand->add_flag("--compatible", append->Compatible,
+                          "Write the form older versions read (version 5)");
+  appendCommand->callback(
+      [append, &ctx] { RunAppend(ctx, append->Base, append->Additions, append->Out, append->Compatible); });
 }
 
 } // namespace orvexcli

@@ -1,14 +1,15 @@
 // orvex tags / orvex validate: look into any tag file.
-#include <cstdio>
-#include <iostream>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <sstream>
-
 #include "CliCommon.h"
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
 #include "common/Tagvalidate.h"
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
 
 namespace orvexcli {
 namespace {
@@ -16,7 +17,9 @@ namespace {
 constexpr int64_t kShownValues = 8;
 constexpr int kMaxDepth = 1000;
 
-std::string Quote(const std::string& s) { return nlohmann::ordered_json(s).dump(); }
+std::string Quote(const std::string& s) {
+  return nlohmann::ordered_json(s).dump();
+}
 
 std::string FormatNumber(double v, int precision) {
   char buffer[64];
@@ -69,28 +72,39 @@ TValuePreview ReadPreview(TFileHandle file, const TTagControl& tag) {
   for (int64_t i = 0; i < shown; ++i) {
     const uint8_t* p = raw.data() + i * size;
     switch (tag.Kind()) {
-    case TTagKind::Double: preview.Values.push_back(*reinterpret_cast<const double*>(p)); break;
-    case TTagKind::Float: preview.Values.push_back(*reinterpret_cast<const float*>(p)); break;
-    case TTagKind::Int64: preview.Values.push_back(*reinterpret_cast<const int64_t*>(p)); break;
-    case TTagKind::Int: preview.Values.push_back(*reinterpret_cast<const int32_t*>(p)); break;
-    case TTagKind::Word: preview.Values.push_back(*reinterpret_cast<const uint16_t*>(p)); break;
-    case TTagKind::Byte: preview.Values.push_back(*p); break;
-    case TTagKind::Bool: preview.Values.push_back(*p != 0); break;
-    default: break;
+    case TTagKind::Double:
+      preview.Values.push_back(*reinterpret_cast<const double*>(p));
+      break;
+    case TTagKind::Float:
+      preview.Values.push_back(*reinterpret_cast<const float*>(p));
+      break;
+    case TTagKind::Int64:
+      preview.Values.push_back(*reinterpret_cast<const int64_t*>(p));
+      break;
+    case TTagKind::Int:
+      preview.Values.push_back(*reinterpret_cast<const int32_t*>(p));
+      break;
+    case TTagKind::Word:
+      preview.Values.push_back(*reinterpret_cast<const uint16_t*>(p));
+      break;
+    case TTagKind::Byte:
+      preview.Values.push_back(*p);
+      break;
+    case TTagKind::Bool:
+      preview.Values.push_back(*p != 0);
+      break;
+    default:
+      break;
     }
   }
   return preview;
 }
 
 std::string FormatValue(const nlohmann::ordered_json& v, TTagKind kind) {
-  if (v.is_string())
-    return Quote(v.get<std::string>());
-  if (v.is_boolean())
-    return v.get<bool>() ? "true" : "false";
-  if (kind == TTagKind::Double)
-    return FormatNumber(v.get<double>(), 17);
-  if (kind == TTagKind::Float)
-    return FormatNumber(v.get<double>(), 9);
+  if (v.is_string()) return Quote(v.get<std::string>());
+  if (v.is_boolean()) return v.get<bool>() ? "true" : "false";
+  if (kind == TTagKind::Double) return FormatNumber(v.get<double>(), 17);
+  if (kind == TTagKind::Float) return FormatNumber(v.get<double>(), 9);
   return v.dump();
 }
 
@@ -111,16 +125,14 @@ public:
     const std::string indent(static_cast<size_t>(2 * depth), ' ');
     nlohmann::ordered_json node = {{"name", name}, {"kind", TagKindName(tag.Kind())}};
     if (tag.Kind() == TTagKind::TagList) {
-      if (!FJson)
-        std::cout << indent << name << "\n";
+      if (!FJson) std::cout << indent << name << "\n";
       if (depth < FMaxDepth) {
         nlohmann::ordered_json children = nlohmann::ordered_json::array();
         int64_t child = tag.Begin();
         while (child < tag.End()) {
           nlohmann::ordered_json childNode;
           const int64_t next = Print(child, tag.End(), depth + 1, &childNode);
-          if (next < 0)
-            break;
+          if (next < 0) break;
           children.push_back(std::move(childNode));
           child = next;
         }
@@ -140,15 +152,13 @@ public:
           text = "[";
           for (size_t i = 0; i < preview.Values.size(); ++i)
             text += (i ? ", " : "") + FormatValue(preview.Values[i], tag.Kind());
-          if (preview.Count > static_cast<int64_t>(preview.Values.size()))
-            text += ", ...";
+          if (preview.Count > static_cast<int64_t>(preview.Values.size())) text += ", ...";
           text += "] (" + std::to_string(preview.Count) + ")";
         }
         std::cout << indent << name << " = " << text << "\n";
       }
     }
-    if (out)
-      *out = std::move(node);
+    if (out) *out = std::move(node);
     return tag.End();
   }
 
@@ -164,7 +174,8 @@ private:
 void RunTags(const std::string& fileName, bool json, int depth) {
   const TFileHandle file = OpenFileForReading(fileName);
   if (file == kInvalidFileHandle)
-    throw CliError(kExitUsage, "Loading Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + fileName);
+    throw CliError(kExitUsage,
+                   "Loading Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + fileName);
   std::string identification;
   LoadIdentificationFromFile(file, identification);
   TTreePrinter printer(file, json, depth < 0 ? kMaxDepth : depth);
@@ -181,15 +192,14 @@ void RunTags(const std::string& fileName, bool json, int depth) {
 
 int RunValidate(const std::string& fileName) {
   const TTagValidationResult result = ValidateTagFile(fileName);
-  if (!result.Readable)
-    throw CliError(kExitUsage, "Loading Error: " + result.Problem + ": " + fileName);
+  if (!result.Readable) throw CliError(kExitUsage, "Loading Error: " + result.Problem + ": " + fileName);
   if (result.Valid) {
-    std::cout << "valid: identification \"" << result.Identification << "\", " << result.TagCount << " tags\n";
+    std::cout << "valid: identification \"" << result.Identification << "\", " << result.TagCount
+              << " tags\n";
     return kExitOk;
   }
   std::cerr << "invalid: " << result.Problem << " at offset " << result.Offset;
-  if (!result.Path.empty())
-    std::cerr << " in tag " << Quote(result.Path);
+  if (!result.Path.empty()) std::cerr << " in tag " << Quote(result.Path);
   std::cerr << "\n";
   return kExitFailure;
 }
@@ -199,7 +209,8 @@ void WriteExampleTagFile(const std::string& fileName) {
   std::string tempName = fileName;
   const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
   if (file == kInvalidFileHandle)
-    throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(teCreateFileForWriteError) + ": " + fileName);
+    throw CliError(kExitFailure,
+                   "Saving Error: " + GetTagErrorName(teCreateFileForWriteError) + ": " + fileName);
   TTagError result = SaveIdentificationToFile(file, "ORX_EXMP");
   TTagControl root, list, t;
   auto keep = [&result](TTagError r) { result = result < 1 ? result : r; };
@@ -241,7 +252,8 @@ void AddTagCommands(CLI::App& app, CliContext& ctx) {
   auto* tags = app.add_subcommand("tags", "Print the tag tree of a tag file");
   tags->add_option("FILE", tagsOptions->File, "Tag file")->required();
   tags->add_flag("--json", tagsOptions->Json, "Machine-readable tree on stdout");
-  tags->add_option("--depth", tagsOptions->Depth, "Levels below the root to show")->check(CLI::NonNegativeNumber);
+  tags->add_option("--depth", tagsOptions->Depth, "Levels below the root to show")
+      ->check(CLI::NonNegativeNumber);
   tags->callback([tagsOptions, &ctx] {
     RunTags(tagsOptions->File, tagsOptions->Json, tagsOptions->Depth);
     ctx.ExitCode = kExitOk;

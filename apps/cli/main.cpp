@@ -1,19 +1,17 @@
 // orvex: the command line of Orvex Project, for batch work and scripting.
-#include <cstdio>
-#include <iostream>
-
 #include "CliCommon.h"
 #include "common/OrvexException.h"
+
+#include <cstdio>
+#include <iostream>
 
 namespace orvexcli {
 
 std::string DescribeError(const std::exception& e) {
   const auto* orvex = dynamic_cast<const OrvexException*>(&e);
-  if (!orvex)
-    return e.what();
+  if (!orvex) return e.what();
   // The oldest entry of the history is the cause; the wrappers around it say only where it passed.
-  if (const auto* history = orvex->ExceptionHistory(); history && !history->empty())
-    return history->back();
+  if (const auto* history = orvex->ExceptionHistory(); history && !history->empty()) return history->back();
   return orvex->Message();
 }
 
@@ -23,11 +21,13 @@ void AddGlobalOptions(CLI::App& app, CliContext& ctx) {
   yes->excludes(no);
   app.add_option("--threads", ctx.Threads, "Calculation threads (default: all processors)")
       ->check(CLI::NonNegativeNumber);
-  app.add_option("--memory", ctx.Memory, "Memory strategy for this run")->check(CLI::IsMember({"heap", "mmf"}));
+  app.add_option("--memory", ctx.Memory, "Memory strategy for this run")
+      ->check(CLI::IsMember({"heap", "mmf"}));
   app.add_option("--mmf-dir", ctx.MmfDir, "Folder of the memory-mapped files for this run");
   app.add_option("--mmf-size-gb", ctx.MmfSizeGB, "Size limit of the memory-mapped files in GB")
       ->check(CLI::PositiveNumber);
-  app.add_option("--map-size-mb", ctx.MapSizeMB, "Size of the mapped views in MB")->check(CLI::PositiveNumber);
+  app.add_option("--map-size-mb", ctx.MapSizeMB, "Size of the mapped views in MB")
+      ->check(CLI::PositiveNumber);
 }
 
 } // namespace orvexcli

@@ -18,8 +18,7 @@ public:
   void Register(const std::string& className, TFactory factory) {
     std::lock_guard lock(FLock);
     for (const auto& entry : FEntries)
-      if (entry.first == className)
-        return;
+      if (entry.first == className) return;
     FEntries.emplace_back(className, std::move(factory));
   }
 
@@ -29,8 +28,7 @@ public:
     {
       std::lock_guard lock(FLock);
       for (const auto& entry : FEntries)
-        if (entry.first == className)
-          factory = entry.second;
+        if (entry.first == className) factory = entry.second;
     }
     return factory ? factory() : nullptr;
   }

@@ -51,18 +51,18 @@ void OrvexException::InitExceptionHistory(const Exception& inner) {
     if (const auto* history = orvexInner->ExceptionHistory())
       entries.insert(entries.end(), history->begin(), history->end());
   }
-  if (!FExceptionHistory)
-    FExceptionHistory = std::make_unique<std::vector<std::string>>();
+  if (!FExceptionHistory) FExceptionHistory = std::make_unique<std::vector<std::string>>();
   *FExceptionHistory = std::move(entries);
 }
 
-std::string GetExceptionClassNameAndMessage(const Exception& e) { return e.ClassName() + ": " + e.Message(); }
+std::string GetExceptionClassNameAndMessage(const Exception& e) {
+  return e.ClassName() + ": " + e.Message();
+}
 
 bool ExceptionHistoryContainsString(const OrvexException& e, const std::string& text) {
   if (const auto* history = e.ExceptionHistory()) {
     for (const auto& entry : *history)
-      if (entry.find(text) != std::string::npos)
-        return true;
+      if (entry.find(text) != std::string::npos) return true;
   }
   return false;
 }

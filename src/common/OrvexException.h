@@ -61,7 +61,7 @@ std::string GetExceptionClassNameAndMessage(const Exception& e);
 /// True when text is part of any entry of e's history.
 bool ExceptionHistoryContainsString(const OrvexException& e, const std::string& text);
 
-#define ORVEX_DECLARE_EXCEPTION(Name, RecordName)                                                              \
+#define ORVEX_DECLARE_EXCEPTION(Name, RecordName)                                                            \
   class Name : public OrvexException {                                                                       \
   public:                                                                                                    \
     using OrvexException::OrvexException;                                                                    \

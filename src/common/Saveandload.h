@@ -76,7 +76,8 @@ int64_t ReadAllBytes(TFileHandle file, void* data, int64_t size);
 
 /// Converts 8-bit Windows-1252 bytes to UTF-8 (undefined bytes map to the C1 code points).
 std::string Cp1252ToUtf8(const std::string& bytes);
-/// Converts UTF-8 to Windows-1252 bytes; characters outside the code page become '?', stray bytes pass through.
+/// Converts UTF-8 to Windows-1252 bytes; characters outside the code page become '?', stray bytes pass
+/// through.
 std::string Utf8ToCp1252(const std::string& text);
 
 // ---------------------------------------------------------------------------------------------

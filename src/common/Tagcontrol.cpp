@@ -1,9 +1,9 @@
 // Tag files: writing, finding and reading tags, whole trees and the in-memory tree.
 #include "common/Tagcontrol.h"
 
-#include <cstring>
-
 #include "common/OrvexException.h"
+
+#include <cstring>
 
 namespace {
 // Nesting deeper than this is taken for a corrupt file; real files nest a few dozen levels.
@@ -12,7 +12,9 @@ constexpr int kMaxTreeDepth = 1000;
 constexpr int64_t kHeaderTail = 20;
 
 // The first of errors a and b, keeping "success" only when both succeeded.
-TTagError FirstError(TTagError a, TTagError b) { return a < 1 ? a : b; }
+TTagError FirstError(TTagError a, TTagError b) {
+  return a < 1 ? a : b;
+}
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -24,16 +26,28 @@ TTagControl::TTagControl(const std::string& name, TTagKind kind, const void* dat
     FChildren = std::make_unique<TChildren>();
     return;
   }
-  if (!data)
-    return;
+  if (!data) return;
   switch (kind) {
-  case TTagKind::Double: SetDoubleTag(static_cast<const double*>(data), count); break;
-  case TTagKind::Float: SetFloatTag(static_cast<const float*>(data), count); break;
-  case TTagKind::Int: SetIntTag(static_cast<const int32_t*>(data), count); break;
-  case TTagKind::Bool: SetBoolTag(static_cast<const bool*>(data), count); break;
-  case TTagKind::Byte: SetByteTag(static_cast<const uint8_t*>(data), count); break;
-  case TTagKind::AnsiString: SetAnsiStringTag(*static_cast<const std::string*>(data)); break;
-  default: throw OrvexException("Not Implemented");
+  case TTagKind::Double:
+    SetDoubleTag(static_cast<const double*>(data), count);
+    break;
+  case TTagKind::Float:
+    SetFloatTag(static_cast<const float*>(data), count);
+    break;
+  case TTagKind::Int:
+    SetIntTag(static_cast<const int32_t*>(data), count);
+    break;
+  case TTagKind::Bool:
+    SetBoolTag(static_cast<const bool*>(data), count);
+    break;
+  case TTagKind::Byte:
+    SetByteTag(static_cast<const uint8_t*>(data), count);
+    break;
+  case TTagKind::AnsiString:
+    SetAnsiStringTag(*static_cast<const std::string*>(data));
+    break;
+  default:
+    throw OrvexException("Not Implemented");
   }
 }
 
@@ -47,50 +61,41 @@ std::unique_ptr<TTagControl> TTagControl::CreateTag(const std::string& name, TTa
 
 TTagError TTagControl::WriteTag(TFileHandle file, const std::string& name, TTagKind kind) {
   TTagError result = SaveAnsiStringToFile(file, name);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   const int64_t p = FilePosition(file);
-  if (p < 0)
-    return teWriteFileError;
+  if (p < 0) return teWriteFileError;
   FBegin = FEnd = p + kHeaderTail;
   FKind = kind;
   result = SaveTagKindToFile(file, &kind, 1);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   result = SaveLargeIntegerToFile(file, FBegin);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   // The 8 bytes of End stay a gap until CloseWriteTag patches them.
-  if (FileSeek(file, FBegin, TSeekOrigin::Begin) < 0)
-    return teWriteFileError;
+  if (FileSeek(file, FBegin, TSeekOrigin::Begin) < 0) return teWriteFileError;
   return teNoError;
 }
 
 TTagError TTagControl::CloseWriteTag(TFileHandle file) {
   const int64_t endField = FEnd - 8;
   const int64_t position = FilePosition(file);
-  if (position < 0)
-    return teWriteFileError;
+  if (position < 0) return teWriteFileError;
   FEnd = position;
-  if (FileSeek(file, endField, TSeekOrigin::Begin) < 0)
-    return teWriteFileError;
+  if (FileSeek(file, endField, TSeekOrigin::Begin) < 0) return teWriteFileError;
   const TTagError result = SaveLargeIntegerToFile(file, FEnd);
-  if (FileSeek(file, 0, TSeekOrigin::End) < 0)
-    return teWriteFileError;
+  if (FileSeek(file, 0, TSeekOrigin::End) < 0) return teWriteFileError;
   return result;
 }
 
-TTagError TTagControl::SaveValueTag(TFileHandle file, const std::string& name, TTagKind kind, const void* values,
-                                    int64_t bytes) {
+TTagError TTagControl::SaveValueTag(TFileHandle file, const std::string& name, TTagKind kind,
+                                    const void* values, int64_t bytes) {
   TTagError result = WriteTag(file, name, kind);
-  if (result < 1)
-    return result;
-  if (bytes > 0 && !WriteAllBytes(file, values, bytes))
-    return teWriteFileError;
+  if (result < 1) return result;
+  if (bytes > 0 && !WriteAllBytes(file, values, bytes)) return teWriteFileError;
   return CloseWriteTag(file);
 }
 
-TTagError TTagControl::SaveIntTag(TFileHandle file, const std::string& name, const int32_t* values, int64_t count) {
+TTagError TTagControl::SaveIntTag(TFileHandle file, const std::string& name, const int32_t* values,
+                                  int64_t count) {
   return SaveValueTag(file, name, TTagKind::Int, values, count * 4);
 }
 TTagError TTagControl::SaveInt64Tag(TFileHandle file, const std::string& name, const int64_t* values,
@@ -113,25 +118,23 @@ TTagError TTagControl::SaveByteTag(TFileHandle file, const std::string& name, co
                                    int64_t count) {
   return SaveValueTag(file, name, TTagKind::Byte, values, count);
 }
-TTagError TTagControl::SaveBoolTag(TFileHandle file, const std::string& name, const bool* values, int64_t count) {
+TTagError TTagControl::SaveBoolTag(TFileHandle file, const std::string& name, const bool* values,
+                                   int64_t count) {
   return SaveValueTag(file, name, TTagKind::Bool, values, count);
 }
 
 TTagError TTagControl::SaveAnsiStringTag(TFileHandle file, const std::string& name, const std::string& text) {
   TTagError result = WriteTag(file, name, TTagKind::AnsiString);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   result = SaveAnsiStringToFile(file, text);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   return CloseWriteTag(file);
 }
 
 TTagError TTagControl::SaveDoubleAndFloatTag(TFileHandle file, const std::string& name, const double* values,
                                              int64_t count) {
   TTagError result = SaveDoubleTag(file, name + "_D", values, count);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   std::vector<float> floats(static_cast<size_t>(count > 0 ? count : 0));
   for (int64_t i = 0; i < count; ++i) floats[i] = SafeDoubleToFloat(values[i]);
   return SaveFloatTag(file, name, floats.data(), count);
@@ -141,38 +144,30 @@ TTagError TTagControl::SaveStringList(TFileHandle file, const std::string& name,
                                       const std::vector<std::string>& strings) {
   TTagControl list;
   TTagError result = list.WriteTag(file, name, TTagKind::TagList);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl tag;
   result = tag.SaveIntTag(file, "Count", static_cast<int32_t>(strings.size()));
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   result = tag.WriteTag(file, "Strings", TTagKind::AnsiString);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   for (const auto& s : strings) {
     result = SaveAnsiStringToFile(file, s);
-    if (result < 1)
-      return result;
+    if (result < 1) return result;
   }
   result = tag.CloseWriteTag(file);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   return list.CloseWriteTag(file);
 }
 
 TTagError TTagControl::SaveList(TFileHandle file, const std::string& name, const TIntList& list) {
   TTagControl listTag;
   TTagError result = listTag.WriteTag(file, name, TTagKind::TagList);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl tag;
   result = tag.SaveIntTag(file, "Count", static_cast<int32_t>(list.size()));
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   result = tag.SaveIntTag(file, "Data", list.data(), static_cast<int64_t>(list.size()));
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   return listTag.CloseWriteTag(file);
 }
 
@@ -182,10 +177,8 @@ TTagError TTagControl::SaveList(TFileHandle file, const std::string& name, const
 TTagError TTagControl::ReadTag(TFileHandle file, std::string& name) {
   int32_t length = 0;
   const int64_t got = ReadAllBytes(file, &length, 4);
-  if (got < 0)
-    return teReadFileError;
-  if (got != 4 || length < 0)
-    return teTagNotFound;
+  if (got < 0) return teReadFileError;
+  if (got != 4 || length < 0) return teTagNotFound;
   const int64_t position = FilePosition(file);
   const int64_t size = FileSize(file);
   // The name and the rest of the header must fit in the file; refuse before allocating the name.
@@ -198,11 +191,11 @@ TTagError TTagControl::ReadTag(TFileHandle file, std::string& name) {
     int64_t end;
   } __attribute__((packed)) header{};
   static_assert(sizeof(header) == kHeaderTail);
-  if (ReadAllBytes(file, bytes.data(), length) != length || ReadAllBytes(file, &header, kHeaderTail) != kHeaderTail)
+  if (ReadAllBytes(file, bytes.data(), length) != length ||
+      ReadAllBytes(file, &header, kHeaderTail) != kHeaderTail)
     return teTagNotFound;
   const size_t nul = bytes.find('\0');
-  if (nul != std::string::npos)
-    bytes.resize(nul);
+  if (nul != std::string::npos) bytes.resize(nul);
   name = Cp1252ToUtf8(bytes);
   FKind = static_cast<TTagKind>(header.kind);
   FBegin = header.begin;
@@ -214,17 +207,13 @@ TTagError TTagControl::FindTag(TFileHandle file, const std::string& name, const 
   int64_t pos = parent.FBegin;
   std::string found;
   while (pos >= parent.FBegin && pos < parent.FEnd) {
-    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0)
-      return teReadFileError;
+    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0) return teReadFileError;
     const TTagError result = ReadTag(file, found);
-    if (result < 1)
-      return result;
+    if (result < 1) return result;
     // Every walk must advance: a tag whose payload doesn't lie behind its own header ends it.
-    if (FBegin <= pos || FEnd < FBegin)
-      return teTagNotFound;
+    if (FBegin <= pos || FEnd < FBegin) return teTagNotFound;
     if (found == name) {
-      if (FileSeek(file, FBegin, TSeekOrigin::Begin) < 0)
-        return teReadFileError;
+      if (FileSeek(file, FBegin, TSeekOrigin::Begin) < 0) return teReadFileError;
       return teNoError;
     }
     pos = FEnd;
@@ -236,23 +225,25 @@ template <typename T>
 TTagError TTagControl::LoadValueTag(TFileHandle file, const std::string& name, const TTagControl& parent,
                                     T* values, int64_t count) {
   const TTagError result = FindTag(file, name, parent);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   if constexpr (std::is_same_v<T, bool>)
     return LoadBoolFromFile(file, values, count);
   else
-    return ReadAllBytes(file, values, count * static_cast<int64_t>(sizeof(T))) < 0 ? teReadFileError : teNoError;
+    return ReadAllBytes(file, values, count * static_cast<int64_t>(sizeof(T))) < 0 ? teReadFileError
+                                                                                   : teNoError;
 }
 
 template <typename T>
-TTagError TTagControl::LoadOrDefaultValueTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                             T* values, int64_t count, T defaultValue) {
+TTagError TTagControl::LoadOrDefaultValueTag(TFileHandle file, const std::string& name,
+                                             const TTagControl& parent, T* values, int64_t count,
+                                             T defaultValue) {
   const TTagError result = FindTag(file, name, parent);
   if (result >= 1) {
     if constexpr (std::is_same_v<T, bool>)
       return LoadBoolFromFile(file, values, count);
     else
-      return ReadAllBytes(file, values, count * static_cast<int64_t>(sizeof(T))) < 0 ? teReadFileError : teNoError;
+      return ReadAllBytes(file, values, count * static_cast<int64_t>(sizeof(T))) < 0 ? teReadFileError
+                                                                                     : teNoError;
   }
   for (int64_t i = 0; i < count; ++i) values[i] = defaultValue;
   return teNoError;
@@ -290,61 +281,63 @@ TTagError TTagControl::LoadBoolTag(TFileHandle file, const std::string& name, co
 TTagError TTagControl::LoadAnsiStringTag(TFileHandle file, const std::string& name, const TTagControl& parent,
                                          std::string& text) {
   const TTagError result = FindTag(file, name, parent);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   return LoadAnsiStringFromFile(file, text);
 }
 
-TTagError TTagControl::LoadOrDefaultIntTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                           int32_t* values, int64_t count, int32_t defaultValue) {
+TTagError TTagControl::LoadOrDefaultIntTag(TFileHandle file, const std::string& name,
+                                           const TTagControl& parent, int32_t* values, int64_t count,
+                                           int32_t defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
-TTagError TTagControl::LoadOrDefaultInt64Tag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                             int64_t* values, int64_t count, int64_t defaultValue) {
+TTagError TTagControl::LoadOrDefaultInt64Tag(TFileHandle file, const std::string& name,
+                                             const TTagControl& parent, int64_t* values, int64_t count,
+                                             int64_t defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
-TTagError TTagControl::LoadOrDefaultDoubleTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                              double* values, int64_t count, double defaultValue) {
+TTagError TTagControl::LoadOrDefaultDoubleTag(TFileHandle file, const std::string& name,
+                                              const TTagControl& parent, double* values, int64_t count,
+                                              double defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
-TTagError TTagControl::LoadOrDefaultFloatTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                             float* values, int64_t count, float defaultValue) {
+TTagError TTagControl::LoadOrDefaultFloatTag(TFileHandle file, const std::string& name,
+                                             const TTagControl& parent, float* values, int64_t count,
+                                             float defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
-TTagError TTagControl::LoadOrDefaultWordTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                            uint16_t* values, int64_t count, uint16_t defaultValue) {
+TTagError TTagControl::LoadOrDefaultWordTag(TFileHandle file, const std::string& name,
+                                            const TTagControl& parent, uint16_t* values, int64_t count,
+                                            uint16_t defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
-TTagError TTagControl::LoadOrDefaultByteTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                            uint8_t* values, int64_t count, uint8_t defaultValue) {
+TTagError TTagControl::LoadOrDefaultByteTag(TFileHandle file, const std::string& name,
+                                            const TTagControl& parent, uint8_t* values, int64_t count,
+                                            uint8_t defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
-TTagError TTagControl::LoadOrDefaultBoolTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                            bool* values, int64_t count, bool defaultValue) {
+TTagError TTagControl::LoadOrDefaultBoolTag(TFileHandle file, const std::string& name,
+                                            const TTagControl& parent, bool* values, int64_t count,
+                                            bool defaultValue) {
   return LoadOrDefaultValueTag(file, name, parent, values, count, defaultValue);
 }
 
 TTagError TTagControl::LoadOrDefaultAnsiStringTag(TFileHandle file, const std::string& name,
                                                   const TTagControl& parent, std::string& text,
                                                   const std::string& defaultValue) {
-  if (FindTag(file, name, parent) >= 1)
-    return LoadAnsiStringFromFile(file, text);
+  if (FindTag(file, name, parent) >= 1) return LoadAnsiStringFromFile(file, text);
   text = defaultValue;
   return teNoError;
 }
 
-TTagError TTagControl::LoadDoubleOrFloatTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                            double* values, int64_t count) {
-  if (FindTag(file, name + "_D", parent) == teNoError)
-    return LoadDoubleFromFile(file, values, count);
+TTagError TTagControl::LoadDoubleOrFloatTag(TFileHandle file, const std::string& name,
+                                            const TTagControl& parent, double* values, int64_t count) {
+  if (FindTag(file, name + "_D", parent) == teNoError) return LoadDoubleFromFile(file, values, count);
   const TTagError result = FindTag(file, name, parent);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   std::vector<float> floats(static_cast<size_t>(count > 0 ? count : 0));
   for (int64_t i = 0; i < count; ++i) floats[i] = static_cast<float>(values[i]);
   const TTagError readResult = LoadFloatFromFile(file, floats.data(), count);
-  if (readResult < 1)
-    return readResult;
+  if (readResult < 1) return readResult;
   for (int64_t i = 0; i < count; ++i) values[i] = floats[i];
   return teNoError;
 }
@@ -365,24 +358,19 @@ TTagError TTagControl::LoadStringList(TFileHandle file, const std::string& name,
   strings.clear();
   TTagControl list;
   TTagError result = list.FindTag(file, name, parent);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   int32_t count = 0;
   TTagControl tag;
   result = tag.LoadIntTag(file, "Count", list, &count, 1);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   result = tag.FindTag(file, "Strings", list);
-  if (result != teNoError)
-    return count == 0 ? teNoError : result;
+  if (result != teNoError) return count == 0 ? teNoError : result;
   // Each string needs at least its 4-byte length inside the tag: a corrupt count can't allocate wildly.
   for (int32_t i = 0; i < count; ++i) {
-    if (FilePosition(file) + 4 > tag.FEnd)
-      return teReadFileError;
+    if (FilePosition(file) + 4 > tag.FEnd) return teReadFileError;
     std::string s;
     result = LoadAnsiStringFromFile(file, s);
-    if (result < 1)
-      return result;
+    if (result < 1) return result;
     strings.push_back(std::move(s));
   }
   return teNoError;
@@ -392,22 +380,17 @@ TTagError TTagControl::LoadList(TFileHandle file, const std::string& name, const
                                 TIntList& list) {
   TTagControl listTag;
   TTagError result = listTag.FindTag(file, name, parent);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   int32_t count = 0;
   TTagControl tag;
   result = tag.LoadIntTag(file, "Count", listTag, &count, 1);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   list.clear();
-  if (count <= 0)
-    return teNoError;
+  if (count <= 0) return teNoError;
   result = tag.FindTag(file, "Data", listTag);
-  if (result != teNoError)
-    return result;
+  if (result != teNoError) return result;
   // A count larger than the tag holds is corrupt: refuse it before allocating.
-  if (static_cast<int64_t>(count) * 4 > tag.FEnd - tag.FBegin)
-    return teReadFileError;
+  if (static_cast<int64_t>(count) * 4 > tag.FEnd - tag.FBegin) return teReadFileError;
   list.resize(static_cast<size_t>(count));
   return LoadIntFromFile(file, list.data(), count);
 }
@@ -437,11 +420,9 @@ TTagError TTagControl::LoadTagListFromFile(TFileHandle file) {
 TTagError TTagControl::LoadTagListFromFileAtDepth(TFileHandle file, int64_t fileSize, int depth) {
   const int64_t headerPos = FilePosition(file);
   const TTagError result = ReadTag(file, FName);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   // A payload that lies before its header, runs backwards or beyond the file is corrupt.
-  if (FBegin <= headerPos || FEnd < FBegin || FEnd > fileSize || depth > kMaxTreeDepth)
-    return teTagNotFound;
+  if (FBegin <= headerPos || FEnd < FBegin || FEnd > fileSize || depth > kMaxTreeDepth) return teTagNotFound;
   if (FKind != TTagKind::TagList) {
     FChildren.reset();
     FData.assign(static_cast<size_t>(FEnd - FBegin), 0);
@@ -455,46 +436,38 @@ TTagError TTagControl::LoadTagListFromFileAtDepth(TFileHandle file, int64_t file
   FHasData = false;
   int64_t pos = FBegin;
   while (pos >= FBegin && pos < FEnd) {
-    if (!FChildren)
-      FChildren = std::make_unique<TChildren>();
-    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0)
-      break;
+    if (!FChildren) FChildren = std::make_unique<TChildren>();
+    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0) break;
     auto child = std::make_unique<TTagControl>();
     if (child->LoadTagListFromFileAtDepth(file, fileSize, depth + 1) < 1)
       break; // keep what was read before the damage
     // A child must advance and stay inside its parent.
-    if (child->FEnd <= pos || child->FEnd > FEnd)
-      break;
+    if (child->FEnd <= pos || child->FEnd > FEnd) break;
     pos = child->FEnd;
     FChildren->push_back(std::move(child));
   }
   return teNoError;
 }
 
-TTagError TTagControl::LoadTagListByTagName(TFileHandle file, const std::string& name, const TTagControl& parent) {
+TTagError TTagControl::LoadTagListByTagName(TFileHandle file, const std::string& name,
+                                            const TTagControl& parent) {
   const TTagError result = FindTag(file, name, parent);
-  if (result != teNoError)
-    return result;
-  if (FKind != TTagKind::TagList)
-    return teTagNotFound;
+  if (result != teNoError) return result;
+  if (FKind != TTagKind::TagList) return teTagNotFound;
   // Re-read from the header so that the children are loaded as by LoadTagListFromFile.
   const int64_t headerPos = FBegin - kHeaderTail - 4 - static_cast<int64_t>(Utf8ToCp1252(name).size());
-  if (FileSeek(file, headerPos, TSeekOrigin::Begin) < 0)
-    return teReadFileError;
+  if (FileSeek(file, headerPos, TSeekOrigin::Begin) < 0) return teReadFileError;
   DeleteAllChildren();
   return LoadTagListFromFile(file);
 }
 
 TTagError TTagControl::LoadTagListByFileName(const std::string& fileName, const std::string& identification) {
   const TFileHandle file = OpenFileForReading(fileName);
-  if (file == kInvalidFileHandle)
-    return teCreateFileForReadError;
+  if (file == kInvalidFileHandle) return teCreateFileForReadError;
   std::string found;
   TTagError result = LoadIdentificationFromFile(file, found);
-  if (result >= 1 && found != identification)
-    result = teWrongFileIdentification;
-  if (result >= 1)
-    result = LoadTagListFromFile(file);
+  if (result >= 1 && found != identification) result = teWrongFileIdentification;
+  if (result >= 1) result = LoadTagListFromFile(file);
   CloseFile(file);
   return result;
 }
@@ -502,8 +475,7 @@ TTagError TTagControl::LoadTagListByFileName(const std::string& fileName, const 
 namespace {
 TTagError SaveSubtree(TTagControl& node, TFileHandle file) {
   TTagError result = node.WriteTag(file, node.Name(), node.Kind());
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   if (node.Kind() != TTagKind::TagList) {
     if (node.HasData() && node.DataSize() > 0 && !WriteAllBytes(file, node.Data().data(), node.DataSize()))
       result = teWriteFileError;
@@ -519,18 +491,16 @@ TTagError TTagControl::SaveTagListToFile(TFileHandle file) {
   return teNoError;
 }
 
-TTagError TTagControl::SaveTagListToFileByName(const std::string& fileName, const std::string& identification) {
+TTagError TTagControl::SaveTagListToFileByName(const std::string& fileName,
+                                               const std::string& identification) {
   std::string tempName = fileName;
   const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-  if (file == kInvalidFileHandle)
-    return teCreateFileForWriteError;
+  if (file == kInvalidFileHandle) return teCreateFileForWriteError;
   TTagError result = SaveIdentificationToFile(file, identification);
-  if (result >= 1)
-    result = SaveSubtree(*this, file);
+  if (result >= 1) result = SaveSubtree(*this, file);
   CloseFile(file);
   if (result < 1) {
-    if (tempName != fileName)
-      DeleteFileByName(tempName);
+    if (tempName != fileName) DeleteFileByName(tempName);
     return result;
   }
   return DeleteAndRenameFiles(fileName, tempName) ? teNoError : teWriteFileError;
@@ -540,20 +510,16 @@ TTagError TTagControl::SaveTagListToFileByName(const std::string& fileName, cons
 // The in-memory tree
 
 TTagError TTagControl::SetBlock(TTagKind kind, const void* values, int64_t bytes) {
-  if (FKind != kind)
-    return teTagNotFound;
+  if (FKind != kind) return teTagNotFound;
   FData.resize(static_cast<size_t>(bytes > 0 ? bytes : 0));
-  if (bytes > 0)
-    std::memcpy(FData.data(), values, static_cast<size_t>(bytes));
+  if (bytes > 0) std::memcpy(FData.data(), values, static_cast<size_t>(bytes));
   FHasData = true;
   return teNoError;
 }
 
 TTagError TTagControl::GetBlock(TTagKind kind, void* values, int64_t bytes) const {
-  if (FKind != kind || !FHasData || DataSize() != bytes)
-    return teTagNotFound;
-  if (bytes > 0)
-    std::memcpy(values, FData.data(), static_cast<size_t>(bytes));
+  if (FKind != kind || !FHasData || DataSize() != bytes) return teTagNotFound;
+  if (bytes > 0) std::memcpy(values, FData.data(), static_cast<size_t>(bytes));
   return teNoError;
 }
 
@@ -574,8 +540,7 @@ TTagError TTagControl::SetByteTag(const uint8_t* values, int64_t count) {
 }
 
 TTagError TTagControl::SetAnsiStringTag(const std::string& text) {
-  if (FKind != TTagKind::AnsiString)
-    return teTagNotFound;
+  if (FKind != TTagKind::AnsiString) return teTagNotFound;
   // Stored as it stands on disk: 4-byte length, then the bytes.
   const std::string bytes = Utf8ToCp1252(text);
   const auto length = static_cast<int32_t>(bytes.size());
@@ -597,8 +562,7 @@ TTagError TTagControl::GetIntTag(int32_t* values, int64_t count) const {
 }
 
 TTagError TTagControl::GetBoolTag(bool* values, int64_t count) const {
-  if (FKind != TTagKind::Bool || !FHasData || DataSize() != count)
-    return teTagNotFound;
+  if (FKind != TTagKind::Bool || !FHasData || DataSize() != count) return teTagNotFound;
   for (int64_t i = 0; i < count; ++i) values[i] = FData[i] != 0;
   return teNoError;
 }
@@ -606,27 +570,23 @@ TTagError TTagControl::GetBoolTag(bool* values, int64_t count) const {
 TTagError TTagControl::GetAnsiStringTag(std::string& text) const {
   std::vector<std::string> strings;
   const TTagError result = GetAnsiStringsTag(strings);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   text = strings.empty() ? std::string() : strings.front();
   return teNoError;
 }
 
 TTagError TTagControl::GetAnsiStringsTag(std::vector<std::string>& strings) const {
-  if (FKind != TTagKind::AnsiString || !FHasData)
-    return teTagNotFound;
+  if (FKind != TTagKind::AnsiString || !FHasData) return teTagNotFound;
   strings.clear();
   size_t pos = 0;
   while (pos + 4 <= FData.size()) {
     int32_t length = 0;
     std::memcpy(&length, FData.data() + pos, 4);
     pos += 4;
-    if (length < 0 || static_cast<size_t>(length) > FData.size() - pos)
-      break;
+    if (length < 0 || static_cast<size_t>(length) > FData.size() - pos) break;
     std::string bytes(reinterpret_cast<const char*>(FData.data() + pos), static_cast<size_t>(length));
     const size_t nul = bytes.find('\0');
-    if (nul != std::string::npos)
-      bytes.resize(nul);
+    if (nul != std::string::npos) bytes.resize(nul);
     strings.push_back(Cp1252ToUtf8(bytes));
     pos += static_cast<size_t>(length);
   }
@@ -634,8 +594,7 @@ TTagError TTagControl::GetAnsiStringsTag(std::vector<std::string>& strings) cons
 }
 
 TTagControl* TTagControl::FindTagInList(const std::string& path) const {
-  if (!FChildren)
-    return nullptr;
+  if (!FChildren) return nullptr;
   const size_t bar = path.find('|');
   const std::string head = bar == std::string::npos ? path : path.substr(0, bar);
   for (const auto& child : *FChildren) {
@@ -668,26 +627,24 @@ TTagError TTagControl::GetAnsiStringTagInList(const std::string& path, std::stri
   return tag ? tag->GetAnsiStringTag(value) : teTagNotFound;
 }
 
-void TTagControl::GetDoubleTagInListOrDefault(const std::string& path, double& value, double defaultValue) const {
-  if (GetDoubleTagInList(path, value) < 1)
-    value = defaultValue;
+void TTagControl::GetDoubleTagInListOrDefault(const std::string& path, double& value,
+                                              double defaultValue) const {
+  if (GetDoubleTagInList(path, value) < 1) value = defaultValue;
 }
-void TTagControl::GetFloatTagInListOrDefault(const std::string& path, float& value, float defaultValue) const {
-  if (GetFloatTagInList(path, value) < 1)
-    value = defaultValue;
+void TTagControl::GetFloatTagInListOrDefault(const std::string& path, float& value,
+                                             float defaultValue) const {
+  if (GetFloatTagInList(path, value) < 1) value = defaultValue;
 }
-void TTagControl::GetIntTagInListOrDefault(const std::string& path, int32_t& value, int32_t defaultValue) const {
-  if (GetIntTagInList(path, value) < 1)
-    value = defaultValue;
+void TTagControl::GetIntTagInListOrDefault(const std::string& path, int32_t& value,
+                                           int32_t defaultValue) const {
+  if (GetIntTagInList(path, value) < 1) value = defaultValue;
 }
 void TTagControl::GetBoolTagInListOrDefault(const std::string& path, bool& value, bool defaultValue) const {
-  if (GetBoolTagInList(path, value) < 1)
-    value = defaultValue;
+  if (GetBoolTagInList(path, value) < 1) value = defaultValue;
 }
 void TTagControl::GetAnsiStringTagInListOrDefault(const std::string& path, std::string& value,
                                                   const std::string& defaultValue) const {
-  if (GetAnsiStringTagInList(path, value) < 1)
-    value = defaultValue;
+  if (GetAnsiStringTagInList(path, value) < 1) value = defaultValue;
 }
 
 TTagControl* TTagControl::AddSubTag(const std::string& path, TTagKind kind, const void* data, int64_t count) {
@@ -698,8 +655,7 @@ TTagControl* TTagControl::AddSubTag(const std::string& path, TTagKind kind, cons
     const std::string head = path.substr(0, bar);
     const std::string tail = path.substr(bar + 1);
     for (auto& child : *FChildren)
-      if (child->FName == head)
-        return child->AddSubTag(tail, kind, data, count);
+      if (child->FName == head) return child->AddSubTag(tail, kind, data, count);
     FChildren->push_back(CreateTag(head, TTagKind::TagList));
     return FChildren->back()->AddSubTag(tail, kind, data, count);
   }
@@ -711,13 +667,11 @@ TTagControl* TTagControl::AddSubTag(const std::string& path, TTagKind kind, cons
 }
 
 void TTagControl::DeleteAllChildren() {
-  if (FChildren)
-    FChildren->clear();
+  if (FChildren) FChildren->clear();
 }
 
 void TTagControl::CopyFrom(const TTagControl& source) {
-  if (&source == this)
-    return;
+  if (&source == this) return;
   FBegin = source.FBegin;
   FEnd = source.FEnd;
   FKind = source.FKind;
@@ -729,8 +683,7 @@ void TTagControl::CopyFrom(const TTagControl& source) {
     }
     return;
   }
-  if (!FChildren)
-    FChildren = std::make_unique<TChildren>();
+  if (!FChildren) FChildren = std::make_unique<TChildren>();
   FChildren->clear();
   if (source.FChildren) {
     for (const auto& child : *source.FChildren) {
@@ -744,25 +697,21 @@ void TTagControl::CopyFrom(const TTagControl& source) {
 TTagError OpenTagFileForReading(const std::string& fileName, const std::vector<std::string>& accepted,
                                 TFileHandle& file, TTagControl& root, std::string* foundIdentification) {
   const TFileHandle handle = OpenFileForReading(fileName);
-  if (handle == kInvalidFileHandle)
-    return teCreateFileForReadError;
+  if (handle == kInvalidFileHandle) return teCreateFileForReadError;
   std::string identification;
   TTagError result = LoadIdentificationFromFile(handle, identification);
-  if (foundIdentification)
-    *foundIdentification = identification;
+  if (foundIdentification) *foundIdentification = identification;
   if (result >= 1) {
     bool known = false;
     for (const auto& id : accepted) known = known || id == identification;
-    if (!known)
-      result = teWrongFileIdentification;
+    if (!known) result = teWrongFileIdentification;
   }
   if (result >= 1) {
     std::string rootName;
     result = root.ReadTag(handle, rootName);
     if (result >= 1) {
       root.SetName(rootName);
-      if (root.Begin() <= kTagFileRootOffset || root.End() < root.Begin())
-        result = teTagNotFound;
+      if (root.Begin() <= kTagFileRootOffset || root.End() < root.Begin()) result = teTagNotFound;
     }
   }
   if (result < 1) {

@@ -5,12 +5,12 @@
 // between them: child tags back to back for a list, the values back to back for the other kinds.
 #pragma once
 
+#include "common/Saveandload.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "common/Saveandload.h"
 
 /// A list of integer IDs as the system stores them ("Count" + "Data").
 using TIntList = std::vector<int32_t>;
@@ -24,8 +24,8 @@ public:
   /// A tree node; with kind TagList an empty children list is made, otherwise a non-null data pointer
   /// (count elements; for strings one std::string) is stored. Int64, Word and kind 1 with data throw.
   TTagControl(const std::string& name, TTagKind kind, const void* data = nullptr, int64_t count = 1);
-  static std::unique_ptr<TTagControl> CreateTag(const std::string& name, TTagKind kind, const void* data = nullptr,
-                                                int64_t count = 1);
+  static std::unique_ptr<TTagControl> CreateTag(const std::string& name, TTagKind kind,
+                                                const void* data = nullptr, int64_t count = 1);
 
   TTagControl(const TTagControl&) = delete;
   TTagControl& operator=(const TTagControl&) = delete;
@@ -36,7 +36,10 @@ public:
   TTagKind Kind() const { return FKind; }
   const std::string& Name() const { return FName; }
   void SetName(const std::string& name) { FName = name; }
-  void SetRange(int64_t begin, int64_t end) { FBegin = begin; FEnd = end; }
+  void SetRange(int64_t begin, int64_t end) {
+    FBegin = begin;
+    FEnd = end;
+  }
   void SetKind(TTagKind kind) { FKind = kind; }
   TChildren* Children() { return FChildren.get(); }
   const TChildren* Children() const { return FChildren.get(); }
@@ -78,9 +81,11 @@ public:
   }
   /// @}
   /// A Double tag name + "_D", then a Float tag name with the values through SafeDoubleToFloat.
-  TTagError SaveDoubleAndFloatTag(TFileHandle file, const std::string& name, const double* values, int64_t count);
+  TTagError SaveDoubleAndFloatTag(TFileHandle file, const std::string& name, const double* values,
+                                  int64_t count);
   /// A list tag holding "Count" and one string tag "Strings" with all strings in a row.
-  TTagError SaveStringList(TFileHandle file, const std::string& name, const std::vector<std::string>& strings);
+  TTagError SaveStringList(TFileHandle file, const std::string& name,
+                           const std::vector<std::string>& strings);
   /// A list tag holding "Count" and an Int tag "Data" with one value per entry.
   TTagError SaveList(TFileHandle file, const std::string& name, const TIntList& list);
 
@@ -94,14 +99,14 @@ public:
 
   TTagError LoadIntTag(TFileHandle file, const std::string& name, const TTagControl& parent, int32_t* values,
                        int64_t count = 1);
-  TTagError LoadInt64Tag(TFileHandle file, const std::string& name, const TTagControl& parent, int64_t* values,
-                         int64_t count = 1);
-  TTagError LoadDoubleTag(TFileHandle file, const std::string& name, const TTagControl& parent, double* values,
-                          int64_t count = 1);
+  TTagError LoadInt64Tag(TFileHandle file, const std::string& name, const TTagControl& parent,
+                         int64_t* values, int64_t count = 1);
+  TTagError LoadDoubleTag(TFileHandle file, const std::string& name, const TTagControl& parent,
+                          double* values, int64_t count = 1);
   TTagError LoadFloatTag(TFileHandle file, const std::string& name, const TTagControl& parent, float* values,
                          int64_t count = 1);
-  TTagError LoadWordTag(TFileHandle file, const std::string& name, const TTagControl& parent, uint16_t* values,
-                        int64_t count = 1);
+  TTagError LoadWordTag(TFileHandle file, const std::string& name, const TTagControl& parent,
+                        uint16_t* values, int64_t count = 1);
   TTagError LoadByteTag(TFileHandle file, const std::string& name, const TTagControl& parent, uint8_t* values,
                         int64_t count = 1);
   TTagError LoadBoolTag(TFileHandle file, const std::string& name, const TTagControl& parent, bool* values,
@@ -129,8 +134,9 @@ public:
   /// name + "_D" as doubles if present, else name as floats widened to double.
   TTagError LoadDoubleOrFloatTag(TFileHandle file, const std::string& name, const TTagControl& parent,
                                  double* values, int64_t count = 1);
-  TTagError LoadOrDefaultDoubleOrFloatTag(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                          double* values, int64_t count, double defaultValue);
+  TTagError LoadOrDefaultDoubleOrFloatTag(TFileHandle file, const std::string& name,
+                                          const TTagControl& parent, double* values, int64_t count,
+                                          double defaultValue);
 
   /// Clears strings, then fills them from a list written by SaveStringList.
   TTagError LoadStringList(TFileHandle file, const std::string& name, const TTagControl& parent,
@@ -196,7 +202,8 @@ public:
 
   /// Adds a tag at a "|"-separated path, creating missing list levels; returns the new node.
   /// Throws when this node is no list or the name exists already.
-  TTagControl* AddSubTag(const std::string& path, TTagKind kind, const void* data = nullptr, int64_t count = 1);
+  TTagControl* AddSubTag(const std::string& path, TTagKind kind, const void* data = nullptr,
+                         int64_t count = 1);
   void DeleteAllChildren();
   /// Copies begin, end, kind, name, the data block (when the source's isn't empty) and deep copies children.
   void CopyFrom(const TTagControl& source);
@@ -230,4 +237,5 @@ inline constexpr int64_t kTagFileRootOffset = 8;
 /// root tag's header into root. Returns 1, -6 (can't open), -4 (identification differs) or -1 (no root);
 /// file is set only on success, and the identification read is returned in foundIdentification.
 TTagError OpenTagFileForReading(const std::string& fileName, const std::vector<std::string>& accepted,
-                                TFileHandle& file, TTagControl& root, std::string* foundIdentification = nullptr);
+                                TFileHandle& file, TTagControl& root,
+                                std::string* foundIdentification = nullptr);

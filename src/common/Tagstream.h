@@ -2,10 +2,10 @@
 // Results follow the stream convention: 0 is success, a tag that isn't found gives kStreamFail.
 #pragma once
 
-#include <string>
-
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
+
+#include <string>
 
 TStreamResult LoadIdentificationFromStream(IReadStream* stream, std::string& identification);
 TStreamResult LoadAnsiStringFromStream(IReadStream* stream, std::string& text);

@@ -1,9 +1,9 @@
 // Structural check of a tag file.
 #include "common/Tagvalidate.h"
 
-#include <vector>
-
 #include "common/Saveandload.h"
+
+#include <vector>
 
 namespace {
 
@@ -21,11 +21,10 @@ public:
     int32_t nameLength = 0;
     if (limit - pos < 4 || !ReadAt(pos, &nameLength, 4))
       return Fail("tag header does not fit in its parent", pos, path);
-    if (nameLength < 0)
-      return Fail("negative name length " + std::to_string(nameLength), pos, path);
+    if (nameLength < 0) return Fail("negative name length " + std::to_string(nameLength), pos, path);
     if (static_cast<int64_t>(nameLength) + 24 > limit - pos)
-      return Fail("tag header does not fit in its parent (name length " + std::to_string(nameLength) + ")", pos,
-                  path);
+      return Fail("tag header does not fit in its parent (name length " + std::to_string(nameLength) + ")",
+                  pos, path);
     std::string name(static_cast<size_t>(nameLength), '\0');
     struct {
       int32_t kind;
@@ -45,8 +44,9 @@ public:
     else if (header.end < header.begin)
       result = Fail("End " + std::to_string(header.end) + " lies before Begin", kindOffset + 12, path);
     else if (header.end > limit)
-      result = Fail("End " + std::to_string(header.end) + " lies beyond the parent's End " + std::to_string(limit),
-                    kindOffset + 12, path);
+      result =
+          Fail("End " + std::to_string(header.end) + " lies beyond the parent's End " + std::to_string(limit),
+               kindOffset + 12, path);
     else
       result = CheckPayload(static_cast<TTagKind>(header.kind), header.begin, header.end, kindOffset, path);
     path.pop_back();
@@ -56,15 +56,15 @@ public:
   bool Failed() const { return FFailed; }
 
 private:
-  int64_t CheckPayload(TTagKind kind, int64_t begin, int64_t end, int64_t kindOffset, std::vector<std::string>& path) {
+  int64_t CheckPayload(TTagKind kind, int64_t begin, int64_t end, int64_t kindOffset,
+                       std::vector<std::string>& path) {
     const int64_t length = end - begin;
     switch (kind) {
     case TTagKind::TagList: {
       int64_t pos = begin;
       while (pos < end) {
         const int64_t childEnd = CheckTag(pos, end, path);
-        if (childEnd < 0)
-          return -1;
+        if (childEnd < 0) return -1;
         pos = childEnd;
       }
       return end; // children back to back, the last one ending at the parent's End
@@ -90,8 +90,8 @@ private:
     case TTagKind::Bool: {
       const int size = TagKindElementSize(kind);
       if (length % size != 0)
-        return Fail("payload of " + std::to_string(length) + " bytes is not a whole number of " + TagKindName(kind) +
-                        " values",
+        return Fail("payload of " + std::to_string(length) + " bytes is not a whole number of " +
+                        TagKindName(kind) + " values",
                     begin, path);
       return end;
     }
@@ -101,10 +101,8 @@ private:
   }
 
   bool ReadAt(int64_t offset, void* buffer, int64_t size) {
-    if (offset < 0 || size < 0 || offset + size > FSize)
-      return false;
-    if (FileSeek(FFile, offset, TSeekOrigin::Begin) != offset)
-      return false;
+    if (offset < 0 || size < 0 || offset + size > FSize) return false;
+    if (FileSeek(FFile, offset, TSeekOrigin::Begin) != offset) return false;
     return ReadAllBytes(FFile, buffer, size) == size;
   }
 

@@ -1,14 +1,14 @@
 // Data fields: typed n-dimensional arrays on paged memory, with conversions and their file form.
 #include "data/Datafield.h"
 
+#include "common/OrvexException.h"
+#include "common/memory/Memorymanagement.h"
+#include "common/memory/Partialmemory.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
-
-#include "common/OrvexException.h"
-#include "common/memory/Memorymanagement.h"
-#include "common/memory/Partialmemory.h"
 
 namespace {
 
@@ -21,16 +21,36 @@ constexpr int64_t kConversionBlock = 4096;
 template <typename F>
 void DispatchKind(TDataFieldKind kind, F&& f) {
   switch (kind) {
-  case TDataFieldKind::Int64: f.template operator()<int64_t>(); break;
-  case TDataFieldKind::Int32: f.template operator()<int32_t>(); break;
-  case TDataFieldKind::Int16: f.template operator()<int16_t>(); break;
-  case TDataFieldKind::Int8: f.template operator()<int8_t>(); break;
-  case TDataFieldKind::UInt32: f.template operator()<uint32_t>(); break;
-  case TDataFieldKind::UInt16: f.template operator()<uint16_t>(); break;
-  case TDataFieldKind::UInt8: f.template operator()<uint8_t>(); break;
-  case TDataFieldKind::Bool: f.template operator()<bool>(); break;
-  case TDataFieldKind::Float: f.template operator()<float>(); break;
-  case TDataFieldKind::Double: f.template operator()<double>(); break;
+  case TDataFieldKind::Int64:
+    f.template operator()<int64_t>();
+    break;
+  case TDataFieldKind::Int32:
+    f.template operator()<int32_t>();
+    break;
+  case TDataFieldKind::Int16:
+    f.template operator()<int16_t>();
+    break;
+  case TDataFieldKind::Int8:
+    f.template operator()<int8_t>();
+    break;
+  case TDataFieldKind::UInt32:
+    f.template operator()<uint32_t>();
+    break;
+  case TDataFieldKind::UInt16:
+    f.template operator()<uint16_t>();
+    break;
+  case TDataFieldKind::UInt8:
+    f.template operator()<uint8_t>();
+    break;
+  case TDataFieldKind::Bool:
+    f.template operator()<bool>();
+    break;
+  case TDataFieldKind::Float:
+    f.template operator()<float>();
+    break;
+  case TDataFieldKind::Double:
+    f.template operator()<double>();
+    break;
   default:
     throw OrvexException("TDataField::GetValue(): no case for DataFieldKind " +
                          std::to_string(static_cast<int32_t>(kind)));
@@ -45,8 +65,7 @@ T FromFloat(float value) {
   } else if constexpr (std::is_floating_point_v<T>) {
     return static_cast<T>(value);
   } else {
-    if (std::isnan(value))
-      return 0;
+    if (std::isnan(value)) return 0;
     const double clamped = std::clamp(static_cast<double>(value), -9.2e18, 9.2e18);
     return static_cast<T>(static_cast<int64_t>(clamped));
   }
@@ -64,17 +83,23 @@ float ToFloat(T value) {
 int32_t TDataField::GetDataSizeForFieldKind(TDataFieldKind kind) {
   switch (kind) {
   case TDataFieldKind::Int64:
-  case TDataFieldKind::Double: return 8;
+  case TDataFieldKind::Double:
+    return 8;
   case TDataFieldKind::Int32:
   case TDataFieldKind::UInt32:
-  case TDataFieldKind::Float: return 4;
+  case TDataFieldKind::Float:
+    return 4;
   case TDataFieldKind::Int16:
-  case TDataFieldKind::UInt16: return 2;
+  case TDataFieldKind::UInt16:
+    return 2;
   case TDataFieldKind::Int8:
   case TDataFieldKind::UInt8:
-  case TDataFieldKind::Bool: return 1;
-  case TDataFieldKind::Extended: return 10;
-  default: return 0;
+  case TDataFieldKind::Bool:
+    return 1;
+  case TDataFieldKind::Extended:
+    return 10;
+  default:
+    return 0;
   }
 }
 
@@ -83,7 +108,8 @@ TDataField::TDataField(const int32_t* ranges, int32_t dimension, TDataFieldKind 
   if (FElementSize == 0 || kPageSize % FElementSize != 0)
     throw OrvexException("TDataField::TDataField(): DataFieldKind is not allowed");
   if (dimension < 1)
-    throw OrvexException("TDataField::TDataField(): dimension " + std::to_string(dimension) + " is not allowed");
+    throw OrvexException("TDataField::TDataField(): dimension " + std::to_string(dimension) +
+                         " is not allowed");
   FRanges.assign(ranges, ranges + dimension);
   Allocate();
 }
@@ -95,8 +121,7 @@ void TDataField::Allocate() {
   FStrides.assign(static_cast<size_t>(FDimension), 0);
   int64_t stride = FElementSize;
   for (int32_t i = FDimension - 1; i >= 0; --i) {
-    if (FRanges[static_cast<size_t>(i)] < 0)
-      throw OrvexException("TDataField::TDataField(): negative range");
+    if (FRanges[static_cast<size_t>(i)] < 0) throw OrvexException("TDataField::TDataField(): negative range");
     FStrides[static_cast<size_t>(i)] = stride;
     if (FRanges[static_cast<size_t>(i)] > 0 &&
         stride > std::numeric_limits<int64_t>::max() / FRanges[static_cast<size_t>(i)])
@@ -104,8 +129,7 @@ void TDataField::Allocate() {
     stride *= FRanges[static_cast<size_t>(i)];
   }
   int64_t size = stride;
-  if (size == 0)
-    size = 16;
+  if (size == 0) size = 16;
   IPartialMemoryAllocator* allocator = TMemoryManagement::PartialMemoryAllocator;
   FMemory = allocator ? allocator->AllocateArray(static_cast<uint64_t>(size)) : nullptr;
   if (!FMemory)
@@ -115,9 +139,13 @@ void TDataField::Allocate() {
 }
 
 // Deleting the array gives its pages back to the allocator.
-TDataField::~TDataField() { delete FMemory; }
+TDataField::~TDataField() {
+  delete FMemory;
+}
 
-void TDataField::GetRanges(int32_t* out) const { std::copy(FRanges.begin(), FRanges.end(), out); }
+void TDataField::GetRanges(int32_t* out) const {
+  std::copy(FRanges.begin(), FRanges.end(), out);
+}
 
 int64_t TDataField::GetElementCount() const {
   int64_t count = 1;
@@ -127,11 +155,14 @@ int64_t TDataField::GetElementCount() const {
 
 int64_t TDataField::ByteOffset(const int32_t* index) const {
   int64_t offset = 0;
-  for (int32_t i = 0; i < FDimension; ++i) offset += static_cast<int64_t>(index[i]) * FStrides[static_cast<size_t>(i)];
+  for (int32_t i = 0; i < FDimension; ++i)
+    offset += static_cast<int64_t>(index[i]) * FStrides[static_cast<size_t>(i)];
   return offset;
 }
 
-void TDataField::ClearData() { FMemory->ClearData(); }
+void TDataField::ClearData() {
+  FMemory->ClearData();
+}
 
 void TDataField::GetBytes(int64_t offset, void* destination, int64_t size) const {
   if (size > 0)
@@ -143,7 +174,9 @@ void TDataField::SetBytes(int64_t offset, const void* source, int64_t size) {
     FMemory->SetDataAtAddressEx(static_cast<uint64_t>(offset), source, static_cast<uint64_t>(size));
 }
 
-void TDataField::SetValue(const int32_t* index, float value) { SetValueArray(index, &value, 1); }
+void TDataField::SetValue(const int32_t* index, float value) {
+  SetValueArray(index, &value, 1);
+}
 
 float TDataField::GetValue(const int32_t* index) const {
   float value = 0;
@@ -196,8 +229,7 @@ void TDataField::GetValueArray(const int32_t* index, float* values, int64_t coun
 
 template <typename T>
 void TDataField::SetRaw(const int32_t* index, const T* values, int64_t count, TDataFieldKind kind) {
-  if (FKind == kind)
-    SetBytes(ByteOffset(index), values, count * static_cast<int64_t>(sizeof(T)));
+  if (FKind == kind) SetBytes(ByteOffset(index), values, count * static_cast<int64_t>(sizeof(T)));
 }
 
 template <typename T>
@@ -209,7 +241,9 @@ void TDataField::GetRaw(const int32_t* index, T* values, int64_t count, TDataFie
   for (int64_t i = 0; i < count; ++i) values[i] = T{};
 }
 
-void TDataField::SetBoolValue(const int32_t* index, bool value) { SetBoolValueArray(index, &value, 1); }
+void TDataField::SetBoolValue(const int32_t* index, bool value) {
+  SetBoolValueArray(index, &value, 1);
+}
 bool TDataField::GetBoolValue(const int32_t* index) const {
   bool value = false;
   GetBoolValueArray(index, &value, 1);
@@ -227,7 +261,9 @@ void TDataField::GetBoolValueArray(const int32_t* index, bool* values, int64_t c
   GetBytes(ByteOffset(index), raw.data(), count);
   for (int64_t i = 0; i < count; ++i) values[i] = raw[static_cast<size_t>(i)] != 0;
 }
-void TDataField::SetColorValue(const int32_t* index, int32_t value) { SetColorValueArray(index, &value, 1); }
+void TDataField::SetColorValue(const int32_t* index, int32_t value) {
+  SetColorValueArray(index, &value, 1);
+}
 int32_t TDataField::GetColorValue(const int32_t* index) const {
   int32_t value = 0;
   GetColorValueArray(index, &value, 1);
@@ -239,7 +275,9 @@ void TDataField::SetColorValueArray(const int32_t* index, const int32_t* values,
 void TDataField::GetColorValueArray(const int32_t* index, int32_t* values, int64_t count) const {
   GetRaw(index, values, count, TDataFieldKind::Int32);
 }
-void TDataField::SetByteValue(const int32_t* index, uint8_t value) { SetByteValueArray(index, &value, 1); }
+void TDataField::SetByteValue(const int32_t* index, uint8_t value) {
+  SetByteValueArray(index, &value, 1);
+}
 uint8_t TDataField::GetByteValue(const int32_t* index) const {
   uint8_t value = 0;
   GetByteValueArray(index, &value, 1);
@@ -251,7 +289,9 @@ void TDataField::SetByteValueArray(const int32_t* index, const uint8_t* values, 
 void TDataField::GetByteValueArray(const int32_t* index, uint8_t* values, int64_t count) const {
   GetRaw(index, values, count, TDataFieldKind::UInt8);
 }
-void TDataField::SetDoubleValue(const int32_t* index, double value) { SetDoubleValueArray(index, &value, 1); }
+void TDataField::SetDoubleValue(const int32_t* index, double value) {
+  SetDoubleValueArray(index, &value, 1);
+}
 double TDataField::GetDoubleValue(const int32_t* index) const {
   double value = 0;
   GetDoubleValueArray(index, &value, 1);
@@ -264,34 +304,32 @@ void TDataField::GetDoubleValueArray(const int32_t* index, double* values, int64
   GetRaw(index, values, count, TDataFieldKind::Double);
 }
 
-TTagError TDataField::SaveDataToFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel) const {
+TTagError TDataField::SaveDataToFile(TFileHandle file, TProgressCounter* position,
+                                     const TCancelCheck& cancel) const {
   const int64_t total = GetSizeInBytes();
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
-    if (cancel && cancel())
-      return teUnspecificError;
+    if (cancel && cancel()) return teUnspecificError;
     const int64_t n = std::min(chunk, total - offset);
     if (!FMemory->SaveContentsToFile(file, static_cast<uint64_t>(offset), static_cast<uint64_t>(n)))
       return teWriteFileError;
     offset += n;
-    if (position)
-      *position = offset / FElementSize;
+    if (position) *position = offset / FElementSize;
   }
   return teNoError;
 }
 
-TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel) {
+TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* position,
+                                       const TCancelCheck& cancel) {
   const int64_t total = GetSizeInBytes();
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
-    if (cancel && cancel())
-      return teUnspecificError;
+    if (cancel && cancel()) return teUnspecificError;
     const int64_t n = std::min(chunk, total - offset);
     if (!FMemory->LoadContentsFromFile(file, static_cast<uint64_t>(offset), static_cast<uint64_t>(n)))
       return teReadFileError;
     offset += n;
-    if (position)
-      *position = offset / FElementSize;
+    if (position) *position = offset / FElementSize;
   }
   return teNoError;
 }
@@ -299,20 +337,18 @@ TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* posit
 // ---------------------------------------------------------------------------------------------
 
 TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, const TDataField& field,
-                                 TProgressCounter* position, TProgressCounter* total, const TCancelCheck& cancel) {
+                                 TProgressCounter* position, TProgressCounter* total,
+                                 const TCancelCheck& cancel) {
   TTagControl list, t, data;
   TTagError result = list.WriteTag(file, name, TTagKind::TagList);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   const int32_t kind = static_cast<int32_t>(field.GetLastDataFieldKind());
   if ((result = t.SaveIntTag(file, "Dimension", field.GetDimension())) < 1 ||
       (result = t.SaveIntTag(file, "DataType", kind)) < 1 ||
       (result = t.SaveIntTag(file, "Ranges", field.Ranges().data(), field.GetDimension())) < 1)
     return result;
-  if (total)
-    *total = field.GetElementCount();
-  if (position)
-    *position = 0;
+  if (total) *total = field.GetElementCount();
+  if (position) *position = 0;
   if ((result = data.WriteTag(file, "Data", TTagKind::Byte)) < 1 ||
       (result = field.SaveDataToFile(file, position, cancel)) < 1 || (result = data.CloseWriteTag(file)) < 1)
     return result;
@@ -324,36 +360,27 @@ TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, co
                                    TProgressCounter* total, const TCancelCheck& cancel) {
   TTagControl list, t;
   TTagError result = list.FindTag(file, name, parent);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   int32_t dimension = 0, kind = 0;
   if ((result = t.LoadIntTag(file, "Dimension", list, &dimension, 1)) < 1 ||
       (result = t.LoadIntTag(file, "DataType", list, &kind, 1)) < 1)
     return result;
-  if (dimension < 1 || dimension > 16)
-    return teReadFileError;
+  if (dimension < 1 || dimension > 16) return teReadFileError;
   std::vector<int32_t> ranges(static_cast<size_t>(dimension));
-  if ((result = t.LoadIntTag(file, "Ranges", list, ranges.data(), dimension)) < 1)
-    return result;
+  if ((result = t.LoadIntTag(file, "Ranges", list, ranges.data(), dimension)) < 1) return result;
   const int32_t elementSize = TDataField::GetDataSizeForFieldKind(static_cast<TDataFieldKind>(kind));
-  if (elementSize == 0)
-    return teReadFileError;
+  if (elementSize == 0) return teReadFileError;
   // Sizes that overflow or don't match the stored data are refused before anything is allocated.
   int64_t bytes = elementSize;
   for (int32_t r : ranges) {
-    if (r < 0 || (r > 0 && bytes > std::numeric_limits<int64_t>::max() / r))
-      return teReadFileError;
+    if (r < 0 || (r > 0 && bytes > std::numeric_limits<int64_t>::max() / r)) return teReadFileError;
     bytes *= r;
   }
   TTagControl data;
-  if ((result = data.FindTag(file, "Data", list)) < 1)
-    return result;
-  if (data.End() - data.Begin() != bytes || data.End() > FileSize(file))
-    return teReadFileError;
-  if (total)
-    *total = bytes / elementSize;
-  if (position)
-    *position = 0;
+  if ((result = data.FindTag(file, "Data", list)) < 1) return result;
+  if (data.End() - data.Begin() != bytes || data.End() > FileSize(file)) return teReadFileError;
+  if (total) *total = bytes / elementSize;
+  if (position) *position = 0;
   field.reset();
   field = std::make_unique<TDataField>(ranges.data(), dimension, static_cast<TDataFieldKind>(kind));
   FileSeek(file, data.Begin(), TSeekOrigin::Begin);
@@ -378,15 +405,16 @@ TDataFieldOld::TDataFieldOld(const int32_t* ranges, int32_t dimension, TDataFiel
 
 void TDataFieldOld::GetRanges(int32_t* out) const {
   out[0] = FRange;
-  if (FDimension > 1 && !FChildren.empty())
-    FChildren[0]->GetRanges(out + 1);
+  if (FDimension > 1 && !FChildren.empty()) FChildren[0]->GetRanges(out + 1);
 }
 
 TDataFieldKind TDataFieldOld::GetLastDataFieldKind() const {
   return FDimension > 1 && !FChildren.empty() ? FChildren[0]->GetLastDataFieldKind() : FKind;
 }
 
-void TDataFieldOld::SetValue(const int32_t* index, float value) { SetValueArray(index, &value, 1); }
+void TDataFieldOld::SetValue(const int32_t* index, float value) {
+  SetValueArray(index, &value, 1);
+}
 
 float TDataFieldOld::GetValue(const int32_t* index) const {
   float value = 0;
@@ -427,11 +455,11 @@ void TDataFieldOld::GetValueArray(const int32_t* index, float* values, int64_t c
 
 TTagError TDataFieldOld::SaveDataToFile(TFileHandle file) const {
   if (FDimension == 1)
-    return WriteAllBytes(file, FBlock.data(), static_cast<int64_t>(FBlock.size())) ? teNoError : teWriteFileError;
+    return WriteAllBytes(file, FBlock.data(), static_cast<int64_t>(FBlock.size())) ? teNoError
+                                                                                   : teWriteFileError;
   for (const auto& child : FChildren) {
     const TTagError result = child->SaveDataToFile(file);
-    if (result < 1)
-      return result;
+    if (result < 1) return result;
   }
   return teNoError;
 }
@@ -444,8 +472,7 @@ TTagError TDataFieldOld::LoadDataFromFile(TFileHandle file) {
                : teReadFileError;
   for (auto& child : FChildren) {
     const TTagError result = child->LoadDataFromFile(file);
-    if (result < 1)
-      return result;
+    if (result < 1) return result;
   }
   return teNoError;
 }

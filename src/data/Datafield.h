@@ -2,15 +2,15 @@
 // are reached only through byte offsets; the last dimension is the fastest.
 #pragma once
 
+#include "common/Saveandload.h"
+#include "common/Tagcontrol.h"
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "common/Saveandload.h"
-#include "common/Tagcontrol.h"
 
 class IPartialArray;
 
@@ -92,7 +92,8 @@ public:
 
   /// Streams all bytes between the file's position and the paged memory, in at most 128 steps;
   /// position (may be null) follows in elements.
-  TTagError SaveDataToFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel = {}) const;
+  TTagError SaveDataToFile(TFileHandle file, TProgressCounter* position,
+                           const TCancelCheck& cancel = {}) const;
   TTagError LoadDataFromFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel = {});
 
 private:
@@ -130,7 +131,9 @@ public:
   TDataFieldKind GetLastDataFieldKind() const;
   int64_t GetDataSize() const { return FRange; }
   TDataFieldOld* GetDataField(int32_t i) const { return FChildren[static_cast<size_t>(i)].get(); }
-  void SetDataField(int32_t i, std::unique_ptr<TDataFieldOld> field) { FChildren[static_cast<size_t>(i)] = std::move(field); }
+  void SetDataField(int32_t i, std::unique_ptr<TDataFieldOld> field) {
+    FChildren[static_cast<size_t>(i)] = std::move(field);
+  }
   void SetValue(const int32_t* index, float value);
   float GetValue(const int32_t* index) const;
   void SetValueArray(const int32_t* index, const float* values, int64_t count);
@@ -142,6 +145,6 @@ private:
   int32_t FDimension;
   int32_t FRange;
   TDataFieldKind FKind;
-  std::vector<uint8_t> FBlock;                          ///< dimension 1: the elements
+  std::vector<uint8_t> FBlock;                           ///< dimension 1: the elements
   std::vector<std::unique_ptr<TDataFieldOld>> FChildren; ///< dimension > 1: one field per entry
 };

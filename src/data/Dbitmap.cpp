@@ -220,7 +220,8 @@ void TDBitmap::CopyFrom(const TDBitmap& source) {
 namespace {
 
 // A float image of the bitmap's size, link and "Bins" unit, with a new ID from the project.
-std::unique_ptr<TDImage> MakeChannelImage(TDBitmap& bitmap, IDataProject& project, const std::string& suffix) {
+std::unique_ptr<TDImage> MakeChannelImage(TDBitmap& bitmap, IDataProject& project,
+                                          const std::string& suffix) {
   auto image = std::make_unique<TDImage>();
   image->SetFieldSize(bitmap.GetWidth(), bitmap.GetHeight(), TDataFieldKind::Float, true);
   image->SetSpaceTransformationID(bitmap.GetSpaceTransformationID());

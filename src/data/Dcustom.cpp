@@ -1,11 +1,11 @@
 // Data object base: change delivery, history, persistence and the class registry.
 #include "data/Dcustom.h"
 
-#include <chrono>
-#include <ctime>
-
 #include "common/Classregistry.h"
 #include "common/threads/Multicorecalc.h"
+
+#include <chrono>
+#include <ctime>
 
 THistoryEntry THistoryEntry::Now(const std::string& text, THistoryEntryType type) {
   const auto now = std::chrono::system_clock::now();
@@ -15,9 +15,12 @@ THistoryEntry THistoryEntry::Now(const std::string& text, THistoryEntryType type
   std::tm local{};
   ::localtime_r(&seconds, &local);
   THistoryEntry entry;
-  entry.Date = {static_cast<uint16_t>(local.tm_year + 1900), static_cast<uint16_t>(local.tm_mon + 1),
-                static_cast<uint16_t>(local.tm_mday),        static_cast<uint16_t>(local.tm_hour),
-                static_cast<uint16_t>(local.tm_min),         static_cast<uint16_t>(local.tm_sec),
+  entry.Date = {static_cast<uint16_t>(local.tm_year + 1900),
+                static_cast<uint16_t>(local.tm_mon + 1),
+                static_cast<uint16_t>(local.tm_mday),
+                static_cast<uint16_t>(local.tm_hour),
+                static_cast<uint16_t>(local.tm_min),
+                static_cast<uint16_t>(local.tm_sec),
                 static_cast<uint16_t>(millis)};
   entry.Text = text;
   entry.Type = type;
@@ -32,8 +35,7 @@ TData::~TData() = default;
 
 void TData::DoDataChange(TDataChangeInfo info) {
   if (info != TDataChangeInfo::DataChanged) {
-    if (FOnDataChange)
-      FOnDataChange(this, info);
+    if (FOnDataChange) FOnDataChange(this, info);
     return;
   }
   if (!FAutoDataChange) {
@@ -41,31 +43,26 @@ void TData::DoDataChange(TDataChangeInfo info) {
     FPendingDataChange = true;
     return;
   }
-  if (FOnDataChange)
-    FOnDataChange(this, info);
+  if (FOnDataChange) FOnDataChange(this, info);
   FPendingDataChange = false;
   AfterOnDataChange();
 }
 
 void TData::SetAutoDataChange(bool on) {
-  if (on == FAutoDataChange)
-    return;
+  if (on == FAutoDataChange) return;
   FAutoDataChange = on;
-  if (on && FPendingDataChange)
-    DoDataChange(TDataChangeInfo::DataChanged);
+  if (on && FPendingDataChange) DoDataChange(TDataChangeInfo::DataChanged);
 }
 
 void TData::SetCaption(const std::string& caption) {
-  if (caption == FCaption)
-    return;
+  if (caption == FCaption) return;
   FCaption = caption;
   DoDataChange(TDataChangeInfo::CaptionChanged);
   CaptionChanged(false);
 }
 
 void TData::SetUserCaption(const std::string& caption) {
-  if (caption == FCaption)
-    return;
+  if (caption == FCaption) return;
   FCaption = caption;
   DoDataChange(TDataChangeInfo::CaptionChanged);
   CaptionChanged(true);
@@ -80,14 +77,14 @@ void TData::AddToID(int32_t delta) {
   // The entry is made even for ID 0, and no notification goes out.
   const int32_t oldID = FID;
   const int32_t newID = FID + delta;
-  FHistoryList.push_back(THistoryEntry::Now(
-      "ID changed from " + std::to_string(oldID) + " to " + std::to_string(newID) + ".", kHistoryEntryIDChange));
+  FHistoryList.push_back(
+      THistoryEntry::Now("ID changed from " + std::to_string(oldID) + " to " + std::to_string(newID) + ".",
+                         kHistoryEntryIDChange));
   SafeAddToDataID(FID, delta);
 }
 
 void TData::ShowCaptionAsProgress() {
-  if (FProgressController)
-    FProgressController->SetProgressMainCaption(FCaption);
+  if (FProgressController) FProgressController->SetProgressMainCaption(FCaption);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -97,15 +94,14 @@ TTagError TData::SaveDataToTagFile(TFileHandle file) {
   ShowCaptionAsProgress();
   TTagControl dataTag, history, t;
   TTagError result = dataTag.WriteTag(file, "TData", TTagKind::TagList);
-  if (result < 1)
-    return result;
-  if ((result = t.SaveIntTag(file, "Version", FVersion)) < 1 || (result = t.SaveIntTag(file, "ID", FID)) < 1 ||
+  if (result < 1) return result;
+  if ((result = t.SaveIntTag(file, "Version", FVersion)) < 1 ||
+      (result = t.SaveIntTag(file, "ID", FID)) < 1 ||
       (result = t.SaveIntTag(file, "ImageIndex", FImageIndex)) < 1 ||
       (result = t.SaveAnsiStringTag(file, "Caption", FCaption)) < 1)
     return result;
   FMetaData.SaveTagListToFile(file);
-  if ((result = history.WriteTag(file, "HistoryList", TTagKind::TagList)) < 1)
-    return result;
+  if ((result = history.WriteTag(file, "HistoryList", TTagKind::TagList)) < 1) return result;
   const auto n = static_cast<int32_t>(FHistoryList.size());
   std::vector<uint16_t> dates;
   std::vector<int32_t> types;
@@ -117,30 +113,24 @@ TTagError TData::SaveDataToTagFile(TFileHandle file) {
   if ((result = t.SaveIntTag(file, "Number Of History Entries", n)) < 1 ||
       (result = t.SaveWordTag(file, "Dates", dates.data(), static_cast<int64_t>(dates.size()))) < 1)
     return result;
-  if ((result = t.WriteTag(file, "Histories", TTagKind::AnsiString)) < 1)
-    return result;
+  if ((result = t.WriteTag(file, "Histories", TTagKind::AnsiString)) < 1) return result;
   for (const auto& entry : FHistoryList)
-    if ((result = SaveAnsiStringToFile(file, entry.Text)) < 1)
-      return result;
+    if ((result = SaveAnsiStringToFile(file, entry.Text)) < 1) return result;
   if ((result = t.CloseWriteTag(file)) < 1 ||
       (result = t.SaveIntTag(file, "Types", types.data(), static_cast<int64_t>(types.size()))) < 1)
     return result;
-  if ((result = history.CloseWriteTag(file)) < 1)
-    return result;
+  if ((result = history.CloseWriteTag(file)) < 1) return result;
   return dataTag.CloseWriteTag(file);
 }
 
 TTagError TData::LoadDataFromTagFile(TFileHandle file, const TTagControl& parent) {
   TTagControl dataTag, t;
   TTagError result = dataTag.FindTag(file, "TData", parent);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   t.LoadOrDefaultIntTag(file, "Version", dataTag, &FVersion, 1, 0);
-  if ((result = t.LoadIntTag(file, "ID", dataTag, &FID, 1)) < 1)
-    return result;
+  if ((result = t.LoadIntTag(file, "ID", dataTag, &FID, 1)) < 1) return result;
   t.LoadOrDefaultIntTag(file, "ImageIndex", dataTag, &FImageIndex, 1, FImageIndex);
-  if ((result = t.LoadAnsiStringTag(file, "Caption", dataTag, FCaption)) < 1)
-    return result;
+  if ((result = t.LoadAnsiStringTag(file, "Caption", dataTag, FCaption)) < 1) return result;
   ShowCaptionAsProgress();
   // The metadata follows the caption; in files without it this takes over the next tag, as it stands.
   const int64_t afterCaption = t.End();
@@ -162,31 +152,23 @@ TTagError TData::LoadHistoryList(TFileHandle file, const TTagControl& dataTag) {
   FHistoryList.clear();
   int32_t n = 0;
   t.LoadOrDefaultIntTag(file, "Number Of History Entries", history, &n, 1, 0);
-  if (n <= 0)
-    return teNoError;
+  if (n <= 0) return teNoError;
   // A count that the tags can't hold is corrupt: refuse before allocating.
   TTagError result = t.FindTag(file, "Dates", history);
-  if (result < 1)
-    return result;
-  if (static_cast<int64_t>(n) * 14 > t.End() - t.Begin())
-    return teReadFileError;
+  if (result < 1) return result;
+  if (static_cast<int64_t>(n) * 14 > t.End() - t.Begin()) return teReadFileError;
   std::vector<uint16_t> dates(static_cast<size_t>(n) * 7);
-  if ((result = LoadWordFromFile(file, dates.data(), static_cast<int64_t>(dates.size()))) < 1)
-    return result;
+  if ((result = LoadWordFromFile(file, dates.data(), static_cast<int64_t>(dates.size()))) < 1) return result;
   std::vector<std::string> texts;
-  if ((result = t.FindTag(file, "Histories", history)) < 1)
-    return result;
+  if ((result = t.FindTag(file, "Histories", history)) < 1) return result;
   for (int32_t i = 0; i < n; ++i) {
-    if (FilePosition(file) + 4 > t.End())
-      return teReadFileError;
+    if (FilePosition(file) + 4 > t.End()) return teReadFileError;
     std::string text;
-    if ((result = LoadAnsiStringFromFile(file, text)) < 1)
-      return result;
+    if ((result = LoadAnsiStringFromFile(file, text)) < 1) return result;
     texts.push_back(std::move(text));
   }
   std::vector<int32_t> types(static_cast<size_t>(n));
-  if ((result = t.LoadIntTag(file, "Types", history, types.data(), n)) < 1)
-    return result;
+  if ((result = t.LoadIntTag(file, "Types", history, types.data(), n)) < 1) return result;
   FHistoryList.resize(static_cast<size_t>(n));
   for (int32_t i = 0; i < n; ++i) {
     auto& entry = FHistoryList[static_cast<size_t>(i)];
@@ -215,6 +197,10 @@ std::unique_ptr<TData> TData::CreateDataObjectByName(const std::string& classNam
   return Registry().Create(className);
 }
 
-void TData::DeleteRegisteredDataObjectList() { Registry().Clear(); }
+void TData::DeleteRegisteredDataObjectList() {
+  Registry().Clear();
+}
 
-std::vector<std::string> TData::RegisteredDataObjectNames() { return Registry().Names(); }
+std::vector<std::string> TData::RegisteredDataObjectNames() {
+  return Registry().Names();
+}

@@ -1,6 +1,8 @@
 // The base of every data object of a project, and the registry that turns stored class names into objects.
 #pragma once
 
+#include "common/Tagcontrol.h"
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -9,8 +11,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "common/Tagcontrol.h"
 
 class TDataField;
 class TMCC;
@@ -22,7 +22,6 @@ struct TFileVersion {
   static constexpr int32_t ThisVersion = 6;
   static inline int32_t SaveVersion = ThisVersion;
 };
-
 
 /// How an object travels with the project's file.
 enum class TDataSaveMode : int32_t {
@@ -67,7 +66,8 @@ public:
   virtual TIntList GetIDListByClassName(const std::string& className, int32_t minExclusive = 0,
                                         int32_t maxInclusive = INT32_MAX) const = 0;
   /// All IDs in list order, or those of one save mode.
-  virtual TIntList GetIDListOfAllData(bool filterByMode = false, TDataSaveMode mode = TDataSaveMode::Always) const = 0;
+  virtual TIntList GetIDListOfAllData(bool filterByMode = false,
+                                      TDataSaveMode mode = TDataSaveMode::Always) const = 0;
 };
 
 /// History entry types; 2 marks an ID change, the others are as the callers give them.
@@ -167,8 +167,7 @@ public:
 
   /// Adds delta to a referenced ID unless it is 0, so that a missing reference stays missing.
   static void SafeAddToDataID(int32_t& id, int32_t delta) {
-    if (id != 0)
-      id += delta;
+    if (id != 0) id += delta;
   }
 
   // --- Registry --------------------------------------------------------------------------------
@@ -204,12 +203,15 @@ private:
 };
 
 /// Declares the class-name plumbing of a data class: its stored name, inheritance test and factory.
-#define ORVEX_DATA_CLASS(ClassName, ParentName)                                                                  \
-public:                                                                                                        \
-  static constexpr const char* kClassName = #ClassName;                                                       \
-  std::string GetClassNameA() const override { return kClassName; }                                           \
-  bool InheritsFrom(std::string_view className) const override {                                              \
-    return className == kClassName || ParentName::InheritsFrom(className);                                    \
-  }                                                                                                            \
-  static std::unique_ptr<TData> CreateDataObject() { return std::make_unique<ClassName>(); }
-
+#define ORVEX_DATA_CLASS(ClassName, ParentName)                                                              \
+public:                                                                                                      \
+  static constexpr const char* kClassName = #ClassName;                                                      \
+  std::string GetClassNameA() const override {                                                               \
+    return kClassName;                                                                                       \
+  }                                                                                                          \
+  bool InheritsFrom(std::string_view className) const override {                                             \
+    return className == kClassName || ParentName::InheritsFrom(className);                                   \
+  }                                                                                                          \
+  static std::unique_ptr<TData> CreateDataObject() {                                                         \
+    return std::make_unique<ClassName>();                                                                    \
+  }

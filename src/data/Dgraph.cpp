@@ -1,9 +1,9 @@
 // Graphs: spectra per pixel, line flags, interpolation, ID links and the file form.
 #include "data/Dgraph.h"
 
-#include <algorithm>
-
 #include "common/OrvexException.h"
+
+#include <algorithm>
 
 TDGraph::TDGraph() {
   SetCaption("Graph");
@@ -15,22 +15,23 @@ TDGraph::~TDGraph() = default;
 
 int32_t TDGraph::GetDataCategory() const {
   switch (GetImageIndex()) {
-  case 3: return 2;
-  case 4: return 4;
-  default: return 3;
+  case 3:
+    return 2;
+  case 4:
+    return 4;
+  default:
+    return 3;
   }
 }
 
-std::unique_ptr<TDGraph> TDGraph::CreateNewGraph(IDataProject* project, int32_t templateID, bool singleSpectrum,
-                                                 TDataFieldKind kind, TDataSaveMode saveMode,
-                                                 const std::string& caption) {
-  if (!project)
-    return nullptr;
+std::unique_ptr<TDGraph> TDGraph::CreateNewGraph(IDataProject* project, int32_t templateID,
+                                                 bool singleSpectrum, TDataFieldKind kind,
+                                                 TDataSaveMode saveMode, const std::string& caption) {
+  if (!project) return nullptr;
   TData* data = project->LockData(templateID);
   auto* source = dynamic_cast<TDGraph*>(data);
   if (!source) {
-    if (data)
-      project->UnlockData(data);
+    if (data) project->UnlockData(data);
     return nullptr;
   }
   auto graph = std::make_unique<TDGraph>();
@@ -66,11 +67,12 @@ void TDGraph::SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind, in
   FLineValid.assign(static_cast<size_t>(sizeY), false);
 }
 
-void TDGraph::FreeField() { FField.reset(); }
+void TDGraph::FreeField() {
+  FField.reset();
+}
 
 float TDGraph::GetField(int32_t x, int32_t y, int32_t g) const {
-  if (x < 0 || x >= FSizeX || g < 0 || g >= FSizeGraph || !GetLineValid(y))
-    return 0;
+  if (x < 0 || x >= FSizeX || g < 0 || g >= FSizeGraph || !GetLineValid(y)) return 0;
   return GetFastField(x, y, g);
 }
 
@@ -80,16 +82,15 @@ float TDGraph::GetFastField(int32_t x, int32_t y, int32_t g) const {
 }
 
 void TDGraph::SetField(int32_t x, int32_t y, int32_t g, float value) {
-  if (x < 0 || x >= FSizeX || !LineInside(y) || g < 0 || g >= FSizeGraph)
-    return;
+  if (x < 0 || x >= FSizeX || !LineInside(y) || g < 0 || g >= FSizeGraph) return;
   const int32_t index[2] = {x, y * FSizeGraph + g};
   FField->SetValue(index, value);
 }
 
 void TDGraph::CheckIndices(int32_t x, int32_t y, const char* operation) const {
   if (x < 0 || x >= FSizeX || y < 0 || y >= FSizeY)
-    throw OrvexException(GetCaption() + ": TDGraph::" + operation + ": wrong indices: x = " + std::to_string(x) +
-                         ", y = " + std::to_string(y));
+    throw OrvexException(GetCaption() + ": TDGraph::" + operation +
+                         ": wrong indices: x = " + std::to_string(x) + ", y = " + std::to_string(y));
 }
 
 void TDGraph::SetSpectrum(int32_t x, int32_t y, const float* values) {
@@ -122,16 +123,15 @@ void TDGraph::GetPartOfSpectrum(int32_t x, int32_t y, int32_t first, int32_t cou
 }
 
 float TDGraph::GetInterpolatedField(double x, double y, double g) const {
-  if (x < 0 || y < 0 || x >= FSizeX - 1 || y >= FSizeY - 1)
-    return 0;
+  if (x < 0 || y < 0 || x >= FSizeX - 1 || y >= FSizeY - 1) return 0;
   const auto i = static_cast<int32_t>(x);
   const auto j = static_cast<int32_t>(y);
   const auto k = static_cast<int32_t>(g);
-  if (!GetLineValid(j) || !GetLineValid(j + 1) || k < 0 || k >= FSizeGraph)
-    return 0;
+  if (!GetLineValid(j) || !GetLineValid(j + 1) || k < 0 || k >= FSizeGraph) return 0;
   const double fx = x - i, fy = y - j;
-  return static_cast<float>((1 - fx) * (1 - fy) * GetFastField(i, j, k) + fx * (1 - fy) * GetFastField(i + 1, j, k) +
-                            fx * fy * GetFastField(i + 1, j + 1, k) + (1 - fx) * fy * GetFastField(i, j + 1, k));
+  return static_cast<float>(
+      (1 - fx) * (1 - fy) * GetFastField(i, j, k) + fx * (1 - fy) * GetFastField(i + 1, j, k) +
+      fx * fy * GetFastField(i + 1, j + 1, k) + (1 - fx) * fy * GetFastField(i, j + 1, k));
 }
 
 void TDGraph::GetInterpolatedSpectrum(double x, double y, float* values) const {
@@ -174,13 +174,11 @@ void TDGraph::FillField(float value) {
 }
 
 void TDGraph::CopyFieldFrom(const TDGraph& graph) {
-  if (graph.FSizeX != FSizeX || graph.FSizeY != FSizeY || graph.FSizeGraph != FSizeGraph)
-    return;
+  if (graph.FSizeX != FSizeX || graph.FSizeY != FSizeY || graph.FSizeGraph != FSizeGraph) return;
   std::vector<float> spectrum(static_cast<size_t>(FSizeGraph));
   for (int32_t y = 0; y < FSizeY; ++y) {
     SetLineValid(y, graph.GetLineValid(y));
-    if (!graph.GetLineValid(y))
-      continue;
+    if (!graph.GetLineValid(y)) continue;
     for (int32_t x = 0; x < FSizeX; ++x) {
       graph.GetSpectrum(x, y, spectrum.data(), true);
       SetSpectrum(x, y, spectrum.data());
@@ -188,19 +186,17 @@ void TDGraph::CopyFieldFrom(const TDGraph& graph) {
   }
 }
 
-bool TDGraph::IsGraphIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount, int32_t maxCount,
-                                bool sameSize, bool sameGraphSize, bool sameSpaceTransformation,
-                                bool sameXTransformation, bool sameXInterpretation, bool sameZInterpretation) {
-  if (!project || idList.empty())
-    return false;
+bool TDGraph::IsGraphIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount,
+                                int32_t maxCount, bool sameSize, bool sameGraphSize,
+                                bool sameSpaceTransformation, bool sameXTransformation,
+                                bool sameXInterpretation, bool sameZInterpretation) {
+  if (!project || idList.empty()) return false;
   const auto count = static_cast<int32_t>(idList.size());
-  if ((minCount >= 1 && count < minCount) || (maxCount >= 1 && count > maxCount))
-    return false;
+  if ((minCount >= 1 && count < minCount) || (maxCount >= 1 && count > maxCount)) return false;
   const TDGraph* first = nullptr;
   for (int32_t id : idList) {
     const TData* data = project->FindData(id);
-    if (!data || data->GetClassNameA() != kClassName)
-      return false;
+    if (!data || data->GetClassNameA() != kClassName) return false;
     const auto* graph = static_cast<const TDGraph*>(data);
     if (!first) {
       first = graph;
@@ -217,7 +213,9 @@ bool TDGraph::IsGraphIDListOkay(IDataProject* project, const TIntList& idList, i
   return true;
 }
 
-void TDGraph::AfterOnDataChange() { std::fill(FLineChanged.begin(), FLineChanged.end(), false); }
+void TDGraph::AfterOnDataChange() {
+  std::fill(FLineChanged.begin(), FLineChanged.end(), false);
+}
 
 void TDGraph::AddToID(int32_t delta) {
   TDImageBase::AddToID(delta);
@@ -232,28 +230,21 @@ bool TDGraph::IsDataUsed(int32_t id) const {
 void TDGraph::CleanWrongDataConnections() {
   TDImageBase::CleanWrongDataConnections();
   IDataProject* project = GetProject();
-  if (!project)
-    return;
-  if (FXTransformationID != 0 && !project->DataIDExists(FXTransformationID))
-    FXTransformationID = 0;
-  if (FXInterpretationID != 0 && !project->DataIDExists(FXInterpretationID))
-    FXInterpretationID = 0;
+  if (!project) return;
+  if (FXTransformationID != 0 && !project->DataIDExists(FXTransformationID)) FXTransformationID = 0;
+  if (FXInterpretationID != 0 && !project->DataIDExists(FXInterpretationID)) FXInterpretationID = 0;
 }
 
 void TDGraph::ExchangeID(int32_t oldID, int32_t newID) {
   TDImageBase::ExchangeID(oldID, newID);
-  if (FXInterpretationID == oldID)
-    FXInterpretationID = newID;
+  if (FXInterpretationID == oldID) FXInterpretationID = newID;
 }
 
 void TDGraph::DataChanged(TData* sender, TDataChangeInfo info) {
   TDImageBase::DataChanged(sender, info);
-  if (info != TDataChangeInfo::Removed || !sender)
-    return;
-  if (FXTransformationID == sender->GetID())
-    FXTransformationID = 0;
-  if (FXInterpretationID == sender->GetID())
-    FXInterpretationID = 0;
+  if (info != TDataChangeInfo::Removed || !sender) return;
+  if (FXTransformationID == sender->GetID()) FXTransformationID = 0;
+  if (FXInterpretationID == sender->GetID()) FXInterpretationID = 0;
 }
 
 std::vector<std::pair<std::string, int32_t>> TDGraph::GetReferencedIDs() const {
@@ -265,19 +256,20 @@ std::vector<std::pair<std::string, int32_t>> TDGraph::GetReferencedIDs() const {
 
 TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
   TTagError result = TDImageBase::SaveDataToTagFile(file);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl own, t;
   const TFieldTransfer transfer = FieldTransfer();
   if ((result = own.WriteTag(file, kClassName, TTagKind::TagList)) < 1 ||
-      (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 || (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
+      (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 ||
+      (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
       (result = t.SaveIntTag(file, "SizeY", FSizeY)) < 1 ||
       (result = t.SaveIntTag(file, "SizeGraph", FSizeGraph)) < 1 ||
       (result = t.SaveIntTag(file, "SpaceTransformationID", FSpaceTransformationID)) < 1 ||
       (result = t.SaveIntTag(file, "XTransformationID", FXTransformationID)) < 1 ||
       (result = t.SaveIntTag(file, "XInterpretationID", FXInterpretationID)) < 1 ||
       (result = t.SaveIntTag(file, "ZInterpretationID", FZInterpretationID)) < 1 ||
-      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1 ||
+      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, transfer.Position, transfer.Total,
+                                       transfer.Cancel)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
@@ -286,11 +278,9 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
 
 TTagError TDGraph::LoadDataFromTagFile(TFileHandle file, const TTagControl& parent) {
   TTagError result = TDImageBase::LoadDataFromTagFile(file, parent);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl own, t;
-  if ((result = own.FindTag(file, kClassName, parent)) < 1)
-    return result;
+  if ((result = own.FindTag(file, kClassName, parent)) < 1) return result;
   FreeField();
   int32_t sizeX = 0, sizeY = 0, sizeGraph = 0;
   if ((result = t.LoadIntTag(file, "Version", own, &FVersion, 1)) < 1 ||
@@ -305,7 +295,8 @@ TTagError TDGraph::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   if (sizeX < 0 || sizeY < 0 || sizeGraph < 0 || int64_t(sizeY) * sizeGraph > INT32_MAX)
     return teReadFileError;
   const TFieldTransfer transfer = FieldTransfer();
-  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
+  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, transfer.Position, transfer.Total,
+                                         transfer.Cancel)) < 1)
     return result;
   if (FField->Ranges() != std::vector<int32_t>{sizeX, sizeY * sizeGraph})
     return teReadFileError; // the stored field doesn't match the stated sizes

@@ -2,9 +2,9 @@
 // [x, y * size graph + g], so one spectrum is contiguous.
 #pragma once
 
-#include <memory>
-
 #include "data/Dimagebase.h"
+
+#include <memory>
 
 class TDGraph : public TDImageBase {
   ORVEX_DATA_CLASS(TDGraph, TDImageBase)
@@ -29,9 +29,9 @@ public:
 
   /// A new graph of the template's sizes (1 × 1 with singleSpectrum, then without space transformation),
   /// the template's links and image index, a new ID; not added. Null when the template isn't a graph.
-  static std::unique_ptr<TDGraph> CreateNewGraph(IDataProject* project, int32_t templateID, bool singleSpectrum,
-                                                 TDataFieldKind kind, TDataSaveMode saveMode,
-                                                 const std::string& caption);
+  static std::unique_ptr<TDGraph> CreateNewGraph(IDataProject* project, int32_t templateID,
+                                                 bool singleSpectrum, TDataFieldKind kind,
+                                                 TDataSaveMode saveMode, const std::string& caption);
 
   void SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind, int32_t sizeGraph);
   void FreeField();
@@ -53,7 +53,8 @@ public:
                          bool ignoreValid = false) const;
   /// Spectrum of flat element e = x + y * size X.
   void GetSpectrumOfElement(int64_t element, float* values, bool ignoreValid = false) const {
-    GetSpectrum(static_cast<int32_t>(element % FSizeX), static_cast<int32_t>(element / FSizeX), values, ignoreValid);
+    GetSpectrum(static_cast<int32_t>(element % FSizeX), static_cast<int32_t>(element / FSizeX), values,
+                ignoreValid);
   }
   void SetSpectrumOfElement(int64_t element, const float* values) {
     SetSpectrum(static_cast<int32_t>(element % FSizeX), static_cast<int32_t>(element / FSizeX), values);
@@ -69,9 +70,10 @@ public:
   void CopyFieldFrom(const TDGraph& graph);
 
   /// minCount/maxCount below 1: no bound. All entries must be graphs; each flag compares with the first.
-  static bool IsGraphIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount, int32_t maxCount,
-                                bool sameSize, bool sameGraphSize, bool sameSpaceTransformation,
-                                bool sameXTransformation, bool sameXInterpretation, bool sameZInterpretation);
+  static bool IsGraphIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount,
+                                int32_t maxCount, bool sameSize, bool sameGraphSize,
+                                bool sameSpaceTransformation, bool sameXTransformation,
+                                bool sameXInterpretation, bool sameZInterpretation);
 
 private:
   void CheckIndices(int32_t x, int32_t y, const char* operation) const;

@@ -1,10 +1,10 @@
 // Images: field orientation, lines, statistics, interpolation and the file form.
 #include "data/Dimage.h"
 
+#include "common/Logfile.h"
+
 #include <algorithm>
 #include <cmath>
-
-#include "common/Logfile.h"
 
 TDImage::TDImage() {
   SetCaption("Image");
@@ -14,15 +14,14 @@ TDImage::TDImage() {
 
 TDImage::~TDImage() = default;
 
-std::unique_ptr<TDImage> TDImage::CreateNewImage(IDataProject* project, int32_t templateID, TDataFieldKind kind,
-                                                 TDataSaveMode saveMode, const std::string& caption) {
-  if (!project)
-    return nullptr;
+std::unique_ptr<TDImage> TDImage::CreateNewImage(IDataProject* project, int32_t templateID,
+                                                 TDataFieldKind kind, TDataSaveMode saveMode,
+                                                 const std::string& caption) {
+  if (!project) return nullptr;
   TData* data = project->LockData(templateID);
   auto* base = dynamic_cast<TDImageBase*>(data);
   if (!base) {
-    if (data)
-      project->UnlockData(data);
+    if (data) project->UnlockData(data);
     return nullptr;
   }
   auto image = std::make_unique<TDImage>();
@@ -45,7 +44,8 @@ void TDImage::ResizeLineArrays() {
 }
 
 void TDImage::SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind, bool inverted) {
-  if (FField && sizeX == FSizeX && sizeY == FSizeY && FField->GetLastDataFieldKind() == kind && inverted == FInverted)
+  if (FField && sizeX == FSizeX && sizeY == FSizeY && FField->GetLastDataFieldKind() == kind &&
+      inverted == FInverted)
     return;
   FreeField();
   FField = inverted ? std::make_unique<TDataField>(std::initializer_list<int32_t>{sizeY, sizeX}, kind)
@@ -56,7 +56,9 @@ void TDImage::SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind, bo
   ResizeLineArrays();
 }
 
-void TDImage::FreeField() { FField.reset(); }
+void TDImage::FreeField() {
+  FField.reset();
+}
 
 void TDImage::Index(int32_t x, int32_t y, int32_t* index) const {
   if (FInverted) {
@@ -69,8 +71,7 @@ void TDImage::Index(int32_t x, int32_t y, int32_t* index) const {
 }
 
 float TDImage::GetField(int32_t x, int32_t y) const {
-  if (x < 0 || x >= FSizeX || !GetLineValid(y))
-    return 0;
+  if (x < 0 || x >= FSizeX || !GetLineValid(y)) return 0;
   return GetFastField(x, y);
 }
 
@@ -81,8 +82,7 @@ float TDImage::GetFastField(int32_t x, int32_t y) const {
 }
 
 void TDImage::SetField(int32_t x, int32_t y, float value) {
-  if (x < 0 || x >= FSizeX || !LineInside(y))
-    return;
+  if (x < 0 || x >= FSizeX || !LineInside(y)) return;
   int32_t index[2];
   Index(x, y, index);
   FField->SetValue(index, value);
@@ -107,8 +107,7 @@ void TDImage::GetLine(int32_t y, float* values) const {
 }
 
 void TDImage::SetLine(int32_t y, const float* values) {
-  if (!LineInside(y))
-    return;
+  if (!LineInside(y)) return;
   if (FInverted) {
     const int32_t index[2] = {y, 0};
     FField->SetValueArray(index, values, FSizeX);
@@ -133,8 +132,7 @@ void TDImage::SetFieldValues(float value) {
   FillField(value);
   DoDataChange(TDataChangeInfo::DataChanged);
   SetAutoDataChange(autoChange);
-  if (!autoChange)
-    return;
+  if (!autoChange) return;
   SetAutoDataChange(true);
 }
 
@@ -157,8 +155,7 @@ void TDImage::CopyFieldValuesFromDataField(const TDataField& field) {
 }
 
 void TDImage::CopyFieldValuesFrom(const TDImage& image) {
-  if (image.GetSizeX() != FSizeX || image.GetSizeY() != FSizeY)
-    return;
+  if (image.GetSizeX() != FSizeX || image.GetSizeY() != FSizeY) return;
   std::vector<float> line(static_cast<size_t>(FSizeX));
   for (int32_t y = 0; y < FSizeY; ++y) {
     image.GetFastLine(y, line.data());
@@ -180,22 +177,18 @@ bool TDImage::ImagesHaveSameParameters(const TDImage& a, const TDImage& b) {
   return a.IsSameSize(b, true) && a.FZInterpretationID == b.FZInterpretationID;
 }
 
-bool TDImage::IsImageIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount, int32_t maxCount,
-                                bool sameSize, bool sameSpaceTransformation, bool sameZInterpretation,
-                                bool mustHaveTransformation) {
-  if (!project || idList.empty())
-    return false;
+bool TDImage::IsImageIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount,
+                                int32_t maxCount, bool sameSize, bool sameSpaceTransformation,
+                                bool sameZInterpretation, bool mustHaveTransformation) {
+  if (!project || idList.empty()) return false;
   const auto count = static_cast<int32_t>(idList.size());
-  if ((minCount >= 0 && count < minCount) || (maxCount >= 0 && count > maxCount))
-    return false;
+  if ((minCount >= 0 && count < minCount) || (maxCount >= 0 && count > maxCount)) return false;
   const TDImage* first = nullptr;
   for (int32_t id : idList) {
     const TData* data = project->FindData(id);
-    if (!data || data->GetClassNameA() != kClassName)
-      return false;
+    if (!data || data->GetClassNameA() != kClassName) return false;
     const auto* image = static_cast<const TDImage*>(data);
-    if (mustHaveTransformation && image->FSpaceTransformationID == 0)
-      return false;
+    if (mustHaveTransformation && image->FSpaceTransformationID == 0) return false;
     if (!first) {
       first = image;
       continue;
@@ -212,8 +205,7 @@ bool TDImage::GetMinMaxValuesForValidPixels(float& min, float& max) const {
   bool any = false;
   std::vector<float> line(static_cast<size_t>(FSizeX));
   for (int32_t y = 0; y < FSizeY; ++y) {
-    if (!GetLineValid(y))
-      continue;
+    if (!GetLineValid(y)) continue;
     GetFastLine(y, line.data());
     for (float v : line) {
       if (!any) {
@@ -228,16 +220,16 @@ bool TDImage::GetMinMaxValuesForValidPixels(float& min, float& max) const {
 }
 
 float TDImage::GetInterpolatedField(double x, double y) const {
-  if (FSizeX <= 0 || FSizeY <= 0)
-    return 0;
+  if (FSizeX <= 0 || FSizeY <= 0) return 0;
   x = std::clamp(x, 0.0, double(FSizeX - 1));
   y = std::clamp(y, 0.0, double(FSizeY - 1));
   const auto i = static_cast<int32_t>(x);
   const auto j = static_cast<int32_t>(y);
   const double fx = x - i, fy = y - j;
   if (i < FSizeX - 1 && j < FSizeY - 1 && GetLineValid(j) && GetLineValid(j + 1))
-    return static_cast<float>((1 - fx) * (1 - fy) * GetFastField(i, j) + fx * (1 - fy) * GetFastField(i + 1, j) +
-                              fx * fy * GetFastField(i + 1, j + 1) + (1 - fx) * fy * GetFastField(i, j + 1));
+    return static_cast<float>((1 - fx) * (1 - fy) * GetFastField(i, j) +
+                              fx * (1 - fy) * GetFastField(i + 1, j) + fx * fy * GetFastField(i + 1, j + 1) +
+                              (1 - fx) * fy * GetFastField(i, j + 1));
   if (i == FSizeX - 1 && j < FSizeY - 1 && GetLineValid(j) && GetLineValid(j + 1))
     return static_cast<float>((1 - fy) * GetFastField(i, j) + fy * GetFastField(i, j + 1));
   if (j == FSizeY - 1 && i < FSizeX - 1 && GetLineValid(j))
@@ -247,8 +239,7 @@ float TDImage::GetInterpolatedField(double x, double y) const {
 
 float TDImage::GetInterpolatedValueFromImageArray(double x, double y, int32_t sizeX, int32_t sizeY,
                                                   const float* values) {
-  if (sizeX <= 0 || sizeY <= 0)
-    return 0;
+  if (sizeX <= 0 || sizeY <= 0) return 0;
   x = std::clamp(x, 0.0, double(sizeX - 1));
   y = std::clamp(y, 0.0, double(sizeY - 1));
   const auto i = static_cast<int32_t>(x);
@@ -258,16 +249,13 @@ float TDImage::GetInterpolatedValueFromImageArray(double x, double y, int32_t si
   if (i < sizeX - 1 && j < sizeY - 1)
     return static_cast<float>((1 - fx) * (1 - fy) * at(i, j) + fx * (1 - fy) * at(i + 1, j) +
                               fx * fy * at(i + 1, j + 1) + (1 - fx) * fy * at(i, j + 1));
-  if (i == sizeX - 1 && j < sizeY - 1)
-    return static_cast<float>((1 - fy) * at(i, j) + fy * at(i, j + 1));
-  if (j == sizeY - 1 && i < sizeX - 1)
-    return static_cast<float>((1 - fx) * at(i, j) + fx * at(i + 1, j));
+  if (i == sizeX - 1 && j < sizeY - 1) return static_cast<float>((1 - fy) * at(i, j) + fy * at(i, j + 1));
+  if (j == sizeY - 1 && i < sizeX - 1) return static_cast<float>((1 - fx) * at(i, j) + fx * at(i + 1, j));
   return static_cast<float>(at(i, j));
 }
 
 void TDImage::CalculateLineInformation(int32_t y) {
-  if (!LineInside(y))
-    return;
+  if (!LineInside(y)) return;
   std::vector<float> line(static_cast<size_t>(FSizeX));
   GetFastLine(y, line.data());
   double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0, syy = 0;
@@ -283,8 +271,7 @@ void TDImage::CalculateLineInformation(int32_t y) {
   const double d = n * sxx - sx * sx;
   if (d == 0 || n == 0) {
     // A single-pixel line gives infinities, not an abort.
-    if (GlobalLogFile)
-      GlobalLogFile->AddLog("TDImage Division by Zero Error!", TLogLevel::Warning, false, 0);
+    if (GlobalLogFile) GlobalLogFile->AddLog("TDImage Division by Zero Error!", TLogLevel::Warning, false, 0);
   }
   const auto k = static_cast<size_t>(y);
   FLineA[k] = (sxx * sy - sx * sxy) / d;
@@ -298,16 +285,13 @@ void TDImage::CalculateLineInformationForAllValidLines() {
   double sum = 0, squares = 0;
   int64_t validLines = 0;
   for (int32_t y = 0; y < FSizeY; ++y) {
-    if (!GetLineValid(y))
-      continue;
-    if (GetLineChanged(y))
-      CalculateLineInformation(y);
+    if (!GetLineValid(y)) continue;
+    if (GetLineChanged(y)) CalculateLineInformation(y);
     sum += FLineSum[static_cast<size_t>(y)];
     squares += FLineSumSqr[static_cast<size_t>(y)];
     ++validLines;
   }
-  if (validLines == 0 || FSizeX == 0)
-    return;
+  if (validLines == 0 || FSizeX == 0) return;
   const double count = double(FSizeX) * double(validLines);
   FAverage = sum / count;
   const double meanSquare = squares / count;
@@ -315,19 +299,19 @@ void TDImage::CalculateLineInformationForAllValidLines() {
 }
 
 void TDImage::DoDataChange(TDataChangeInfo info) {
-  if (info == TDataChangeInfo::DataChanged && GetAutoDataChange())
-    CalculateLineInformationForAllValidLines();
+  if (info == TDataChangeInfo::DataChanged && GetAutoDataChange()) CalculateLineInformationForAllValidLines();
   TDImageBase::DoDataChange(info);
 }
 
-void TDImage::AfterOnDataChange() { std::fill(FLineChanged.begin(), FLineChanged.end(), false); }
+void TDImage::AfterOnDataChange() {
+  std::fill(FLineChanged.begin(), FLineChanged.end(), false);
+}
 
 std::unique_ptr<TDataField> TDImage::MakeTransposedCopy(bool inverted) const {
-  auto copy = inverted
-                  ? std::make_unique<TDataField>(std::initializer_list<int32_t>{FSizeY, FSizeX},
-                                                 FField->GetLastDataFieldKind())
-                  : std::make_unique<TDataField>(std::initializer_list<int32_t>{FSizeX, FSizeY},
-                                                 FField->GetLastDataFieldKind());
+  auto copy = inverted ? std::make_unique<TDataField>(std::initializer_list<int32_t>{FSizeY, FSizeX},
+                                                      FField->GetLastDataFieldKind())
+                       : std::make_unique<TDataField>(std::initializer_list<int32_t>{FSizeX, FSizeY},
+                                                      FField->GetLastDataFieldKind());
   std::vector<float> line(static_cast<size_t>(FSizeX));
   for (int32_t y = 0; y < FSizeY; ++y) {
     GetFastLine(y, line.data());
@@ -344,12 +328,12 @@ std::unique_ptr<TDataField> TDImage::MakeTransposedCopy(bool inverted) const {
 
 TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
   TTagError result = TDImageBase::SaveDataToTagFile(file);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   const int32_t version = TFileVersion::SaveVersion < 6 ? 0 : ThisVersion;
   TTagControl own, t;
   if ((result = own.WriteTag(file, kClassName, TTagKind::TagList)) < 1 ||
-      (result = t.SaveIntTag(file, "Version", version)) < 1 || (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
+      (result = t.SaveIntTag(file, "Version", version)) < 1 ||
+      (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
       (result = t.SaveIntTag(file, "SizeY", FSizeY)) < 1 ||
       (result = t.SaveIntTag(file, "PositionTransformationID", FSpaceTransformationID)) < 1 ||
       (result = t.SaveIntTag(file, "ZInterpretationID", FZInterpretationID)) < 1 ||
@@ -366,12 +350,14 @@ TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
   const TFieldTransfer transfer = FieldTransfer();
   if (version >= 1) {
     if ((result = t.SaveBoolTag(file, "ImageDataIsInverted", true)) < 1 ||
-        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
+        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, transfer.Position, transfer.Total,
+                                         transfer.Cancel)) < 1)
       return result;
   } else {
     // Old software reads only the non-inverted orientation.
     const auto copy = FInverted ? MakeTransposedCopy(false) : nullptr;
-    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
+    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, transfer.Position,
+                                         transfer.Total, transfer.Cancel)) < 1)
       return result;
   }
   return own.CloseWriteTag(file);
@@ -379,11 +365,9 @@ TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
 
 TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& parent) {
   TTagError result = TDImageBase::LoadDataFromTagFile(file, parent);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl own, t;
-  if ((result = own.FindTag(file, kClassName, parent)) < 1)
-    return result;
+  if ((result = own.FindTag(file, kClassName, parent)) < 1) return result;
   FreeField();
   int32_t sizeX = 0, sizeY = 0;
   if ((result = t.LoadIntTag(file, "Version", own, &FVersion, 1)) < 1 ||
@@ -391,8 +375,7 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
       (result = t.LoadIntTag(file, "SizeY", own, &sizeY, 1)) < 1 ||
       (result = t.LoadIntTag(file, "PositionTransformationID", own, &FSpaceTransformationID, 1)) < 1)
     return result;
-  if (sizeX < 0 || sizeY < 0)
-    return teReadFileError;
+  if (sizeX < 0 || sizeY < 0) return teReadFileError;
   t.LoadOrDefaultIntTag(file, "ZInterpretationID", own, &FZInterpretationID, 1, 0);
   // Line arrays must hold size Y values: refuse sizes the tags can't back before allocating.
   TTagControl probe;
@@ -414,11 +397,12 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   bool inverted = false;
   t.LoadOrDefaultBoolTag(file, "ImageDataIsInverted", own, &inverted, 1, false);
   const TFieldTransfer transfer = FieldTransfer();
-  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, transfer.Position, transfer.Total, transfer.Cancel)) < 1)
+  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, transfer.Position, transfer.Total,
+                                         transfer.Cancel)) < 1)
     return result;
-  const std::vector<int32_t> expected = inverted ? std::vector<int32_t>{sizeY, sizeX} : std::vector<int32_t>{sizeX, sizeY};
-  if (FField->Ranges() != expected)
-    return teReadFileError;
+  const std::vector<int32_t> expected =
+      inverted ? std::vector<int32_t>{sizeY, sizeX} : std::vector<int32_t>{sizeX, sizeY};
+  if (FField->Ranges() != expected) return teReadFileError;
   FInverted = inverted;
   if (!inverted) {
     // A loaded image is always inverted from then on.

@@ -1,9 +1,9 @@
 // An image: one value per pixel of a scan, with line flags and line statistics.
 #pragma once
 
-#include <memory>
-
 #include "data/Dimagebase.h"
+
+#include <memory>
 
 class TDImage : public TDImageBase {
   ORVEX_DATA_CLASS(TDImage, TDImageBase)
@@ -24,11 +24,13 @@ public:
 
   /// A new inverted image of the template's size with the given kind, the template's links and image
   /// index and a new ID; not added to the project. Null when the template isn't an image base.
-  static std::unique_ptr<TDImage> CreateNewImage(IDataProject* project, int32_t templateID, TDataFieldKind kind,
-                                                 TDataSaveMode saveMode, const std::string& caption);
+  static std::unique_ptr<TDImage> CreateNewImage(IDataProject* project, int32_t templateID,
+                                                 TDataFieldKind kind, TDataSaveMode saveMode,
+                                                 const std::string& caption);
 
   /// Reallocates the field (and line arrays) unless it already has these sizes, kind and orientation.
-  void SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind = TDataFieldKind::Float, bool inverted = true);
+  void SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind = TDataFieldKind::Float,
+                    bool inverted = true);
   void FreeField();
   bool IsInverted() const { return FInverted; }
 
@@ -54,9 +56,9 @@ public:
   bool IsSameSize(const TDImage& image, bool withTransformation) const;
   static bool ImagesHaveSameParameters(const TDImage& a, const TDImage& b);
   /// minCount/maxCount -1: no bound. All entries must be images; each flag compares with the first.
-  static bool IsImageIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount, int32_t maxCount,
-                                bool sameSize, bool sameSpaceTransformation, bool sameZInterpretation,
-                                bool mustHaveTransformation);
+  static bool IsImageIDListOkay(IDataProject* project, const TIntList& idList, int32_t minCount,
+                                int32_t maxCount, bool sameSize, bool sameSpaceTransformation,
+                                bool sameZInterpretation, bool mustHaveTransformation);
   /// Over all pixels of valid lines; false when there is none.
   bool GetMinMaxValuesForValidPixels(float& min, float& max) const;
   /// Bilinear, with the edge rules of the image.

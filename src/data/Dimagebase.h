@@ -51,13 +51,11 @@ protected:
 public:
   bool GetLineValid(int32_t y) const { return LineInside(y) && FLineValid[static_cast<size_t>(y)]; }
   void SetLineValid(int32_t y, bool value) {
-    if (LineInside(y))
-      FLineValid[static_cast<size_t>(y)] = value;
+    if (LineInside(y)) FLineValid[static_cast<size_t>(y)] = value;
   }
   bool GetLineChanged(int32_t y) const { return LineInside(y) && FLineChanged[static_cast<size_t>(y)]; }
   void SetLineChanged(int32_t y, bool value) {
-    if (LineInside(y))
-      FLineChanged[static_cast<size_t>(y)] = value;
+    if (LineInside(y)) FLineChanged[static_cast<size_t>(y)] = value;
   }
   /// Marks every line valid (a tool's result is complete at once).
   void SetAllLinesValid(bool value = true) { std::fill(FLineValid.begin(), FLineValid.end(), value); }

@@ -1,12 +1,13 @@
 // Interpretations: unit lists, conversions, number formatting and their file form.
 #include "data/Dinterpretation.h"
 
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 
-IDataProject* OwningProject(const TData& object) { return object.GetProject(); }
+IDataProject* OwningProject(const TData& object) {
+  return object.GetProject();
+}
 
 std::string GetUnitKindString(TUnitKind kind) {
   switch (kind) {
@@ -408,7 +409,8 @@ TTagError TDZInterpretation::LoadDataFromTagFile(TFileHandle file, const TTagCon
 
 int32_t GetStandardZInterpretation(const IDataProject& project, const std::string& unit) {
   for (int32_t id : project.GetIDListByClassName(TDZInterpretation::kClassName))
-    if (const auto* z = dynamic_cast<const TDZInterpretation*>(project.FindData(id)); z && z->GetUnitName() == unit)
+    if (const auto* z = dynamic_cast<const TDZInterpretation*>(project.FindData(id));
+        z && z->GetUnitName() == unit)
       return id;
   return 0;
 }

@@ -931,7 +931,8 @@ bool IsImageTransformationParallelToImageTransformation(const IDataProject& proj
   return std::fabs(std::fabs(Dot(ScanNormal(*first), ScanNormal(*second))) - 1.0) <= kGeometryTolerance;
 }
 
-bool IsImageTransformationPerpendicularToImageTransformation(const IDataProject& project, int32_t a, int32_t b) {
+bool IsImageTransformationPerpendicularToImageTransformation(const IDataProject& project, int32_t a,
+                                                             int32_t b) {
   const TDSpaceTransformation* first = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* second = FindSpaceTransformation(project, b);
   if (!first || !second) return false;
@@ -959,8 +960,8 @@ bool IsLineTransformationParallelToImageTransformation(const IDataProject& proje
   return std::fabs(Dot(lineX, ScanNormal(*image))) <= kGeometryTolerance;
 }
 
-bool IsImageBaseTransformationTheSameWithoutZ(const IDataProject& project, int32_t a, int32_t b, int32_t sizeX,
-                                              int32_t sizeY) {
+bool IsImageBaseTransformationTheSameWithoutZ(const IDataProject& project, int32_t a, int32_t b,
+                                              int32_t sizeX, int32_t sizeY) {
   const TDSpaceTransformation* first = FindSpaceTransformation(project, a);
   const TDSpaceTransformation* second = FindSpaceTransformation(project, b);
   if (!first || !second) return false;
@@ -1001,8 +1002,8 @@ int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t 
   return 0;
 }
 
-void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID, int32_t stepX,
-                                int32_t stepY) {
+void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID,
+                                int32_t stepX, int32_t stepY) {
   auto* cursor = dynamic_cast<TDSpaceCursor*>(project.FindData(cursorID));
   const TDSpaceTransformation* space = FindSpaceTransformation(project, transformationID);
   if (!cursor || !space) return;

@@ -296,23 +296,24 @@ bool GetDeltaXYFromTransformation(const IDataProject& project, int32_t id, doubl
 /// Scan planes of two space transformations are parallel.
 bool IsImageTransformationParallelToImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// Scan planes of two space transformations stand at right angles.
-bool IsImageTransformationPerpendicularToImageTransformation(const IDataProject& project, int32_t a, int32_t b);
+bool IsImageTransformationPerpendicularToImageTransformation(const IDataProject& project, int32_t a,
+                                                             int32_t b);
 /// The origin point of transformation a lies in the scan plane of b.
 bool IsPointTransformationPartOfImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// The x axis of line transformation a runs parallel to the scan plane of b.
 bool IsLineTransformationParallelToImageTransformation(const IDataProject& project, int32_t a, int32_t b);
 /// The corners (0, 0), (sizeX, 0), (sizeX, sizeY) mapped through a and back through b land where they
 /// started (x and y within 1e-6 pixels); z is ignored.
-bool IsImageBaseTransformationTheSameWithoutZ(const IDataProject& project, int32_t a, int32_t b, int32_t sizeX,
-                                              int32_t sizeY);
+bool IsImageBaseTransformationTheSameWithoutZ(const IDataProject& project, int32_t a, int32_t b,
+                                              int32_t sizeX, int32_t sizeY);
 TUnitKind GetUnitKindFromTransformationID(const IDataProject& project, int32_t id);
 int32_t MakeOrGetCursorIDFromTransformationID(IDataProject& project, int32_t id);
 int32_t MakeOrGetInterpretationIDFromTransformationID(IDataProject& project, int32_t id);
 /// The space transformation of an image, graph or bitmap (by the reference it lists), else 0.
 int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t id);
 /// Moves a space cursor by (stepX, stepY) pixels of a space transformation, as the arrow keys do.
-void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID, int32_t stepX,
-                                int32_t stepY);
+void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID,
+                                int32_t stepX, int32_t stepY);
 
 /// Registers the transformation classes in the fixed order of the registry.
 void RegisterTransformationClasses();

@@ -6,9 +6,6 @@
 // generator seeded by (seed, element), so the result doesn't depend on the number of threads.
 #include "project/Demodataset.h"
 
-#include <algorithm>
-#include <cmath>
-
 #include "common/threads/Multicorecalc.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
@@ -16,6 +13,9 @@
 #include "data/Dtext.h"
 #include "data/Dtransformation.h"
 #include "project/Project.h"
+
+#include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -41,9 +41,13 @@ struct TRandom {
   }
 };
 
-uint64_t MixSeed(uint64_t seed, uint64_t stream) { return TRandom(seed * 0x100000001B3ull ^ stream).Next(); }
+uint64_t MixSeed(uint64_t seed, uint64_t stream) {
+  return TRandom(seed * 0x100000001B3ull ^ stream).Next();
+}
 
-double RelativeWavenumber(double wavelength) { return 1e7 / kDemoExcitation - 1e7 / wavelength; }
+double RelativeWavenumber(double wavelength) {
+  return 1e7 / kDemoExcitation - 1e7 / wavelength;
+}
 
 // Abundance of component c at normalised map position (u, v) in [0, 1].
 double Abundance(int c, double u, double v) {
@@ -55,7 +59,8 @@ double Abundance(int c, double u, double v) {
   case 0: // substrate: a gradient from left to right
     return 0.25 + 0.65 * u;
   case 1: // polymer beads: three blobs
-    return std::min(1.0, blob(0.3, 0.3, 0.09, u, v) + blob(0.7, 0.35, 0.07, u, v) + 0.8 * blob(0.45, 0.75, 0.11, u, v));
+    return std::min(1.0, blob(0.3, 0.3, 0.09, u, v) + blob(0.7, 0.35, 0.07, u, v) +
+                             0.8 * blob(0.45, 0.75, 0.11, u, v));
   case 2: { // carbon: a diagonal stripe
     const double d = (u - v) / std::sqrt(2.0);
     return std::exp(-d * d / (2 * 0.06 * 0.06));
@@ -70,8 +75,14 @@ double Abundance(int c, double u, double v) {
 const std::vector<TDemoComponent>& DemoComponents() {
   static const std::vector<TDemoComponent> components = {
       {"Silicon", {{520.7, 4.5, 900}, {302, 25, 60}, {965, 45, 90}}},
-      {"Polystyrene", {{1001.4, 5, 700}, {1031.8, 6, 180}, {1583, 8, 90}, {1602, 9, 260}, {2904, 30, 150},
-                       {3054, 18, 420}, {620, 7, 110}}},
+      {"Polystyrene",
+       {{1001.4, 5, 700},
+        {1031.8, 6, 180},
+        {1583, 8, 90},
+        {1602, 9, 260},
+        {2904, 30, 150},
+        {3054, 18, 420},
+        {620, 7, 110}}},
       {"Amorphous carbon", {{1350, 120, 350}, {1585, 70, 420}, {2700, 160, 90}}},
       {"Calcite", {{1086, 6, 800}, {712, 7, 110}, {282, 9, 170}, {1436, 30, 40}}},
   };
@@ -135,7 +146,8 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   project.AddData(std::move(space));
 
   // Component spectra on the detector axis.
-  std::vector<std::vector<float>> componentSpectra(static_cast<size_t>(nc), std::vector<float>(static_cast<size_t>(sg)));
+  std::vector<std::vector<float>> componentSpectra(static_cast<size_t>(nc),
+                                                   std::vector<float>(static_cast<size_t>(sg)));
   for (int c = 0; c < nc; ++c)
     for (int32_t g = 0; g < sg; ++g) {
       double value = 0;
@@ -149,7 +161,8 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   std::vector<float> fluorescence(static_cast<size_t>(sg));
   for (int32_t g = 0; g < sg; ++g) {
     const double t = double(g) / std::max(sg - 1, 1);
-    fluorescence[static_cast<size_t>(g)] = static_cast<float>(900.0 * std::exp(-(t - 0.75) * (t - 0.75) / 0.18));
+    fluorescence[static_cast<size_t>(g)] =
+        static_cast<float>(900.0 * std::exp(-(t - 0.75) * (t - 0.75) / 0.18));
   }
 
   auto makeGraph = [&](int32_t gx, int32_t gy, const std::string& caption) {
@@ -164,8 +177,8 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
 
   auto map = makeGraph(sx, sy, "Raman Map (demo)");
   map->SetSpaceTransformationID(ids.SpaceTransformation);
-  map->AddToHistoryList("Synthetic confocal Raman map, " + std::to_string(sx) + " x " + std::to_string(sy) + " x " +
-                            std::to_string(sg) + ", seed " + std::to_string(options.Seed),
+  map->AddToHistoryList("Synthetic confocal Raman map, " + std::to_string(sx) + " x " + std::to_string(sy) +
+                            " x " + std::to_string(sg) + ", seed " + std::to_string(options.Seed),
                         0);
   TDGraph* mapRaw = map.get();
   const uint64_t seed = options.Seed;
@@ -182,8 +195,7 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   TMCC mcc(
       "Demo Data Set",
       [&](TMCC* m, int thread) {
-        if (thread == 0)
-          m->OverallProgressMax = spectra;
+        if (thread == 0) m->OverallProgressMax = spectra;
         const int first = TMCC::GetFirstElementIndex(thread, m->GetNumberOfThreads(), sx);
         const int last = TMCC::GetLastElementIndex(thread, m->GetNumberOfThreads(), sx);
         std::vector<float> spectrum(static_cast<size_t>(sg));
@@ -192,19 +204,22 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
             const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
             double weights[8];
             for (int c = 0; c < nc; ++c) weights[c] = Abundance(c, u, v);
-            const double fluorescenceLevel = 0.3 + 0.7 * (0.5 + 0.5 * std::sin(2 * kPi * (0.7 * u + 0.4 * v)));
+            const double fluorescenceLevel =
+                0.3 + 0.7 * (0.5 + 0.5 * std::sin(2 * kPi * (0.7 * u + 0.4 * v)));
             const int64_t element = x + int64_t(y) * sx;
             TRandom random(MixSeed(seed, static_cast<uint64_t>(element) + 1));
             for (int32_t g = 0; g < sg; ++g) {
               double signal = kDarkOffset + fluorescenceLevel * fluorescence[static_cast<size_t>(g)];
-              for (int c = 0; c < nc; ++c) signal += weights[c] * componentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)];
+              for (int c = 0; c < nc; ++c)
+                signal += weights[c] * componentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)];
               // Shot noise plus read noise.
               signal += random.Gaussian() * std::sqrt(std::max(signal - kDarkOffset, 0.0) + 25.0);
               spectrum[static_cast<size_t>(g)] = static_cast<float>(signal);
             }
             for (const auto& [spikeElement, spikePixel] : spikeList)
               if (spikeElement == element)
-                spectrum[static_cast<size_t>(spikePixel)] += 5000.0f + 3000.0f * static_cast<float>(random.Uniform());
+                spectrum[static_cast<size_t>(spikePixel)] +=
+                    5000.0f + 3000.0f * static_cast<float>(random.Uniform());
             mapRaw->SetSpectrum(x, y, spectrum.data());
           }
           m->OverallProgress += sy;
@@ -264,8 +279,9 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   for (int32_t y = 0; y < sy; ++y) {
     for (int32_t x = 0; x < sx; ++x) {
       const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
-      line[static_cast<size_t>(x)] = static_cast<float>(20.0 * u - 8.0 * v + 120.0 * Abundance(1, u, v) +
-                                                        60.0 * Abundance(3, u, v) + 1.5 * roughness.Gaussian());
+      line[static_cast<size_t>(x)] =
+          static_cast<float>(20.0 * u - 8.0 * v + 120.0 * Abundance(1, u, v) + 60.0 * Abundance(3, u, v) +
+                             1.5 * roughness.Gaussian());
     }
     topography->SetLine(y, line.data());
   }
@@ -275,8 +291,8 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   project.AddData(std::move(topography));
 
   // A text that says what the set is.
-  std::string description = "Orvex demo data set\n\nA synthetic confocal Raman map of " + std::to_string(sx) + " x " +
-                            std::to_string(sy) + " spectra with " + std::to_string(sg) +
+  std::string description = "Orvex demo data set\n\nA synthetic confocal Raman map of " + std::to_string(sx) +
+                            " x " + std::to_string(sy) + " spectra with " + std::to_string(sg) +
                             " pixels each, excitation 532 nm, field of view " +
                             std::to_string(static_cast<int>(kFieldOfViewMicrometer)) +
                             " µm.\n\nComponents (bands in rel. 1/cm):\n";
@@ -286,11 +302,12 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
       description += " " + std::to_string(static_cast<int>(std::lround(band.Shift)));
     description += "\n";
   }
-  description += "\nAbundances: silicon as a left-to-right gradient, polystyrene in three beads, amorphous carbon "
-                 "in a diagonal stripe, calcite in one grain at the lower right. On top: a fluorescence background "
-                 "that varies across the map, a dark offset of 600 counts, shot and read noise, and " +
-                 std::to_string(spikeList.size()) +
-                 " cosmic-ray spikes. The true component spectra and abundance maps are stored beside the map.\n";
+  description +=
+      "\nAbundances: silicon as a left-to-right gradient, polystyrene in three beads, amorphous carbon "
+      "in a diagonal stripe, calcite in one grain at the lower right. On top: a fluorescence background "
+      "that varies across the map, a dark offset of 600 counts, shot and read noise, and " +
+      std::to_string(spikeList.size()) +
+      " cosmic-ray spikes. The true component spectra and abundance maps are stored beside the map.\n";
   auto text = std::make_unique<TDText>();
   text->SetID(project.GetNewDataID());
   text->SetCaption("About this data set (demo)");

@@ -2,33 +2,37 @@
 // settings files.
 #include "project/Project.h"
 
-#include <algorithm>
-#include <set>
-
 #include "common/Standardmessage.h"
 #include "common/threads/Multicorecalc.h"
+
+#include <algorithm>
+#include <set>
 
 bool TProject::ShowLockNumber = false;
 
 namespace {
 
-bool AskYesNo(const std::string& text, const std::string& caption, TStandardMessageSeverityCategory severity) {
-  auto* message = TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, severity, kProgressionInterrupt);
-  std::unique_ptr<IStandardMessageReply> reply(TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
+bool AskYesNo(const std::string& text, const std::string& caption,
+              TStandardMessageSeverityCategory severity) {
+  auto* message =
+      TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, severity, kProgressionInterrupt);
+  std::unique_ptr<IStandardMessageReply> reply(
+      TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
   // No reply is no confirmation.
   return reply && reply->GetAnswer().first == kAnswerYes;
 }
 
 void Notify(const std::string& text, const std::string& caption, TStandardMessageSeverityCategory severity) {
-  TMessageProxy::MsgProxySingleton()->IssueMessage(TBlockingNotification::CreateAndInit(text, caption, severity),
-                                                   true);
+  TMessageProxy::MsgProxySingleton()->IssueMessage(
+      TBlockingNotification::CreateAndInit(text, caption, severity), true);
 }
 
 // Runs job on one calculation worker while the calling thread keeps the user interface alive; the
 // progress form shows when the job takes longer than 100 ms. One worker: a file position can't be shared.
 TTagError RunOnWorker(const std::string& caption, const std::function<TTagError(TMCC*)>& job) {
   TTagError result = teUnspecificError;
-  TMCC mcc(caption, [&](TMCC* controller, int) { result = job(controller); }, 1);
+  TMCC mcc(
+      caption, [&](TMCC* controller, int) { result = job(controller); }, 1);
   mcc.SetProgressMainCaption(caption);
   mcc.ShowSubProgress = true; // the share of the current object: one graph may be most of the file
   mcc.StartThreads(1);
@@ -44,8 +48,7 @@ const char* kViewerTag = "Viewer";
 TProject::TProject() {
   FSystemInformation.AfterNewProject();
   FCursorLocks.OnCursorLockChange = [this](int32_t id) {
-    if (OnCursorLockChange)
-      OnCursorLockChange(id);
+    if (OnCursorLockChange) OnCursorLockChange(id);
   };
 }
 
@@ -57,13 +60,20 @@ TProject::~TProject() {
 
 std::string TProject::GetVersionStringForFileVersion(int32_t version) {
   switch (version) {
-  case 1: return "Orvex Project < 1.96, Orvex Control < 1.50";
-  case 2: return "Orvex Project 1.96, Orvex Control 1.50";
-  case 3: return "Orvex Project 2.04, Orvex Control 1.54";
-  case 4: return "Orvex Project 2.06, Orvex Control 1.56";
-  case 5: return "Orvex Project 2.08/2.10, Orvex Control 1.58/2.10";
-  case 6: return "Orvex Project 4.0, Orvex Control 4.0";
-  default: return "Unknown version \"" + std::to_string(version) + "\"";
+  case 1:
+    return "Orvex Project < 1.96, Orvex Control < 1.50";
+  case 2:
+    return "Orvex Project 1.96, Orvex Control 1.50";
+  case 3:
+    return "Orvex Project 2.04, Orvex Control 1.54";
+  case 4:
+    return "Orvex Project 2.06, Orvex Control 1.56";
+  case 5:
+    return "Orvex Project 2.08/2.10, Orvex Control 1.58/2.10";
+  case 6:
+    return "Orvex Project 4.0, Orvex Control 4.0";
+  default:
+    return "Unknown version \"" + std::to_string(version) + "\"";
   }
 }
 
@@ -97,8 +107,7 @@ void TProject::ClearProject() {
       }
     }
   }
-  if (OnClear)
-    OnClear();
+  if (OnClear) OnClear();
   FCursorLocks.ReleaseAllLocks();
   FDataList.clear();
   FClosingViewers = true;
@@ -114,8 +123,7 @@ void TProject::NewProject() {
   FCreatingNew = true;
   SetProjectChanged(false);
   ClearProject();
-  if (OnAfterNewOrLoad)
-    OnAfterNewOrLoad();
+  if (OnAfterNewOrLoad) OnAfterNewOrLoad();
   SetFileName("");
   FSystemInformation.AfterNewProject();
   FCreatingNew = false;
@@ -123,22 +131,20 @@ void TProject::NewProject() {
 
 TTagError TProject::SaveProjectToTagFile(TFileHandle file) {
   FSystemInformation.BeforeSaveProject();
-  TTagError result = SaveIdentificationToFile(
-      file, SaveVersion < 6 ? kProjectIdentificationOld : kProjectIdentification);
-  if (result < 1)
-    return result;
+  TTagError result =
+      SaveIdentificationToFile(file, SaveVersion < 6 ? kProjectIdentificationOld : kProjectIdentification);
+  if (result < 1) return result;
   TTagControl root, t;
   if ((result = root.WriteTag(file, "Orvex Project", TTagKind::TagList)) < 1 ||
       (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 ||
       (result = FSystemInformation.SaveToTagFile(file)) < 1 ||
-      (result = t.SaveIntTag(file, "NextDataID", FNextDataID)) < 1 || (result = SaveShellExtensionInfo(file)) < 1)
+      (result = t.SaveIntTag(file, "NextDataID", FNextDataID)) < 1 ||
+      (result = SaveShellExtensionInfo(file)) < 1)
     return result;
   TDataList all;
   for (const auto& data : FDataList) all.push_back(data.get());
-  if ((result = SaveDataToTagFile(file, all)) < 1 || (result = SaveViewerToTagFile(file)) < 1)
-    return result;
-  if ((result = root.CloseWriteTag(file)) < 1)
-    return result;
+  if ((result = SaveDataToTagFile(file, all)) < 1 || (result = SaveViewerToTagFile(file)) < 1) return result;
+  if ((result = root.CloseWriteTag(file)) < 1) return result;
   SetProjectChanged(false);
   FLoadedVersion = ThisVersion;
   return teNoError;
@@ -153,17 +159,14 @@ TTagError TProject::LoadProjectFromTagFile(TFileHandle file) {
 
   std::string identification;
   TTagError result = LoadIdentificationFromFile(file, identification);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   if (identification != kProjectIdentification && identification != kProjectIdentificationOld)
     return teWrongFileIdentification;
   TTagControl root, t;
   std::string rootName;
-  if ((result = root.ReadTag(file, rootName)) < 1)
-    return result;
+  if ((result = root.ReadTag(file, rootName)) < 1) return result;
   t.LoadOrDefaultIntTag(file, "Version", root, &FFileVersion, 1, 0);
-  if (!NewerVersionLoadOK(FFileVersion))
-    return teWrongFileVersion;
+  if (!NewerVersionLoadOK(FFileVersion)) return teWrongFileVersion;
   FLoadedVersion = FFileVersion;
   FSystemInformation.LoadFromTagFile(file, root);
   t.LoadOrDefaultIntTag(file, "NextDataID", root, &FNextDataID, 1, 0);
@@ -174,18 +177,17 @@ TTagError TProject::LoadProjectFromTagFile(TFileHandle file) {
   result = LoadDataFromTagFile(file, root, loaded);
   for (auto& data : loaded) OwnData(std::move(data));
   TTagControl viewers;
-  if (viewers.FindTag(file, kViewerTag, root) == teNoError)
-    LoadViewerFromTagFile(file, viewers);
+  if (viewers.FindTag(file, kViewerTag, root) == teNoError) LoadViewerFromTagFile(file, viewers);
   AskForDataChangeInformation();
-  if (OnAfterNewOrLoad)
-    OnAfterNewOrLoad();
+  if (OnAfterNewOrLoad) OnAfterNewOrLoad();
   SetProjectChanged(false);
   FSystemInformation.AfterLoadProject();
   return result;
 }
 
 void TProject::AppendProject(TProject& source) {
-  FLoadedVersion = FLoadedVersion < 0 ? source.FLoadedVersion : std::min(FLoadedVersion, source.FLoadedVersion);
+  FLoadedVersion =
+      FLoadedVersion < 0 ? source.FLoadedVersion : std::min(FLoadedVersion, source.FLoadedVersion);
   const int32_t delta = FNextDataID;
   for (auto& data : source.FDataList) data->AddToID(delta);
   for (auto& viewer : source.FViewerList) viewer->AddToID(delta);
@@ -197,8 +199,7 @@ void TProject::AppendProject(TProject& source) {
     std::unique_ptr<TVCustomForm> viewer = std::move(source.FViewerList.front());
     source.FViewerList.erase(source.FViewerList.begin());
     // A stored viewer of an unknown class can't follow the renumbering: its references would be wrong.
-    if (!viewer->CanRenumber())
-      continue;
+    if (!viewer->CanRenumber()) continue;
     TVCustomForm* raw = viewer.get();
     AddViewer(std::move(viewer));
     FViewersToReposition.push_back(raw);
@@ -209,8 +210,7 @@ TTagError TProject::SaveToFileSafely(const std::string& fileName,
                                      const std::function<TTagError(TFileHandle)>& writer) {
   std::string tempName = fileName;
   const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-  if (file == kInvalidFileHandle)
-    return teCreateFileForWriteError;
+  if (file == kInvalidFileHandle) return teCreateFileForWriteError;
   TTagError result = teUnspecificError;
   try {
     result = writer(file);
@@ -226,22 +226,20 @@ TTagError TProject::SaveToFileSafely(const std::string& fileName,
     DeleteFileByName(wroteTemp ? tempName : fileName);
     return result;
   }
-  if (wroteTemp && !DeleteAndRenameFiles(fileName, tempName))
-    return teWriteFileError;
+  if (wroteTemp && !DeleteAndRenameFiles(fileName, tempName)) return teWriteFileError;
   return result;
 }
 
 TTagError TProject::SaveProjectToFile(const std::string& fileName) {
-  const TTagError result = SaveToFileSafely(fileName, [this](TFileHandle file) { return SaveProjectToTagFile(file); });
-  if (result >= 1)
-    SetFileName(fileName);
+  const TTagError result =
+      SaveToFileSafely(fileName, [this](TFileHandle file) { return SaveProjectToTagFile(file); });
+  if (result >= 1) SetFileName(fileName);
   return result;
 }
 
 TTagError TProject::LoadProjectFromFile(const std::string& fileName) {
   const TFileHandle file = OpenFileForReading(fileName);
-  if (file == kInvalidFileHandle)
-    return teCreateFileForReadError;
+  if (file == kInvalidFileHandle) return teCreateFileForReadError;
   ClearProject();
   TTagError result = teUnspecificError;
   try {
@@ -251,8 +249,7 @@ TTagError TProject::LoadProjectFromFile(const std::string& fileName) {
     throw;
   }
   CloseFile(file);
-  if (result >= 1)
-    SetFileName(fileName);
+  if (result >= 1) SetFileName(fileName);
   return result;
 }
 
@@ -265,17 +262,19 @@ TTagError TProject::SaveDataListToFile(const std::string& fileName, const TDataL
 
 bool TProject::ShouldSave(const TData& data) const {
   switch (data.GetSaveMode()) {
-  case TDataSaveMode::Always: return true;
-  case TDataSaveMode::WhileUsed: return IsDataUsed(data.GetID());
-  default: return false;
+  case TDataSaveMode::Always:
+    return true;
+  case TDataSaveMode::WhileUsed:
+    return IsDataUsed(data.GetID());
+  default:
+    return false;
   }
 }
 
 TDataList TProject::SaveableObjects(const TDataList& list) const {
   TDataList result;
   for (TData* data : list)
-    if (data && ShouldSave(*data))
-      result.push_back(data);
+    if (data && ShouldSave(*data)) result.push_back(data);
   return result;
 }
 
@@ -287,16 +286,13 @@ TTagError TProject::SaveDataToTagFile(TFileHandle file, const TDataList& list) {
 TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc) {
   TTagControl dataTag, t;
   TTagError result = dataTag.WriteTag(file, kDataTag, TTagKind::TagList);
-  if (result < 1)
-    return result;
-  if (mcc)
-    mcc->OverallProgressMax = static_cast<int64_t>(list.size());
+  if (result < 1) return result;
+  if (mcc) mcc->OverallProgressMax = static_cast<int64_t>(list.size());
   int32_t n = 0;
   for (TData* data : list) {
     if (mcc) {
       mcc->OverallProgress = n;
-      if (mcc->GetCancel())
-        return teUnspecificError; // a cancelled save: the caller keeps the old file
+      if (mcc->GetCancel()) return teUnspecificError; // a cancelled save: the caller keeps the old file
     }
     if ((result = t.SaveAnsiStringTag(file, "DataClassName " + std::to_string(n), data->GetClassNameA())) < 1)
       return result;
@@ -306,23 +302,20 @@ TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, TMC
     data->SetProgressController(mcc);
     result = data->SaveDataToTagFile(file);
     data->SetProgressController(nullptr);
-    if (result < 1)
-      return result;
-    if ((result = objectTag.CloseWriteTag(file)) < 1)
-      return result;
+    if (result < 1) return result;
+    if ((result = objectTag.CloseWriteTag(file)) < 1) return result;
     ++n;
   }
-  if ((result = t.SaveIntTag(file, "NumberOfData", n)) < 1)
-    return result;
+  if ((result = t.SaveIntTag(file, "NumberOfData", n)) < 1) return result;
   return dataTag.CloseWriteTag(file);
 }
 
 TTagError TProject::LoadDataFromTagFile(TFileHandle file, const TTagControl& parent,
                                         std::vector<std::unique_ptr<TData>>& list) {
   TTagControl dataTag;
-  if (dataTag.FindTag(file, kDataTag, parent) != teNoError)
-    return teNoError; // no "Data": an empty project
-  return RunOnWorker("Loading Project Data", [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
+  if (dataTag.FindTag(file, kDataTag, parent) != teNoError) return teNoError; // no "Data": an empty project
+  return RunOnWorker("Loading Project Data",
+                     [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
 }
 
 TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
@@ -332,21 +325,18 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
   // A count whose value was cut off by a truncated file counts as missing.
   const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError && count >= 0 &&
                        t.End() <= FileSize(file);
-  if (mcc)
-    mcc->OverallProgressMax = counted ? count : 0;
+  if (mcc) mcc->OverallProgressMax = counted ? count : 0;
   TTagError result = teNoError;
   // With "NumberOfData" objects 0 … n-1 are tried; without it (a truncated file) until a class name is
   // missing, so that as much as possible is recovered.
   for (int32_t i = 0; counted ? i < count : true; ++i) {
     if (mcc) {
       mcc->OverallProgress = i;
-      if (mcc->GetCancel())
-        break; // a cancelled load keeps the objects read so far: a consistent project
+      if (mcc->GetCancel()) break; // a cancelled load keeps the objects read so far: a consistent project
     }
     std::string className;
     if (t.LoadAnsiStringTag(file, "DataClassName " + std::to_string(i), dataTag, className) != teNoError) {
-      if (!counted)
-        break;
+      if (!counted) break;
       continue;
     }
     std::unique_ptr<TData> data = TData::CreateDataObjectByName(className);
@@ -373,13 +363,12 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
 TTagError TProject::SaveViewerToTagFile(TFileHandle file) {
   TTagControl viewerTag, t;
   TTagError result = viewerTag.WriteTag(file, kViewerTag, TTagKind::TagList);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   int32_t n = 0;
   for (const auto& viewer : FViewerList) {
-    if (viewer->GetMode() != TViewerMode::Normal)
-      continue;
-    if ((result = t.SaveAnsiStringTag(file, "ViewerClassName " + std::to_string(n), viewer->GetClassNameA())) < 1)
+    if (viewer->GetMode() != TViewerMode::Normal) continue;
+    if ((result =
+             t.SaveAnsiStringTag(file, "ViewerClassName " + std::to_string(n), viewer->GetClassNameA())) < 1)
       return result;
     TTagControl one;
     if ((result = one.WriteTag(file, "Viewer " + std::to_string(n), TTagKind::TagList)) < 1 ||
@@ -387,8 +376,7 @@ TTagError TProject::SaveViewerToTagFile(TFileHandle file) {
       return result;
     ++n;
   }
-  if ((result = t.SaveIntTag(file, "NumberOfViewer", n)) < 1)
-    return result;
+  if ((result = t.SaveIntTag(file, "NumberOfViewer", n)) < 1) return result;
   return viewerTag.CloseWriteTag(file);
 }
 
@@ -400,17 +388,13 @@ TTagError TProject::LoadViewerFromTagFile(TFileHandle file, const TTagControl& p
     std::string className;
     if (t.LoadAnsiStringTag(file, "ViewerClassName " + std::to_string(i), parent, className) != teNoError)
       continue;
-    if (FWithoutProjectManager && className == "TVProjectManagerForm")
-      continue;
+    if (FWithoutProjectManager && className == "TVProjectManagerForm") continue;
     TTagControl one;
-    if (one.FindTag(file, "Viewer " + std::to_string(i), parent) != teNoError)
-      continue;
+    if (one.FindTag(file, "Viewer " + std::to_string(i), parent) != teNoError) continue;
     std::unique_ptr<TVCustomForm> viewer = TVCustomForm::CreateViewerByName(className);
-    if (!viewer)
-      viewer = std::make_unique<TVStoredViewer>(className);
+    if (!viewer) viewer = std::make_unique<TVStoredViewer>(className);
     // An unknown or failing viewer is dropped; the others load.
-    if (viewer->LoadViewerFromTagFile(file, one) < 1)
-      continue;
+    if (viewer->LoadViewerFromTagFile(file, one) < 1) continue;
     viewer->SetProject(this);
     FViewersToReposition.push_back(viewer.get());
     FViewerList.push_back(std::move(viewer));
@@ -421,8 +405,7 @@ TTagError TProject::LoadViewerFromTagFile(TFileHandle file, const TTagControl& p
 TTagError TProject::SaveDataListToTagFile(TFileHandle file, const TDataList& list) {
   TTagError result =
       SaveIdentificationToFile(file, SaveVersion < 6 ? kDataIdentificationOld : kDataIdentification);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl root, t;
   if ((result = root.WriteTag(file, "Orvex Data", TTagKind::TagList)) < 1 ||
       (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 ||
@@ -434,18 +417,15 @@ TTagError TProject::SaveDataListToTagFile(TFileHandle file, const TDataList& lis
 TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list) {
   std::string identification;
   TTagError result = LoadIdentificationFromFile(file, identification);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   if (identification != kDataIdentification && identification != kDataIdentificationOld)
     return teWrongFileIdentification;
   TTagControl root, t;
   std::string rootName;
-  if ((result = root.ReadTag(file, rootName)) < 1)
-    return result;
+  if ((result = root.ReadTag(file, rootName)) < 1) return result;
   int32_t version = 0;
   t.LoadOrDefaultIntTag(file, "Version", root, &version, 1, 0);
-  if (version > ThisVersion)
-    return teWrongFileVersion; // a data file is refused at once, without a question
+  if (version > ThisVersion) return teWrongFileVersion; // a data file is refused at once, without a question
   TProject temporary;
   temporary.FLoading = true;
   std::vector<std::unique_ptr<TData>> loaded;
@@ -467,10 +447,8 @@ TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::u
 TTagError TProject::SaveShellExtensionInfo(TFileHandle file) {
   TTagControl info;
   TTagError result = info.WriteTag(file, "ShellExtensionInfo", TTagKind::TagList);
-  if (result < 1)
-    return result;
-  if (!FThumbnail.Valid && OnDrawThumbnail)
-    FThumbnail.Valid = OnDrawThumbnail(FThumbnail);
+  if (result < 1) return result;
+  if (!FThumbnail.Valid && OnDrawThumbnail) FThumbnail.Valid = OnDrawThumbnail(FThumbnail);
   const int64_t bytes = int64_t(FThumbnail.SizeX) * FThumbnail.SizeY * 3;
   if (FThumbnail.Valid && bytes > 0 && static_cast<int64_t>(FThumbnail.Pixels.size()) == bytes) {
     TTagControl bitmap, t;
@@ -498,11 +476,9 @@ TTagError TProject::LoadShellExtensionInfo(TFileHandle file, const TTagControl& 
   if (sizeX <= 0 || sizeY <= 0 || bits != 24 || t.FindTag(file, "BitmapData", bitmap) != teNoError)
     return teNoError;
   const int64_t bytes = int64_t(sizeX) * sizeY * 3;
-  if (bytes > t.End() - t.Begin())
-    return teNoError;
+  if (bytes > t.End() - t.Begin()) return teNoError;
   FThumbnail.Pixels.resize(static_cast<size_t>(bytes));
-  if (LoadByteFromFile(file, FThumbnail.Pixels.data(), bytes) < 1)
-    return teNoError;
+  if (LoadByteFromFile(file, FThumbnail.Pixels.data(), bytes) < 1) return teNoError;
   FThumbnail.SizeX = sizeX;
   FThumbnail.SizeY = sizeY;
   FThumbnail.Valid = true;
@@ -514,31 +490,28 @@ TTagError TProject::LoadShellExtensionInfo(TFileHandle file, const TTagControl& 
 
 TTagError TProject::SaveProjectSettingsToTagFile(TFileHandle file, TSaveProjectSettingsKind kind) {
   TTagError result = SaveIdentificationToFile(file, kSettingsIdentification);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   TTagControl root, settings;
   if ((result = root.WriteTag(file, "OrvexProjectSettings", TTagKind::TagList)) < 1 ||
       (result = settings.WriteTag(file, "ProjectSettings", TTagKind::TagList)) < 1)
     return result;
   // Viewer positions come with the viewers; only the project's own settings are written here.
-  if (kind != TSaveProjectSettingsKind::ViewerPositions && (result = SaveOnlyProjectSettingsToTagFile(file)) < 1)
+  if (kind != TSaveProjectSettingsKind::ViewerPositions &&
+      (result = SaveOnlyProjectSettingsToTagFile(file)) < 1)
     return result;
-  if ((result = settings.CloseWriteTag(file)) < 1)
-    return result;
+  if ((result = settings.CloseWriteTag(file)) < 1) return result;
   return root.CloseWriteTag(file);
 }
 
 TTagError TProject::LoadProjectSettingsFromTagFile(TFileHandle file, TSaveProjectSettingsKind kind) {
   std::string identification;
   TTagError result = LoadIdentificationFromFile(file, identification);
-  if (result < 1)
-    return result;
+  if (result < 1) return result;
   if (identification != kSettingsIdentification)
     return teTagNotFound; // the settings loader answers -1 here, unlike the project loader
   TTagControl root, settings;
   std::string rootName;
-  if ((result = root.ReadTag(file, rootName)) < 1)
-    return result;
+  if ((result = root.ReadTag(file, rootName)) < 1) return result;
   if (settings.FindTag(file, "ProjectSettings", root) != teNoError &&
       (result = settings.FindTag(file, "FormSettings", root)) != teNoError)
     return result;
@@ -550,8 +523,7 @@ TTagError TProject::LoadProjectSettingsFromTagFile(TFileHandle file, TSaveProjec
 TTagError TProject::SaveOnlyProjectSettingsToTagFile(TFileHandle file) {
   TTagError result = teNoError;
   for (IConfigurationSet* set : FConfigurationSets)
-    if ((result = set->SaveConfigurationToTagFile(file)) < 1)
-      return result;
+    if ((result = set->SaveConfigurationToTagFile(file)) < 1) return result;
   TTagControl t;
   if ((result = t.SaveIntTag(file, "LastModeIndex", FModeIndex)) < 1 ||
       (result = t.SaveAnsiStringTag(file, "DataPath", FDataPath)) < 1)
@@ -581,17 +553,16 @@ void TProject::DataChangeToAll(TDataChangeInfo info) {
 }
 
 void TProject::DataChange(TData* data, TDataChangeInfo info) {
-  if (!FLoading && (data->GetSaveMode() == TDataSaveMode::Always || data->GetSaveMode() == TDataSaveMode::WhileUsed) &&
+  if (!FLoading &&
+      (data->GetSaveMode() == TDataSaveMode::Always || data->GetSaveMode() == TDataSaveMode::WhileUsed) &&
       !data->InheritsFrom("TDCursor") && !data->InheritsFrom("TDZInterpretation"))
     SetProjectChanged(true);
   data->Lock();
   FCursorLocks.DataChange(data, info); // a cursor being removed releases its lock holder
   for (size_t i = 0; i < FViewerList.size(); ++i) FViewerList[i]->DataChanged(data, info);
   for (size_t i = 0; i < FDataList.size(); ++i)
-    if (FDataList[i].get() != data)
-      FDataList[i]->DataChanged(data, info);
-  if (OnDataChange)
-    OnDataChange(data, info);
+    if (FDataList[i].get() != data) FDataList[i]->DataChanged(data, info);
+  if (OnDataChange) OnDataChange(data, info);
   data->Unlock();
 }
 
@@ -607,8 +578,7 @@ void TProject::AskForDataChangeInformation() {
 
 void TProject::SendViewerMessage(int32_t message, int32_t id) {
   for (auto& viewer : FViewerList)
-    if (viewer->IsDataUsed(id))
-      viewer->RecieveViewerMessage(message);
+    if (viewer->IsDataUsed(id)) viewer->RecieveViewerMessage(message);
 }
 
 void TProject::CleanWrongDataConnections() {
@@ -629,7 +599,9 @@ void TProject::FindNextDataID() {
   FNextDataID = std::max(1, highest) + 1;
 }
 
-int32_t TProject::GetNewDataID() { return FNextDataID++; }
+int32_t TProject::GetNewDataID() {
+  return FNextDataID++;
+}
 
 bool TProject::UniqueIDTest(int32_t& highest) const {
   highest = 0;
@@ -650,20 +622,19 @@ void TProject::AddDataSortedToList(std::unique_ptr<TData> data, std::vector<std:
 }
 
 void TProject::AddData(std::unique_ptr<TData> data) {
-  if (!data)
-    return;
+  if (!data) return;
   TData* raw = data.get();
   raw->SetProject(this);
   if (raw->GetID() == 0)
-    Notify("TProject::AddData:\n\nID of Data Object \"" + raw->GetCaption() + "\" is 0!", "Error", kSeverityError);
+    Notify("TProject::AddData:\n\nID of Data Object \"" + raw->GetCaption() + "\" is 0!", "Error",
+           kSeverityError);
   AddDataSortedToList(std::move(data), FDataList);
   raw->SetOnDataChange([this](TData* d, TDataChangeInfo info) { DataChange(d, info); });
   raw->DoDataChange(TDataChangeInfo::Added);
 }
 
 void TProject::OwnData(std::unique_ptr<TData> data) {
-  if (!data)
-    return;
+  if (!data) return;
   TData* raw = data.get();
   raw->SetProject(this);
   raw->SetOnDataChange([this](TData* d, TDataChangeInfo info) { DataChange(d, info); });
@@ -672,8 +643,7 @@ void TProject::OwnData(std::unique_ptr<TData> data) {
 }
 
 void TProject::UnOwnData(TData* data) {
-  if (!data)
-    return;
+  if (!data) return;
   data->SetProject(nullptr);
   data->SetOnDataChange(nullptr);
 }
@@ -683,12 +653,10 @@ void TProject::FillIDListWithDependencies(TIntList& idList) {
     added = false;
     for (size_t m = 0; m < idList.size() && !added; ++m) {
       TData* member = LockData(idList[m]);
-      if (!member)
-        continue;
+      if (!member) continue;
       for (const auto& candidate : FDataList) {
         const int32_t id = candidate->GetID();
-        if (std::find(idList.begin(), idList.end(), id) != idList.end())
-          continue;
+        if (std::find(idList.begin(), idList.end(), id) != idList.end()) continue;
         if (member->IsDataUsed(id)) {
           idList.push_back(id);
           added = true; // start over from the first member
@@ -702,26 +670,22 @@ void TProject::FillIDListWithDependencies(TIntList& idList) {
 
 TData* TProject::FindData(int32_t id) const {
   for (const auto& data : FDataList)
-    if (data->GetID() == id)
-      return data.get();
+    if (data->GetID() == id) return data.get();
   return nullptr;
 }
 
 TData* TProject::LockData(int32_t id) {
   TData* data = FindData(id);
-  if (data)
-    data->Lock();
+  if (data) data->Lock();
   return data;
 }
 
 void TProject::UnlockData(int32_t id) {
-  if (TData* data = FindData(id))
-    data->Unlock();
+  if (TData* data = FindData(id)) data->Unlock();
 }
 
 void TProject::UnlockData(TData* data) {
-  if (data)
-    data->Unlock();
+  if (data) data->Unlock();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -740,8 +704,7 @@ TDataList TProject::GetDataListByClassName(const std::string& className) {
 TDataList TProject::GetDataListByIDList(const TIntList& idList) {
   TDataList list;
   for (int32_t id : idList)
-    if (TData* data = LockData(id))
-      list.push_back(data);
+    if (TData* data = LockData(id)) list.push_back(data);
   return list;
 }
 
@@ -782,8 +745,7 @@ void TProject::ReleaseDataList(TDataList& list) {
 TIntList TProject::GetIDListOfAllData(bool filterByMode, TDataSaveMode mode) const {
   TIntList ids;
   for (const auto& data : FDataList)
-    if (!filterByMode || data->GetSaveMode() == mode)
-      ids.push_back(data->GetID());
+    if (!filterByMode || data->GetSaveMode() == mode) ids.push_back(data->GetID());
   return ids;
 }
 
@@ -810,8 +772,7 @@ TIntList TProject::GetIDListByIDListAndClassName(const std::string& className, c
   TIntList ids;
   for (int32_t id : idList) {
     const TData* data = FindData(id);
-    if (data && data->GetClassNameA() == className)
-      ids.push_back(id);
+    if (data && data->GetClassNameA() == className) ids.push_back(id);
   }
   return ids;
 }
@@ -819,16 +780,14 @@ TIntList TProject::GetIDListByIDListAndClassName(const std::string& className, c
 TIntList TProject::GetIDListByUsedID(int32_t id) const {
   TIntList ids;
   for (const auto& data : FDataList)
-    if (data->IsDataUsed(id))
-      ids.push_back(data->GetID());
+    if (data->IsDataUsed(id)) ids.push_back(data->GetID());
   return ids;
 }
 
 TIntList TProject::GetIDListByClassNameAndUsedID(const std::string& className, int32_t id) const {
   TIntList ids;
   for (const auto& data : FDataList)
-    if (data->GetClassNameA() == className && data->IsDataUsed(id))
-      ids.push_back(data->GetID());
+    if (data->GetClassNameA() == className && data->IsDataUsed(id)) ids.push_back(data->GetID());
   return ids;
 }
 
@@ -836,10 +795,8 @@ int32_t TProject::ToggleToNextDataID(int32_t id) const {
   const auto n = static_cast<int64_t>(FDataList.size());
   int64_t index = -1;
   for (int64_t i = 0; i < n; ++i)
-    if (FDataList[i]->GetID() == id)
-      index = i;
-  if (index < 0)
-    return 0;
+    if (FDataList[i]->GetID() == id) index = i;
+  if (index < 0) return 0;
   const std::string className = FDataList[index]->GetClassNameA();
   for (int64_t step = 1; step <= n; ++step) {
     const TData& candidate = *FDataList[(index + step) % n];
@@ -853,10 +810,8 @@ int32_t TProject::ToggleToPriorDataID(int32_t id) const {
   const auto n = static_cast<int64_t>(FDataList.size());
   int64_t index = -1;
   for (int64_t i = 0; i < n; ++i)
-    if (FDataList[i]->GetID() == id)
-      index = i;
-  if (index < 0)
-    return 0;
+    if (FDataList[i]->GetID() == id) index = i;
+  if (index < 0) return 0;
   const std::string className = FDataList[index]->GetClassNameA();
   for (int64_t step = 1; step <= n; ++step) {
     const TData& candidate = *FDataList[((index - step) % n + n) % n];
@@ -868,11 +823,9 @@ int32_t TProject::ToggleToPriorDataID(int32_t id) const {
 
 bool TProject::IsDataUsed(int32_t id) const {
   for (const auto& viewer : FViewerList)
-    if (viewer->IsDataUsed(id))
-      return true;
+    if (viewer->IsDataUsed(id)) return true;
   for (const auto& data : FDataList)
-    if (data->GetID() != id && data->IsDataUsed(id))
-      return true;
+    if (data->GetID() != id && data->IsDataUsed(id)) return true;
   return false;
 }
 
@@ -889,12 +842,10 @@ std::string TProject::GetClassNameByID(int32_t id) const {
 std::string TProject::UsedByListAsString(int32_t id) const {
   std::string text = "Data:";
   for (const auto& data : FDataList)
-    if (data->GetID() != id && data->IsDataUsed(id))
-      text += "\n" + data->GetCaption();
+    if (data->GetID() != id && data->IsDataUsed(id)) text += "\n" + data->GetCaption();
   text += "\nViewer:";
   for (const auto& viewer : FViewerList)
-    if (viewer->IsDataUsed(id))
-      text += "\n" + viewer->GetTitle();
+    if (viewer->IsDataUsed(id)) text += "\n" + viewer->GetTitle();
   if (ShowLockNumber) {
     text += "\nLockNumber, ID:";
     for (const auto& data : FDataList)
@@ -905,36 +856,33 @@ std::string TProject::UsedByListAsString(int32_t id) const {
 
 int32_t TProject::GetFirstIDByClassName(const std::string& className) const {
   for (const auto& data : FDataList)
-    if (data->GetClassNameA() == className)
-      return data->GetID();
+    if (data->GetClassNameA() == className) return data->GetID();
   return 0;
 }
 
 bool TProject::DeleteData(int32_t id) {
   TData* data = FindData(id);
-  if (!data)
-    return true;
+  if (!data) return true;
   DataChange(data, TDataChangeInfo::AboutToBeDeleted);
   if (data->GetLockNumber() != 0) {
     std::string text = "Cannot delete object \"" + data->GetCaption() + "\"\n\nObject is locked!";
-    if (ShowLockNumber)
-      text += " (LockNumber = " + std::to_string(data->GetLockNumber()) + ")";
+    if (ShowLockNumber) text += " (LockNumber = " + std::to_string(data->GetLockNumber()) + ")";
     Notify(text, "Error", kSeverityError);
     return false;
   }
   DataChange(data, TDataChangeInfo::Removed);
-  auto it = std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
-  if (it != FDataList.end())
-    FDataList.erase(it);
+  auto it =
+      std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
+  if (it != FDataList.end()) FDataList.erase(it);
   return true;
 }
 
 std::unique_ptr<TData> TProject::DeleteDataAndReturnPointer(int32_t id) {
   TData* data = FindData(id);
-  if (!data)
-    return nullptr;
+  if (!data) return nullptr;
   DataChange(data, TDataChangeInfo::Removed);
-  auto it = std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
+  auto it =
+      std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
   std::unique_ptr<TData> owned = std::move(*it);
   FDataList.erase(it);
   UnOwnData(owned.get());
@@ -947,11 +895,9 @@ int32_t TProject::MakeOrGetFirstIDByClassName(const std::string& className) {
 }
 
 TData* TProject::MakeOrGetFirstDataByClassName(const std::string& className) {
-  if (const int32_t id = GetFirstIDByClassName(className))
-    return FindData(id);
+  if (const int32_t id = GetFirstIDByClassName(className)) return FindData(id);
   std::unique_ptr<TData> data = TData::CreateDataObjectByName(className);
-  if (!data)
-    return nullptr;
+  if (!data) return nullptr;
   data->SetID(GetNewDataID());
   TData* raw = data.get();
   AddData(std::move(data));
@@ -962,8 +908,7 @@ TData* TProject::MakeOrGetFirstDataByClassName(const std::string& className) {
 // Viewers
 
 void TProject::AddViewer(std::unique_ptr<TVCustomForm> viewer) {
-  if (!viewer)
-    return;
+  if (!viewer) return;
   viewer->SetProject(this);
   TVCustomForm* raw = viewer.get();
   FViewerList.push_back(std::move(viewer));
@@ -972,9 +917,9 @@ void TProject::AddViewer(std::unique_ptr<TVCustomForm> viewer) {
 }
 
 std::unique_ptr<TVCustomForm> TProject::ReleaseViewer(TVCustomForm* viewer) {
-  auto it = std::find_if(FViewerList.begin(), FViewerList.end(), [viewer](const auto& v) { return v.get() == viewer; });
-  if (it == FViewerList.end())
-    return nullptr;
+  auto it = std::find_if(FViewerList.begin(), FViewerList.end(),
+                         [viewer](const auto& v) { return v.get() == viewer; });
+  if (it == FViewerList.end()) return nullptr;
   std::unique_ptr<TVCustomForm> owned = std::move(*it);
   FViewerList.erase(it);
   std::erase(FViewersToReposition, viewer);
@@ -985,8 +930,7 @@ std::unique_ptr<TVCustomForm> TProject::ReleaseViewer(TVCustomForm* viewer) {
 
 void TProject::CheckAndDeleteViewers() {
   std::erase_if(FViewerList, [this](const auto& viewer) {
-    if (!viewer->GetDeleteRequested())
-      return false;
+    if (!viewer->GetDeleteRequested()) return false;
     std::erase(FViewersToReposition, viewer.get());
     return true;
   });
@@ -994,24 +938,21 @@ void TProject::CheckAndDeleteViewers() {
 
 TVCustomForm* TProject::GetFirstViewerByClassName(const std::string& className) const {
   for (const auto& viewer : FViewerList)
-    if (viewer->GetClassNameA() == className)
-      return viewer.get();
+    if (viewer->GetClassNameA() == className) return viewer.get();
   return nullptr;
 }
 
 std::vector<TVCustomForm*> TProject::GetViewerListByClassName(const std::string& className) const {
   std::vector<TVCustomForm*> list;
   for (const auto& viewer : FViewerList)
-    if (viewer->GetClassNameA() == className)
-      list.push_back(viewer.get());
+    if (viewer->GetClassNameA() == className) list.push_back(viewer.get());
   return list;
 }
 
 std::vector<TVCustomForm*> TProject::GetAllViewersWithoutHardwareAndDialog() const {
   std::vector<TVCustomForm*> list;
   for (const auto& viewer : FViewerList)
-    if (viewer->GetMode() == TViewerMode::Normal)
-      list.push_back(viewer.get());
+    if (viewer->GetMode() == TViewerMode::Normal) list.push_back(viewer.get());
   return list;
 }
 
@@ -1021,65 +962,59 @@ std::vector<TVCustomForm*> TProject::GetAllViewersWithoutHardwareAndDialog() con
 void TProject::SetFileName(const std::string& name) {
   if (name != FFileName || name.empty()) {
     FFileName = name;
-    if (OnFileNameOrChangedState)
-      OnFileNameOrChangedState();
+    if (OnFileNameOrChangedState) OnFileNameOrChangedState();
   }
 }
 
 void TProject::SetProjectChanged(bool changed) {
   FProjectChanged = changed;
-  if (OnFileNameOrChangedState)
-    OnFileNameOrChangedState();
+  if (OnFileNameOrChangedState) OnFileNameOrChangedState();
 }
 
 void TProject::ProjectChangedForSave(const TVCustomForm* viewer) {
-  if (FLoading || FClearing || FCreatingNew)
-    return;
-  if (viewer && (viewer->GetMode() == TViewerMode::Dialog || viewer->GetNotCountingForSave()))
-    return;
+  if (FLoading || FClearing || FCreatingNew) return;
+  if (viewer && (viewer->GetMode() == TViewerMode::Dialog || viewer->GetNotCountingForSave())) return;
   SetProjectChanged(true);
 }
 
 bool TProject::ProjectHasData() const {
   for (const auto& data : FDataList) {
-    if (data->GetSaveMode() == TDataSaveMode::HardwareOwned)
-      continue;
+    if (data->GetSaveMode() == TDataSaveMode::HardwareOwned) continue;
     for (const char* name : {"TDGraph", "TDImage", "TDBitmap", "TDText"})
-      if (data->InheritsFrom(name))
-        return true;
+      if (data->InheritsFrom(name)) return true;
   }
   return false;
 }
 
 bool TProject::EmptyProjectSaveOK() {
-  if (ProjectHasData())
-    return true;
-  return AskYesNo("Project does not contain User Data Objects, really save ?", "Confirmation", kSeverityQuestion);
+  if (ProjectHasData()) return true;
+  return AskYesNo("Project does not contain User Data Objects, really save ?", "Confirmation",
+                  kSeverityQuestion);
 }
 
 bool TProject::NewerVersionLoadOK(int32_t version) {
-  if (version <= ThisVersion)
-    return true;
-  return AskYesNo("The file version of the loaded or appended Project-File\r\nis newer than the file version of "
-                  "this software (File Version: " +
-                      std::to_string(version) + " - Software Version: " + std::to_string(ThisVersion) +
-                      ").\r\n\r\nPlease use a newer software version.\r\n\r\nIf you load the project with this "
-                      "software,\r\nthe application may crash or show other unpredictable behaviour.\r\nAlso some "
-                      "stored information will possibly not be loaded and\r\ntherefore not be stored when saving "
-                      "the project.\r\n\r\nDo you want to load the project anyway ?",
-                  "Error", kSeverityError);
+  if (version <= ThisVersion) return true;
+  return AskYesNo(
+      "The file version of the loaded or appended Project-File\r\nis newer than the file version of "
+      "this software (File Version: " +
+          std::to_string(version) + " - Software Version: " + std::to_string(ThisVersion) +
+          ").\r\n\r\nPlease use a newer software version.\r\n\r\nIf you load the project with this "
+          "software,\r\nthe application may crash or show other unpredictable behaviour.\r\nAlso some "
+          "stored information will possibly not be loaded and\r\ntherefore not be stored when saving "
+          "the project.\r\n\r\nDo you want to load the project anyway ?",
+      "Error", kSeverityError);
 }
 
 bool TProject::NewerVersionSaveOK() {
-  if (FLoadedVersion == -1 || FLoadedVersion >= ThisVersion)
-    return true;
-  return AskYesNo("The file version of the loaded or appended Project-File\nis older than the file version of this "
-                  "software:\nLoaded File Version: " +
-                      std::to_string(FLoadedVersion) + " - Software File Version: " + std::to_string(ThisVersion) +
-                      ".\n\nIf you save the project with this software,\nyou won't be able to open the file with "
-                      "an\nolder version of Orvex Project or Orvex Control.\n\nDo you want to save the project "
-                      "anyway ?",
-                  "File Version Warning", kSeverityWarning);
+  if (FLoadedVersion == -1 || FLoadedVersion >= ThisVersion) return true;
+  return AskYesNo(
+      "The file version of the loaded or appended Project-File\nis older than the file version of this "
+      "software:\nLoaded File Version: " +
+          std::to_string(FLoadedVersion) + " - Software File Version: " + std::to_string(ThisVersion) +
+          ".\n\nIf you save the project with this software,\nyou won't be able to open the file with "
+          "an\nolder version of Orvex Project or Orvex Control.\n\nDo you want to save the project "
+          "anyway ?",
+      "File Version Warning", kSeverityWarning);
 }
 
 bool TProject::IsLargeObject(int32_t id) const {

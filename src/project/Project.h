@@ -1,17 +1,17 @@
 // The project: owner of all data objects and viewers of a run, their IDs, references and files.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "common/Tagcontrol.h"
 #include "data/Dcursor.h"
 #include "data/Dcustom.h"
 #include "project/Systeminformation.h"
 #include "project/Viewerbase.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
 
 /// What a settings file holds: 0 project settings, 1 viewer positions, 2 both.
 enum class TSaveProjectSettingsKind : int32_t { ProjectSettings = 0, ViewerPositions = 1, Both = 2 };
@@ -119,7 +119,8 @@ public:
   TDataList GetDataListByClassName(const std::string& className);
   TDataList GetDataListByIDList(const TIntList& idList);
   TDataList GetDataListByIDListAndClassName(const TIntList& idList, const std::string& className);
-  TDataList GetDataListByIDListAndClassNames(const TIntList& idList, const std::vector<std::string>& classNames);
+  TDataList GetDataListByIDListAndClassNames(const TIntList& idList,
+                                             const std::vector<std::string>& classNames);
   /// Objects of the ID list whose class is or derives from className.
   TDataList GetDataListByIDListInheritingFrom(const TIntList& idList, const std::string& className);
   void ReleaseDataList(TDataList& list);
@@ -142,7 +143,8 @@ public:
     list.clear();
   }
 
-  TIntList GetIDListOfAllData(bool filterByMode = false, TDataSaveMode mode = TDataSaveMode::Always) const override;
+  TIntList GetIDListOfAllData(bool filterByMode = false,
+                              TDataSaveMode mode = TDataSaveMode::Always) const override;
   TIntList GetIDListByClassName(const std::string& className, int32_t minExclusive = 0,
                                 int32_t maxInclusive = INT32_MAX) const override;
   TIntList GetIDListByClassNameWithoutHardwareData(const std::string& className, int32_t minExclusive = 0,
@@ -176,7 +178,9 @@ public:
   bool ChangeCursorToLock(int32_t id, const void* locker, TDCursorParts parts) {
     return FCursorLocks.ChangeCursorToLock(id, locker, parts);
   }
-  bool ChangeCursorToUnlock(int32_t id, const void* locker) { return FCursorLocks.ChangeCursorToUnlock(id, locker); }
+  bool ChangeCursorToUnlock(int32_t id, const void* locker) {
+    return FCursorLocks.ChangeCursorToUnlock(id, locker);
+  }
   bool IsCursorLockedByObject(int32_t id, const void* locker) const {
     return FCursorLocks.IsCursorLockedByObject(id, locker);
   }
@@ -246,7 +250,8 @@ private:
                             std::vector<std::unique_ptr<TData>>& list, TMCC* mcc);
   bool ShouldSave(const TData& data) const;
   TDataList SaveableObjects(const TDataList& list) const;
-  TTagError SaveToFileSafely(const std::string& fileName, const std::function<TTagError(TFileHandle)>& writer);
+  TTagError SaveToFileSafely(const std::string& fileName,
+                             const std::function<TTagError(TFileHandle)>& writer);
 
   std::vector<std::string> FModeNames;
   int32_t FModeIndex = -1;

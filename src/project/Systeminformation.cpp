@@ -15,9 +15,13 @@ std::string NowText() {
 }
 } // namespace
 
-TOrvexSystemInformation::TOrvexSystemInformation() { CreateNewSystemTag(); }
+TOrvexSystemInformation::TOrvexSystemInformation() {
+  CreateNewSystemTag();
+}
 
-std::string TOrvexSystemInformation::ProgramName() { return "Orvex Project"; }
+std::string TOrvexSystemInformation::ProgramName() {
+  return "Orvex Project";
+}
 
 std::string TOrvexSystemInformation::ProgramVersion() {
 #ifdef ORVEX_VERSION_STRING
@@ -37,14 +41,14 @@ void TOrvexSystemInformation::AfterNewProject() {
   AddVersionInfoToSystemInformation();
 }
 
-void TOrvexSystemInformation::AfterLoadProject() { AddVersionInfoToSystemInformation(); }
+void TOrvexSystemInformation::AfterLoadProject() {
+  AddVersionInfoToSystemInformation();
+}
 
 TTagControl* TOrvexSystemInformation::AppendNumbered(const std::string& group, const std::string& prefix) {
-  if (!FTree->IsTagInList(group))
-    FTree->AddSubTag(group, TTagKind::TagList);
+  if (!FTree->IsTagInList(group)) FTree->AddSubTag(group, TTagKind::TagList);
   TTagControl* list = FTree->FindTagInList(group);
-  if (list->Kind() != TTagKind::TagList || !list->Children())
-    return nullptr;
+  if (list->Kind() != TTagKind::TagList || !list->Children()) return nullptr;
   const std::string name = prefix + " " + std::to_string(list->Children()->size());
   return list->IsTagInList(name) ? nullptr : list->AddSubTag(name, TTagKind::TagList);
 }
@@ -52,8 +56,7 @@ TTagControl* TOrvexSystemInformation::AppendNumbered(const std::string& group, c
 void TOrvexSystemInformation::AddVersionInfoToSystemInformation() {
   std::lock_guard lock(FLock);
   TTagControl* entry = AppendNumbered("VersionInfo", "Version");
-  if (!entry)
-    return;
+  if (!entry) return;
   const std::string program = ProgramName(), version = ProgramVersion(), date = NowText();
   entry->AddSubTag("Program", TTagKind::AnsiString, &program);
   entry->AddSubTag("ProgramVersion", TTagKind::AnsiString, &version);
@@ -63,15 +66,13 @@ void TOrvexSystemInformation::AddVersionInfoToSystemInformation() {
 void TOrvexSystemInformation::AddCurrentLogFileToSystemInformation(const std::string& logFileName) {
   std::lock_guard lock(FLock);
   TTagControl* entry = AppendNumbered("LogFiles", "LogFile");
-  if (entry)
-    entry->AddSubTag("FileName", TTagKind::AnsiString, &logFileName);
+  if (entry) entry->AddSubTag("FileName", TTagKind::AnsiString, &logFileName);
 }
 
 void TOrvexSystemInformation::AddExceptionToSystemInformation(const std::string& report) {
   std::lock_guard lock(FLock);
   TTagControl* entry = AppendNumbered("Exceptions", "Exception");
-  if (!entry)
-    return;
+  if (!entry) return;
   const std::string date = NowText();
   entry->AddSubTag("Date", TTagKind::AnsiString, &date);
   entry->AddSubTag("Report", TTagKind::AnsiString, &report);

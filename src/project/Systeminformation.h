@@ -2,11 +2,11 @@
 // version that touched the file, the log file in use, and exceptions that happened.
 #pragma once
 
+#include "common/Tagcontrol.h"
+
 #include <memory>
 #include <mutex>
 #include <string>
-
-#include "common/Tagcontrol.h"
 
 class TOrvexSystemInformation {
 public:

@@ -18,7 +18,9 @@ std::unique_ptr<TVCustomForm> TVCustomForm::CreateViewerByName(const std::string
   return Registry().Create(className);
 }
 
-void TVCustomForm::DeleteRegisteredViewerList() { Registry().Clear(); }
+void TVCustomForm::DeleteRegisteredViewerList() {
+  Registry().Clear();
+}
 
 TTagError TVStoredViewer::SaveViewerToTagFile(TFileHandle file) {
   // The project has opened the "Viewer n" tag; write the stored children back into it.
@@ -31,14 +33,11 @@ TTagError TVStoredViewer::LoadViewerFromTagFile(TFileHandle file, const TTagCont
   FTree.DeleteAllChildren();
   int64_t pos = parent.Begin();
   while (pos >= parent.Begin() && pos < parent.End()) {
-    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0)
-      return teReadFileError;
+    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0) return teReadFileError;
     auto child = std::make_unique<TTagControl>();
     const TTagError result = child->LoadTagListFromFile(file);
-    if (result < 1)
-      return result;
-    if (child->End() <= pos || child->End() > parent.End())
-      return teTagNotFound;
+    if (result < 1) return result;
+    if (child->End() <= pos || child->End() > parent.End()) return teTagNotFound;
     pos = child->End();
     FTree.Children()->push_back(std::move(child));
   }

@@ -2,14 +2,14 @@
 // derive from TVCustomForm; a viewer whose class this program doesn't know is kept as its stored tags.
 #pragma once
 
+#include "common/Tagcontrol.h"
+#include "data/Dcustom.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "common/Tagcontrol.h"
-#include "data/Dcustom.h"
 
 class TProject;
 

@@ -1,12 +1,12 @@
 // Primitives of tag files: identifications, strings, encoding, safe overwrite, streams, float clamping.
 #include "common/Saveandload.h"
 
-#include <gtest/gtest.h>
+#include "common/Tagstream.h"
+#include "support/TestSupport.h"
 
 #include <cmath>
 
-#include "common/Tagstream.h"
-#include "support/TestSupport.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -30,7 +30,9 @@ TEST(SaveandloadTest, IdentificationIsCutAtEight) {
 TEST(SaveandloadTest, StoredNulCutsStringButPositionPassesAllBytes) {
   oxtest::TempDir dir;
   const auto name = dir.File("s.bin");
-  oxtest::WriteFileBytes(name, std::string("\x05\x00\x00\x00" "ab\0cdZ", 10));
+  oxtest::WriteFileBytes(name, std::string("\x05\x00\x00\x00"
+                                           "ab\0cdZ",
+                                           10));
   TFileHandle f = OpenFileForReading(name);
   std::string s;
   EXPECT_EQ(LoadAnsiStringFromFile(f, s), 1);

@@ -1,12 +1,12 @@
 // Tag files: writing and finding tags, loading with and without defaults, whole trees, corrupt input.
 #include "common/Tagcontrol.h"
 
-#include <gtest/gtest.h>
+#include "common/OrvexException.h"
+#include "support/TestSupport.h"
 
 #include <cstring>
 
-#include "common/OrvexException.h"
-#include "support/TestSupport.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -103,7 +103,8 @@ TEST_F(TagFileTest, ValuesRoundTripAndDefaults) {
 }
 
 TEST_F(TagFileTest, StringOnDiskIsWindows1252) {
-  const auto fileName = Write("cp.oxt", [](TFileHandle f) { TTagControl().SaveAnsiStringTag(f, "U", "\xC2\xB5m"); });
+  const auto fileName =
+      Write("cp.oxt", [](TFileHandle f) { TTagControl().SaveAnsiStringTag(f, "U", "\xC2\xB5m"); });
   const std::string bytes = oxtest::ReadFileBytes(fileName);
   EXPECT_NE(bytes.find(std::string("\x02\x00\x00\x00\xb5m", 6)), std::string::npos);
 }
@@ -230,7 +231,7 @@ TEST(TagTreeTest, SetGetAndPaths) {
   int32_t got[2] = {};
   EXPECT_EQ(root.FindTagInList("A|B|C")->GetIntTag(got, 2), 1);
   EXPECT_EQ(got[1], 2);
-  EXPECT_EQ(root.FindTagInList("A|B|C")->GetIntTag(got, 1), -1); // count must match exactly
+  EXPECT_EQ(root.FindTagInList("A|B|C")->GetIntTag(got, 1), -1);     // count must match exactly
   EXPECT_EQ(root.FindTagInList("A|D")->SetFloatTag(nullptr, 0), -1); // wrong kind changes nothing
   EXPECT_EQ(root.FindTagInList("A|D")->SetOneDoubleTag(2.5), 1);
   double d = 0;
@@ -287,8 +288,7 @@ TEST_F(TagFileTest, TruncatedAndCorruptFilesNeverCrash) {
       std::vector<std::string> sl;
       TTagControl list;
       t.LoadIntTag(f, "Last", root, &v);
-      if (list.FindTag(f, "List", root) == 1)
-        t.LoadStringList(f, "SL", list, sl);
+      if (list.FindTag(f, "List", root) == 1) t.LoadStringList(f, "SL", list, sl);
       CloseFile(f);
     }
   };

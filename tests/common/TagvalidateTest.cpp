@@ -1,12 +1,12 @@
 // The structural check finds each kind of violation at the right place, and accepts what we write.
 #include "common/Tagvalidate.h"
 
-#include <gtest/gtest.h>
+#include "common/Tagcontrol.h"
+#include "support/TestSupport.h"
 
 #include <cstring>
 
-#include "common/Tagcontrol.h"
-#include "support/TestSupport.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -18,7 +18,7 @@ protected:
     TTagControl root, list, t;
     root.WriteTag(f, "Root", TTagKind::TagList);
     list.WriteTag(f, "L", TTagKind::TagList);
-    t.SaveIntTag(f, "I", 1);               // child at offset kChild
+    t.SaveIntTag(f, "I", 1); // child at offset kChild
     t.SaveAnsiStringTag(f, "S", "abc");
     list.CloseWriteTag(f);
     t.SaveDoubleTag(f, "D", 2.0);

@@ -1,13 +1,13 @@
 // Data fields: layout, conversions per kind, raw access, file form, the old nested form, bad sizes.
 #include "data/Datafield.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "common/OrvexException.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+
+#include <cmath>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -47,7 +47,7 @@ TEST_F(DatafieldTest, ConversionsPerKind) {
   d.SetDoubleValue(at, 0.1);
   EXPECT_EQ(d.GetDoubleValue(at), 0.1);
   EXPECT_EQ(d.GetValue(at), 0.1f); // rounded to float
-  d.SetByteValue(at, 7); // another kind: nothing happens
+  d.SetByteValue(at, 7);           // another kind: nothing happens
   EXPECT_EQ(d.GetDoubleValue(at), 0.1);
   EXPECT_EQ(d.GetByteValue(at), 0);
   TDataField f({4}, TDataFieldKind::Float);
@@ -68,7 +68,8 @@ TEST_F(DatafieldTest, ConversionsPerKind) {
 TEST_F(DatafieldTest, RefusedKindsAndSizes) {
   EXPECT_THROW(TDataField({4}, TDataFieldKind::Extended), OrvexException);
   EXPECT_THROW(TDataField({4}, TDataFieldKind::None), OrvexException);
-  EXPECT_THROW(TDataField({1 << 30, 1 << 30, 1 << 30}, TDataFieldKind::Double), OrvexExceptionMemoryAllocation);
+  EXPECT_THROW(TDataField({1 << 30, 1 << 30, 1 << 30}, TDataFieldKind::Double),
+               OrvexExceptionMemoryAllocation);
   // More than the machine holds: the strategy refuses, with the class's exception.
   EXPECT_THROW(TDataField({1 << 30, 1 << 20}, TDataFieldKind::Double), OrvexExceptionMemoryAllocation);
 }

@@ -1,10 +1,10 @@
 // Data object base: change rule, history, IDs, registry, and the base's file form.
 #include "data/Dcustom.h"
 
-#include <gtest/gtest.h>
-
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -49,8 +49,9 @@ TEST(DcustomTest, CaptionAndHistoryNotify) {
   object.SetCaption("a"); // the same text sends nothing
   object.AddToHistoryList("step", 1);
   object.AddToHistoryList("step", 1); // kept twice
-  EXPECT_EQ(infos, (std::vector<TDataChangeInfo>{TDataChangeInfo::CaptionChanged, TDataChangeInfo::HistoryChanged,
-                                                 TDataChangeInfo::HistoryChanged}));
+  EXPECT_EQ(infos,
+            (std::vector<TDataChangeInfo>{TDataChangeInfo::CaptionChanged, TDataChangeInfo::HistoryChanged,
+                                          TDataChangeInfo::HistoryChanged}));
   EXPECT_EQ(object.GetHistoryList().size(), 2u);
   EXPECT_GE(object.GetHistoryList()[0].Date[0], 2020);
 }

@@ -1,6 +1,4 @@
 // Images and graphs: line flags, spectra, statistics, interpolation, ID links and file forms.
-#include <gtest/gtest.h>
-
 #include "common/OrvexException.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
@@ -8,6 +6,8 @@
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -68,8 +68,7 @@ TEST_F(ImageGraphTest, SetFieldValuesNotifiesOnceAndComputesStatistics) {
   image.SetFieldSize(5, 4);
   int notifications = 0;
   image.SetOnDataChange([&](TData*, TDataChangeInfo info) {
-    if (info == TDataChangeInfo::DataChanged)
-      ++notifications;
+    if (info == TDataChangeInfo::DataChanged) ++notifications;
   });
   image.SetFieldValues(2.0f);
   EXPECT_EQ(notifications, 1);
@@ -94,7 +93,7 @@ TEST_F(ImageGraphTest, ImageInterpolation) {
     image.SetLineValid(y, true);
   }
   EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 0.5), 2.0f);
-  EXPECT_FLOAT_EQ(image.GetInterpolatedField(2, 2), 8.0f); // the last pixel itself
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(2, 2), 8.0f);   // the last pixel itself
   EXPECT_FLOAT_EQ(image.GetInterpolatedField(2, 0.5), 3.5f); // right edge: linear in y
   EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 2), 6.5f); // bottom edge: linear in x
   EXPECT_FLOAT_EQ(image.GetInterpolatedField(-5, -5), 0.0f); // clamped to (0, 0)
@@ -158,22 +157,25 @@ TEST_F(ImageGraphTest, CreateNewFromTemplate) {
   graph->SetSpaceTransformationID(7);
   graph->SetXTransformationID(8);
   graph->SetImageIndex(3);
-  auto single = TDGraph::CreateNewGraph(&project, graph->GetID(), true, TDataFieldKind::Float, TDataSaveMode::Always,
-                                        "one");
+  auto single = TDGraph::CreateNewGraph(&project, graph->GetID(), true, TDataFieldKind::Float,
+                                        TDataSaveMode::Always, "one");
   ASSERT_NE(single, nullptr);
   EXPECT_EQ(single->GetSizeX(), 1);
   EXPECT_EQ(single->GetSizeGraph(), 8);
   EXPECT_EQ(single->GetSpaceTransformationID(), 0);
   EXPECT_EQ(single->GetXTransformationID(), 8);
   EXPECT_EQ(single->GetDataCategory(), 2);
-  auto image = TDImage::CreateNewImage(&project, graph->GetID(), TDataFieldKind::Float, TDataSaveMode::Always, "img");
+  auto image =
+      TDImage::CreateNewImage(&project, graph->GetID(), TDataFieldKind::Float, TDataSaveMode::Always, "img");
   ASSERT_NE(image, nullptr);
   EXPECT_EQ(image->GetSizeX(), 4);
   EXPECT_EQ(image->GetSpaceTransformationID(), 7);
   EXPECT_NE(image->GetID(), single->GetID());
   EXPECT_EQ(graph->GetLockNumber(), 0); // the template was given back
-  EXPECT_EQ(TDGraph::CreateNewGraph(&project, 999, false, TDataFieldKind::Float, TDataSaveMode::Always, "x"), nullptr);
-  EXPECT_TRUE(TDGraph::IsGraphIDListOkay(&project, {graph->GetID()}, 1, 1, true, true, true, true, true, true));
+  EXPECT_EQ(TDGraph::CreateNewGraph(&project, 999, false, TDataFieldKind::Float, TDataSaveMode::Always, "x"),
+            nullptr);
+  EXPECT_TRUE(
+      TDGraph::IsGraphIDListOkay(&project, {graph->GetID()}, 1, 1, true, true, true, true, true, true));
   EXPECT_FALSE(TDGraph::IsGraphIDListOkay(&project, {}, 0, 0, false, false, false, false, false, false));
 }
 

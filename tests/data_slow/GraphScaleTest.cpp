@@ -1,16 +1,16 @@
 // Data larger than the mapped memory: a graph of 4 GiB on the memory-mapped strategy with 64 MB of views is
 // filled, saved, loaded into a second project and checksummed, with the resident memory far below the data.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <fstream>
-#include <string>
-
 #include "common/memory/Memorymanagement.h"
 #include "data/Dgraph.h"
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/TestSupport.h"
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -62,7 +62,8 @@ TEST(GraphScaleTest, FourGiBGraphThroughSixtyFourMegabytesOfViews) {
     std::vector<float> spectrum(kSize);
     for (int32_t x = 0; x < kSize; ++x)
       for (int32_t y = 0; y < kSize; ++y) {
-        for (int32_t g = 0; g < kSize; ++g) spectrum[static_cast<size_t>(g)] = float((x * 31 + y * 17 + g) % 1000);
+        for (int32_t g = 0; g < kSize; ++g)
+          spectrum[static_cast<size_t>(g)] = float((x * 31 + y * 17 + g) % 1000);
         graph->SetSpectrum(x, y, spectrum.data());
       }
     graph->SetAllLinesValid(true);

@@ -1,14 +1,14 @@
 // A project with one object of every registered class survives a save and load unchanged.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-
 #include "data/Dcolorprofile.h"
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -17,13 +17,29 @@ TEST(AllClassesTest, EveryRegisteredClassRoundTripsByteIdentically) {
   RegisterDataClasses();
   const auto names = TData::RegisteredDataObjectNames();
   // The classes of the data layer, in the registry's order.
-  const std::vector<std::string> expectedOrder = {
-      "TDSpaceCursor",         "TDInverseSpaceCursor",     "TDSpectralCursor",         "TDZCursor",
-      "TDTimeCursor",          "TDFrequencyCursor",        "TDPhaseCursor",            "TDSpaceTransformation",
-      "TDSpectralTransformation", "TDLinearTransformation", "TDLUTTransformation",     "TDImage",
-      "TDGraph",               "TDColorProfile",           "TDText",                   "TDBitmap",
-      "TDSpaceInterpretation", "TDInverseSpaceInterpretation", "TDTimeInterpretation", "TDFrequencyInterpretation",
-      "TDSpectralInterpretation", "TDZInterpretation",     "TDPhaseInterpretation"};
+  const std::vector<std::string> expectedOrder = {"TDSpaceCursor",
+                                                  "TDInverseSpaceCursor",
+                                                  "TDSpectralCursor",
+                                                  "TDZCursor",
+                                                  "TDTimeCursor",
+                                                  "TDFrequencyCursor",
+                                                  "TDPhaseCursor",
+                                                  "TDSpaceTransformation",
+                                                  "TDSpectralTransformation",
+                                                  "TDLinearTransformation",
+                                                  "TDLUTTransformation",
+                                                  "TDImage",
+                                                  "TDGraph",
+                                                  "TDColorProfile",
+                                                  "TDText",
+                                                  "TDBitmap",
+                                                  "TDSpaceInterpretation",
+                                                  "TDInverseSpaceInterpretation",
+                                                  "TDTimeInterpretation",
+                                                  "TDFrequencyInterpretation",
+                                                  "TDSpectralInterpretation",
+                                                  "TDZInterpretation",
+                                                  "TDPhaseInterpretation"};
   std::vector<std::string> registered;
   for (const auto& name : names)
     if (std::find(expectedOrder.begin(), expectedOrder.end(), name) != expectedOrder.end())
@@ -37,8 +53,7 @@ TEST(AllClassesTest, EveryRegisteredClassRoundTripsByteIdentically) {
     object->SetID(project.GetNewDataID());
     object->SetCaption("One " + name);
     // A colour profile's caption follows its table, in the file and after loading.
-    if (auto* profile = dynamic_cast<TDColorProfile*>(object.get()))
-      profile->SetCaptionByColorTable();
+    if (auto* profile = dynamic_cast<TDColorProfile*>(object.get())) profile->SetCaptionByColorTable();
     object->SetSaveMode(TDataSaveMode::Always);
     project.AddData(std::move(object));
   }
@@ -71,7 +86,8 @@ TEST(AllClassesTest, EveryRegisteredClassRoundTripsByteIdentically) {
   const bool identical = withoutSystemInformation(first) == withoutSystemInformation(second);
   EXPECT_TRUE(identical);
   if (!identical && std::getenv("ORVEX_KEEP_TEST_FILES")) {
-    std::filesystem::copy_file(first, "/tmp/allclasses-first.oxp", std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::copy_file(first, "/tmp/allclasses-first.oxp",
+                               std::filesystem::copy_options::overwrite_existing);
     std::filesystem::copy_file(second, "/tmp/allclasses-second.oxp",
                                std::filesystem::copy_options::overwrite_existing);
   }

@@ -1,6 +1,7 @@
 // Configuration sets in the project's settings file: user parameters of components written with the
 // project settings and read back, sets missing from older files, versions.
 #include "project/Configurationset.h"
+
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>

@@ -1,14 +1,14 @@
 // Cancelling a save keeps the previous file; cancelling a load leaves a consistent project.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
 #include "common/threads/Multicorecalc.h"
 #include "data/Dgraph.h"
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+
+#include <filesystem>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -2,14 +2,14 @@
 // deleting, the reference graph, and saves that fail half way.
 #include "project/Project.h"
 
-#include <gtest/gtest.h>
+#include "common/Standardmessage.h"
+#include "support/TestDataObjects.h"
+#include "support/TestSupport.h"
 
 #include <cstring>
 #include <filesystem>
 
-#include "common/Standardmessage.h"
-#include "support/TestDataObjects.h"
-#include "support/TestSupport.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -19,9 +19,9 @@ using oxtest::TDTestObject;
 class TRecordingLogger : public IMessageLoggingStrategy {
 public:
   explicit TRecordingLogger(std::vector<std::string>* texts) : FTexts(texts) {}
-  void LogMessageAndReplyAndStrategy(IMessagingStrategy*, IStandardMessage* message, IStandardMessageReply*) override {
-    if (message)
-      FTexts->push_back(message->GetMessageText());
+  void LogMessageAndReplyAndStrategy(IMessagingStrategy*, IStandardMessage* message,
+                                     IStandardMessageReply*) override {
+    if (message) FTexts->push_back(message->GetMessageText());
   }
 
 private:
@@ -33,7 +33,9 @@ class TTestViewer : public TVCustomForm {
 public:
   int32_t UsedID = 0;
   std::string GetClassNameA() const override { return "TVTestViewer"; }
-  TTagError SaveViewerToTagFile(TFileHandle file) override { return TTagControl().SaveIntTag(file, "UsedID", UsedID); }
+  TTagError SaveViewerToTagFile(TFileHandle file) override {
+    return TTagControl().SaveIntTag(file, "UsedID", UsedID);
+  }
   TTagError LoadViewerFromTagFile(TFileHandle file, const TTagControl& parent) override {
     return TTagControl().LoadIntTag(file, "UsedID", parent, &UsedID, 1);
   }
@@ -54,7 +56,8 @@ protected:
     TProject::SaveVersion = TProject::ThisVersion;
   }
   void Answer(TStandardMessageAnswer answer) {
-    TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(new TFixedAnswerToAllMessages_MessagingStrategy(answer));
+    TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(
+        new TFixedAnswerToAllMessages_MessagingStrategy(answer));
   }
 
   // Adds a test object with a new ID and returns it.
@@ -69,7 +72,9 @@ protected:
     return raw;
   }
 
-  static TDTestObject* Get(TProject& project, int32_t id) { return dynamic_cast<TDTestObject*>(project.FindData(id)); }
+  static TDTestObject* Get(TProject& project, int32_t id) {
+    return dynamic_cast<TDTestObject*>(project.FindData(id));
+  }
 
   // The file's tree without the system information, written anew: equal content gives equal bytes.
   std::string BytesWithoutSystemInformation(const std::string& fileName) {

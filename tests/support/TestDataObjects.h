@@ -2,11 +2,11 @@
 // few values, saved in its own class list like every real class.
 #pragma once
 
-#include <vector>
-
 #include "common/memory/Memorymanagement.h"
 #include "data/Dcustom.h"
 #include "project/Project.h"
+
+#include <vector>
 
 namespace oxtest {
 
@@ -25,27 +25,24 @@ public:
     SafeAddToDataID(RefID, delta);
   }
   void CleanWrongDataConnections() override {
-    if (RefID != 0 && (!GetProject() || !ProjectHasID(RefID)))
-      RefID = 0;
+    if (RefID != 0 && (!GetProject() || !ProjectHasID(RefID))) RefID = 0;
   }
   void ExchangeID(int32_t oldID, int32_t newID) override {
-    if (RefID == oldID)
-      RefID = newID;
+    if (RefID == oldID) RefID = newID;
   }
-  std::vector<std::pair<std::string, int32_t>> GetReferencedIDs() const override { return {{"RefID", RefID}}; }
+  std::vector<std::pair<std::string, int32_t>> GetReferencedIDs() const override {
+    return {{"RefID", RefID}};
+  }
 
   TTagError SaveDataToTagFile(TFileHandle file) override {
     TTagError result = TData::SaveDataToTagFile(file);
-    if (result < 1)
-      return result;
-    if (ThrowOnSave)
-      throw std::runtime_error("save failed");
+    if (result < 1) return result;
+    if (ThrowOnSave) throw std::runtime_error("save failed");
     TTagControl own, t;
     if ((result = own.WriteTag(file, kClassName, TTagKind::TagList)) < 1 ||
         (result = t.SaveIntTag(file, "Version", 1)) < 1 || (result = t.SaveIntTag(file, "RefID", RefID)) < 1)
       return result;
-    if (FailOnSave)
-      return teWriteFileError;
+    if (FailOnSave) return teWriteFileError;
     if ((result = t.SaveFloatTag(file, "Values", Values.data(), static_cast<int64_t>(Values.size()))) < 1)
       return result;
     return own.CloseWriteTag(file);
@@ -53,11 +50,9 @@ public:
 
   TTagError LoadDataFromTagFile(TFileHandle file, const TTagControl& parent) override {
     TTagError result = TData::LoadDataFromTagFile(file, parent);
-    if (result < 1)
-      return result;
+    if (result < 1) return result;
     TTagControl own, t;
-    if ((result = own.FindTag(file, kClassName, parent)) < 1)
-      return result;
+    if ((result = own.FindTag(file, kClassName, parent)) < 1) return result;
     t.LoadOrDefaultIntTag(file, "RefID", own, &RefID, 1, 0);
     if (t.FindTag(file, "Values", own) == teNoError) {
       const int64_t count = (t.End() - t.Begin()) / 4;

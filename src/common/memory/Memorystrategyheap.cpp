@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <sys/mman.h>
 #include <new>
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
@@ -163,8 +163,7 @@ IPartialArray* TPartialMemoryFromHeapAllocator::AllocateArray(uint64_t bytes) {
   if (bytes >= kHugePage) {
     const uint64_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
     array->FContiguousBlock = static_cast<uint8_t*>(std::aligned_alloc(kHugePage, rounded));
-    if (array->FContiguousBlock)
-      ::madvise(array->FContiguousBlock, rounded, MADV_HUGEPAGE);
+    if (array->FContiguousBlock) ::madvise(array->FContiguousBlock, rounded, MADV_HUGEPAGE);
   }
   uint64_t start = 0;
   for (uint32_t i = 0; i < count; ++i) {
@@ -187,8 +186,7 @@ void TPartialMemoryFromHeapAllocator::FreeArray(IPartialArray* array) {
   auto* heapArray = dynamic_cast<TPartialMemoryFromHeapArray*>(array);
   if (!heapArray || heapArray->FAllocator != this || heapArray->FPageNumbers.empty()) return;
   for (THeapFragment& fragment : heapArray->FFragments) {
-    if (!heapArray->FContiguousBlock)
-      std::free(fragment.Block);
+    if (!heapArray->FContiguousBlock) std::free(fragment.Block);
     fragment.Block = nullptr;
   }
   std::free(heapArray->FContiguousBlock);

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "common/Floatstyle.h"
-
 #include "common/Tagcontrol.h"
 
 #include <atomic>

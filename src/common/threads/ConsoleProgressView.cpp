@@ -30,9 +30,10 @@ std::string TConsoleProgressView::FormatLine(const TProgressSnapshot& snapshot) 
   line += " [" + std::string(filled, '#') + std::string(FWidth - filled, '.') + "] " + bar.Text;
   // The part within the current step (one large object of a project, say).
   if (snapshot.Sub.Visible && snapshot.Sub.Maximum > 0)
-    line += " (" + (snapshot.Sub.Caption.empty() ? std::string("step") : snapshot.Sub.Caption) + " " +
-            std::to_string(std::clamp<std::int64_t>(snapshot.Sub.Position * 100 / snapshot.Sub.Maximum, 0, 100)) +
-            " %)";
+    line +=
+        " (" + (snapshot.Sub.Caption.empty() ? std::string("step") : snapshot.Sub.Caption) + " " +
+        std::to_string(std::clamp<std::int64_t>(snapshot.Sub.Position * 100 / snapshot.Sub.Maximum, 0, 100)) +
+        " %)";
   line += "  elapsed " + snapshot.ElapsedText;
   line += "  remaining " + snapshot.RemainingText;
   return line;
