@@ -48,6 +48,8 @@ void AddGlobalOptions(CLI::App& app, CliContext& ctx);
 /// Brings up what every command that works on projects needs: message strategy (--yes/--no or the console),
 /// thread limit, progress display, Ctrl-C as cancel, the data classes. Safe to call twice.
 void StartRuntime(CliContext& ctx);
+/// Takes the application down again (log closed last); called once when the command is done.
+void StopRuntime(CliContext& ctx);
 /// True after Ctrl-C.
 bool CancelRequested();
 
@@ -58,8 +60,7 @@ void AddFitCommands(CLI::App& app, CliContext& ctx);
 void AddDataCommands(CLI::App& app, CliContext& ctx);
 void AddDemoCommands(CLI::App& app, CliContext& ctx);
 void AddAxisCommands(CLI::App& app, CliContext& ctx);
+void AddPathsCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
-/// Loads the memory options, applies this run's overrides and creates the memory strategy.
-void StartMemoryStrategyForRun(CliContext& ctx);
 
 } // namespace orvexcli

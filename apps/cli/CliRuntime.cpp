@@ -1,43 +1,45 @@
-// Start of every command's work: messages, threads, progress display and Ctrl-C.
+// Start of every command's work: the application comes up headless on its real start-up path (folders,
+// memory strategy, options, log, message strategy, registries), with Ctrl-C as cancel of the running
+// calculation; it goes down again when the command is done.
 #include "CliCommon.h"
-#include "common/Exceptionhandling.h"
-#include "common/MainThreadQueue.h"
-#include "common/Standardmessage.h"
 #include "common/threads/Cancelsignal.h"
 #include "common/threads/ConsoleProgressView.h"
 #include "common/threads/Multicorecalc.h"
-#include "data/Registerdata.h"
-
-#include <memory>
+#include "project/Orvexapplication.h"
 
 namespace orvexcli {
+
 void StartRuntime(CliContext& ctx) {
-  if (ctx.Started) return;
+  if (ctx.Started)
+    return;
   ctx.Started = true;
-  TMainThreadQueue::Instance().SetMainThread();
-  InstallOrvexExceptionHandlers();
-
-  TMessageProxy* proxy = TMessageProxy::MsgProxySingleton();
-  if (ctx.AnswerYes)
-    proxy->SetMessagingStrategy(new TContinueAllMessages_MessagingStrategy());
-  else if (ctx.AnswerNo)
-    proxy->SetMessagingStrategy(new TFixedAnswerToAllMessages_MessagingStrategy(kAnswerNo));
-  else
-    proxy->SetMessagingStrategy(new TConsoleMessagingStrategy());
-
-  if (ctx.Threads > 0) TMCC::SetProcessThreadLimit(ctx.Threads);
+  TOrvexApplicationOptions options;
+  options.MessageStrategy = ctx.AnswerYes  ? TApplicationMessageStrategy::AnswerYes
+                            : ctx.AnswerNo ? TApplicationMessageStrategy::AnswerNo
+                                           : TApplicationMessageStrategy::Console;
+  options.ThreadLimit = ctx.Threads;
   static TConsoleProgressView progressView;
-  TMCC::SetDefaultProgressView(&progressView);
-  // Ctrl-C cancels the running calculation; a second one ends the program.
+  options.ProgressView = &progressView;
+  options.MemoryOverride = {ctx.Memory, ctx.MmfDir, ctx.MmfSizeGB, ctx.MapSizeMB};
+  // The command line may run many times at once: no single-instance guard.
+  options.SingleInstance = false;
+  const TStartResult result = TOrvexApplication::InitializeApplication(options);
+  if (result != TStartResult::Started) {
+    TOrvexApplication::CleanupApplication();
+    throw CliError(result == TStartResult::BadOptions ? kExitUsage : kExitFailure,
+                   TOrvexApplication::LastStartError());
+  }
   TMCC::ClearProcessCancelRequest();
   InstallCalculationCancelHandler();
-  StartMemoryStrategyForRun(ctx);
-
-  RegisterDataClasses();
 }
 
-bool CancelRequested() {
-  return TMCC::ProcessCancelRequested();
+void StopRuntime(CliContext& ctx) {
+  if (!ctx.Started)
+    return;
+  ctx.Started = false;
+  TOrvexApplication::CleanupApplication();
 }
+
+bool CancelRequested() { return TMCC::ProcessCancelRequested(); }
 
 } // namespace orvexcli

@@ -162,20 +162,6 @@ int RunConfigMemory(const TConfigMemoryOptions& options) {
 /// Reads the options file (the default one unless MemoryOptionsFileName is set), applies the
 /// --memory, --mmf-dir, --mmf-size-gb and --map-size-mb values of this run and creates the
 /// strategy. Bad values end the run with a usage error.
-void StartMemoryStrategyForRun(CliContext& ctx) {
-  if (TMemoryManagement::MemoryOptionsFileName.empty())
-    TMemoryManagement::MemoryOptionsFileName = TMemoryManagement::DefaultMemoryOptionsFileName();
-  TMemoryManagement::LoadOptionsFromFile(); // a missing file leaves the defaults
-  TMemoryOptionsOverride values;
-  values.Strategy = ctx.Memory;
-  values.MemoryMappedFilePath = ctx.MmfDir;
-  values.FileSizeGB = ctx.MmfSizeGB;
-  values.MapSizeMB = ctx.MapSizeMB;
-  const std::string problem = TMemoryManagement::ApplyOptionsOverride(values);
-  if (!problem.empty()) throw CliError(kExitUsage, problem);
-  TMemoryManagement::CreateMemoryStrategy();
-}
-
 void AddConfigCommands(CLI::App& app, CliContext& ctx) {
   auto* config = app.add_subcommand("config", "Show or change the program's settings files");
   config->require_subcommand(1);

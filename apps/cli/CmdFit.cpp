@@ -191,6 +191,7 @@ void AddFitCommands(CLI::App& app, CliContext& ctx) {
   fit->add_option("--start", o->Start, "Start values, in parameter order")->delimiter(',');
   fit->add_flag("--json", o->Json, "Machine-readable result");
   fit->callback([o, &ctx] {
+    StartRuntime(ctx);
     RunFit(*o);
     ctx.ExitCode = kExitOk;
   });

@@ -255,6 +255,7 @@ void AddTagCommands(CLI::App& app, CliContext& ctx) {
   tags->add_option("--depth", tagsOptions->Depth, "Levels below the root to show")
       ->check(CLI::NonNegativeNumber);
   tags->callback([tagsOptions, &ctx] {
+    StartRuntime(ctx);
     RunTags(tagsOptions->File, tagsOptions->Json, tagsOptions->Depth);
     ctx.ExitCode = kExitOk;
   });
@@ -263,6 +264,7 @@ void AddTagCommands(CLI::App& app, CliContext& ctx) {
   auto* example = app.add_subcommand("example-tags", "Write a small tag file with one tag of every kind");
   example->add_option("-o,--output", *exampleFile, "File to write")->required();
   example->callback([exampleFile, &ctx] {
+    StartRuntime(ctx);
     WriteExampleTagFile(*exampleFile);
     ctx.ExitCode = kExitOk;
   });
@@ -270,7 +272,10 @@ void AddTagCommands(CLI::App& app, CliContext& ctx) {
   auto validateFile = std::make_shared<std::string>();
   auto* validate = app.add_subcommand("validate", "Check the container invariants of a tag file");
   validate->add_option("FILE", *validateFile, "Tag file")->required();
-  validate->callback([validateFile, &ctx] { ctx.ExitCode = RunValidate(*validateFile); });
+  validate->callback([validateFile, &ctx] {
+    StartRuntime(ctx);
+    ctx.ExitCode = RunValidate(*validateFile);
+  });
 }
 
 } // namespace orvexcli

@@ -47,8 +47,14 @@ int main(int argc, char** argv) {
   AddDataCommands(app, ctx);
   AddDemoCommands(app, ctx);
   AddAxisCommands(app, ctx);
+  AddPathsCommands(app, ctx);
   AddConfigCommands(app, ctx);
 
+  // The application goes down on every path, after the command's projects are gone.
+  struct TStopAtExit {
+    CliContext& Context;
+    ~TStopAtExit() { StopRuntime(Context); }
+  } stopAtExit{ctx};
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {

@@ -4,6 +4,7 @@ set -u
 orvex="$1"
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
+export XDG_DATA_HOME="$dir/data" XDG_CACHE_HOME="$dir/cache" XDG_RUNTIME_DIR="$dir/run"
 fails=0
 check() { # description, expected, actual
   if [ "$2" != "$3" ]; then echo "FAIL: $1: expected [$2], got [$3]"; fails=$((fails + 1)); fi
