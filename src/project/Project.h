@@ -61,7 +61,7 @@ public:
   TTagError LoadProjectFromFile(const std::string& fileName);
   /// Saves the project by name through a temporary file, so that a failed save leaves the old file intact.
   TTagError SaveProjectToFile(const std::string& fileName);
-  /// The same for a data file of the given objects (all saveable ones when the list is empty).
+  /// The same for a data file of the given objects (those whose save mode keeps them).
   TTagError SaveDataListToFile(const std::string& fileName, const TDataList& list);
 
   virtual TTagError SaveProjectSettingsToTagFile(TFileHandle file, TSaveProjectSettingsKind kind);
