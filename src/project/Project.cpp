@@ -322,9 +322,10 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
                                     std::vector<std::unique_ptr<TData>>& list, TMCC* mcc) {
   TTagControl t;
   int32_t count = -1;
-  // A count whose value was cut off by a truncated file counts as missing.
+  // A count whose value was cut off by a truncated file counts as missing, and so does one larger than the
+  // tag could hold (each object needs two tags of at least 24 bytes): a corrupt count mustn't hang the load.
   const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError && count >= 0 &&
-                       t.End() <= FileSize(file);
+                       t.End() <= FileSize(file) && int64_t(count) * 48 <= dataTag.End() - dataTag.Begin();
   if (mcc) mcc->OverallProgressMax = counted ? count : 0;
   TTagError result = teNoError;
   // With "NumberOfData" objects 0 … n-1 are tried; without it (a truncated file) until a class name is
@@ -384,6 +385,8 @@ TTagError TProject::LoadViewerFromTagFile(TFileHandle file, const TTagControl& p
   TTagControl t;
   int32_t count = 0;
   t.LoadOrDefaultIntTag(file, "NumberOfViewer", parent, &count, 1, 0);
+  // Each viewer needs two tags of at least 24 bytes: a larger count is corrupt and can't hang the load.
+  count = static_cast<int32_t>(std::clamp<int64_t>(count, 0, (parent.End() - parent.Begin()) / 48));
   for (int32_t i = 0; i < count; ++i) {
     std::string className;
     if (t.LoadAnsiStringTag(file, "ViewerClassName " + std::to_string(i), parent, className) != teNoError)
