@@ -265,6 +265,7 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   auto height = std::make_unique<TDZInterpretation>();
   height->SetID(project.GetNewDataID());
   height->SetUnitName("nm");
+  height->SetCaption("Height in nm (demo)");
   height->SetSaveMode(TDataSaveMode::WhileUsed);
   const int32_t heightID = height->GetID();
   project.AddData(std::move(height));
