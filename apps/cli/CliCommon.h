@@ -61,6 +61,7 @@ void AddDataCommands(CLI::App& app, CliContext& ctx);
 void AddDemoCommands(CLI::App& app, CliContext& ctx);
 void AddAxisCommands(CLI::App& app, CliContext& ctx);
 void AddPathsCommands(CLI::App& app, CliContext& ctx);
+void AddBitmapCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

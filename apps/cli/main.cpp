@@ -48,6 +48,7 @@ int main(int argc, char** argv) {
   AddDemoCommands(app, ctx);
   AddAxisCommands(app, ctx);
   AddPathsCommands(app, ctx);
+  AddBitmapCommands(app, ctx);
   AddConfigCommands(app, ctx);
 
   // The application goes down on every path, after the command's projects are gone.

@@ -52,6 +52,23 @@ check "convert to an unknown extension" 2 $?
 check "append exit" 0 $?
 check "append counts and unique IDs" "yes" "$("$orvex" info "$dir/a.oxp" --json | python3 -c 'import json,sys; o=json.load(sys.stdin)["objects"]; ids=[x["id"] for x in o]; print("yes" if len(ids)==len(set(ids)) and len([x for x in o if x["caption"].startswith("Raman Map")])==3 else "no %d" % len(ids))')"
 
+# Pictures: an image out as PNG, in again as a bitmap, out again unchanged; BMP and TIFF too.
+topo=$(echo "$json" | python3 -c 'import json,sys; print([x["id"] for x in json.load(sys.stdin)["objects"] if x["caption"].startswith("Topography")][0])')
+"$orvex" export-bitmap "$dir/d.oxp" "$topo" -o "$dir/topo.png"
+check "export-bitmap exit" 0 $?
+"$orvex" import-bitmap "$dir/topo.png" --into "$dir/d.oxp" -o "$dir/withbitmap.oxp" >/dev/null
+check "import-bitmap exit" 0 $?
+bitmap=$("$orvex" info "$dir/withbitmap.oxp" --json | python3 -c 'import json,sys; print([x["id"] for x in json.load(sys.stdin)["objects"] if x["class"]=="TDBitmap"][0])')
+"$orvex" export-bitmap "$dir/withbitmap.oxp" "$bitmap" -o "$dir/again.png"
+cmp -s "$dir/topo.png" "$dir/again.png"
+check "picture round trip" 0 $?
+"$orvex" export-bitmap "$dir/withbitmap.oxp" "$bitmap" -o "$dir/again.bmp" && "$orvex" import-bitmap "$dir/again.bmp" -o "$dir/frombmp.oxp" >/dev/null && "$orvex" export-bitmap "$dir/frombmp.oxp" 1 -o "$dir/again.tif"
+check "bmp and tiff" 0 $?
+"$orvex" export-bitmap "$dir/d.oxp" "$topo" -o "$dir/x.gif" 2>/dev/null
+check "unknown picture format" 2 $?
+"$orvex" import-bitmap "$dir/none.png" -o "$dir/none.oxp" 2>/dev/null
+check "missing picture" 2 $?
+
 # Errors in the system's words.
 err=$("$orvex" info "$dir/missing.oxp" 2>&1 >/dev/null)
 check "unreadable exit" 2 $?
