@@ -1,15 +1,15 @@
 // orvex export-bitmap / import-bitmap: bitmaps and images of a project to and from PNG, JPEG, TIFF and BMP.
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-#include <memory>
-
 #include "CliCommon.h"
 #include "CliProjectFiles.h"
 #include "common/Saveandload.h"
 #include "data/Dbitmap.h"
 #include "data/Dimage.h"
 #include "imaging/Rasterfile.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
 
 namespace orvexcli {
 namespace {
@@ -47,8 +47,7 @@ TRasterImage PictureOf(const TData& data) {
     std::vector<float> line(static_cast<size_t>(picture.Width));
     for (int32_t y = 0; y < picture.Height; ++y) {
       image->GetLine(y, line.data()); // invalid lines stay black
-      if (!image->GetLineValid(y))
-        continue;
+      if (!image->GetLineValid(y)) continue;
       for (int32_t x = 0; x < picture.Width; ++x) {
         const auto grey = static_cast<uint8_t>(std::lround(std::clamp((line[x] - low) * scale, 0.0, 255.0)));
         std::fill_n(picture.Pixels.data() + (static_cast<size_t>(y) * picture.Width + x) * 3, 3, grey);
@@ -58,23 +57,25 @@ TRasterImage PictureOf(const TData& data) {
   return picture;
 }
 
-void RunExport(CliContext& ctx, const std::string& fileName, int32_t id, const std::string& out, int quality) {
+void RunExport(CliContext& ctx, const std::string& fileName, int32_t id, const std::string& out,
+               int quality) {
   StartRuntime(ctx);
   TLoadedFile loaded = LoadProjectOrDataFile(fileName);
   const TData* data = loaded.Project->FindData(id);
   if (!data || (!dynamic_cast<const TDBitmap*>(data) && !dynamic_cast<const TDImage*>(data)))
     throw CliError(kExitFailure, "No bitmap or image with ID " + std::to_string(id) + " in " + fileName);
   const TRasterImage picture = PictureOf(*data);
-  if (!picture.IsValid())
-    throw CliError(kExitFailure, "Export Error: the object holds no picture");
+  if (!picture.IsValid()) throw CliError(kExitFailure, "Export Error: the object holds no picture");
   if (IsBmp(out)) {
     std::vector<TColor> colours(static_cast<size_t>(picture.Width) * picture.Height);
     for (size_t i = 0; i < colours.size(); ++i)
-      colours[i] = picture.Pixels[3 * i] | (picture.Pixels[3 * i + 1] << 8) | (picture.Pixels[3 * i + 2] << 16);
+      colours[i] =
+          picture.Pixels[3 * i] | (picture.Pixels[3 * i + 1] << 8) | (picture.Pixels[3 * i + 2] << 16);
     const std::vector<uint8_t> bytes = EncodeBitmapFile(picture.Width, picture.Height, colours);
     std::string tempName = out;
     const TFileHandle file = CreateFileSafeOverWrite(out, tempName);
-    const bool ok = file != kInvalidFileHandle && WriteAllBytes(file, bytes.data(), static_cast<int64_t>(bytes.size()));
+    const bool ok =
+        file != kInvalidFileHandle && WriteAllBytes(file, bytes.data(), static_cast<int64_t>(bytes.size()));
     CloseFile(file);
     if (!ok || !DeleteAndRenameFiles(out, tempName))
       throw CliError(kExitFailure, "Export Error: " + GetTagErrorName(teWriteFileError) + ": " + out);
@@ -96,14 +97,16 @@ void RunImport(CliContext& ctx, const std::string& picture, const std::string& i
     const std::string bytes = [&] {
       TFileHandle file = OpenFileForReading(picture);
       if (file == kInvalidFileHandle)
-        throw CliError(kExitUsage, "Import Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + picture);
+        throw CliError(kExitUsage,
+                       "Import Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + picture);
       std::string content(static_cast<size_t>(std::max<int64_t>(FileSize(file), 0)), '\0');
       ReadAllBytes(file, content.data(), static_cast<int64_t>(content.size()));
       CloseFile(file);
       return content;
     }();
     std::vector<TColor> colours;
-    if (!DecodeBitmapFile(std::vector<uint8_t>(bytes.begin(), bytes.end()), image.Width, image.Height, colours))
+    if (!DecodeBitmapFile(std::vector<uint8_t>(bytes.begin(), bytes.end()), image.Width, image.Height,
+                          colours))
       throw CliError(kExitFailure, "Import Error: not a BMP file of 24 or 32 bits per pixel: " + picture);
     image.Pixels.resize(colours.size() * 3);
     for (size_t i = 0; i < colours.size(); ++i) {
@@ -151,12 +154,14 @@ void AddBitmapCommands(CLI::App& app, CliContext& ctx) {
     int Quality = 92;
   };
   auto exportOptions = std::make_shared<TExportOptions>();
-  auto* exportCommand =
-      app.add_subcommand("export-bitmap", "Write a bitmap, or an image as grey scale, to a PNG, JPEG, TIFF or BMP file");
+  auto* exportCommand = app.add_subcommand(
+      "export-bitmap", "Write a bitmap, or an image as grey scale, to a PNG, JPEG, TIFF or BMP file");
   exportCommand->add_option("FILE", exportOptions->File, "Project or data file")->required();
   exportCommand->add_option("ID", exportOptions->ID, "ID of the bitmap or image")->required();
-  exportCommand->add_option("-o,--output", exportOptions->Out, "Picture file (.png, .jpg, .tif, .bmp)")->required();
-  exportCommand->add_option("--quality", exportOptions->Quality, "JPEG quality, 1 to 100")->check(CLI::Range(1, 100));
+  exportCommand->add_option("-o,--output", exportOptions->Out, "Picture file (.png, .jpg, .tif, .bmp)")
+      ->required();
+  exportCommand->add_option("--quality", exportOptions->Quality, "JPEG quality, 1 to 100")
+      ->check(CLI::Range(1, 100));
   exportCommand->callback([exportOptions, &ctx] {
     RunExport(ctx, exportOptions->File, exportOptions->ID, exportOptions->Out, exportOptions->Quality);
   });
@@ -165,12 +170,15 @@ void AddBitmapCommands(CLI::App& app, CliContext& ctx) {
     std::string Picture, Into, Out;
   };
   auto importOptions = std::make_shared<TImportOptions>();
-  auto* importCommand = app.add_subcommand("import-bitmap", "Add a PNG, JPEG, TIFF or BMP picture as a bitmap");
+  auto* importCommand =
+      app.add_subcommand("import-bitmap", "Add a PNG, JPEG, TIFF or BMP picture as a bitmap");
   importCommand->add_option("PICTURE", importOptions->Picture, "Picture file")->required();
-  importCommand->add_option("--into", importOptions->Into, "Project or data file to add it to (default: a new project)");
+  importCommand->add_option("--into", importOptions->Into,
+                            "Project or data file to add it to (default: a new project)");
   importCommand->add_option("-o,--output", importOptions->Out, "Project or data file to write")->required();
-  importCommand->callback(
-      [importOptions, &ctx] { RunImport(ctx, importOptions->Picture, importOptions->Into, importOptions->Out); });
+  importCommand->callback([importOptions, &ctx] {
+    RunImport(ctx, importOptions->Picture, importOptions->Into, importOptions->Out);
+  });
 }
 
 } // namespace orvexcli

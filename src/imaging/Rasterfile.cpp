@@ -6,6 +6,7 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+
 #include <jpeglib.h>
 #include <png.h>
 #include <tiffio.h>
@@ -18,8 +19,7 @@ constexpr int64_t kMaxPixels = int64_t(1) << 30;
 
 std::string LowerExtension(const std::string& fileName) {
   const size_t dot = fileName.find_last_of('.');
-  if (dot == std::string::npos || fileName.find('/', dot) != std::string::npos)
-    return {};
+  if (dot == std::string::npos || fileName.find('/', dot) != std::string::npos) return {};
   std::string ext = fileName.substr(dot + 1);
   std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
   return ext;
@@ -104,8 +104,7 @@ bool ReadJpegInto(std::FILE* file, TRasterImage& image, std::string& error) {
   info.out_color_space = JCS_RGB;
   jpeg_start_decompress(&info);
   if (info.output_components != 3 || !SizeAcceptable(info.output_width, info.output_height, error)) {
-    if (error.empty())
-      error = "unsupported JPEG colour layout";
+    if (error.empty()) error = "unsupported JPEG colour layout";
     jpeg_destroy_decompress(&info);
     return false;
   }
@@ -141,7 +140,8 @@ bool WriteJpegTo(std::FILE* file, const TRasterImage& image, int quality, std::s
   jpeg_set_quality(&info, std::clamp(quality, 1, 100), TRUE);
   jpeg_start_compress(&info, TRUE);
   while (info.next_scanline < info.image_height) {
-    JSAMPROW row = const_cast<uint8_t*>(image.Pixels.data()) + static_cast<size_t>(info.next_scanline) * image.Width * 3;
+    JSAMPROW row =
+        const_cast<uint8_t*>(image.Pixels.data()) + static_cast<size_t>(info.next_scanline) * image.Width * 3;
     jpeg_write_scanlines(&info, &row, 1);
   }
   jpeg_finish_compress(&info);
@@ -157,8 +157,7 @@ bool ReadJpeg(const std::string& fileName, TRasterImage& image, std::string& err
   }
   const bool ok = ReadJpegInto(file, image, error);
   std::fclose(file);
-  if (!ok)
-    image = TRasterImage{};
+  if (!ok) image = TRasterImage{};
   return ok;
 }
 
@@ -244,8 +243,7 @@ bool WriteTiff(const std::string& fileName, const TRasterImage& image, std::stri
     ok = TIFFWriteScanline(tiff, row, static_cast<uint32_t>(y), 0) >= 0;
   }
   TIFFClose(tiff);
-  if (!ok)
-    error = TiffMessage.empty() ? "can't write the file" : TiffMessage;
+  if (!ok) error = TiffMessage.empty() ? "can't write the file" : TiffMessage;
   return ok;
 }
 
@@ -253,22 +251,24 @@ bool WriteTiff(const std::string& fileName, const TRasterImage& image, std::stri
 
 TRasterFormat RasterFormatFromFileName(const std::string& fileName) {
   const std::string ext = LowerExtension(fileName);
-  if (ext == "png")
-    return TRasterFormat::Png;
-  if (ext == "jpg" || ext == "jpeg")
-    return TRasterFormat::Jpeg;
-  if (ext == "tif" || ext == "tiff")
-    return TRasterFormat::Tiff;
+  if (ext == "png") return TRasterFormat::Png;
+  if (ext == "jpg" || ext == "jpeg") return TRasterFormat::Jpeg;
+  if (ext == "tif" || ext == "tiff") return TRasterFormat::Tiff;
   return TRasterFormat::Unknown;
 }
 
 bool ReadRasterFile(const std::string& fileName, TRasterImage& image, std::string& error) {
   error.clear();
   switch (RasterFormatFromFileName(fileName)) {
-  case TRasterFormat::Png: return ReadPng(fileName, image, error);
-  case TRasterFormat::Jpeg: return ReadJpeg(fileName, image, error);
-  case TRasterFormat::Tiff: return ReadTiff(fileName, image, error);
-  default: error = "unknown picture format (use .png, .jpg or .tif)"; return false;
+  case TRasterFormat::Png:
+    return ReadPng(fileName, image, error);
+  case TRasterFormat::Jpeg:
+    return ReadJpeg(fileName, image, error);
+  case TRasterFormat::Tiff:
+    return ReadTiff(fileName, image, error);
+  default:
+    error = "unknown picture format (use .png, .jpg or .tif)";
+    return false;
   }
 }
 
@@ -288,10 +288,17 @@ bool WriteRasterFile(const std::string& fileName, const TRasterImage& image, std
   const std::string temp = fileName + ".writing";
   bool ok = false;
   switch (format) {
-  case TRasterFormat::Png: ok = WritePng(temp, image, error); break;
-  case TRasterFormat::Jpeg: ok = WriteJpeg(temp, image, jpegQuality, error); break;
-  case TRasterFormat::Tiff: ok = WriteTiff(temp, image, error); break;
-  default: break;
+  case TRasterFormat::Png:
+    ok = WritePng(temp, image, error);
+    break;
+  case TRasterFormat::Jpeg:
+    ok = WriteJpeg(temp, image, jpegQuality, error);
+    break;
+  case TRasterFormat::Tiff:
+    ok = WriteTiff(temp, image, error);
+    break;
+  default:
+    break;
   }
   if (!ok) {
     ::unlink(temp.c_str());

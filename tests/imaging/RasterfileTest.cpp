@@ -1,11 +1,11 @@
 // Raster image files: lossless round trips, JPEG within its loss, corrupt and unknown files refused.
 #include "imaging/Rasterfile.h"
 
-#include <gtest/gtest.h>
+#include "support/TestSupport.h"
 
 #include <cstdlib>
 
-#include "support/TestSupport.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -48,7 +48,8 @@ TEST(RasterfileTest, JpegKeepsThePictureWithinItsLoss) {
   ASSERT_TRUE(ReadRasterFile(dir.File("p.jpg"), back, error)) << error;
   ASSERT_EQ(back.Pixels.size(), image.Pixels.size());
   double sum = 0;
-  for (size_t i = 0; i < image.Pixels.size(); ++i) sum += std::abs(int(back.Pixels[i]) - int(image.Pixels[i]));
+  for (size_t i = 0; i < image.Pixels.size(); ++i)
+    sum += std::abs(int(back.Pixels[i]) - int(image.Pixels[i]));
   EXPECT_LT(sum / double(image.Pixels.size()), 3.0);
 }
 
