@@ -276,15 +276,38 @@ void TWaveletTransformation::CalculateWT(const float* data, TWaveletBufferInfo* 
     Extend(signal, FSizes[it], extended);
     const int count = FSizes[it + 1];
     float* details = info->FDetails[it].Values();
-    for (int k = 0; k < count; ++k) {
+    // Two coefficients at a time, even and odd taps apart: eight independent sums keep the floating-point
+    // pipeline busy (the filter lengths are even).
+    int k = 0;
+    for (; k + 1 < count; k += 2) {
       const double* e = extended + 2 * k + 1;
-      double a = 0, d = 0;
-      for (int j = 0; j < length; ++j) {
-        a += lo[j] * e[j];
-        d += hi[j] * e[j];
+      double a0 = 0, a1 = 0, d0 = 0, d1 = 0, b0 = 0, b1 = 0, f0 = 0, f1 = 0;
+      for (int j = 0; j < length; j += 2) {
+        a0 += lo[j] * e[j];
+        a1 += lo[j + 1] * e[j + 1];
+        d0 += hi[j] * e[j];
+        d1 += hi[j + 1] * e[j + 1];
+        b0 += lo[j] * e[j + 2];
+        b1 += lo[j + 1] * e[j + 3];
+        f0 += hi[j] * e[j + 2];
+        f1 += hi[j + 1] * e[j + 3];
       }
-      next[k] = a;
-      details[k] = static_cast<float>(d);
+      next[k] = a0 + a1;
+      details[k] = static_cast<float>(d0 + d1);
+      next[k + 1] = b0 + b1;
+      details[k + 1] = static_cast<float>(f0 + f1);
+    }
+    for (; k < count; ++k) {
+      const double* e = extended + 2 * k + 1;
+      double a0 = 0, a1 = 0, d0 = 0, d1 = 0;
+      for (int j = 0; j < length; j += 2) {
+        a0 += lo[j] * e[j];
+        a1 += lo[j + 1] * e[j + 1];
+        d0 += hi[j] * e[j];
+        d1 += hi[j + 1] * e[j + 1];
+      }
+      next[k] = a0 + a1;
+      details[k] = static_cast<float>(d0 + d1);
     }
     std::swap(signal, next);
   }
@@ -313,12 +336,21 @@ void TWaveletTransformation::CalculateReverseWT(float* data, TWaveletBufferInfo*
     const float* w = info->FDetailWeights[it].Values();
     for (int k = 0; k < count; ++k) details[k] = static_cast<double>(d[k]) * w[k];
     const int outSize = FSizes[it];
-    for (int n = 0; n < outSize; ++n) {
+    // Outputs 2p and 2p + 1 take the same coefficients p .. p + L/2 - 1, with the even and the odd taps.
+    for (int n = 0; n < outSize; n += 2) {
       const int i0 = n >> 1;
-      const int j0 = length - 2 + (n & 1);
-      double x = 0;
-      for (int t = 0; t < half; ++t) x += signal[i0 + t] * lo[j0 - 2 * t] + details[i0 + t] * hi[j0 - 2 * t];
-      next[n] = x;
+      const double* a = signal + i0;
+      const double* d = details + i0;
+      double e0 = 0, e1 = 0, o0 = 0, o1 = 0;
+      for (int t = 0; t < half; ++t) {
+        const int j = length - 2 - 2 * t;
+        e0 += a[t] * lo[j];
+        e1 += d[t] * hi[j];
+        o0 += a[t] * lo[j + 1];
+        o1 += d[t] * hi[j + 1];
+      }
+      next[n] = e0 + e1;
+      if (n + 1 < outSize) next[n + 1] = o0 + o1;
     }
     std::swap(signal, next);
   }
