@@ -281,9 +281,14 @@ void TFFTPlan::Execute(TComplex* data, TComplex* scratch, bool inverse) const {
 
 template <bool Inverse>
 void TFFTPlan::RunPasses(TComplex* data, TComplex* scratch) const {
+  // Passes alternate between data and scratch. The last pass (span 1) writes exactly the places it reads,
+  // so with an odd number of passes it runs in place and the result ends in data without a copy.
   TComplex* x = data;
   TComplex* y = scratch;
-  for (const TPass& pass : FPasses) {
+  const std::size_t passes = FPasses.size();
+  for (std::size_t i = 0; i < passes; ++i) {
+    const TPass& pass = FPasses[i];
+    if (i + 1 == passes && passes % 2 == 1) y = x;
     const TComplex* tw = FTwiddles.data() + pass.TwiddleOffset;
     switch (pass.Radix) {
     case 2:
@@ -303,7 +308,6 @@ void TFFTPlan::RunPasses(TComplex* data, TComplex* scratch) const {
     }
     std::swap(x, y);
   }
-  if (x != data) std::copy(x, x + FLength, data);
 }
 
 // X[k] = w[k] sum_j (x[j] w[j]) conj(w[k-j]) with w[j] = exp(-i pi j^2 / n): a cyclic convolution of length
@@ -375,13 +379,19 @@ void TRealFFT::Forward(const double* in, TComplex* out) {
   }
   for (int j = 0; j < h; ++j) FWork[j] = TComplex(in[2 * j], in[2 * j + 1]);
   FPlan->Execute(FWork.data(), FScratch.data(), false);
+  // Written on the interleaved doubles (an array of complex values may be read so): built from
+  // std::complex parts, the loop goes through memory with stalls that cost more than the transform.
+  const double* z = reinterpret_cast<const double*>(FWork.data());
+  const double* w = reinterpret_cast<const double*>(FTwiddle.data());
+  double* o = reinterpret_cast<double*>(out);
   for (int k = 0; k <= h; ++k) {
-    const TComplex zk = FWork[k == h ? 0 : k];
-    const TComplex zc = std::conj(FWork[k == 0 ? 0 : h - k]);
-    const TComplex e = (zk + zc) * 0.5;
-    const TComplex d = (zk - zc) * 0.5;
-    const TComplex o(d.imag(), -d.real()); // d / i
-    out[k] = e + Mul(o, FTwiddle[k]);
+    const int ik = 2 * (k == h ? 0 : k), ih = 2 * (k == 0 ? 0 : h - k);
+    const double zkr = z[ik], zki = z[ik + 1], zhr = z[ih], zhi = z[ih + 1];
+    const double er = 0.5 * (zkr + zhr), ei = 0.5 * (zki - zhi);
+    const double orr = 0.5 * (zki + zhi), oi = -0.5 * (zkr - zhr); // (Z[k] - conj Z[h-k]) / 2i
+    const double tr = w[2 * k], ti = w[2 * k + 1];
+    o[2 * k] = er + orr * tr - oi * ti;
+    o[2 * k + 1] = ei + orr * ti + oi * tr;
   }
 }
 
@@ -399,14 +409,19 @@ void TRealFFT::Inverse(const TComplex* in, double* out) {
     for (int j = 0; j < n; ++j) out[j] = FWork[j].real() * scale;
     return;
   }
-  // The imaginary parts of the zero and Nyquist values play no part.
-  auto value = [&](int k) { return (k == 0 || k == h) ? TComplex(in[k].real(), 0) : in[k]; };
+  const double* x = reinterpret_cast<const double*>(in);
+  const double* w = reinterpret_cast<const double*>(FTwiddle.data());
+  double* z = reinterpret_cast<double*>(FWork.data());
   for (int k = 0; k < h; ++k) {
-    const TComplex xk = value(k);
-    const TComplex xc = std::conj(value(h - k));
-    const TComplex e = (xk + xc) * 0.5;
-    const TComplex o = MulConj((xk - xc) * 0.5, FTwiddle[k]);
-    FWork[k] = e + TComplex(-o.imag(), o.real()); // e + i o
+    const double xkr = x[2 * k], xhr = x[2 * (h - k)];
+    const double xki = k == 0 ? 0.0 : x[2 * k + 1],
+                 xhi = k == 0 ? 0.0 : x[2 * (h - k) + 1]; // k = 0 pairs with h
+    const double er = 0.5 * (xkr + xhr), ei = 0.5 * (xki - xhi);
+    const double dr = 0.5 * (xkr - xhr), di = 0.5 * (xki + xhi);
+    const double tr = w[2 * k], ti = w[2 * k + 1];
+    const double orr = dr * tr + di * ti, oi = di * tr - dr * ti; // (X[k] - conj X[h-k]) conj(w^k) / 2
+    z[2 * k] = er - oi;                                           // E + i O
+    z[2 * k + 1] = ei + orr;
   }
   FPlan->Execute(FWork.data(), FScratch.data(), true);
   const double scale = 1.0 / h;
