@@ -385,6 +385,14 @@ TWaveletNoiseFilter::TWaveletNoiseFilter(int length, TWaveletKind kind, double n
   FMagnitudes.resize(static_cast<std::size_t>(FInfo->Details(0).Size()));
 }
 
+TWaveletNoiseFilter::TWaveletNoiseFilter(const TWaveletNoiseFilter& other)
+    : FTransformation(other.FTransformation), FInfo(FTransformation.CreateBufferInfo()),
+      FMagnitudes(other.FMagnitudes.size()), FNoiseFactor(other.FNoiseFactor) {}
+
+std::unique_ptr<TWaveletNoiseFilter> TWaveletNoiseFilter::Clone() const {
+  return std::unique_ptr<TWaveletNoiseFilter>(new TWaveletNoiseFilter(*this));
+}
+
 void TWaveletNoiseFilter::DoFilter(const float* in, float* out) {
   const int n = Length();
   if (FNoiseFactor == 0) {

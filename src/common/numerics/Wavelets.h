@@ -166,6 +166,8 @@ public:
   /// Raises OrvexExceptionWavelet when length is too short for the kind, OrvexException for a negative or
   /// non-finite noise factor.
   TWaveletNoiseFilter(int length, TWaveletKind kind, double noiseFactor);
+  /// A filter of the same settings with its own work space, for another thread.
+  std::unique_ptr<TWaveletNoiseFilter> Clone() const;
   int Length() const { return FTransformation.NumberOfDataValues(); }
   double NoiseFactor() const { return FNoiseFactor; }
   /// Filters length values of in into out; in and out may be the same array.
@@ -174,6 +176,7 @@ public:
   double LastNoiseLevel() const { return FLastNoiseLevel; }
 
 private:
+  TWaveletNoiseFilter(const TWaveletNoiseFilter& other);
   TWaveletTransformation FTransformation;
   std::unique_ptr<TWaveletBufferInfo> FInfo;
   std::vector<float> FMagnitudes;

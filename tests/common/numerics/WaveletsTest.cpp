@@ -303,6 +303,28 @@ TEST(WaveletNoiseFilter, FactorZeroReturnsTheInput) {
   EXPECT_EQ(std::memcmp(x.data(), y.data(), x.size() * sizeof(float)), 0);
 }
 
+// Clones serve other threads: each filters its own spectra and all agree with the original bit for bit.
+TEST(WaveletNoiseFilter, ClonesOnThreadsMatchTheOriginal) {
+  const int n = 1024;
+  TWaveletNoiseFilter original(n, TWaveletKind::Symlet16Taps, 1.0);
+  constexpr int kThreads = 4;
+  std::vector<std::vector<float>> results(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t, clone = std::shared_ptr<TWaveletNoiseFilter>(original.Clone())] {
+      std::vector<float> x = Noise(n, 60u + t, 1.0 + t);
+      clone->DoFilter(x.data(), x.data());
+      results[t] = std::move(x);
+    });
+  for (std::thread& th : threads) th.join();
+  for (int t = 0; t < kThreads; ++t) {
+    std::vector<float> x = Noise(n, 60u + t, 1.0 + t);
+    original.DoFilter(x.data(), x.data());
+    EXPECT_NEAR(original.LastNoiseLevel(), 1.0 + t, 0.2 * (1.0 + t));
+    EXPECT_EQ(std::memcmp(x.data(), results[t].data(), n * sizeof(float)), 0) << t;
+  }
+}
+
 TEST(WaveletNoiseFilter, CutsWhiteNoiseAndEstimatesItsLevel) {
   for (int kind = 0; kind < kNumberOfWaveletKinds; ++kind) {
     const int n = 1024;
