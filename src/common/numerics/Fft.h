@@ -15,7 +15,8 @@ class TFFTPlan;
 
 /// The shared, immutable plan of one length (factors and twiddles), from a process-wide cache. Making a
 /// plan takes no lock; only the look-up and insertion into the cache are guarded, so threads asking for
-/// different lengths do not wait for each other's set-up. Throws OrvexException for n below 1.
+/// different lengths do not wait for each other's set-up. Plans stay cached until the process ends (a few
+/// complex values per point of each length asked for). Throws OrvexException for n below 1.
 std::shared_ptr<const TFFTPlan> GetFFTPlan(int n);
 /// Number of lengths the cache holds (complex plans only).
 std::size_t FFTPlanCacheSize();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <string>
 #include <utility>
 
@@ -405,7 +406,9 @@ void TWaveletNoiseFilter::DoFilter(const float* in, float* out) {
   // magnitudes over the median of |N(0, 1)|.
   const TWaveletArray& finest = FInfo->Details(0);
   const int count = finest.Size();
-  for (int k = 0; k < count; ++k) FMagnitudes[k] = std::fabs(finest[k]);
+  // A NaN counts as the largest magnitude, so that the selection below keeps a strict ordering.
+  for (int k = 0; k < count; ++k)
+    FMagnitudes[k] = std::isnan(finest[k]) ? std::numeric_limits<float>::infinity() : std::fabs(finest[k]);
   const int mid = count / 2;
   std::nth_element(FMagnitudes.begin(), FMagnitudes.begin() + mid, FMagnitudes.begin() + count);
   double median = FMagnitudes[mid];

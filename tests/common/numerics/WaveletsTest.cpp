@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <thread>
 #include <vector>
@@ -323,6 +324,20 @@ TEST(WaveletNoiseFilter, ClonesOnThreadsMatchTheOriginal) {
     EXPECT_NEAR(original.LastNoiseLevel(), 1.0 + t, 0.2 * (1.0 + t));
     EXPECT_EQ(std::memcmp(x.data(), results[t].data(), n * sizeof(float)), 0) << t;
   }
+}
+
+// A bad value is not hidden: it spreads through the reconstruction instead of vanishing, and the filter
+// stays usable for the next spectrum.
+TEST(WaveletNoiseFilter, NaNInTheInputShowsInTheOutput) {
+  const int n = 256;
+  TWaveletNoiseFilter filter(n, TWaveletKind::Daubechies8Taps, 1.0);
+  std::vector<float> x = Noise(n, 8u), y(n);
+  x[100] = std::numeric_limits<float>::quiet_NaN();
+  filter.DoFilter(x.data(), y.data());
+  EXPECT_TRUE(std::isnan(y[100]));
+  x[100] = 0.0f;
+  filter.DoFilter(x.data(), y.data());
+  for (int i = 0; i < n; ++i) ASSERT_TRUE(std::isfinite(y[i])) << i;
 }
 
 TEST(WaveletNoiseFilter, CutsWhiteNoiseAndEstimatesItsLevel) {
