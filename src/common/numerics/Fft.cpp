@@ -14,12 +14,12 @@
 namespace {
 
 // Largest prime that gets a mixed-radix pass of its own; lengths with a larger prime factor go through
-// chirp-z. A general radix-p pass costs about p complex products per value, so up to this bound a direct
-// pass beats the three power-of-two transforms of chirp-z at least fourfold in length.
+// chirp-z. A general radix-p pass costs about p complex products per value; up to this bound that is less
+// than the three power-of-two transforms of chirp-z, which run on at least twice the length.
 constexpr int kMaxDirectRadix = 31;
 
-// exp(-2 pi i num / den), computed in extended precision so that twiddles are exact to the last bit of a
-// double whatever the length.
+// exp(-2 pi i num / den), computed in extended precision so that the twiddles carry no error beyond the
+// rounding to double, whatever the length.
 TComplex Root(std::int64_t num, std::int64_t den) {
   num %= den;
   if (num < 0) num += den;
