@@ -88,7 +88,7 @@ private:
   int FDataSize;
   std::vector<TWaveletArray> FDetails, FDetailWeights;
   TWaveletArray FApproximation, FApproximationWeights;
-  std::vector<double> FSignal, FNext, FExtended; // work space of the transform
+  std::vector<double> FSignal, FNext, FExtended, FWork, FEven, FOdd; // work space of the transform
 };
 
 /// The discrete wavelet engine. Set the kind, policy, length and iterations, then CalculateArrays; after that
@@ -155,7 +155,8 @@ private:
   int FIterations = 0;
   bool FArraysCalculated = false;
   std::vector<double> FLowPass, FHighPass;
-  std::vector<int> FSizes; // FSizes[0] data values, FSizes[i + 1] coefficients of iteration i
+  std::vector<double> FPhaseTaps[8]; // the filters split by tap parity, as the filter loops read them
+  std::vector<int> FSizes;           // FSizes[0] data values, FSizes[i + 1] coefficients of iteration i
 };
 
 /// Wavelet noise filter of spectra of one length: full decomposition with mirrored boundaries, noise level
