@@ -155,25 +155,6 @@ TEST(FFT, ClosedForms) {
   }
 }
 
-TEST(FFT, PlansAreSharedAndTheirPassesMultiplyToTheLength) {
-  auto a = GetFFTPlan(360);
-  auto b = GetFFTPlan(360);
-  EXPECT_EQ(a.get(), b.get());
-  for (int n : {360, 1024, 2048, 7 * 11 * 13 * 31}) {
-    auto plan = GetFFTPlan(n);
-    EXPECT_FALSE(plan->UsesChirpZ()) << n;
-    int product = 1;
-    for (int r : plan->Radices()) product *= r;
-    EXPECT_EQ(product, n);
-  }
-  // Primes beyond the direct radices run through chirp-z, which needs room for the power-of-two transform.
-  for (int n : {37, 1009, 4097}) {
-    auto plan = GetFFTPlan(n);
-    EXPECT_TRUE(plan->UsesChirpZ()) << n;
-    EXPECT_GE(plan->ScratchSize(), static_cast<std::size_t>(4 * n - 2)) << n;
-  }
-}
-
 TEST(FFT, RefusesLengthsBelowOne) {
   EXPECT_THROW(TFFT(0), OrvexException);
   EXPECT_THROW(GetFFTPlan(-5), OrvexException);

@@ -188,26 +188,6 @@ TEST(WaveletTransformation, WeightsSplitTheSignalIntoApproximationAndDetails) {
   EXPECT_EQ(info->DetailWeights(info->NumberOfIterations() - 1)[0], 1.0f);
 }
 
-TEST(WaveletTransformation, HardThresholdWeights) {
-  const int n = 64;
-  TWaveletTransformation wt = Made(4, TWaveletBoundaryPolicy::Periodic, n);
-  auto info = wt.CreateBufferInfo();
-  const std::vector<float> x = Noise(n, 9u);
-  wt.CalculateWT(x.data(), info.get());
-  info->SetAllValuesTo(0.5f, wbfApproximation);
-  wt.CalculateWeightInWaveletBufferInfo(info.get(), 0.8);
-  int zeros = 0, ones = 0;
-  for (int it = 0; it < info->NumberOfIterations(); ++it)
-    for (int k = 0; k < info->Details(it).Size(); ++k) {
-      const bool small = std::fabs(info->Details(it)[k]) < 0.8;
-      ASSERT_EQ(info->DetailWeights(it)[k], small ? 0.0f : 1.0f);
-      (small ? zeros : ones)++;
-    }
-  EXPECT_GT(zeros, 0);
-  EXPECT_GT(ones, 0);
-  EXPECT_EQ(info->ApproximationWeights()[0], 1.0f);
-}
-
 TEST(WaveletBufferInfo, SettingsCompareLayoutAndWeightsAndClonesAreIndependent) {
   TWaveletTransformation wt = Made(1, TWaveletBoundaryPolicy::Mirror, 100);
   auto a = wt.CreateBufferInfo();
