@@ -87,10 +87,13 @@ bool FromText(const std::string& text, int32_t& value) {
   return ParseNumber(text, value);
 }
 bool FromText(const std::string& text, float& value) {
-  // Parsed as double first so that a text beyond the float range is refused, not saturated.
+  if (ParseNumber(text, value)) return true;
+  // The float parser reports tiny values that only a subnormal float holds as out of range, like
+  // values beyond the largest float; only the tiny ones are taken, rounded from the double.
   double number = 0;
-  if (!ParseNumber(text, number) || std::fabs(number) > std::numeric_limits<float>::max()) return false;
-  return ParseNumber(text, value);
+  if (!ParseNumber(text, number) || std::fabs(number) >= std::numeric_limits<float>::min()) return false;
+  value = static_cast<float>(number);
+  return true;
 }
 bool FromText(const std::string& text, double& value) {
   return ParseNumber(text, value);
