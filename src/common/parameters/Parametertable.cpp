@@ -198,6 +198,8 @@ std::unique_ptr<TUserParameter> TParameterTable::CreateParameter(const TParamete
   }
   result->SetUnit(d.Unit);
   result->SetSaveValue(d.Saved);
+  // A value that is not stored keeps what it has through a load of stored settings.
+  result->SetResetOnLoad(d.Saved);
   return result;
 }
 

@@ -46,7 +46,7 @@ struct TParameterDeclaration {
   double UpperLimit = 0;
   double Step = 0; ///< small increment (0: the kind's own); the large one is ten steps
   std::vector<TParameterChoice> Choices;
-  bool Saved = true; ///< false: the value is not written with the settings
+  bool Saved = true; ///< false: the value is not written with the settings, and a load keeps it
 
   TParameterDeclaration& SetLimits(double lower, double upper);
   TParameterDeclaration& SetLowerLimit(double lower);
