@@ -216,12 +216,7 @@ TParameterBinding::TParameterBinding(const TParameterTable& table, TToParameters
     : FTable(&table), FToParameters(std::move(toParameters)), FFromParameters(std::move(fromParameters)) {}
 
 void TParameterBinding::CreateParameters(TUserParameterAdministrator& administrator) const {
-  administrator.ClearParameters();
-  if (!FTable) {
-    administrator.AllParameterListChanged();
-    return;
-  }
-  // The table is only read: the administrator takes it as the set's cross check owner as well.
+  // The table is only read; the administrator keeps it as the owner of the set's checks.
   administrator.CreateParameters(const_cast<TParameterTable*>(FTable));
   if (FToParameters) FToParameters(administrator);
 }

@@ -104,14 +104,15 @@ public:
   using TFromParameters = std::function<void(const TUserParameterAdministrator&)>;
 
   TParameterBinding() = default;
-  /// toParameters sets the object's values into the parameters that the table created (in declaration
-  /// order, silently); fromParameters takes them back (null: the binding only reads the object).
+  /// toParameters sets the object's values into the parameters that the table created (silently);
+  /// fromParameters takes them back (null: the binding only reads the object).
   TParameterBinding(const TParameterTable& table, TToParameters toParameters, TFromParameters fromParameters);
 
   bool IsEmpty() const { return FTable == nullptr; }
   const TParameterTable* GetTable() const { return FTable; }
 
-  /// Replaces the content of administrator with the declared parameters holding the object's values.
+  /// Replaces the content of administrator with the declared parameters holding the object's values
+  /// (after those that its OnCreateParameters adds, if it has that event).
   void CreateParameters(TUserParameterAdministrator& administrator) const;
   /// A new administrator with the declared parameters holding the object's values.
   std::unique_ptr<TUserParameterAdministrator> MakeParameters() const;
@@ -201,15 +202,17 @@ private:
                          object.*field = static_cast<const P&>(p).GetCurrentValue();
                        }});
   }
+  // The parameters are found by the ids the table gave them, so that an administrator may hold others.
   void CopyIn(const C& object, TUserParameterAdministrator& administrator) const {
-    const auto& parameters = administrator.GetParameters();
-    for (size_t i = 0; i < FAccess.size() && i < parameters.size(); ++i)
-      FAccess[i].In(object, *parameters[i]);
+    for (size_t i = 0; i < FAccess.size(); ++i)
+      if (TUserParameter* p = administrator.GetUserParameter(FTable.GetFirstId() + static_cast<int32_t>(i)))
+        FAccess[i].In(object, *p);
   }
   void CopyOut(const TUserParameterAdministrator& administrator, C& object) const {
-    const auto& parameters = administrator.GetParameters();
-    for (size_t i = 0; i < FAccess.size() && i < parameters.size(); ++i)
-      FAccess[i].Out(*parameters[i], object);
+    for (size_t i = 0; i < FAccess.size(); ++i)
+      if (const TUserParameter* p =
+              administrator.GetUserParameter(FTable.GetFirstId() + static_cast<int32_t>(i)))
+        FAccess[i].Out(*p, object);
   }
 
   TParameterTable FTable;

@@ -51,8 +51,6 @@ using TParameterStateChangedEvent = std::function<void(TUserParameter* parameter
 /// Font colour that a control shows: window text normally, red while the parameter is in error.
 enum class TUserParameterFontColor { WindowText, Red };
 
-/// Display of floats, as the float controls format them.
-
 /// An input control (or its label) that shows a parameter. The control reports an entered value by
 /// calling the parameter's setters (SetParameter, SetParameterFromText); the parameter calls back here.
 class IUserParameterInputMask {
@@ -279,7 +277,8 @@ std::string FormatFloat(double value, TFloatFormat style, int digits);
 } // namespace UserParameterValue
 
 /// Common part of the kinds that hold a value: the four copies (default, wanted, shadow, current),
-/// the set algorithm and the shadow logic of loading. Derived kinds add limits and the file form.
+/// the set algorithm, the shadow logic of loading and the file forms of the value. Derived kinds add
+/// their text form; the numbers their limits and steps.
 template <typename T>
 class TUserValueParameter : public TUserParameter {
 public:

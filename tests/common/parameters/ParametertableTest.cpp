@@ -342,3 +342,21 @@ TEST(ParameterTableTags, CollectionsNestTheirValueTags) {
   ASSERT_GE(a.LoadParameterValueTagsFromTagControl(empty), 1);
   EXPECT_EQ(iterations->GetParameter(), 10);
 }
+
+TEST(ParameterTableTags, BindingFindsItsParametersBesideOthersOfAForm) {
+  TUserParameterAdministrator form;
+  form.OnCreateParameters = [](TUserParameterAdministrator& a) {
+    a.Add<TUserIntParameter>(99, "Zoom", "Zoom", "", 7);
+  };
+  TBaselineSettings s = OddSettings();
+  BaselineTable().Bind(s).CreateParameters(form);
+  ASSERT_EQ(form.GetParameters().size(), 7u);
+  EXPECT_EQ(form.GetUserIntParameter(1)->GetParameter(), 12);
+  EXPECT_EQ(form.GetUserParameterByName("Caption")->GetValueText(), s.Caption);
+  ASSERT_TRUE(form.SetParameterValuesFromText({"Order=4", "Zoom=2"}).empty());
+  TBaselineSettings back = s;
+  BaselineTable().Bind(back).ReadParameters(form);
+  EXPECT_EQ(back.Order, 4);
+  EXPECT_EQ(back.Caption, s.Caption);
+  EXPECT_EQ(form.GetUserIntParameter(99)->GetParameter(), 2);
+}
