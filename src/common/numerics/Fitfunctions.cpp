@@ -1083,7 +1083,7 @@ void TNLFitGauss::InitializeParameters() {
   static const char* const widthNames[] = {"Peak Width (Standard Deviation)",
                                            "Peak Width (2 * Standard Deviation)", "Peak Width (FWHM)"};
   static const char* const widthShort[] = {"s", "2s", "FWHM"};
-  const int wk = WidthKind;
+  const int wk = std::clamp(WidthKind, 0, 2); // indexes the names even when called alone
   *Params[0] = TFitParam();
   SetupOffset(*Params[0], nf > 1);
   for (int i = 0; i < nf; ++i) {

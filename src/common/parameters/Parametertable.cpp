@@ -6,24 +6,6 @@
 #include <algorithm>
 #include <cmath>
 
-const char* ParameterKindName(TParameterKind kind) {
-  switch (kind) {
-  case TParameterKind::Int:
-    return "int";
-  case TParameterKind::Float:
-    return "float";
-  case TParameterKind::Bool:
-    return "bool";
-  case TParameterKind::String:
-    return "string";
-  case TParameterKind::List:
-    return "list";
-  case TParameterKind::Trigger:
-    return "trigger";
-  }
-  return "none";
-}
-
 // ---------------------------------------------------------------------------------------------
 // TParameterDeclaration
 

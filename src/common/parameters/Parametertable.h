@@ -22,9 +22,6 @@ enum class TParameterKind {
   Trigger, ///< TUserTriggerParameter: a command, no value
 };
 
-/// "int", "float", "bool", "string", "list", "trigger".
-const char* ParameterKindName(TParameterKind kind);
-
 /// One entry of a list parameter: what the user reads and the number the program keeps.
 struct TParameterChoice {
   std::string Text;
