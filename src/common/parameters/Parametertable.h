@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What a declared parameter holds; the parameter class follows from it.
@@ -85,11 +86,21 @@ public:
   /// Adds one parameter per declaration, in order.
   void CreateParameters(TUserParameterAdministrator& administrator) override;
 
+  /// The check across parameters ("the lower bound lies below the upper one"): problems of the values
+  /// as they stand, each naming the parameter the user should change. A set of "name=value" whose
+  /// result fails it is taken back whole.
+  using TCrossCheck = std::function<TUserParameterProblems(const TUserParameterAdministrator&)>;
+  void SetCrossCheck(TCrossCheck check) { FCrossCheck = std::move(check); }
+  TUserParameterProblems ValidateParameters(const TUserParameterAdministrator& administrator) const override {
+    return FCrossCheck ? FCrossCheck(administrator) : TUserParameterProblems();
+  }
+
 private:
   TParameterDeclaration& Add(TParameterDeclaration declaration);
 
   int32_t FFirstId;
   std::vector<TParameterDeclaration> FDeclarations;
+  TCrossCheck FCrossCheck;
 };
 
 /// A table tied to the fields of one object: the generic routines work on the object's settings through
@@ -171,6 +182,8 @@ public:
   }
 
   const TParameterTable& GetTable() const { return FTable; }
+  /// See TParameterTable::SetCrossCheck.
+  void SetCrossCheck(TParameterTable::TCrossCheck check) { FTable.SetCrossCheck(std::move(check)); }
 
   /// The generic routines on object's fields; object must outlive the binding.
   TParameterBinding Bind(C& object) const {

@@ -360,3 +360,35 @@ TEST(ParameterTableTags, BindingFindsItsParametersBesideOthersOfAForm) {
   EXPECT_EQ(back.Caption, s.Caption);
   EXPECT_EQ(form.GetUserIntParameter(99)->GetParameter(), 2);
 }
+
+TEST(ParameterTableText, CrossCheckOfTheTableTakesABadCombinationBackWhole) {
+  struct TRange {
+    double Low = 0;
+    double High = 10;
+    bool operator==(const TRange&) const = default;
+  };
+  TBoundParameterTable<TRange> table;
+  table.Float(&TRange::Low, "Low", "Low", 0);
+  table.Float(&TRange::High, "High", "High", 10);
+  table.SetCrossCheck([](const TUserParameterAdministrator& a) {
+    TUserParameterProblems problems;
+    const double low = dynamic_cast<const TUserDoubleParameter&>(*a.GetUserParameter(1)).GetParameter();
+    const double high = dynamic_cast<const TUserDoubleParameter&>(*a.GetUserParameter(2)).GetParameter();
+    if (low >= high) problems.push_back({"High", "must lie above Low"});
+    return problems;
+  });
+  TRange r;
+  const auto problems = table.Bind(r).SetFromText({"Low=20", "High=15"});
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_EQ(problems[0], (TUserParameterProblem{"High", "must lie above Low"}));
+  EXPECT_EQ(r, TRange());
+  EXPECT_TRUE(table.Bind(r).SetFromText({"Low=12", "High=15"}).empty());
+  EXPECT_EQ(r, (TRange{12, 15}));
+
+  // The same check guards a form that the table filled.
+  TUserParameterAdministrator form;
+  table.Bind(r).CreateParameters(form);
+  EXPECT_TRUE(form.ValidateParameters().empty());
+  dynamic_cast<TUserDoubleParameter&>(*form.GetUserParameter(1)).SetParameter(99);
+  EXPECT_EQ(form.ValidateParameters().size(), 1u);
+}
