@@ -45,7 +45,7 @@ std::string NumberText(T value) {
   return std::string(buffer, result.ptr);
 }
 
-/// The values of one value tag of a tree, as text, or empty with ok false for a kind not printed.
+/// The values of one value tag of a tree as text; kinds without a text form as "<Kind, n bytes>".
 std::string TagValuesText(const TTagControl& tag) {
   const auto& data = tag.Data();
   std::string text;

@@ -13,9 +13,9 @@
 /// " - nothing was changed"; empty when there is none.
 std::string ParameterProblemsMessage(const TUserParameterProblems& problems);
 
-/// @{ A whole set on one line: "name=value" entries joined by "; ". A value that is empty of meaning
-/// for the plain form (blanks at its ends, ";" or a leading quote) is written in double quotes, with
-/// "\"" and "\\" inside; every other value stands as it is ("=" and "|" included).
+/// @{ A whole set on one line: "name=value" entries joined by "; ". A value that the plain form would
+/// not keep (blanks at its ends, ";", a line break, or a leading quote) is written in double quotes,
+/// with "\"" and "\\" inside; every other value stands as it is ("=" and "|" included).
 std::string FormatParameterLine(const std::vector<std::string>& assignments);
 /// Splits such a line back into "name=value" entries with the values as they were. Blanks around
 /// names and plain values are dropped, empty entries skipped. False with a problem for an unclosed

@@ -32,7 +32,7 @@ const TTagControl* FindChild(const TTagControl& parent, const std::string& name)
   return nullptr;
 }
 
-/// Appends a value tag to a list node; -1 style failure when parent is no list.
+/// Appends a value tag to a list node; teUnspecificError when parent is no list.
 TTagError AddTag(TTagControl& parent, const std::string& name, TTagKind kind, const void* data) {
   if (parent.Kind() != TTagKind::TagList || !parent.Children()) return teUnspecificError;
   parent.Children()->push_back(TTagControl::CreateTag(name, kind, data, 1));
