@@ -117,8 +117,11 @@ TUserCollectionParameter* TUserParameterAdministrator::GetUserCollectionParamete
 
 TUserParameter* TUserParameterAdministrator::GetUserParameterByName(const std::string& name) const {
   for (const auto& parameter : FParameters) {
-    if (auto* collection = dynamic_cast<TUserCollectionParameter*>(parameter.get()))
-      if (TUserParameter* hit = collection->GetNestedAdministrator().GetUserParameterByName(name)) return hit;
+    // The kind is asked first: a cast on every parameter would make long lists slow to search.
+    if (parameter->GetKind() == TUserParameterKind::Collection)
+      if (auto* collection = dynamic_cast<TUserCollectionParameter*>(parameter.get()))
+        if (TUserParameter* hit = collection->GetNestedAdministrator().GetUserParameterByName(name))
+          return hit;
     if (parameter->GetName() == name) return parameter.get();
   }
   return nullptr;
