@@ -241,6 +241,29 @@ void TFitFunction::ResizeParameters(int count) {
   while (GetNumberOfParameters() < count) Params.push_back(std::make_unique<TFitParam>());
 }
 
+TTagError TFitFunction::SaveClassSettings(TFileHandle file) {
+  return Settings().SaveToFile(file);
+}
+
+TTagError TFitFunction::LoadClassSettings(TFileHandle file, const TTagControl& classTag) {
+  return Settings().LoadFromFile(file, classTag);
+}
+
+void TFitFunction::CFICreateParameters(TUserParameterAdministrator& administrator) {
+  Settings().CreateParameters(administrator);
+}
+
+void TFitFunction::CFIParameterChanged(const TUserParameterAdministrator& administrator) {
+  Settings().ReadParameters(administrator);
+  CreateParameters();
+}
+
+TUserParameterProblems TFitFunction::SetSettingsFromText(const std::vector<std::string>& assignments) {
+  TUserParameterProblems problems = Settings().SetFromText(assignments);
+  if (problems.empty()) CreateParameters();
+  return problems;
+}
+
 TTagError TFitFunction::SaveToTagFile(TFileHandle file) {
   TTagControl t;
   TTagError e = t.SaveAnsiStringTag(file, "ClassName", ClassName);
@@ -946,6 +969,87 @@ void DisableAutoDetect(TFitParam& p) {
 std::string Suffix(int count, int i) {
   return count > 1 ? "_" + std::to_string(i) : std::string();
 }
+
+/// Names of the parts of a function with count parts: prefix + index, none when there is one part.
+std::vector<std::string> NumberedReplicas(const std::string& prefix, int count) {
+  std::vector<std::string> r;
+  if (count >= 2)
+    for (int i = 0; i < count; ++i) r.push_back(prefix + std::to_string(i));
+  return r;
+}
+
+/// Value of part replica of a sum of parts: the first shared parameters (offset, and the centre of the
+/// decays) with the stride parameters of that part, through the model of one part.
+double PartReplicaValue(TCSMModelFunction model, const double* p, double x, int replica, int count,
+                        int shared, int stride, const char* routine) {
+  if (replica >= count) throw OrvexException(std::string(routine) + ": wrong Replica index");
+  double q[8], d[8], y = 0;
+  for (int i = 0; i < shared; ++i) q[i] = p[i];
+  for (int i = 0; i < stride; ++i) q[shared + i] = p[shared + stride * replica + i];
+  model(x, q, y, d, shared + stride, nullptr);
+  return y;
+}
+
+/// The settings of each function with settings, declared once.
+const TBoundParameterTable<TNLFitGauss>& GaussSettings() {
+  static const TBoundParameterTable<TNLFitGauss> table = [] {
+    using F = TNLFitGauss;
+    TBoundParameterTable<F> t;
+    t.Int(&F::NumberOfFunctions, "NumberOfFunctions", "Number of functions", 1).SetLimits(1, 10);
+    t.List(&F::IntensityKind, "IntensityKind", "Intensity", 0, {{"Amplitude", 0}, {"Area", 1}});
+    t.List(&F::WidthKind, "WidthKind", "Peak width", 0,
+           {{"Standard Deviation", 0}, {"2 * Standard Deviation", 1}, {"FWHM", 2}});
+    t.List(&F::SortKind, "SortKind", "Sort", 0,
+           {{"No Sort", 0}, {"Center", 1}, {"Peak Width", 2}, {"Intensity", 3}, {"Area", 4}});
+    return t;
+  }();
+  return table;
+}
+
+const TBoundParameterTable<TNLFitLorentz>& LorentzSettings() {
+  static const TBoundParameterTable<TNLFitLorentz> table = [] {
+    using F = TNLFitLorentz;
+    TBoundParameterTable<F> t;
+    t.Int(&F::NumberOfFunctions, "NumberOfFunctions", "Number of functions", 1).SetLimits(1, 10);
+    t.List(&F::IntensityKind, "IntensityKind", "Intensity", 0, {{"Area", 0}, {"Amplitude", 1}});
+    t.List(&F::ListenIntensityKind, "ListenIntensityKind", "Intensity from cursors", 0,
+           {{"Area", 0}, {"Amplitude", 1}});
+    return t;
+  }();
+  return table;
+}
+
+const TBoundParameterTable<TNLFitExpDecay>& ExpDecaySettings() {
+  static const TBoundParameterTable<TNLFitExpDecay> table = [] {
+    TBoundParameterTable<TNLFitExpDecay> t;
+    t.Int(&TNLFitExpDecay::ExpDecayOrder, "ExpDecayOrder", "Number of decays", 1).SetLimits(1, 10);
+    return t;
+  }();
+  return table;
+}
+
+const TBoundParameterTable<TNLFitPolynom>& PolynomSettings() {
+  static const TBoundParameterTable<TNLFitPolynom> table = [] {
+    TBoundParameterTable<TNLFitPolynom> t;
+    t.Int(&TNLFitPolynom::PolynomOrder, "PolynomOrder", "Order", 2).SetLimits(0, 10);
+    return t;
+  }();
+  return table;
+}
+
+const TBoundParameterTable<TNLFitUserDefined>& UserDefinedSettings() {
+  static const TBoundParameterTable<TNLFitUserDefined> table = [] {
+    using F = TNLFitUserDefined;
+    TBoundParameterTable<F> t;
+    t.Int(&F::NumberOfParams, "NumberOfParams", "Number of parameters", 2).SetLimits(1, 100);
+    t.String(&F::FitFunctionString, "FitFunctionString", "Formula", "x2 + x3 * x1")
+        .SetDescription("y as a formula of x1 (the abscissa) and the parameters x2, x3, ...");
+    // The step of the numeric derivatives is a working setting, not part of the stored function.
+    t.Float(&F::EPS, "EPS", "Relative step of the derivatives", 1e-4).SetLimits(1e-10, 1e30).SetSaved(false);
+    return t;
+  }();
+  return table;
+}
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -964,8 +1068,12 @@ TNLFitGauss::TNLFitGauss() {
   CreateParameters();
 }
 
+TParameterBinding TNLFitGauss::Settings() {
+  return GaussSettings().Bind(*this);
+}
+
 void TNLFitGauss::CreateParameters() {
-  NumberOfFunctions = std::clamp(NumberOfFunctions, 1, 10);
+  Settings().ApplyLimits();
   ResizeParameters(NumberOfFunctions * 3 + 1);
   InitializeParameters();
 }
@@ -975,7 +1083,7 @@ void TNLFitGauss::InitializeParameters() {
   static const char* const widthNames[] = {"Peak Width (Standard Deviation)",
                                            "Peak Width (2 * Standard Deviation)", "Peak Width (FWHM)"};
   static const char* const widthShort[] = {"s", "2s", "FWHM"};
-  const int wk = std::clamp(WidthKind, 0, 2);
+  const int wk = std::clamp(WidthKind, 0, 2); // indexes the names even when called alone
   *Params[0] = TFitParam();
   SetupOffset(*Params[0], nf > 1);
   for (int i = 0; i < nf; ++i) {
@@ -1002,18 +1110,11 @@ void TNLFitGauss::InitializeParameters() {
 
 double TNLFitGauss::GetReplicaValue(const double* p, double x, int replica) const {
   if (replica < 0) return GetFunctionValue(p, x);
-  if (replica >= NumberOfFunctions) throw OrvexException("TNLFitGauss::GetReplicaValue: wrong Replica index");
-  double y, d[4];
-  const double q[4] = {p[0], p[1 + 3 * replica], p[2 + 3 * replica], p[3 + 3 * replica]};
-  CSMGauss(x, q, y, d, 4, nullptr);
-  return y;
+  return PartReplicaValue(CSMGauss, p, x, replica, NumberOfFunctions, 1, 3, "TNLFitGauss::GetReplicaValue");
 }
 
 std::vector<std::string> TNLFitGauss::GetReplicaList() const {
-  std::vector<std::string> r;
-  if (NumberOfFunctions >= 2)
-    for (int i = 0; i < NumberOfFunctions; ++i) r.push_back("Gauss Function " + std::to_string(i));
-  return r;
+  return NumberedReplicas("Gauss Function ", NumberOfFunctions);
 }
 
 void TNLFitGauss::SortParameters(double* values, double* errors) const {
@@ -1069,28 +1170,6 @@ void TNLFitGauss::TransformNativeErrorToError(const double* v, double* e) const 
   }
 }
 
-TTagError TNLFitGauss::SaveClassSettings(TFileHandle file) {
-  TTagControl t;
-  TTagError e;
-  if ((e = t.SaveIntTag(file, "NumberOfFunctions", NumberOfFunctions)) < 1) return e;
-  if ((e = t.SaveIntTag(file, "IntensityKind", IntensityKind)) < 1) return e;
-  if ((e = t.SaveIntTag(file, "WidthKind", WidthKind)) < 1) return e;
-  return t.SaveIntTag(file, "SortKind", SortKind);
-}
-
-TTagError TNLFitGauss::LoadClassSettings(TFileHandle file, const TTagControl& tag) {
-  TTagControl t;
-  t.LoadOrDefaultIntTag(file, "NumberOfFunctions", tag, &NumberOfFunctions, 1, 1);
-  t.LoadOrDefaultIntTag(file, "IntensityKind", tag, &IntensityKind, 1, 0);
-  t.LoadOrDefaultIntTag(file, "WidthKind", tag, &WidthKind, 1, 0);
-  t.LoadOrDefaultIntTag(file, "SortKind", tag, &SortKind, 1, 0);
-  NumberOfFunctions = std::clamp(NumberOfFunctions, 1, 10);
-  IntensityKind = std::clamp(IntensityKind, 0, 1);
-  WidthKind = std::clamp(WidthKind, 0, 2);
-  SortKind = std::clamp(SortKind, 0, 4);
-  return teNoError;
-}
-
 // ---------------------------------------------------------------------------------------------
 // TNLFitLorentz
 
@@ -1107,8 +1186,12 @@ TNLFitLorentz::TNLFitLorentz() {
   CreateParameters();
 }
 
+TParameterBinding TNLFitLorentz::Settings() {
+  return LorentzSettings().Bind(*this);
+}
+
 void TNLFitLorentz::CreateParameters() {
-  NumberOfFunctions = std::clamp(NumberOfFunctions, 1, 10);
+  Settings().ApplyLimits();
   ResizeParameters(NumberOfFunctions * 3 + 1);
   InitializeParameters();
 }
@@ -1141,19 +1224,12 @@ void TNLFitLorentz::InitializeParameters() {
 
 double TNLFitLorentz::GetReplicaValue(const double* p, double x, int replica) const {
   if (replica < 0) return GetFunctionValue(p, x);
-  if (replica >= NumberOfFunctions)
-    throw OrvexException("TNLFitLorentz::GetReplicaValue: wrong Replica index");
-  double y, d[4];
-  const double q[4] = {p[0], p[1 + 3 * replica], p[2 + 3 * replica], p[3 + 3 * replica]};
-  CSMLorentz(x, q, y, d, 4, nullptr);
-  return y;
+  return PartReplicaValue(CSMLorentz, p, x, replica, NumberOfFunctions, 1, 3,
+                          "TNLFitLorentz::GetReplicaValue");
 }
 
 std::vector<std::string> TNLFitLorentz::GetReplicaList() const {
-  std::vector<std::string> r;
-  if (NumberOfFunctions >= 2)
-    for (int i = 0; i < NumberOfFunctions; ++i) r.push_back("Lorentz Function " + std::to_string(i));
-  return r;
+  return NumberedReplicas("Lorentz Function ", NumberOfFunctions);
 }
 
 // Amplitude of a Lorentzian = 2 A / (pi w).
@@ -1174,25 +1250,6 @@ void TNLFitLorentz::TransformNativeErrorToError(const double* v, double* e) cons
     const double w = v[2 + 3 * i], a = v[3 + 3 * i];
     e[3 + 3 * i] = k2OverPi * (std::fabs(e[3 + 3 * i] / w) + std::fabs(e[2 + 3 * i] * a / (w * w)));
   }
-}
-
-TTagError TNLFitLorentz::SaveClassSettings(TFileHandle file) {
-  TTagControl t;
-  TTagError e;
-  if ((e = t.SaveIntTag(file, "NumberOfFunctions", NumberOfFunctions)) < 1) return e;
-  if ((e = t.SaveIntTag(file, "IntensityKind", IntensityKind)) < 1) return e;
-  return t.SaveIntTag(file, "ListenIntensityKind", ListenIntensityKind);
-}
-
-TTagError TNLFitLorentz::LoadClassSettings(TFileHandle file, const TTagControl& tag) {
-  TTagControl t;
-  t.LoadOrDefaultIntTag(file, "NumberOfFunctions", tag, &NumberOfFunctions, 1, 1);
-  t.LoadOrDefaultIntTag(file, "IntensityKind", tag, &IntensityKind, 1, 0);
-  t.LoadOrDefaultIntTag(file, "ListenIntensityKind", tag, &ListenIntensityKind, 1, 0);
-  NumberOfFunctions = std::clamp(NumberOfFunctions, 1, 10);
-  IntensityKind = std::clamp(IntensityKind, 0, 1);
-  ListenIntensityKind = std::clamp(ListenIntensityKind, 0, 1);
-  return teNoError;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1317,8 +1374,12 @@ TNLFitExpDecay::TNLFitExpDecay() {
   CreateParameters();
 }
 
+TParameterBinding TNLFitExpDecay::Settings() {
+  return ExpDecaySettings().Bind(*this);
+}
+
 void TNLFitExpDecay::CreateParameters() {
-  ExpDecayOrder = std::clamp(ExpDecayOrder, 1, 10);
+  Settings().ApplyLimits();
   ResizeParameters(2 + 2 * ExpDecayOrder);
   InitializeParameters();
 }
@@ -1343,28 +1404,11 @@ void TNLFitExpDecay::InitializeParameters() {
 
 double TNLFitExpDecay::GetReplicaValue(const double* p, double x, int replica) const {
   if (replica < 0) return GetFunctionValue(p, x);
-  if (replica >= ExpDecayOrder) throw OrvexException("TNLFitExpDecay::GetReplicaValue: wrong Replica index");
-  double y, d[4];
-  const double q[4] = {p[0], p[1], p[2 + 2 * replica], p[3 + 2 * replica]};
-  CSMExpDecay(x, q, y, d, 4, nullptr);
-  return y;
+  return PartReplicaValue(CSMExpDecay, p, x, replica, ExpDecayOrder, 2, 2, "TNLFitExpDecay::GetReplicaValue");
 }
 
 std::vector<std::string> TNLFitExpDecay::GetReplicaList() const {
-  std::vector<std::string> r;
-  if (ExpDecayOrder >= 2)
-    for (int i = 0; i < ExpDecayOrder; ++i) r.push_back("Exponential Decay " + std::to_string(i));
-  return r;
-}
-
-TTagError TNLFitExpDecay::SaveClassSettings(TFileHandle file) {
-  return TTagControl().SaveIntTag(file, "ExpDecayOrder", ExpDecayOrder);
-}
-
-TTagError TNLFitExpDecay::LoadClassSettings(TFileHandle file, const TTagControl& tag) {
-  TTagControl().LoadOrDefaultIntTag(file, "ExpDecayOrder", tag, &ExpDecayOrder, 1, 1);
-  ExpDecayOrder = std::clamp(ExpDecayOrder, 1, 10);
-  return teNoError;
+  return NumberedReplicas("Exponential Decay ", ExpDecayOrder);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1383,8 +1427,12 @@ TNLFitPolynom::TNLFitPolynom() {
   CreateParameters();
 }
 
+TParameterBinding TNLFitPolynom::Settings() {
+  return PolynomSettings().Bind(*this);
+}
+
 void TNLFitPolynom::CreateParameters() {
-  PolynomOrder = std::clamp(PolynomOrder, 0, 10);
+  Settings().ApplyLimits();
   ResizeParameters(PolynomOrder + 1);
   InitializeParameters();
 }
@@ -1397,16 +1445,6 @@ void TNLFitPolynom::InitializeParameters() {
                       "($y)/($x)^" + std::to_string(i));
     p.SetValues(0.0, true, true, 0.0);
   }
-}
-
-TTagError TNLFitPolynom::SaveClassSettings(TFileHandle file) {
-  return TTagControl().SaveIntTag(file, "PolynomOrder", PolynomOrder);
-}
-
-TTagError TNLFitPolynom::LoadClassSettings(TFileHandle file, const TTagControl& tag) {
-  TTagControl().LoadOrDefaultIntTag(file, "PolynomOrder", tag, &PolynomOrder, 1, 2);
-  PolynomOrder = std::clamp(PolynomOrder, 0, 10);
-  return teNoError;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1435,8 +1473,12 @@ TNLFitUserDefined::TNLFitUserDefined() {
   UserFitFunctionChanged();
 }
 
+TParameterBinding TNLFitUserDefined::Settings() {
+  return UserDefinedSettings().Bind(*this);
+}
+
 void TNLFitUserDefined::CreateParameters() {
-  NumberOfParams = std::max(NumberOfParams, 1);
+  Settings().ApplyLimits();
   AdjustParameterCount();
 }
 
@@ -1553,19 +1595,9 @@ void TNLFitUserDefined::Model(double x, const double* p, double& y, double* d, T
   }
 }
 
-TTagError TNLFitUserDefined::SaveClassSettings(TFileHandle file) {
-  TTagControl t;
-  TTagError e;
-  if ((e = t.SaveIntTag(file, "NumberOfParams", NumberOfParams)) < 1) return e;
-  return t.SaveAnsiStringTag(file, "FitFunctionString", FitFunctionString);
-}
-
 TTagError TNLFitUserDefined::LoadClassSettings(TFileHandle file, const TTagControl& tag) {
-  TTagControl t;
-  t.LoadOrDefaultIntTag(file, "NumberOfParams", tag, &NumberOfParams, 1, 2);
-  NumberOfParams = std::clamp(NumberOfParams, 1, 100);
-  t.LoadOrDefaultAnsiStringTag(file, "FitFunctionString", tag, FitFunctionString, "x2 + x3 * x1");
+  const TTagError result = TNLFitFunction::LoadClassSettings(file, tag);
   ResizeParameters(0); // the saved parameters follow
   UserFitFunctionChanged();
-  return teNoError;
+  return result;
 }

@@ -7,6 +7,7 @@
 #include "common/Tagcontrol.h"
 #include "common/numerics/Chisqrminimizer.h"
 #include "common/numerics/Formelparser.h"
+#include "common/parameters/Parametertable.h"
 
 #include <bitset>
 #include <memory>
@@ -161,6 +162,19 @@ public:
   virtual void TransformNativeErrorToError(const double* /*values*/, double* /*errors*/) const {}
   /// @}
 
+  /// The function's own settings (number of parts, intensity and width forms, order, formula) as a
+  /// parameter table bound to their fields; empty for a function without settings. Saving, loading,
+  /// setting from text and the settings form all go through it.
+  virtual TParameterBinding Settings() { return {}; }
+  /// @{ The settings form: the administrator gets the settings parameters with their current values;
+  /// after a change the function takes them back and rebuilds its parameter list.
+  virtual void CFICreateParameters(TUserParameterAdministrator& administrator);
+  virtual void CFIParameterChanged(const TUserParameterAdministrator& administrator);
+  /// @}
+  /// "name=value" assignments to the settings: every problem is returned and nothing changes unless
+  /// all are right; on success the parameter list is rebuilt for the new settings.
+  TUserParameterProblems SetSettingsFromText(const std::vector<std::string>& assignments);
+
   int GetNumberOfParameters() const { return static_cast<int>(Params.size()); }
   TFitParam* GetParam(int i) { return (i >= 0 && i < GetNumberOfParameters()) ? Params[i].get() : nullptr; }
   /// True when the category list contains "User".
@@ -177,12 +191,11 @@ public:
   TFitParamVariables SaveItems;
 
 protected:
-  /// Writes the class's own settings; called inside the tag named ClassName.
-  virtual TTagError SaveClassSettings(TFileHandle /*file*/) { return teNoError; }
-  /// Reads the class's own settings from the tag named ClassName.
-  virtual TTagError LoadClassSettings(TFileHandle /*file*/, const TTagControl& /*classTag*/) {
-    return teNoError;
-  }
+  /// Writes the settings, one tag each, inside the tag named ClassName.
+  virtual TTagError SaveClassSettings(TFileHandle file);
+  /// Reads the settings from the tag named ClassName: a missing one takes its default, a value outside
+  /// the limits the nearest limit.
+  virtual TTagError LoadClassSettings(TFileHandle file, const TTagControl& classTag);
   /// Resizes the parameter list, keeping existing entries.
   void ResizeParameters(int count);
 };
@@ -224,6 +237,7 @@ public:
 class TNLFitGauss : public TNLFitFunction {
 public:
   TNLFitGauss();
+  TParameterBinding Settings() override;
   void CreateParameters() override;
   bool GetOnlyAdvancedMode() const override { return NumberOfFunctions > 1; }
   void InitializeParameters() override;
@@ -238,16 +252,13 @@ public:
   int IntensityKind = 0;     ///< 0 amplitude, 1 area
   int WidthKind = 0;         ///< 0 sigma, 1 2 sigma, 2 FWHM
   int SortKind = 0;          ///< 0 none, 1 center, 2 width, 3 intensity, 4 area
-
-protected:
-  TTagError SaveClassSettings(TFileHandle file) override;
-  TTagError LoadClassSettings(TFileHandle file, const TTagControl& classTag) override;
 };
 
 /// Sum of Lorentzians on an offset: y0, then x0, w (FWHM), A (area) for each function.
 class TNLFitLorentz : public TNLFitFunction {
 public:
   TNLFitLorentz();
+  TParameterBinding Settings() override;
   void CreateParameters() override;
   bool GetOnlyAdvancedMode() const override { return NumberOfFunctions > 1; }
   void InitializeParameters() override;
@@ -260,10 +271,6 @@ public:
   int NumberOfFunctions = 1;   ///< 1..10
   int IntensityKind = 0;       ///< 0 area, 1 amplitude
   int ListenIntensityKind = 0; ///< 0 area, 1 amplitude
-
-protected:
-  TTagError SaveClassSettings(TFileHandle file) override;
-  TTagError LoadClassSettings(TFileHandle file, const TTagControl& classTag) override;
 };
 
 /// Pseudo-Voigt with one width: y0, x0, w, A, mu.
@@ -290,6 +297,7 @@ public:
 class TNLFitExpDecay : public TNLFitFunction {
 public:
   TNLFitExpDecay();
+  TParameterBinding Settings() override;
   void CreateParameters() override;
   bool GetOnlyAdvancedMode() const override { return ExpDecayOrder > 1; }
   void InitializeParameters() override;
@@ -297,30 +305,24 @@ public:
   std::vector<std::string> GetReplicaList() const override;
 
   int ExpDecayOrder = 1; ///< 1..10
-
-protected:
-  TTagError SaveClassSettings(TFileHandle file) override;
-  TTagError LoadClassSettings(TFileHandle file, const TTagControl& classTag) override;
 };
 
 /// Polynomial sum of A(i) x^i, i = 0..PolynomOrder.
 class TNLFitPolynom : public TNLFitFunction {
 public:
   TNLFitPolynom();
+  TParameterBinding Settings() override;
   void CreateParameters() override;
   void InitializeParameters() override;
 
   int PolynomOrder = 2; ///< 0..10
-
-protected:
-  TTagError SaveClassSettings(TFileHandle file) override;
-  TTagError LoadClassSettings(TFileHandle file, const TTagControl& classTag) override;
 };
 
 /// The user's formula over x1 (abscissa) and x2, x3, ... (the parameters), with numeric derivatives.
 class TNLFitUserDefined : public TNLFitFunction {
 public:
   TNLFitUserDefined();
+  TParameterBinding Settings() override;
   void CreateParameters() override;
   void InitializeParameters() override;
   double GetFunctionValue(const double* p, double x) const override;
@@ -341,7 +343,7 @@ public:
   double EPS = 1e-4; ///< relative step of the numeric derivatives, 1e-10..1e30
 
 protected:
-  TTagError SaveClassSettings(TFileHandle file) override;
+  /// The settings, then the parameter list emptied for the saved parameters and the formula compiled.
   TTagError LoadClassSettings(TFileHandle file, const TTagControl& classTag) override;
 
 private:

@@ -12,10 +12,6 @@
 
 namespace {
 
-constexpr const char* kValueTag = "Value";
-constexpr const char* kSmallIncrementTag = "SmallIncrement";
-constexpr const char* kLargeIncrementTag = "LargeIncrement";
-
 std::string Trim(const std::string& text) {
   size_t first = 0, last = text.size();
   while (first < last && std::isspace(static_cast<unsigned char>(text[first]))) ++first;
@@ -28,14 +24,6 @@ std::string Lower(std::string text) {
   return text;
 }
 
-/// Appends a child to a list node of the tree; null when parent is no list.
-TTagControl* AddChild(TTagControl& parent, const std::string& name, TTagKind kind,
-                      const void* data = nullptr) {
-  if (parent.Kind() != TTagKind::TagList || !parent.Children()) return nullptr;
-  parent.Children()->push_back(TTagControl::CreateTag(name, kind, data, 1));
-  return parent.Children()->back().get();
-}
-
 /// First direct child of the name (names are taken literally, "|" included).
 const TTagControl* FindChild(const TTagControl& parent, const std::string& name) {
   if (!parent.Children()) return nullptr;
@@ -44,22 +32,170 @@ const TTagControl* FindChild(const TTagControl& parent, const std::string& name)
   return nullptr;
 }
 
-/// Shortest text that reads back as the same float.
-std::string FloatToText(float value) {
+/// Appends a value tag to a list node; teUnspecificError when parent is no list.
+TTagError AddTag(TTagControl& parent, const std::string& name, TTagKind kind, const void* data) {
+  if (parent.Kind() != TTagKind::TagList || !parent.Children()) return teUnspecificError;
+  parent.Children()->push_back(TTagControl::CreateTag(name, kind, data, 1));
+  return teNoError;
+}
+
+template <typename T>
+std::string NumberText(T value) {
   char buffer[64];
   const auto result = std::to_chars(buffer, buffer + sizeof(buffer), value);
   return std::string(buffer, result.ptr);
 }
 
-bool ParseInt(const std::string& raw, int32_t& value) {
+/// The text without surrounding blanks and without one leading "+", which from_chars does not take.
+std::string NumberBody(const std::string& raw) {
   std::string text = Trim(raw);
-  if (!text.empty() && text[0] == '+') text.erase(0, 1);
+  if (text.size() > 1 && text[0] == '+' && text[1] != '-' && text[1] != '+') text.erase(0, 1);
+  return text;
+}
+
+template <typename T>
+bool ParseNumber(const std::string& raw, T& value) {
+  const std::string text = NumberBody(raw);
   if (text.empty()) return false;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  return result.ec == std::errc() && result.ptr == text.data() + text.size();
+  T number{};
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ec != std::errc() || result.ptr != text.data() + text.size()) return false;
+  if constexpr (std::is_floating_point_v<T>)
+    if (!std::isfinite(number)) return false;
+  value = number;
+  return true;
 }
 
 } // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Text and tag forms of the value types
+
+namespace UserParameterValue {
+
+std::string ToText(int32_t value) {
+  return NumberText(value);
+}
+std::string ToText(float value) {
+  return NumberText(value);
+}
+std::string ToText(double value) {
+  return NumberText(value);
+}
+
+bool FromText(const std::string& text, int32_t& value) {
+  return ParseNumber(text, value);
+}
+bool FromText(const std::string& text, float& value) {
+  if (ParseNumber(text, value)) return true;
+  // The float parser reports tiny values that only a subnormal float holds as out of range, like
+  // values beyond the largest float; only the tiny ones are taken, rounded from the double.
+  double number = 0;
+  if (!ParseNumber(text, number) || std::fabs(number) >= std::numeric_limits<float>::min()) return false;
+  value = static_cast<float>(number);
+  return true;
+}
+bool FromText(const std::string& text, double& value) {
+  return ParseNumber(text, value);
+}
+
+const char* ExpectedText(int32_t) {
+  return "a whole number";
+}
+const char* ExpectedText(float) {
+  return "a number";
+}
+const char* ExpectedText(double) {
+  return "a number";
+}
+
+TTagError Save(TFileHandle file, const std::string& name, int32_t value) {
+  return TTagControl().SaveIntTag(file, name, value);
+}
+TTagError Save(TFileHandle file, const std::string& name, float value) {
+  return TTagControl().SaveFloatTag(file, name, value);
+}
+TTagError Save(TFileHandle file, const std::string& name, double value) {
+  return TTagControl().SaveDoubleTag(file, name, value);
+}
+TTagError Save(TFileHandle file, const std::string& name, bool value) {
+  return TTagControl().SaveBoolTag(file, name, value);
+}
+TTagError Save(TFileHandle file, const std::string& name, const std::string& value) {
+  return TTagControl().SaveAnsiStringTag(file, name, value);
+}
+
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, int32_t& value) {
+  return TTagControl().LoadOrDefaultIntTag(file, name, parent, &value, 1, value);
+}
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, float& value) {
+  return TTagControl().LoadOrDefaultFloatTag(file, name, parent, &value, 1, value);
+}
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, double& value) {
+  return TTagControl().LoadOrDefaultDoubleTag(file, name, parent, &value, 1, value);
+}
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, bool& value) {
+  return TTagControl().LoadOrDefaultBoolTag(file, name, parent, &value, 1, value);
+}
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, std::string& value) {
+  const std::string old = value;
+  return TTagControl().LoadOrDefaultAnsiStringTag(file, name, parent, value, old);
+}
+
+TTagError Add(TTagControl& parent, const std::string& name, int32_t value) {
+  return AddTag(parent, name, TTagKind::Int, &value);
+}
+TTagError Add(TTagControl& parent, const std::string& name, float value) {
+  return AddTag(parent, name, TTagKind::Float, &value);
+}
+TTagError Add(TTagControl& parent, const std::string& name, double value) {
+  return AddTag(parent, name, TTagKind::Double, &value);
+}
+TTagError Add(TTagControl& parent, const std::string& name, bool value) {
+  return AddTag(parent, name, TTagKind::Bool, &value);
+}
+TTagError Add(TTagControl& parent, const std::string& name, const std::string& value) {
+  return AddTag(parent, name, TTagKind::AnsiString, &value);
+}
+
+bool Get(const TTagControl& parent, const std::string& name, int32_t& value) {
+  const TTagControl* tag = FindChild(parent, name);
+  return tag && tag->GetIntTag(&value, 1) >= 1;
+}
+bool Get(const TTagControl& parent, const std::string& name, float& value) {
+  const TTagControl* tag = FindChild(parent, name);
+  return tag && tag->GetFloatTag(&value, 1) >= 1;
+}
+bool Get(const TTagControl& parent, const std::string& name, double& value) {
+  const TTagControl* tag = FindChild(parent, name);
+  return tag && tag->GetDoubleTag(&value, 1) >= 1;
+}
+bool Get(const TTagControl& parent, const std::string& name, bool& value) {
+  const TTagControl* tag = FindChild(parent, name);
+  return tag && tag->GetBoolTag(&value, 1) >= 1;
+}
+bool Get(const TTagControl& parent, const std::string& name, std::string& value) {
+  const TTagControl* tag = FindChild(parent, name);
+  return tag && tag->GetAnsiStringTag(value) >= 1;
+}
+
+std::string FormatFloat(double value, TFloatFormat style, int digits) {
+  char buffer[64];
+  switch (style) {
+  case TFloatFormat::Exponent:
+    std::snprintf(buffer, sizeof(buffer), "%.*E", std::max(digits - 1, 0), value);
+    break;
+  case TFloatFormat::Fixed:
+    std::snprintf(buffer, sizeof(buffer), "%.*f", digits, value);
+    break;
+  default:
+    std::snprintf(buffer, sizeof(buffer), "%.*G", std::max(digits, 1), value);
+    break;
+  }
+  return buffer;
+}
+
+} // namespace UserParameterValue
 
 std::string UserParameterKindName(TUserParameterKind kind) {
   switch (kind) {
@@ -151,6 +287,8 @@ void TUserParameter::Describe(TUserParameterInfo& info) const {
   info.Name = FName;
   info.Caption = FCaption;
   info.Description = FDescription;
+  info.Unit = FUnit;
+  info.DefaultValue = GetDefaultValueText();
   info.Enabled = GetEnabled();
   info.Visible = GetVisible();
   info.SaveValue = FSaveValue;
@@ -185,149 +323,22 @@ void TUserParameter::DoParameterStateChanged() {
   if (OnParameterStateChanged) OnParameterStateChanged(this);
 }
 
+TTagControl* TUserParameter::AddGroup(TTagControl& parent) const {
+  if (parent.Kind() != TTagKind::TagList || !parent.Children()) return nullptr;
+  parent.Children()->push_back(TTagControl::CreateTag(FName, TTagKind::TagList));
+  return parent.Children()->back().get();
+}
+
+const TTagControl* TUserParameter::FindGroup(const TTagControl& parent) const {
+  const TTagControl* group = FindChild(parent, FName);
+  return group && group->Kind() == TTagKind::TagList ? group : nullptr;
+}
+
 TTagError TUserParameter::FindOwnGroup(TFileHandle file, const TTagControl& parent,
                                        TTagControl& group) const {
   const TTagError result = group.FindTag(file, FName, parent);
   if (result == teNoError && group.Kind() != TTagKind::TagList) return teTagNotFound;
   return result;
-}
-
-// ---------------------------------------------------------------------------------------------
-// TUserIntParameter
-
-TUserIntParameter::TUserIntParameter(int32_t id, const std::string& name, const std::string& caption,
-                                     const std::string& description, int32_t defaultValue)
-    : TUserIntParameter(TUserParameterKind::Int, id, name, caption, description, defaultValue) {}
-
-TUserIntParameter::TUserIntParameter(TUserParameterKind kind, int32_t id, const std::string& name,
-                                     const std::string& caption, const std::string& description,
-                                     int32_t defaultValue)
-    : TUserValueParameter<int32_t>(kind, id, name, caption, description, defaultValue) {}
-
-void TUserIntParameter::SetLimits(int32_t lower, int32_t upper) {
-  FLowerLimit = lower;
-  FUpperLimit = upper;
-  FHasLowerLimit = FHasUpperLimit = true;
-}
-
-int32_t TUserIntParameter::ApplyLimits(const int32_t& value) const {
-  int32_t result = value;
-  if (FHasLowerLimit && result < FLowerLimit) result = FLowerLimit;
-  if (FHasUpperLimit && result > FUpperLimit) result = FUpperLimit;
-  return result;
-}
-
-TTagError TUserIntParameter::SaveParameter(TFileHandle file) {
-  TTagControl group, t;
-  TTagError result = group.WriteTag(file, FName, TTagKind::TagList);
-  if (result >= 1 && FSaveValue) result = t.SaveIntTag(file, kValueTag, GetCurrentValue());
-  if (result >= 1) result = t.SaveIntTag(file, kSmallIncrementTag, FSmallIncrement);
-  if (result >= 1) result = t.SaveIntTag(file, kLargeIncrementTag, FLargeIncrement);
-  return result >= 1 ? group.CloseWriteTag(file) : result;
-}
-
-TTagError TUserIntParameter::LoadParameter(TFileHandle file, const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  TTagControl group, t;
-  TTagError result = FindOwnGroup(file, *parent, group);
-  if (result != teNoError) return result;
-  if (FSaveValue) {
-    int32_t value = 0;
-    if ((result = t.LoadOrDefaultIntTag(file, kValueTag, group, &value, 1, GetShadowParameter())) < 1)
-      return result;
-    SetShadow(value);
-  }
-  if ((result =
-           t.LoadOrDefaultIntTag(file, kSmallIncrementTag, group, &FSmallIncrement, 1, FSmallIncrement)) < 1)
-    return result;
-  return t.LoadOrDefaultIntTag(file, kLargeIncrementTag, group, &FLargeIncrement, 1, FLargeIncrement);
-}
-
-TTagError TUserIntParameter::SaveParameterToTagControl(TTagControl& parent) {
-  TTagControl* group = AddChild(parent, FName, TTagKind::TagList);
-  if (!group) return teUnspecificError;
-  if (FSaveValue) {
-    const int32_t value = GetCurrentValue();
-    AddChild(*group, kValueTag, TTagKind::Int, &value);
-  }
-  AddChild(*group, kSmallIncrementTag, TTagKind::Int, &FSmallIncrement);
-  AddChild(*group, kLargeIncrementTag, TTagKind::Int, &FLargeIncrement);
-  return teNoError;
-}
-
-TTagError TUserIntParameter::LoadParameterFromTagControl(const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  const TTagControl* group = FindChild(*parent, FName);
-  if (!group) return teTagNotFound;
-  int32_t value = 0;
-  const TTagControl* tag = nullptr;
-  if (FSaveValue && (tag = FindChild(*group, kValueTag)) && tag->GetIntTag(&value, 1) >= 1) SetShadow(value);
-  if ((tag = FindChild(*group, kSmallIncrementTag)) && tag->GetIntTag(&value, 1) >= 1)
-    FSmallIncrement = value;
-  if ((tag = FindChild(*group, kLargeIncrementTag)) && tag->GetIntTag(&value, 1) >= 1)
-    FLargeIncrement = value;
-  return teNoError;
-}
-
-std::string TUserIntParameter::GetParameterString() const {
-  return std::to_string(GetParameter());
-}
-
-std::string TUserIntParameter::GetValueText() const {
-  return std::to_string(GetCurrentValue());
-}
-
-bool TUserIntParameter::ParseValueText(const std::string& text, int32_t& value, std::string& problem) const {
-  if (!ParseInt(text, value)) {
-    problem = "\"" + text + "\" is not a whole number";
-    return false;
-  }
-  if (FHasLowerLimit && value < FLowerLimit) {
-    problem = std::to_string(value) + " is below the lower limit " + std::to_string(FLowerLimit);
-    return false;
-  }
-  if (FHasUpperLimit && value > FUpperLimit) {
-    problem = std::to_string(value) + " is above the upper limit " + std::to_string(FUpperLimit);
-    return false;
-  }
-  return true;
-}
-
-bool TUserIntParameter::CheckValueText(const std::string& text, std::string& problem) const {
-  int32_t value = 0;
-  return ParseValueText(text, value, problem);
-}
-
-bool TUserIntParameter::SetParameterFromText(const std::string& text, std::string& problem) {
-  int32_t value = 0;
-  if (!ParseValueText(text, value, problem)) return false;
-  if (!SetParameter(value)) {
-    problem = "the value " + std::to_string(value) + " was refused";
-    return false;
-  }
-  return true;
-}
-
-void TUserIntParameter::Describe(TUserParameterInfo& info) const {
-  TUserParameter::Describe(info);
-  info.HasValue = true;
-  info.HasLowerLimit = FHasLowerLimit;
-  info.HasUpperLimit = FHasUpperLimit;
-  info.LowerLimit = FLowerLimit;
-  info.UpperLimit = FUpperLimit;
-  info.SmallIncrement = FSmallIncrement;
-  info.LargeIncrement = FLargeIncrement;
-}
-
-std::string TUserIntParameter::CheckCurrentValue() const {
-  const int32_t value = GetCurrentValue();
-  if (FHasLowerLimit && value < FLowerLimit)
-    return std::to_string(value) + " is below the lower limit " + std::to_string(FLowerLimit);
-  if (FHasUpperLimit && value > FUpperLimit)
-    return std::to_string(value) + " is above the upper limit " + std::to_string(FUpperLimit);
-  return std::string();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -382,8 +393,7 @@ std::string TUserListParameter::GetParameterString() const {
   return index >= 0 ? FDescriptions[static_cast<size_t>(index)] : std::to_string(GetParameter());
 }
 
-std::string TUserListParameter::GetValueText() const {
-  const int32_t value = GetCurrentValue();
+std::string TUserListParameter::ValueToText(const int32_t& value) const {
   for (size_t i = 0; i < FNumbers.size(); ++i)
     if (FNumbers[i] == value) return FDescriptions[i];
   return std::to_string(value);
@@ -402,7 +412,8 @@ bool TUserListParameter::ParseEntry(const std::string& text, int32_t& number, st
       return true;
     }
   int32_t value = 0;
-  if (ParseInt(trimmed, value) && std::find(FNumbers.begin(), FNumbers.end(), value) != FNumbers.end()) {
+  if (UserParameterValue::FromText(trimmed, value) &&
+      std::find(FNumbers.begin(), FNumbers.end(), value) != FNumbers.end()) {
     number = value;
     return true;
   }
@@ -445,164 +456,6 @@ std::string TUserListParameter::CheckCurrentValue() const {
 }
 
 // ---------------------------------------------------------------------------------------------
-// TUserFloatParameter
-
-TUserFloatParameter::TUserFloatParameter(int32_t id, const std::string& name, const std::string& caption,
-                                         const std::string& description, float defaultValue)
-    : TUserValueParameter<float>(TUserParameterKind::Float, id, name, caption, description, defaultValue) {}
-
-void TUserFloatParameter::SetLimits(float lower, float upper) {
-  FLowerLimit = lower;
-  FUpperLimit = upper;
-  FHasLowerLimit = FHasUpperLimit = true;
-}
-
-void TUserFloatParameter::SetFloatStyle(TFloatFormat style, int digits) {
-  FFloatStyle = style;
-  FFloatDigits = std::clamp(digits, 0, 18);
-}
-
-float TUserFloatParameter::ApplyLimits(const float& value) const {
-  float result = value;
-  if (FHasLowerLimit && result < FLowerLimit) result = FLowerLimit;
-  if (FHasUpperLimit && result > FUpperLimit) result = FUpperLimit;
-  return result;
-}
-
-TTagError TUserFloatParameter::SaveParameter(TFileHandle file) {
-  TTagControl group, t;
-  TTagError result = group.WriteTag(file, FName, TTagKind::TagList);
-  if (result >= 1 && FSaveValue) result = t.SaveFloatTag(file, kValueTag, GetCurrentValue());
-  if (result >= 1) result = t.SaveFloatTag(file, kSmallIncrementTag, FSmallIncrement);
-  if (result >= 1) result = t.SaveFloatTag(file, kLargeIncrementTag, FLargeIncrement);
-  return result >= 1 ? group.CloseWriteTag(file) : result;
-}
-
-TTagError TUserFloatParameter::LoadParameter(TFileHandle file, const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  TTagControl group, t;
-  TTagError result = FindOwnGroup(file, *parent, group);
-  if (result != teNoError) return result;
-  if (FSaveValue) {
-    float value = 0;
-    if ((result = t.LoadOrDefaultFloatTag(file, kValueTag, group, &value, 1, GetShadowParameter())) < 1)
-      return result;
-    SetShadow(value);
-  }
-  if ((result = t.LoadOrDefaultFloatTag(file, kSmallIncrementTag, group, &FSmallIncrement, 1,
-                                        FSmallIncrement)) < 1)
-    return result;
-  return t.LoadOrDefaultFloatTag(file, kLargeIncrementTag, group, &FLargeIncrement, 1, FLargeIncrement);
-}
-
-TTagError TUserFloatParameter::SaveParameterToTagControl(TTagControl& parent) {
-  TTagControl* group = AddChild(parent, FName, TTagKind::TagList);
-  if (!group) return teUnspecificError;
-  if (FSaveValue) {
-    const float value = GetCurrentValue();
-    AddChild(*group, kValueTag, TTagKind::Float, &value);
-  }
-  AddChild(*group, kSmallIncrementTag, TTagKind::Float, &FSmallIncrement);
-  AddChild(*group, kLargeIncrementTag, TTagKind::Float, &FLargeIncrement);
-  return teNoError;
-}
-
-TTagError TUserFloatParameter::LoadParameterFromTagControl(const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  const TTagControl* group = FindChild(*parent, FName);
-  if (!group) return teTagNotFound;
-  float value = 0;
-  const TTagControl* tag = nullptr;
-  if (FSaveValue && (tag = FindChild(*group, kValueTag)) && tag->GetFloatTag(&value, 1) >= 1)
-    SetShadow(value);
-  if ((tag = FindChild(*group, kSmallIncrementTag)) && tag->GetFloatTag(&value, 1) >= 1)
-    FSmallIncrement = value;
-  if ((tag = FindChild(*group, kLargeIncrementTag)) && tag->GetFloatTag(&value, 1) >= 1)
-    FLargeIncrement = value;
-  return teNoError;
-}
-
-std::string TUserFloatParameter::GetParameterString() const {
-  char buffer[64];
-  const double value = GetParameter();
-  switch (FFloatStyle) {
-  case TFloatFormat::Exponent:
-    std::snprintf(buffer, sizeof(buffer), "%.*E", std::max(FFloatDigits - 1, 0), value);
-    break;
-  case TFloatFormat::Fixed:
-    std::snprintf(buffer, sizeof(buffer), "%.*f", FFloatDigits, value);
-    break;
-  default:
-    std::snprintf(buffer, sizeof(buffer), "%.*G", std::max(FFloatDigits, 1), value);
-    break;
-  }
-  return buffer;
-}
-
-std::string TUserFloatParameter::GetValueText() const {
-  return FloatToText(GetCurrentValue());
-}
-
-bool TUserFloatParameter::ParseValueText(const std::string& raw, float& value, std::string& problem) const {
-  std::string text = Trim(raw);
-  if (!text.empty() && text[0] == '+') text.erase(0, 1);
-  double number = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (text.empty() || result.ec != std::errc() || result.ptr != text.data() + text.size() ||
-      !std::isfinite(number) || std::fabs(number) > std::numeric_limits<float>::max()) {
-    problem = "\"" + raw + "\" is not a number";
-    return false;
-  }
-  value = static_cast<float>(number);
-  if (FHasLowerLimit && value < FLowerLimit) {
-    problem = FloatToText(value) + " is below the lower limit " + FloatToText(FLowerLimit);
-    return false;
-  }
-  if (FHasUpperLimit && value > FUpperLimit) {
-    problem = FloatToText(value) + " is above the upper limit " + FloatToText(FUpperLimit);
-    return false;
-  }
-  return true;
-}
-
-bool TUserFloatParameter::CheckValueText(const std::string& text, std::string& problem) const {
-  float value = 0;
-  return ParseValueText(text, value, problem);
-}
-
-bool TUserFloatParameter::SetParameterFromText(const std::string& text, std::string& problem) {
-  float value = 0;
-  if (!ParseValueText(text, value, problem)) return false;
-  if (!SetParameter(value)) {
-    problem = "the value " + FloatToText(value) + " was refused";
-    return false;
-  }
-  return true;
-}
-
-void TUserFloatParameter::Describe(TUserParameterInfo& info) const {
-  TUserParameter::Describe(info);
-  info.HasValue = true;
-  info.HasLowerLimit = FHasLowerLimit;
-  info.HasUpperLimit = FHasUpperLimit;
-  info.LowerLimit = FLowerLimit;
-  info.UpperLimit = FUpperLimit;
-  info.SmallIncrement = FSmallIncrement;
-  info.LargeIncrement = FLargeIncrement;
-}
-
-std::string TUserFloatParameter::CheckCurrentValue() const {
-  const float value = GetCurrentValue();
-  if (FHasLowerLimit && value < FLowerLimit)
-    return FloatToText(value) + " is below the lower limit " + FloatToText(FLowerLimit);
-  if (FHasUpperLimit && value > FUpperLimit)
-    return FloatToText(value) + " is above the upper limit " + FloatToText(FUpperLimit);
-  return std::string();
-}
-
-// ---------------------------------------------------------------------------------------------
 // TUserBoolParameter
 
 TUserBoolParameter::TUserBoolParameter(int32_t id, const std::string& name, const std::string& caption,
@@ -622,53 +475,8 @@ void TUserBoolParameter::SetFalsified(bool falsified) {
   if (FFalsified.exchange(falsified) != falsified) UpdateInputMasks();
 }
 
-TTagError TUserBoolParameter::SaveParameter(TFileHandle file) {
-  TTagControl group, t;
-  TTagError result = group.WriteTag(file, FName, TTagKind::TagList);
-  if (result >= 1 && FSaveValue) result = t.SaveBoolTag(file, kValueTag, GetCurrentValue());
-  return result >= 1 ? group.CloseWriteTag(file) : result;
-}
-
-TTagError TUserBoolParameter::LoadParameter(TFileHandle file, const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  TTagControl group, t;
-  TTagError result = FindOwnGroup(file, *parent, group);
-  if (result != teNoError || !FSaveValue) return result;
-  bool value = false;
-  if ((result = t.LoadOrDefaultBoolTag(file, kValueTag, group, &value, 1, GetShadowParameter())) < 1)
-    return result;
-  SetShadow(value);
-  return teNoError;
-}
-
-TTagError TUserBoolParameter::SaveParameterToTagControl(TTagControl& parent) {
-  TTagControl* group = AddChild(parent, FName, TTagKind::TagList);
-  if (!group) return teUnspecificError;
-  if (FSaveValue) {
-    const bool value = GetCurrentValue();
-    AddChild(*group, kValueTag, TTagKind::Bool, &value);
-  }
-  return teNoError;
-}
-
-TTagError TUserBoolParameter::LoadParameterFromTagControl(const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  const TTagControl* group = FindChild(*parent, FName);
-  if (!group) return teTagNotFound;
-  bool value = false;
-  const TTagControl* tag = nullptr;
-  if (FSaveValue && (tag = FindChild(*group, kValueTag)) && tag->GetBoolTag(&value, 1) >= 1) SetShadow(value);
-  return teNoError;
-}
-
 std::string TUserBoolParameter::GetParameterString() const {
   return GetParameter() ? FTrueText : FFalseText;
-}
-
-std::string TUserBoolParameter::GetValueText() const {
-  return GetCurrentValue() ? "true" : "false";
 }
 
 bool TUserBoolParameter::ParseValueText(const std::string& text, bool& value, std::string& problem) const {
@@ -701,8 +509,7 @@ bool TUserBoolParameter::SetParameterFromText(const std::string& text, std::stri
 }
 
 void TUserBoolParameter::Describe(TUserParameterInfo& info) const {
-  TUserParameter::Describe(info);
-  info.HasValue = true;
+  TUserValueParameter<bool>::Describe(info);
   info.EntryNames = {FFalseText, FTrueText};
   info.EntryNumbers = {0, 1};
 }
@@ -715,48 +522,6 @@ TUserStringParameter::TUserStringParameter(int32_t id, const std::string& name, 
     : TUserValueParameter<std::string>(TUserParameterKind::String, id, name, caption, description,
                                        defaultValue) {}
 
-TTagError TUserStringParameter::SaveParameter(TFileHandle file) {
-  TTagControl group, t;
-  TTagError result = group.WriteTag(file, FName, TTagKind::TagList);
-  if (result >= 1 && FSaveValue) result = t.SaveAnsiStringTag(file, kValueTag, GetCurrentValue());
-  return result >= 1 ? group.CloseWriteTag(file) : result;
-}
-
-TTagError TUserStringParameter::LoadParameter(TFileHandle file, const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  TTagControl group, t;
-  TTagError result = FindOwnGroup(file, *parent, group);
-  if (result != teNoError || !FSaveValue) return result;
-  std::string value;
-  if ((result = t.LoadOrDefaultAnsiStringTag(file, kValueTag, group, value, GetShadowParameter())) < 1)
-    return result;
-  SetShadow(value);
-  return teNoError;
-}
-
-TTagError TUserStringParameter::SaveParameterToTagControl(TTagControl& parent) {
-  TTagControl* group = AddChild(parent, FName, TTagKind::TagList);
-  if (!group) return teUnspecificError;
-  if (FSaveValue) {
-    const std::string value = GetCurrentValue();
-    AddChild(*group, kValueTag, TTagKind::AnsiString, &value);
-  }
-  return teNoError;
-}
-
-TTagError TUserStringParameter::LoadParameterFromTagControl(const TTagControl* parent) {
-  ResetShadowForLoad();
-  if (!parent) return teNoError;
-  const TTagControl* group = FindChild(*parent, FName);
-  if (!group) return teTagNotFound;
-  std::string value;
-  const TTagControl* tag = nullptr;
-  if (FSaveValue && (tag = FindChild(*group, kValueTag)) && tag->GetAnsiStringTag(value) >= 1)
-    SetShadow(value);
-  return teNoError;
-}
-
 bool TUserStringParameter::CheckValueText(const std::string& /*text*/, std::string& /*problem*/) const {
   return true;
 }
@@ -767,11 +532,6 @@ bool TUserStringParameter::SetParameterFromText(const std::string& text, std::st
     return false;
   }
   return true;
-}
-
-void TUserStringParameter::Describe(TUserParameterInfo& info) const {
-  TUserParameter::Describe(info);
-  info.HasValue = true;
 }
 
 // ---------------------------------------------------------------------------------------------

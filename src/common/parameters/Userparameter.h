@@ -6,6 +6,7 @@
 #include "common/Tagcontrol.h"
 
 #include <atomic>
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -50,8 +51,6 @@ using TParameterStateChangedEvent = std::function<void(TUserParameter* parameter
 /// Font colour that a control shows: window text normally, red while the parameter is in error.
 enum class TUserParameterFontColor { WindowText, Red };
 
-/// Display of floats, as the float controls format them.
-
 /// An input control (or its label) that shows a parameter. The control reports an entered value by
 /// calling the parameter's setters (SetParameter, SetParameterFromText); the parameter calls back here.
 class IUserParameterInputMask {
@@ -89,6 +88,8 @@ struct TUserParameterInfo {
   std::string AbsoluteName; ///< path with "|" between the levels
   std::string Caption;      ///< label
   std::string Description;  ///< help text
+  std::string Unit;         ///< unit of the value, empty when it has none
+  std::string DefaultValue; ///< the declared default in the text form of Value
   bool HasValue = false;    ///< false for triggers, actions and collections
   bool HasLowerLimit = false;
   bool HasUpperLimit = false;
@@ -149,6 +150,19 @@ public:
   virtual bool SetParameterFromText(const std::string& text, std::string& problem);
   /// @}
 
+  /// The declared default in the text form of GetValueText; empty for kinds without a value.
+  virtual std::string GetDefaultValueText() const { return std::string(); }
+
+  /// @{ The value alone as one tag named like the parameter: the form of a tool's stored settings,
+  /// where each value is one tag. Written only with SaveValue. Loading puts the stored value aside as
+  /// shadow value (the default or the current value when the tag is missing, by ResetOnLoad), to be
+  /// taken over by InheritShadowParameter. Kinds without a value write and read nothing.
+  virtual TTagError SaveValueTag(TFileHandle /*file*/) { return teNoError; }
+  virtual TTagError LoadValueTag(TFileHandle /*file*/, const TTagControl& /*parent*/) { return teNoError; }
+  virtual TTagError AddValueTag(TTagControl& /*parent*/) { return teNoError; }
+  virtual TTagError ReadValueTag(const TTagControl& /*parent*/) { return teNoError; }
+  /// @}
+
   /// Fills info with what this parameter knows of itself (depth and path are the caller's).
   virtual void Describe(TUserParameterInfo& info) const;
   /// Problem of the current value alone (outside limits after the limits changed); empty when fine.
@@ -166,6 +180,9 @@ public:
   void SetCaption(const std::string& caption) { FCaption = caption; }
   const std::string& GetDescription() const { return FDescription; }
   void SetDescription(const std::string& description) { FDescription = description; }
+  /// Unit of the value as the user reads it ("cm-1", "px"); empty when it has none.
+  const std::string& GetUnit() const { return FUnit; }
+  void SetUnit(const std::string& unit) { FUnit = unit; }
   bool GetSaveValue() const { return FSaveValue; }
   void SetSaveValue(bool value) { FSaveValue = value; }
   bool GetResetOnLoad() const { return FResetOnLoad; }
@@ -190,6 +207,10 @@ protected:
   void DoParameterStateChanged();
   /// Finds the parameter's group in parent (file path); the result of the search.
   TTagError FindOwnGroup(TFileHandle file, const TTagControl& parent, TTagControl& group) const;
+  /// Appends the parameter's group to a list node of a tree; null when parent is no list.
+  TTagControl* AddGroup(TTagControl& parent) const;
+  /// The parameter's group among the direct children of parent; null when there is none.
+  const TTagControl* FindGroup(const TTagControl& parent) const;
 
   bool FSaveValue = true;
   bool FResetOnLoad = true;
@@ -205,11 +226,59 @@ protected:
   TUserParameterError FErrorState = kUserParameterNoError;
   std::string FName;
   std::string FDescription;
+  std::string FUnit;
   mutable TUserParameterLock FOwnLock;
 };
 
+/// Text forms and tag forms of the value types, shared by the value kinds.
+namespace UserParameterValue {
+/// @{ Shortest text that reads back as the same number (std::to_chars).
+std::string ToText(int32_t value);
+std::string ToText(float value);
+std::string ToText(double value);
+/// @}
+/// @{ Reads a whole text (blanks around it and a leading "+" allowed) into a number; false when the
+/// text is no number of the type, not finite, or outside the type's range.
+bool FromText(const std::string& text, int32_t& value);
+bool FromText(const std::string& text, float& value);
+bool FromText(const std::string& text, double& value);
+/// @}
+/// What a malformed text should have been: "a whole number" or "a number".
+const char* ExpectedText(int32_t);
+const char* ExpectedText(float);
+const char* ExpectedText(double);
+
+/// @{ One value as a tag named name: written into an open file, read from the children of parent in a
+/// file (the old value stays when the tag is missing or unreadable), appended to a tree, read from a tree.
+TTagError Save(TFileHandle file, const std::string& name, int32_t value);
+TTagError Save(TFileHandle file, const std::string& name, float value);
+TTagError Save(TFileHandle file, const std::string& name, double value);
+TTagError Save(TFileHandle file, const std::string& name, bool value);
+TTagError Save(TFileHandle file, const std::string& name, const std::string& value);
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, int32_t& value);
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, float& value);
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, double& value);
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, bool& value);
+TTagError Load(TFileHandle file, const std::string& name, const TTagControl& parent, std::string& value);
+TTagError Add(TTagControl& parent, const std::string& name, int32_t value);
+TTagError Add(TTagControl& parent, const std::string& name, float value);
+TTagError Add(TTagControl& parent, const std::string& name, double value);
+TTagError Add(TTagControl& parent, const std::string& name, bool value);
+TTagError Add(TTagControl& parent, const std::string& name, const std::string& value);
+bool Get(const TTagControl& parent, const std::string& name, int32_t& value);
+bool Get(const TTagControl& parent, const std::string& name, float& value);
+bool Get(const TTagControl& parent, const std::string& name, double& value);
+bool Get(const TTagControl& parent, const std::string& name, bool& value);
+bool Get(const TTagControl& parent, const std::string& name, std::string& value);
+/// @}
+
+/// Display text of a floating value in a style: significant digits (general, exponent) or decimals (fixed).
+std::string FormatFloat(double value, TFloatFormat style, int digits);
+} // namespace UserParameterValue
+
 /// Common part of the kinds that hold a value: the four copies (default, wanted, shadow, current),
-/// the set algorithm and the shadow logic of loading. Derived kinds add limits and the file form.
+/// the set algorithm, the shadow logic of loading and the file forms of the value. Derived kinds add
+/// their text form; the numbers their limits and steps.
 template <typename T>
 class TUserValueParameter : public TUserParameter {
 public:
@@ -253,6 +322,70 @@ public:
     FShadowPending = false;
     if (FSaveValue || FResetOnLoad) SetParameter(GetShadowParameter());
   }
+  /// The text form of a value of this kind; what SetParameterFromText accepts back.
+  virtual std::string ValueToText(const T& value) const = 0;
+  std::string GetValueText() const override { return ValueToText(GetCurrentValue()); }
+  std::string GetDefaultValueText() const override { return ValueToText(FDefaultValue); }
+
+  /// The group of the parameter's name holding "Value" (with SaveValue); kinds with steps add them.
+  TTagError SaveParameter(TFileHandle file) override {
+    TTagControl group;
+    TTagError result = group.WriteTag(file, FName, TTagKind::TagList);
+    if (result >= 1 && FSaveValue) result = UserParameterValue::Save(file, "Value", GetCurrentValue());
+    return result >= 1 ? group.CloseWriteTag(file) : result;
+  }
+  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override {
+    ResetShadowForLoad();
+    if (!parent) return teNoError;
+    TTagControl group;
+    TTagError result = FindOwnGroup(file, *parent, group);
+    if (result != teNoError || !FSaveValue) return result;
+    T value = GetShadowParameter();
+    if ((result = UserParameterValue::Load(file, "Value", group, value)) < 1) return result;
+    SetShadow(value);
+    return teNoError;
+  }
+  TTagError SaveParameterToTagControl(TTagControl& parent) override {
+    TTagControl* group = AddGroup(parent);
+    if (!group) return teUnspecificError;
+    if (FSaveValue) UserParameterValue::Add(*group, "Value", GetCurrentValue());
+    return teNoError;
+  }
+  TTagError LoadParameterFromTagControl(const TTagControl* parent) override {
+    ResetShadowForLoad();
+    if (!parent) return teNoError;
+    const TTagControl* group = FindGroup(*parent);
+    if (!group) return teTagNotFound;
+    T value = GetShadowParameter();
+    if (FSaveValue && UserParameterValue::Get(*group, "Value", value)) SetShadow(value);
+    return teNoError;
+  }
+
+  TTagError SaveValueTag(TFileHandle file) override {
+    return FSaveValue ? UserParameterValue::Save(file, FName, GetCurrentValue()) : teNoError;
+  }
+  TTagError LoadValueTag(TFileHandle file, const TTagControl& parent) override {
+    ResetShadowForLoad();
+    if (!FSaveValue) return teNoError;
+    T value = GetShadowParameter();
+    const TTagError result = UserParameterValue::Load(file, FName, parent, value);
+    if (result >= 1) SetShadow(value);
+    return result;
+  }
+  TTagError AddValueTag(TTagControl& parent) override {
+    return FSaveValue ? UserParameterValue::Add(parent, FName, GetCurrentValue()) : teNoError;
+  }
+  TTagError ReadValueTag(const TTagControl& parent) override {
+    ResetShadowForLoad();
+    T value = GetShadowParameter();
+    if (FSaveValue && UserParameterValue::Get(parent, FName, value)) SetShadow(value);
+    return teNoError;
+  }
+  void Describe(TUserParameterInfo& info) const override {
+    TUserParameter::Describe(info);
+    info.HasValue = true;
+  }
+
   bool Assign(const TUserParameter& source) override {
     if (source.GetKind() != FKind) return false;
     const auto* typed = dynamic_cast<const TUserValueParameter<T>*>(&source);
@@ -300,53 +433,179 @@ protected:
   T FCurrentValue;
 };
 
-/// An integer with optional limits and two steps.
-class TUserIntParameter : public TUserValueParameter<int32_t> {
-public:
-  TUserIntParameter(int32_t id, const std::string& name, const std::string& caption,
-                    const std::string& description, int32_t defaultValue = 0);
+/// A number with optional limits, two steps and, for the floating types, a display style. The
+/// integer, float and double kinds are this one template: limits, increments, their file and tree
+/// form, the text form and its checks exist once.
+template <typename T>
+class TUserNumericParameter : public TUserValueParameter<T> {
+  using Base = TUserValueParameter<T>;
 
+public:
   /// @{ Limits and steps: stored only; the next set clips.
-  void SetLowerLimit(int32_t limit) { FLowerLimit = limit; }
-  void SetUpperLimit(int32_t limit) { FUpperLimit = limit; }
+  void SetLowerLimit(T limit) { FLowerLimit = limit; }
+  void SetUpperLimit(T limit) { FUpperLimit = limit; }
   void SetHasLowerLimit(bool has) { FHasLowerLimit = has; }
   void SetHasUpperLimit(bool has) { FHasUpperLimit = has; }
   /// Both limits, both switched on.
-  void SetLimits(int32_t lower, int32_t upper);
-  void SetSmallIncrement(int32_t step) { FSmallIncrement = step; }
-  void SetLargeIncrement(int32_t step) { FLargeIncrement = step; }
-  int32_t GetLowerLimit() const { return FLowerLimit; }
-  int32_t GetUpperLimit() const { return FUpperLimit; }
+  void SetLimits(T lower, T upper) {
+    FLowerLimit = lower;
+    FUpperLimit = upper;
+    FHasLowerLimit = FHasUpperLimit = true;
+  }
+  void SetSmallIncrement(T step) { FSmallIncrement = step; }
+  void SetLargeIncrement(T step) { FLargeIncrement = step; }
+  T GetLowerLimit() const { return FLowerLimit; }
+  T GetUpperLimit() const { return FUpperLimit; }
   bool GetHasLowerLimit() const { return FHasLowerLimit; }
   bool GetHasUpperLimit() const { return FHasUpperLimit; }
-  int32_t GetSmallIncrement() const { return FSmallIncrement; }
-  int32_t GetLargeIncrement() const { return FLargeIncrement; }
+  T GetSmallIncrement() const { return FSmallIncrement; }
+  T GetLargeIncrement() const { return FLargeIncrement; }
+  /// Display: style, significant digits (general, exponent) or decimals (fixed).
+  void SetFloatStyle(TFloatFormat style, int digits) requires std::floating_point<T> {
+    FFloatStyle = style;
+    FFloatDigits = digits < 0 ? 0 : (digits > 18 ? 18 : digits);
+  }
+  TFloatFormat GetFloatStyle() const requires std::floating_point<T> { return FFloatStyle; }
+  int GetFloatDigits() const requires std::floating_point<T> { return FFloatDigits; }
   /// @}
 
-  TTagError SaveParameter(TFileHandle file) override;
-  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override;
-  TTagError SaveParameterToTagControl(TTagControl& parent) override;
-  TTagError LoadParameterFromTagControl(const TTagControl* parent) override;
-  std::string GetParameterString() const override;
-  std::string GetValueText() const override;
-  bool CheckValueText(const std::string& text, std::string& problem) const override;
-  bool SetParameterFromText(const std::string& text, std::string& problem) override;
-  void Describe(TUserParameterInfo& info) const override;
-  std::string CheckCurrentValue() const override;
+  TTagError SaveParameter(TFileHandle file) override {
+    TTagControl group;
+    TTagError result = group.WriteTag(file, this->FName, TTagKind::TagList);
+    if (result >= 1 && this->FSaveValue)
+      result = UserParameterValue::Save(file, kValueTag, this->GetCurrentValue());
+    if (result >= 1) result = UserParameterValue::Save(file, kSmallIncrementTag, FSmallIncrement);
+    if (result >= 1) result = UserParameterValue::Save(file, kLargeIncrementTag, FLargeIncrement);
+    return result >= 1 ? group.CloseWriteTag(file) : result;
+  }
+  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override {
+    this->ResetShadowForLoad();
+    if (!parent) return teNoError;
+    TTagControl group;
+    TTagError result = this->FindOwnGroup(file, *parent, group);
+    if (result != teNoError) return result;
+    if (this->FSaveValue) {
+      T value = this->GetShadowParameter();
+      if ((result = UserParameterValue::Load(file, kValueTag, group, value)) < 1) return result;
+      this->SetShadow(value);
+    }
+    if ((result = UserParameterValue::Load(file, kSmallIncrementTag, group, FSmallIncrement)) < 1)
+      return result;
+    return UserParameterValue::Load(file, kLargeIncrementTag, group, FLargeIncrement);
+  }
+  TTagError SaveParameterToTagControl(TTagControl& parent) override {
+    TTagControl* group = this->AddGroup(parent);
+    if (!group) return teUnspecificError;
+    if (this->FSaveValue) UserParameterValue::Add(*group, kValueTag, this->GetCurrentValue());
+    UserParameterValue::Add(*group, kSmallIncrementTag, FSmallIncrement);
+    UserParameterValue::Add(*group, kLargeIncrementTag, FLargeIncrement);
+    return teNoError;
+  }
+  TTagError LoadParameterFromTagControl(const TTagControl* parent) override {
+    this->ResetShadowForLoad();
+    if (!parent) return teNoError;
+    const TTagControl* group = this->FindGroup(*parent);
+    if (!group) return teTagNotFound;
+    T value = this->GetShadowParameter();
+    if (this->FSaveValue && UserParameterValue::Get(*group, kValueTag, value)) this->SetShadow(value);
+    UserParameterValue::Get(*group, kSmallIncrementTag, FSmallIncrement);
+    UserParameterValue::Get(*group, kLargeIncrementTag, FLargeIncrement);
+    return teNoError;
+  }
+
+  std::string GetParameterString() const override {
+    if constexpr (std::floating_point<T>)
+      return UserParameterValue::FormatFloat(this->GetParameter(), FFloatStyle, FFloatDigits);
+    else
+      return std::to_string(this->GetParameter());
+  }
+  std::string ValueToText(const T& value) const override { return UserParameterValue::ToText(value); }
+  bool CheckValueText(const std::string& text, std::string& problem) const override {
+    T value{};
+    return ParseValueText(text, value, problem);
+  }
+  bool SetParameterFromText(const std::string& text, std::string& problem) override {
+    T value{};
+    if (!ParseValueText(text, value, problem)) return false;
+    if (!this->SetParameter(value)) {
+      problem = "the value " + UserParameterValue::ToText(value) + " was refused";
+      return false;
+    }
+    return true;
+  }
+  void Describe(TUserParameterInfo& info) const override {
+    Base::Describe(info);
+    info.HasLowerLimit = FHasLowerLimit;
+    info.HasUpperLimit = FHasUpperLimit;
+    info.LowerLimit = static_cast<double>(FLowerLimit);
+    info.UpperLimit = static_cast<double>(FUpperLimit);
+    info.SmallIncrement = static_cast<double>(FSmallIncrement);
+    info.LargeIncrement = static_cast<double>(FLargeIncrement);
+  }
+  std::string CheckCurrentValue() const override { return LimitProblem(this->GetCurrentValue()); }
+
+protected:
+  static constexpr const char* kValueTag = "Value";
+  static constexpr const char* kSmallIncrementTag = "SmallIncrement";
+  static constexpr const char* kLargeIncrementTag = "LargeIncrement";
+
+  TUserNumericParameter(TUserParameterKind kind, int32_t id, const std::string& name,
+                        const std::string& caption, const std::string& description, T defaultValue)
+      : Base(kind, id, name, caption, description, defaultValue) {}
+
+  /// Below the lower limit becomes the lower limit, then above the upper limit the upper limit.
+  T ApplyLimits(const T& value) const override {
+    T result = value;
+    if (FHasLowerLimit && result < FLowerLimit) result = FLowerLimit;
+    if (FHasUpperLimit && result > FUpperLimit) result = FUpperLimit;
+    return result;
+  }
+  /// Why value lies outside the limits, naming them; empty when it lies inside.
+  std::string LimitProblem(T value) const {
+    const bool below = FHasLowerLimit && value < FLowerLimit;
+    const bool above = FHasUpperLimit && value > FUpperLimit;
+    if (!below && !above) return std::string();
+    const std::string text = UserParameterValue::ToText(value);
+    if (FHasLowerLimit && FHasUpperLimit)
+      return text + " is outside the limits " + UserParameterValue::ToText(FLowerLimit) + " to " +
+             UserParameterValue::ToText(FUpperLimit);
+    return below ? text + " is below the lower limit " + UserParameterValue::ToText(FLowerLimit)
+                 : text + " is above the upper limit " + UserParameterValue::ToText(FUpperLimit);
+  }
+  /// Parses the text into a number and checks the limits: a value outside them is refused, not clipped.
+  bool ParseValueText(const std::string& text, T& value, std::string& problem) const {
+    if (!UserParameterValue::FromText(text, value)) {
+      problem = "\"" + text + "\" is not " + UserParameterValue::ExpectedText(T{});
+      return false;
+    }
+    problem = LimitProblem(value);
+    return problem.empty();
+  }
+
+  T FUpperLimit{};
+  T FLowerLimit{};
+  bool FHasUpperLimit = false;
+  bool FHasLowerLimit = false;
+  T FSmallIncrement{};
+  T FLargeIncrement{};
+  TFloatFormat FFloatStyle = TFloatFormat::General;
+  int FFloatDigits = 7;
+};
+
+/// An integer with optional limits (none by default) and two steps (1 and 10).
+class TUserIntParameter : public TUserNumericParameter<int32_t> {
+public:
+  TUserIntParameter(int32_t id, const std::string& name, const std::string& caption,
+                    const std::string& description, int32_t defaultValue = 0)
+      : TUserIntParameter(TUserParameterKind::Int, id, name, caption, description, defaultValue) {}
 
 protected:
   TUserIntParameter(TUserParameterKind kind, int32_t id, const std::string& name, const std::string& caption,
-                    const std::string& description, int32_t defaultValue);
-  int32_t ApplyLimits(const int32_t& value) const override;
-  /// Parses the text into a number and checks the limits.
-  bool ParseValueText(const std::string& text, int32_t& value, std::string& problem) const;
-
-  int32_t FUpperLimit = 0;
-  int32_t FLowerLimit = 0;
-  bool FHasUpperLimit = false;
-  bool FHasLowerLimit = false;
-  int32_t FSmallIncrement = 1;
-  int32_t FLargeIncrement = 10;
+                    const std::string& description, int32_t defaultValue)
+      : TUserNumericParameter<int32_t>(kind, id, name, caption, description, defaultValue) {
+    FSmallIncrement = 1;
+    FLargeIncrement = 10;
+  }
 };
 
 /// An integer chosen from a list of (description, number) entries.
@@ -369,7 +628,8 @@ public:
   int GetDescriptionsIndexFromParameter() const;
 
   std::string GetParameterString() const override;
-  std::string GetValueText() const override;
+  /// The description of the entry with this number; the number itself when no entry has it.
+  std::string ValueToText(const int32_t& value) const override;
   bool CheckValueText(const std::string& text, std::string& problem) const override;
   bool SetParameterFromText(const std::string& text, std::string& problem) override;
   void Describe(TUserParameterInfo& info) const override;
@@ -383,57 +643,30 @@ private:
   std::vector<int32_t> FNumbers;
 };
 
-/// A float with limits (0 to 10 by default, both on), two steps and a display style.
-class TUserFloatParameter : public TUserValueParameter<float> {
+/// A float with limits (0 to 10 by default, both on), two steps (0.1 and 1) and a display style.
+class TUserFloatParameter : public TUserNumericParameter<float> {
 public:
   TUserFloatParameter(int32_t id, const std::string& name, const std::string& caption,
-                      const std::string& description, float defaultValue = 0.0f);
+                      const std::string& description, float defaultValue = 0.0f)
+      : TUserNumericParameter<float>(TUserParameterKind::Float, id, name, caption, description,
+                                     defaultValue) {
+    SetLimits(0.0f, 10.0f);
+    FSmallIncrement = 0.1f;
+    FLargeIncrement = 1.0f;
+  }
+};
 
-  /// @{ Limits and steps: stored only; the next set clips.
-  void SetLowerLimit(float limit) { FLowerLimit = limit; }
-  void SetUpperLimit(float limit) { FUpperLimit = limit; }
-  void SetHasLowerLimit(bool has) { FHasLowerLimit = has; }
-  void SetHasUpperLimit(bool has) { FHasUpperLimit = has; }
-  void SetLimits(float lower, float upper);
-  void SetSmallIncrement(float step) { FSmallIncrement = step; }
-  void SetLargeIncrement(float step) { FLargeIncrement = step; }
-  /// Display: style, significant digits (general, exponent) or decimals (fixed).
-  void SetFloatStyle(TFloatFormat style, int digits);
-  float GetLowerLimit() const { return FLowerLimit; }
-  float GetUpperLimit() const { return FUpperLimit; }
-  bool GetHasLowerLimit() const { return FHasLowerLimit; }
-  bool GetHasUpperLimit() const { return FHasUpperLimit; }
-  float GetSmallIncrement() const { return FSmallIncrement; }
-  float GetLargeIncrement() const { return FLargeIncrement; }
-  TFloatFormat GetFloatStyle() const { return FFloatStyle; }
-  int GetFloatDigits() const { return FFloatDigits; }
-  /// @}
-
-  TTagError SaveParameter(TFileHandle file) override;
-  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override;
-  TTagError SaveParameterToTagControl(TTagControl& parent) override;
-  TTagError LoadParameterFromTagControl(const TTagControl* parent) override;
-  std::string GetParameterString() const override;
-  std::string GetValueText() const override;
-  bool CheckValueText(const std::string& text, std::string& problem) const override;
-  bool SetParameterFromText(const std::string& text, std::string& problem) override;
-  void Describe(TUserParameterInfo& info) const override;
-  std::string CheckCurrentValue() const override;
-
-protected:
-  float ApplyLimits(const float& value) const override;
-
-private:
-  bool ParseValueText(const std::string& text, float& value, std::string& problem) const;
-
-  float FLowerLimit = 0.0f;
-  float FUpperLimit = 10.0f;
-  bool FHasLowerLimit = true;
-  bool FHasUpperLimit = true;
-  float FSmallIncrement = 0.1f;
-  float FLargeIncrement = 1.0f;
-  TFloatFormat FFloatStyle = TFloatFormat::General;
-  int FFloatDigits = 7;
+/// A float kept in double precision, for settings that need more than seven digits (tolerances,
+/// positions on a spectral axis). No limits by default; steps 0.1 and 1. Its kind is that of a float.
+class TUserDoubleParameter : public TUserNumericParameter<double> {
+public:
+  TUserDoubleParameter(int32_t id, const std::string& name, const std::string& caption,
+                       const std::string& description, double defaultValue = 0.0)
+      : TUserNumericParameter<double>(TUserParameterKind::Float, id, name, caption, description,
+                                      defaultValue) {
+    FSmallIncrement = 0.1;
+    FLargeIncrement = 1.0;
+  }
 };
 
 /// A bool with the two texts that its controls show.
@@ -451,12 +684,9 @@ public:
   void SetFalsified(bool falsified);
   bool GetFalsified() const { return FFalsified; }
 
-  TTagError SaveParameter(TFileHandle file) override;
-  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override;
-  TTagError SaveParameterToTagControl(TTagControl& parent) override;
-  TTagError LoadParameterFromTagControl(const TTagControl* parent) override;
   std::string GetParameterString() const override;
-  std::string GetValueText() const override;
+  /// "true" or "false".
+  std::string ValueToText(const bool& value) const override { return value ? "true" : "false"; }
   bool CheckValueText(const std::string& text, std::string& problem) const override;
   bool SetParameterFromText(const std::string& text, std::string& problem) override;
   void Describe(TUserParameterInfo& info) const override;
@@ -475,15 +705,10 @@ public:
   TUserStringParameter(int32_t id, const std::string& name, const std::string& caption,
                        const std::string& description, const std::string& defaultValue = std::string());
 
-  TTagError SaveParameter(TFileHandle file) override;
-  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override;
-  TTagError SaveParameterToTagControl(TTagControl& parent) override;
-  TTagError LoadParameterFromTagControl(const TTagControl* parent) override;
   std::string GetParameterString() const override { return GetParameter(); }
-  std::string GetValueText() const override { return GetParameter(); }
+  std::string ValueToText(const std::string& value) const override { return value; }
   bool CheckValueText(const std::string& text, std::string& problem) const override;
   bool SetParameterFromText(const std::string& text, std::string& problem) override;
-  void Describe(TUserParameterInfo& info) const override;
 };
 
 /// A command without a value: Trigger asks OnIsNewParameterOk and tells OnParameterChanged.

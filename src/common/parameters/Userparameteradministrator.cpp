@@ -117,8 +117,11 @@ TUserCollectionParameter* TUserParameterAdministrator::GetUserCollectionParamete
 
 TUserParameter* TUserParameterAdministrator::GetUserParameterByName(const std::string& name) const {
   for (const auto& parameter : FParameters) {
-    if (auto* collection = dynamic_cast<TUserCollectionParameter*>(parameter.get()))
-      if (TUserParameter* hit = collection->GetNestedAdministrator().GetUserParameterByName(name)) return hit;
+    // The kind is asked first: a cast on every parameter would make long lists slow to search.
+    if (parameter->GetKind() == TUserParameterKind::Collection)
+      if (auto* collection = dynamic_cast<TUserCollectionParameter*>(parameter.get()))
+        if (TUserParameter* hit = collection->GetNestedAdministrator().GetUserParameterByName(name))
+          return hit;
     if (parameter->GetName() == name) return parameter.get();
   }
   return nullptr;
@@ -263,6 +266,58 @@ TTagError TUserParameterAdministrator::LoadParameterValuesFromTagControl(const T
   return result;
 }
 
+TTagError TUserParameterAdministrator::SaveParameterValueTagsToFile(TFileHandle file) {
+  for (auto& parameter : FParameters) {
+    const TTagError result = parameter->SaveValueTag(file);
+    if (result < 1) return result;
+  }
+  return teNoError;
+}
+
+TTagError TUserParameterAdministrator::LoadParameterValueTagShadowsFromFile(TFileHandle file,
+                                                                            const TTagControl* parent) {
+  if (OnBeforeLoad) OnBeforeLoad(*this);
+  TTagError result = teNoError;
+  for (auto& parameter : FParameters) {
+    // Without a parent only the shadows return to their start (a collection whose tag is missing).
+    const TTagError one =
+        parent ? parameter->LoadValueTag(file, *parent) : parameter->ReadValueTag(TTagControl());
+    if (one < teTagNotFound && result >= 1) result = one;
+  }
+  if (OnAfterLoad) OnAfterLoad(*this);
+  return result;
+}
+
+TTagError TUserParameterAdministrator::LoadParameterValueTagsFromFile(TFileHandle file,
+                                                                      const TTagControl& parent) {
+  const TTagError result = LoadParameterValueTagShadowsFromFile(file, &parent);
+  InheritShadowParameters();
+  return result;
+}
+
+TTagError TUserParameterAdministrator::SaveParameterValueTagsToTagControl(TTagControl& tag) {
+  if (tag.Kind() != TTagKind::TagList || !tag.Children()) return teUnspecificError;
+  for (auto& parameter : FParameters) {
+    const TTagError result = parameter->AddValueTag(tag);
+    if (result < 1) return result;
+  }
+  return teNoError;
+}
+
+TTagError TUserParameterAdministrator::LoadParameterValueTagShadowsFromTagControl(const TTagControl* tag) {
+  if (OnBeforeLoad) OnBeforeLoad(*this);
+  const TTagControl none;
+  for (auto& parameter : FParameters) parameter->ReadValueTag(tag ? *tag : none);
+  if (OnAfterLoad) OnAfterLoad(*this);
+  return teNoError;
+}
+
+TTagError TUserParameterAdministrator::LoadParameterValueTagsFromTagControl(const TTagControl& tag) {
+  const TTagError result = LoadParameterValueTagShadowsFromTagControl(&tag);
+  InheritShadowParameters();
+  return result;
+}
+
 void TUserParameterAdministrator::CopyParameterValues(const TUserParameterAdministrator& source) {
   for (const auto& from : source.FParameters) {
     TUserParameter* to = GetUserParameterByName(from->GetName());
@@ -390,10 +445,19 @@ std::vector<std::string> TUserParameterAdministrator::GetParameterValuesAsText()
   return result;
 }
 
+std::vector<std::string> TUserParameterAdministrator::GetSettableParameterNames() const {
+  std::vector<std::string> result;
+  ForEachParameter([&result](TUserParameter& parameter, int) {
+    if (HasValue(parameter)) result.push_back(parameter.GetAbsoluteName());
+  });
+  return result;
+}
+
 TUserParameterProblems
 TUserParameterAdministrator::SetParameterValuesFromText(const std::vector<std::string>& assignments) {
   TUserParameterProblems problems;
   std::vector<std::pair<TUserParameter*, std::string>> planned;
+  std::string knownNames;
   for (const std::string& assignment : assignments) {
     const size_t equals = assignment.find('=');
     const std::string name = TrimName(assignment.substr(0, equals));
@@ -406,7 +470,10 @@ TUserParameterAdministrator::SetParameterValuesFromText(const std::vector<std::s
     // A path whose head is no collection finds the head; that is not the parameter asked for.
     const std::string lastName = name.substr(name.rfind('|') == std::string::npos ? 0 : name.rfind('|') + 1);
     if (!parameter || parameter->GetName() != lastName) {
-      problems.push_back({name, "no parameter of this name"});
+      if (knownNames.empty())
+        for (const std::string& known : GetSettableParameterNames())
+          knownNames += (knownNames.empty() ? "" : ", ") + known;
+      problems.push_back({name, "no parameter of this name (known: " + knownNames + ")"});
       continue;
     }
     std::string problem;
@@ -414,16 +481,34 @@ TUserParameterAdministrator::SetParameterValuesFromText(const std::vector<std::s
       problems.push_back({parameter->GetAbsoluteName(), problem});
       continue;
     }
+    const bool twice = std::any_of(planned.begin(), planned.end(),
+                                   [parameter](const auto& entry) { return entry.first == parameter; });
+    if (twice) {
+      problems.push_back({parameter->GetAbsoluteName(), "is given more than once"});
+      continue;
+    }
     planned.emplace_back(parameter, value);
   }
   if (!problems.empty()) return problems;
+
+  // Values are set in order; when a listener refuses one or the checks across parameters fail, the
+  // ones already set return to their former values, so a set is taken whole or not at all.
+  std::vector<std::pair<TUserParameter*, std::string>> former;
   for (auto& [parameter, value] : planned) {
+    former.emplace_back(parameter, parameter->GetValueText());
     std::string problem;
-    if (!parameter->SetParameterFromText(value, problem))
+    if (!parameter->SetParameterFromText(value, problem)) {
       problems.push_back({parameter->GetAbsoluteName(), problem});
+      former.pop_back();
+      break;
+    }
   }
-  const TUserParameterProblems validation = ValidateParameters();
-  problems.insert(problems.end(), validation.begin(), validation.end());
+  if (problems.empty()) problems = ValidateParameters();
+  if (!problems.empty())
+    for (auto it = former.rbegin(); it != former.rend(); ++it) {
+      std::string ignored;
+      it->first->SetParameterFromText(it->second, ignored);
+    }
   return problems;
 }
 
@@ -513,6 +598,32 @@ TTagError TUserCollectionParameter::LoadParameterFromTagControl(const TTagContro
       group ? FindChild(*group, TUserParameterAdministrator::kUserParameterGroup) : nullptr;
   FNested.LoadParameterShadowsFromTagControl(members);
   return parent && !members ? teTagNotFound : teNoError;
+}
+
+TTagError TUserCollectionParameter::SaveValueTag(TFileHandle file) {
+  TTagControl group;
+  TTagError result = group.WriteTag(file, FName, TTagKind::TagList);
+  if (result >= 1) result = FNested.SaveParameterValueTagsToFile(file);
+  return result >= 1 ? group.CloseWriteTag(file) : result;
+}
+
+TTagError TUserCollectionParameter::LoadValueTag(TFileHandle file, const TTagControl& parent) {
+  TTagControl group;
+  const TTagError result = FindOwnGroup(file, parent, group);
+  if (result != teNoError) {
+    FNested.LoadParameterValueTagShadowsFromFile(file, nullptr);
+    return result;
+  }
+  return FNested.LoadParameterValueTagShadowsFromFile(file, &group);
+}
+
+TTagError TUserCollectionParameter::AddValueTag(TTagControl& parent) {
+  TTagControl* group = AddGroup(parent);
+  return group ? FNested.SaveParameterValueTagsToTagControl(*group) : teUnspecificError;
+}
+
+TTagError TUserCollectionParameter::ReadValueTag(const TTagControl& parent) {
+  return FNested.LoadParameterValueTagShadowsFromTagControl(FindGroup(parent));
 }
 
 void TUserCollectionParameter::InheritShadowParameter() {

@@ -147,6 +147,20 @@ public:
   /// The same on a tree in memory: the groups become children of tag.
   TTagError SaveParameterValuesToTagControl(TTagControl* tag);
   TTagError LoadParameterValuesFromTagControl(const TTagControl* tag);
+  /// @{ Value tags: each parameter's value as one tag named like it (a collection as a list tag of its
+  /// name holding its members' tags); the form of a tool's stored settings and of GetDialogParameters.
+  /// Triggers, actions and parameters without SaveValue write nothing. A load puts every value aside
+  /// first (missing tags give the default or keep the value, by ResetOnLoad) and takes them over through
+  /// SetParameter only when all are read, so limits and listeners apply; it returns the first read
+  /// failure (a missing tag is none).
+  TTagError SaveParameterValueTagsToFile(TFileHandle file);
+  TTagError LoadParameterValueTagsFromFile(TFileHandle file, const TTagControl& parent);
+  TTagError SaveParameterValueTagsToTagControl(TTagControl& tag);
+  TTagError LoadParameterValueTagsFromTagControl(const TTagControl& tag);
+  /// The first half of the loads above (no take-over), for collections.
+  TTagError LoadParameterValueTagShadowsFromFile(TFileHandle file, const TTagControl* parent);
+  TTagError LoadParameterValueTagShadowsFromTagControl(const TTagControl* tag);
+  /// @}
   /// For each parameter of source, the one of the same name and kind here takes its value.
   void CopyParameterValues(const TUserParameterAdministrator& source);
 
@@ -180,8 +194,13 @@ public:
   std::vector<TUserParameterInfo> DescribeParameters() const;
   /// "path=value" of every parameter with a value.
   std::vector<std::string> GetParameterValuesAsText() const;
-  /// Applies "name=value" assignments (name may be a "|" path). All texts are checked first; if any
-  /// is wrong, nothing is set. Otherwise they are set in order, then ValidateParameters runs.
+  /// Absolute names of every parameter that takes a value, in walk order.
+  std::vector<std::string> GetSettableParameterNames() const;
+  /// Applies "name=value" assignments (name may be a "|" path). All texts are checked first: unknown
+  /// names (the problem lists the known ones), malformed values, values outside the limits (named),
+  /// entries that are no choice (the choices listed), a name given twice. If any is wrong, nothing is
+  /// set. Otherwise they are set in order, then ValidateParameters runs; a refusal by a listener or a
+  /// problem of the validation returns the values already set to their former ones.
   /// Returns every problem found, empty on full success.
   TUserParameterProblems SetParameterValuesFromText(const std::vector<std::string>& assignments);
   /// Current values outside their limits, in nested collections too, and OnValidateParameters.
@@ -235,6 +254,10 @@ public:
   TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override;
   TTagError SaveParameterToTagControl(TTagControl& parent) override;
   TTagError LoadParameterFromTagControl(const TTagControl* parent) override;
+  TTagError SaveValueTag(TFileHandle file) override;
+  TTagError LoadValueTag(TFileHandle file, const TTagControl& parent) override;
+  TTagError AddValueTag(TTagControl& parent) override;
+  TTagError ReadValueTag(const TTagControl& parent) override;
   void InheritShadowParameter() override;
   bool Assign(const TUserParameter& source) override;
   void SetEnabled(bool enabled) override;

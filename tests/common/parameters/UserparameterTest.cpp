@@ -201,9 +201,9 @@ TEST(UserParameterText, BadTextsAndValuesOutsideLimitsAreRefusedWithoutChange) {
     EXPECT_FALSE(problem.empty());
   }
   EXPECT_FALSE(i.SetParameterFromText("13", problem));
-  EXPECT_EQ(problem, "13 is above the upper limit 12");
+  EXPECT_EQ(problem, "13 is outside the limits 0 to 12");
   EXPECT_FALSE(i.SetParameterFromText("-1", problem));
-  EXPECT_EQ(problem, "-1 is below the lower limit 0");
+  EXPECT_EQ(problem, "-1 is outside the limits 0 to 12");
   EXPECT_EQ(i.GetParameter(), 4);
   EXPECT_TRUE(i.SetParameterFromText("+12", problem));
   EXPECT_EQ(i.GetParameter(), 12);

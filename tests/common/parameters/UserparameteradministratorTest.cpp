@@ -366,7 +366,7 @@ TEST_F(UserParameterAdministratorTest, TextAssignmentsAreCheckedTogetherBeforeAn
       {"Order=5", "Width=abc", "Fit|Tolerance=2", "Nope=1", "Order|Width=1", "Run=1", "novalue"});
   ASSERT_EQ(problems.size(), 6u);
   EXPECT_EQ(problems[0].Parameter, "Width");
-  EXPECT_EQ(problems[1], (TUserParameterProblem{"Fit|Tolerance", "2 is above the upper limit 1"}));
+  EXPECT_EQ(problems[1], (TUserParameterProblem{"Fit|Tolerance", "2 is outside the limits 0 to 1"}));
   EXPECT_EQ(problems[2].Parameter, "Nope");
   EXPECT_EQ(problems[3].Parameter, "Order|Width");
   EXPECT_EQ(problems[4].Parameter, "Run");
@@ -390,7 +390,7 @@ TEST_F(UserParameterAdministratorTest, TextAssignmentsAreCheckedTogetherBeforeAn
   Order().SetUpperLimit(4);
   const TUserParameterProblems limits = Admin.ValidateParameters();
   ASSERT_GE(limits.size(), 1u);
-  EXPECT_EQ(limits[0], (TUserParameterProblem{"Order", "5 is above the upper limit 4"}));
+  EXPECT_EQ(limits[0], (TUserParameterProblem{"Order", "5 is outside the limits 0 to 4"}));
 }
 
 TEST_F(UserParameterAdministratorTest, DescribeWalksEveryParameterWithItsForm) {
