@@ -1,0 +1,270 @@
+// Symmetric rank-k update C += B^T B of a block of centred spectra: the hot loop of the covariance matrix.
+#include "common/numerics/Rankupdate.h"
+
+#include "common/OrvexException.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <thread>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define OX_RANKUPDATE_X86 1
+#endif
+
+namespace {
+
+constexpr int kVec = 16; // micro-tile columns
+constexpr int kBc = 6;   // micro-tile rows
+
+// Micro-kernel, portable form: out[r * 16 + t] = sum over s < kc of bc[s * 6 + r] * vec[s * 16 + t].
+void MicroKernelPlain(const float* vec, const float* bc, int kc, float* out) {
+  float acc[kBc][kVec] = {};
+  for (int s = 0; s < kc; ++s) {
+    const float* v = vec + static_cast<std::ptrdiff_t>(s) * kVec;
+    const float* b = bc + static_cast<std::ptrdiff_t>(s) * kBc;
+    for (int r = 0; r < kBc; ++r) {
+      const float br = b[r];
+      for (int t = 0; t < kVec; ++t) acc[r][t] += br * v[t];
+    }
+  }
+  for (int r = 0; r < kBc; ++r)
+    for (int t = 0; t < kVec; ++t) out[r * kVec + t] = acc[r][t];
+}
+
+#ifdef OX_RANKUPDATE_X86
+// Micro-kernel on 256-bit vectors: 12 accumulators of 8 floats hold the 6 x 16 tile in registers, each
+// step loads two column vectors and broadcasts six row values (12 fused multiply-adds per step).
+__attribute__((target("avx2,fma"))) void MicroKernelVector(const float* vec, const float* bc, int kc,
+                                                           float* out) {
+  __m256 c00 = _mm256_setzero_ps(), c01 = _mm256_setzero_ps();
+  __m256 c10 = _mm256_setzero_ps(), c11 = _mm256_setzero_ps();
+  __m256 c20 = _mm256_setzero_ps(), c21 = _mm256_setzero_ps();
+  __m256 c30 = _mm256_setzero_ps(), c31 = _mm256_setzero_ps();
+  __m256 c40 = _mm256_setzero_ps(), c41 = _mm256_setzero_ps();
+  __m256 c50 = _mm256_setzero_ps(), c51 = _mm256_setzero_ps();
+  for (int s = 0; s < kc; ++s) {
+    const float* v = vec + static_cast<std::ptrdiff_t>(s) * kVec;
+    const float* b = bc + static_cast<std::ptrdiff_t>(s) * kBc;
+    const __m256 a0 = _mm256_loadu_ps(v);
+    const __m256 a1 = _mm256_loadu_ps(v + 8);
+    __m256 x = _mm256_broadcast_ss(b);
+    c00 = _mm256_fmadd_ps(a0, x, c00);
+    c01 = _mm256_fmadd_ps(a1, x, c01);
+    x = _mm256_broadcast_ss(b + 1);
+    c10 = _mm256_fmadd_ps(a0, x, c10);
+    c11 = _mm256_fmadd_ps(a1, x, c11);
+    x = _mm256_broadcast_ss(b + 2);
+    c20 = _mm256_fmadd_ps(a0, x, c20);
+    c21 = _mm256_fmadd_ps(a1, x, c21);
+    x = _mm256_broadcast_ss(b + 3);
+    c30 = _mm256_fmadd_ps(a0, x, c30);
+    c31 = _mm256_fmadd_ps(a1, x, c31);
+    x = _mm256_broadcast_ss(b + 4);
+    c40 = _mm256_fmadd_ps(a0, x, c40);
+    c41 = _mm256_fmadd_ps(a1, x, c41);
+    x = _mm256_broadcast_ss(b + 5);
+    c50 = _mm256_fmadd_ps(a0, x, c50);
+    c51 = _mm256_fmadd_ps(a1, x, c51);
+  }
+  _mm256_storeu_ps(out + 0, c00);
+  _mm256_storeu_ps(out + 8, c01);
+  _mm256_storeu_ps(out + 16, c10);
+  _mm256_storeu_ps(out + 24, c11);
+  _mm256_storeu_ps(out + 32, c20);
+  _mm256_storeu_ps(out + 40, c21);
+  _mm256_storeu_ps(out + 48, c30);
+  _mm256_storeu_ps(out + 56, c31);
+  _mm256_storeu_ps(out + 64, c40);
+  _mm256_storeu_ps(out + 72, c41);
+  _mm256_storeu_ps(out + 80, c50);
+  _mm256_storeu_ps(out + 88, c51);
+}
+
+// Adds a whole 6 x 16 float tile to six rows of the double matrix.
+__attribute__((target("avx2,fma"))) void AddFullTileVector(const float* out, double* c, std::ptrdiff_t ldc) {
+  for (int r = 0; r < kBc; ++r) {
+    double* row = c + r * ldc;
+    for (int h = 0; h < kVec; h += 4) {
+      const __m256d x = _mm256_cvtps_pd(_mm_loadu_ps(out + r * kVec + h));
+      _mm256_storeu_pd(row + h, _mm256_add_pd(_mm256_loadu_pd(row + h), x));
+    }
+  }
+}
+#endif
+
+} // namespace
+
+TSymmetricRankUpdate::TSymmetricRankUpdate(int pointCount, int maxBlockLength, TKernelPath path) {
+  if (pointCount < 1 || maxBlockLength < 1)
+    throw OrvexException("TSymmetricRankUpdate::TSymmetricRankUpdate: point count " +
+                         std::to_string(pointCount) + " and block length " + std::to_string(maxBlockLength) +
+                         " must be at least 1");
+  M = pointCount;
+  MaxK = maxBlockLength;
+  TileRows = (M + TileSize - 1) / TileSize;
+  VecPanels = (M + VecWidth - 1) / VecWidth;
+  BcPanels = (M + BcWidth - 1) / BcWidth;
+  Vector = UseVectorPath(path);
+#ifndef OX_RANKUPDATE_X86
+  Vector = false;
+#endif
+  VecPack.assign(static_cast<std::size_t>(VecPanels) * MaxK * VecWidth, 0.0f);
+  BcPack.assign(static_cast<std::size_t>(BcPanels) * MaxK * BcWidth, 0.0f);
+}
+
+void TSymmetricRankUpdate::TileOrigin(int tile, int& row, int& column) const {
+  if (tile < 0 || tile >= TileCount())
+    throw OrvexException("TSymmetricRankUpdate::TileOrigin: tile " + std::to_string(tile) + " not in 0.." +
+                         std::to_string(TileCount() - 1));
+  int r = static_cast<int>((std::sqrt(8.0 * tile + 1.0) - 1.0) / 2.0);
+  while (r * (r + 1) / 2 > tile) --r;
+  while ((r + 1) * (r + 2) / 2 <= tile) ++r;
+  row = r * TileSize;
+  column = (tile - r * (r + 1) / 2) * TileSize;
+}
+
+long long TSymmetricRankUpdate::TileWork(int tile) const {
+  int row, column;
+  TileOrigin(tile, row, column);
+  const long long h = std::min(TileSize, M - row);
+  const long long w = std::min(TileSize, M - column);
+  return row == column ? h * (h + 1) / 2 : h * w;
+}
+
+void TSymmetricRankUpdate::ThreadTileRange(int thread, int threadCount, int& first, int& last) const {
+  if (threadCount < 1 || thread < 0 || thread >= threadCount)
+    throw OrvexException("TSymmetricRankUpdate::ThreadTileRange: thread " + std::to_string(thread) + " of " +
+                         std::to_string(threadCount));
+  // A tile belongs to the thread in whose equal share of the total work its middle lies; the owner never
+  // falls along the tile order, so every thread gets one contiguous range.
+  const long long total = static_cast<long long>(M) * (M + 1) / 2;
+  first = 0;
+  last = -1;
+  bool found = false;
+  long long before = 0;
+  for (int t = 0; t < TileCount(); ++t) {
+    const long long w = TileWork(t);
+    const long long owner =
+        std::min<long long>(threadCount - 1, (2 * before + w) * threadCount / (2 * total));
+    before += w;
+    if (owner == thread) {
+      if (!found) first = t;
+      found = true;
+      last = t;
+    } else if (owner > thread) {
+      break;
+    }
+  }
+  if (!found) {
+    first = 0;
+    last = -1;
+  }
+}
+
+void TSymmetricRankUpdate::SetBlockLength(int length) {
+  if (length < 1 || length > MaxK)
+    throw OrvexException("TSymmetricRankUpdate::SetBlockLength: length " + std::to_string(length) +
+                         " not in 1.." + std::to_string(MaxK));
+  K = length;
+}
+
+template <typename T>
+static void PackSpectrum(const T* values, int m, int s, int maxK, int vecPanels, int bcPanels, float* vecPack,
+                         float* bcPack) {
+  for (int p = 0; p < vecPanels; ++p) {
+    float* dst = vecPack + (static_cast<std::ptrdiff_t>(p) * maxK + s) * kVec;
+    const int base = p * kVec;
+    for (int t = 0; t < kVec; ++t) dst[t] = base + t < m ? static_cast<float>(values[base + t]) : 0.0f;
+  }
+  for (int q = 0; q < bcPanels; ++q) {
+    float* dst = bcPack + (static_cast<std::ptrdiff_t>(q) * maxK + s) * kBc;
+    const int base = q * kBc;
+    for (int t = 0; t < kBc; ++t) dst[t] = base + t < m ? static_cast<float>(values[base + t]) : 0.0f;
+  }
+}
+
+void TSymmetricRankUpdate::LoadSpectrum(int s, const float* values) {
+  if (s < 0 || s >= K)
+    throw OrvexException("TSymmetricRankUpdate::LoadSpectrum: spectrum " + std::to_string(s) + " not in 0.." +
+                         std::to_string(K - 1));
+  PackSpectrum(values, M, s, MaxK, VecPanels, BcPanels, VecPack.data(), BcPack.data());
+}
+
+void TSymmetricRankUpdate::LoadSpectrum(int s, const double* values) {
+  if (s < 0 || s >= K)
+    throw OrvexException("TSymmetricRankUpdate::LoadSpectrum: spectrum " + std::to_string(s) + " not in 0.." +
+                         std::to_string(K - 1));
+  PackSpectrum(values, M, s, MaxK, VecPanels, BcPanels, VecPack.data(), BcPack.data());
+}
+
+void TSymmetricRankUpdate::LoadBlock(const float* values, int length, std::ptrdiff_t stride) {
+  SetBlockLength(length);
+  for (int s = 0; s < length; ++s) LoadSpectrum(s, values + s * stride);
+}
+
+void TSymmetricRankUpdate::UpdateTile(int tile, double* c, std::ptrdiff_t ldc) const {
+  if (K < 1) throw OrvexException("TSymmetricRankUpdate::UpdateTile: no block loaded");
+  int row, column;
+  TileOrigin(tile, row, column);
+  UpdateMicroTiles(row, std::min(row + TileSize, M), column, std::min(column + TileSize, M), c, ldc);
+}
+
+void TSymmetricRankUpdate::UpdateMicroTiles(int rowBegin, int rowEnd, int colBegin, int colEnd, double* c,
+                                            std::ptrdiff_t ldc) const {
+  alignas(32) float out[kBc * kVec];
+  const int pFirst = colBegin / kVec, pEnd = (colEnd + kVec - 1) / kVec;
+  const int qFirst = rowBegin / kBc, qEnd = (rowEnd + kBc - 1) / kBc;
+  for (int s0 = 0; s0 < K; s0 += MaxSpectraPerPartialSum) {
+    const int kc = std::min(MaxSpectraPerPartialSum, K - s0);
+    for (int p = pFirst; p < pEnd; ++p) {
+      const int c0 = p * kVec;
+      const float* vec = VecPack.data() + (static_cast<std::ptrdiff_t>(p) * MaxK + s0) * kVec;
+      for (int q = qFirst; q < qEnd; ++q) {
+        const int r0 = q * kBc;
+        if (c0 > r0 + kBc - 1) continue; // wholly above the diagonal
+        const float* bc = BcPack.data() + (static_cast<std::ptrdiff_t>(q) * MaxK + s0) * kBc;
+        double* corner = c + r0 * ldc + c0;
+        const bool full = r0 + kBc <= M && c0 + kVec - 1 <= r0;
+#ifdef OX_RANKUPDATE_X86
+        if (Vector) {
+          MicroKernelVector(vec, bc, kc, out);
+          if (full) {
+            AddFullTileVector(out, corner, ldc);
+            continue;
+          }
+        } else {
+          MicroKernelPlain(vec, bc, kc, out);
+        }
+#else
+        MicroKernelPlain(vec, bc, kc, out);
+#endif
+        for (int r = 0; r < kBc && r0 + r < M; ++r) {
+          const int tEnd = std::min(kVec, r0 + r - c0 + 1);
+          double* dst = corner + r * ldc;
+          for (int t = 0; t < tEnd; ++t) dst[t] += static_cast<double>(out[r * kVec + t]);
+        }
+      }
+    }
+  }
+}
+
+void TSymmetricRankUpdate::UpdateAllTiles(double* c, std::ptrdiff_t ldc, int threadCount) const {
+  threadCount = std::max(1, threadCount);
+  auto work = [this, c, ldc, threadCount](int thread) {
+    int first, last;
+    ThreadTileRange(thread, threadCount, first, last);
+    for (int t = first; t <= last; ++t) UpdateTile(t, c, ldc);
+  };
+  std::vector<std::thread> threads;
+  threads.reserve(threadCount - 1);
+  for (int i = 1; i < threadCount; ++i) threads.emplace_back(work, i);
+  work(0);
+  for (std::thread& t : threads) t.join();
+}
+
+void TSymmetricRankUpdate::MirrorLowerToUpper(double* c, int n, std::ptrdiff_t ldc) {
+  for (int r = 0; r < n; ++r)
+    for (int col = 0; col < r; ++col) c[col * ldc + r] = c[r * ldc + col];
+}
