@@ -34,10 +34,21 @@ void MicroKernelPlain(const float* vec, const float* bc, int kc, float* out) {
 }
 
 #ifdef OX_RANKUPDATE_X86
+__attribute__((target("avx2,fma"))) inline void AddToRow(double* row, __m256 lo, __m256 hi) {
+  _mm256_storeu_pd(row, _mm256_add_pd(_mm256_loadu_pd(row), _mm256_cvtps_pd(_mm256_castps256_ps128(lo))));
+  _mm256_storeu_pd(row + 4,
+                   _mm256_add_pd(_mm256_loadu_pd(row + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(lo, 1))));
+  _mm256_storeu_pd(row + 8,
+                   _mm256_add_pd(_mm256_loadu_pd(row + 8), _mm256_cvtps_pd(_mm256_castps256_ps128(hi))));
+  _mm256_storeu_pd(row + 12,
+                   _mm256_add_pd(_mm256_loadu_pd(row + 12), _mm256_cvtps_pd(_mm256_extractf128_ps(hi, 1))));
+}
+
 // Micro-kernel on 256-bit vectors: 12 accumulators of 8 floats hold the 6 x 16 tile in registers, each
-// step loads two column vectors and broadcasts six row values (12 fused multiply-adds per step).
+// step loads two column vectors and broadcasts six row values (12 fused multiply-adds per step). With c
+// given, the whole tile is added to six rows of c straight from the registers; otherwise it goes to out.
 __attribute__((target("avx2,fma"))) void MicroKernelVector(const float* vec, const float* bc, int kc,
-                                                           float* out) {
+                                                           float* out, double* c, std::ptrdiff_t ldc) {
   __m256 c00 = _mm256_setzero_ps(), c01 = _mm256_setzero_ps();
   __m256 c10 = _mm256_setzero_ps(), c11 = _mm256_setzero_ps();
   __m256 c20 = _mm256_setzero_ps(), c21 = _mm256_setzero_ps();
@@ -68,6 +79,15 @@ __attribute__((target("avx2,fma"))) void MicroKernelVector(const float* vec, con
     c50 = _mm256_fmadd_ps(a0, x, c50);
     c51 = _mm256_fmadd_ps(a1, x, c51);
   }
+  if (c) {
+    AddToRow(c, c00, c01);
+    AddToRow(c + ldc, c10, c11);
+    AddToRow(c + 2 * ldc, c20, c21);
+    AddToRow(c + 3 * ldc, c30, c31);
+    AddToRow(c + 4 * ldc, c40, c41);
+    AddToRow(c + 5 * ldc, c50, c51);
+    return;
+  }
   _mm256_storeu_ps(out + 0, c00);
   _mm256_storeu_ps(out + 8, c01);
   _mm256_storeu_ps(out + 16, c10);
@@ -80,17 +100,6 @@ __attribute__((target("avx2,fma"))) void MicroKernelVector(const float* vec, con
   _mm256_storeu_ps(out + 72, c41);
   _mm256_storeu_ps(out + 80, c50);
   _mm256_storeu_ps(out + 88, c51);
-}
-
-// Adds a whole 6 x 16 float tile to six rows of the double matrix.
-__attribute__((target("avx2,fma"))) void AddFullTileVector(const float* out, double* c, std::ptrdiff_t ldc) {
-  for (int r = 0; r < kBc; ++r) {
-    double* row = c + r * ldc;
-    for (int h = 0; h < kVec; h += 4) {
-      const __m256d x = _mm256_cvtps_pd(_mm_loadu_ps(out + r * kVec + h));
-      _mm256_storeu_pd(row + h, _mm256_add_pd(_mm256_loadu_pd(row + h), x));
-    }
-  }
 }
 #endif
 
@@ -229,11 +238,11 @@ void TSymmetricRankUpdate::UpdateMicroTiles(int rowBegin, int rowEnd, int colBeg
         const bool full = r0 + kBc <= M && c0 + kVec - 1 <= r0;
 #ifdef OX_RANKUPDATE_X86
         if (Vector) {
-          MicroKernelVector(vec, bc, kc, out);
           if (full) {
-            AddFullTileVector(out, corner, ldc);
+            MicroKernelVector(vec, bc, kc, nullptr, corner, ldc);
             continue;
           }
+          MicroKernelVector(vec, bc, kc, out, nullptr, 0);
         } else {
           MicroKernelPlain(vec, bc, kc, out);
         }

@@ -50,9 +50,9 @@ std::vector<double> RunUpdate(const std::vector<float>& b, int k, int m, TKernel
 
 TEST(SymmetricRankUpdate, MatchesPlainLoopAtTileAndPanelEdges) {
   // Point counts around the micro-tile edges (6, 16) and the tile edge (96); block lengths around the
-  // 256-spectrum partial sums.
-  const int sizes[][2] = {{1, 1},    {5, 3},   {6, 256},  {7, 257}, {15, 40}, {16, 1},
-                          {17, 300}, {95, 20}, {96, 513}, {97, 64}, {193, 9}, {250, 260}};
+  // length of the float partial sums (64) and its multiples.
+  const int sizes[][2] = {{1, 1},  {5, 3},    {6, 256}, {7, 257},  {15, 63}, {16, 64}, {17, 65},
+                          {16, 1}, {17, 300}, {95, 20}, {96, 513}, {97, 64}, {193, 9}, {250, 260}};
   for (TKernelPath path : {TKernelPath::Auto, TKernelPath::Plain}) {
     for (const auto& size : sizes) {
       const int m = size[0], k = size[1];
@@ -71,9 +71,9 @@ TEST(SymmetricRankUpdate, MatchesPlainLoopAtTileAndPanelEdges) {
   }
 }
 
-TEST(SymmetricRankUpdate, PartialSumsOfAtMost256SpectraBoundTheRounding) {
+TEST(SymmetricRankUpdate, ShortPartialSumsBoundTheRounding) {
   // One block of 65536 equal spectra of 1 + 2^-11: a float sum over the whole block would drift by about
-  // 5e-4 relative (past 2^15 each addition loses 2^-10); partial sums of 256 spectra stay near 1e-7.
+  // 5e-4 relative (past 2^15 each addition loses 2^-10); short partial sums stay near 1e-7.
   const int m = 20, k = 65536, blocks = 2;
   const float value = 1.0f + 1.0f / 2048.0f;
   const std::vector<float> b(static_cast<std::size_t>(k) * m, value);
@@ -109,8 +109,9 @@ TEST(SymmetricRankUpdate, RandomDataWithinSinglePrecisionBound) {
     for (int r = 0; r < m; ++r)
       for (int col = 0; col <= r; ++col)
         worst = std::max(worst, std::fabs(c[r * m + col] - ref[r * m + col]) / absSum[r * m + col]);
-    // Each float partial sum of 256 products carries at most 256 roundings of 2^-24 relative.
-    EXPECT_LE(worst, 256.0 * 6e-8) << "plain=" << (path == TKernelPath::Plain);
+    // Each float partial sum carries at most one rounding of 2^-24 relative per product and per addition.
+    EXPECT_LE(worst, 2.0 * TSymmetricRankUpdate::MaxSpectraPerPartialSum * 6e-8)
+        << "plain=" << (path == TKernelPath::Plain);
     EXPECT_GT(worst, 0.0) << "products are formed in single precision";
   }
 }
