@@ -179,33 +179,40 @@ void TSymmetricRankUpdate::SetBlockLength(int length) {
   K = length;
 }
 
+// Copies one spectrum into both packed forms; the last panel of each is padded with zeros.
+template <typename T, int Width>
+static void PackPanels(const T* values, int m, int s, int maxK, float* pack) {
+  const int whole = m / Width;
+  float* dst = pack + static_cast<std::ptrdiff_t>(s) * Width;
+  const std::ptrdiff_t panelStride = static_cast<std::ptrdiff_t>(maxK) * Width;
+  for (int p = 0; p < whole; ++p, dst += panelStride) {
+    const T* src = values + p * Width;
+    for (int t = 0; t < Width; ++t) dst[t] = static_cast<float>(src[t]);
+  }
+  if (whole * Width < m) {
+    const int base = whole * Width;
+    for (int t = 0; t < Width; ++t) dst[t] = base + t < m ? static_cast<float>(values[base + t]) : 0.0f;
+  }
+}
+
 template <typename T>
-static void PackSpectrum(const T* values, int m, int s, int maxK, int vecPanels, int bcPanels, float* vecPack,
-                         float* bcPack) {
-  for (int p = 0; p < vecPanels; ++p) {
-    float* dst = vecPack + (static_cast<std::ptrdiff_t>(p) * maxK + s) * kVec;
-    const int base = p * kVec;
-    for (int t = 0; t < kVec; ++t) dst[t] = base + t < m ? static_cast<float>(values[base + t]) : 0.0f;
-  }
-  for (int q = 0; q < bcPanels; ++q) {
-    float* dst = bcPack + (static_cast<std::ptrdiff_t>(q) * maxK + s) * kBc;
-    const int base = q * kBc;
-    for (int t = 0; t < kBc; ++t) dst[t] = base + t < m ? static_cast<float>(values[base + t]) : 0.0f;
-  }
+static void PackSpectrum(const T* values, int m, int s, int maxK, float* vecPack, float* bcPack) {
+  PackPanels<T, kVec>(values, m, s, maxK, vecPack);
+  PackPanels<T, kBc>(values, m, s, maxK, bcPack);
 }
 
 void TSymmetricRankUpdate::LoadSpectrum(int s, const float* values) {
   if (s < 0 || s >= K)
     throw OrvexException("TSymmetricRankUpdate::LoadSpectrum: spectrum " + std::to_string(s) + " not in 0.." +
                          std::to_string(K - 1));
-  PackSpectrum(values, M, s, MaxK, VecPanels, BcPanels, VecPack.data(), BcPack.data());
+  PackSpectrum(values, M, s, MaxK, VecPack.data(), BcPack.data());
 }
 
 void TSymmetricRankUpdate::LoadSpectrum(int s, const double* values) {
   if (s < 0 || s >= K)
     throw OrvexException("TSymmetricRankUpdate::LoadSpectrum: spectrum " + std::to_string(s) + " not in 0.." +
                          std::to_string(K - 1));
-  PackSpectrum(values, M, s, MaxK, VecPanels, BcPanels, VecPack.data(), BcPack.data());
+  PackSpectrum(values, M, s, MaxK, VecPack.data(), BcPack.data());
 }
 
 void TSymmetricRankUpdate::LoadBlock(const float* values, int length, std::ptrdiff_t stride) {
