@@ -419,3 +419,43 @@ TEST(Eigensystem, ParallelForRunsEveryTaskOnceAndPassesErrors) {
                    }),
                std::runtime_error);
 }
+
+TEST(Eigensystem, WorksInTheCornerOfALargerArray) {
+  // The caller keeps an M x M problem in the top left corner of a P x P array (M < P).
+  const int n = 45, stride = 52;
+  const double sentinel = -999.5;
+  const TMatrix a = FromEigensystem(RandomOrthogonal(n, 8), [&] {
+    std::vector<double> l(n);
+    for (int i = 0; i < n; ++i) l[i] = 0.5 * i - 3.0;
+    return l;
+  }());
+  for (int steps = 0; steps < 2; ++steps) {
+    std::vector<double> big(static_cast<std::size_t>(stride) * stride, sentinel);
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j < n; ++j) big[i * stride + j] = a[i * n + j];
+    std::vector<double> d(n), e(n);
+    TEigenHooks hooks;
+    hooks.ParallelFor = MakeThreadParallelFor(2);
+    if (steps) {
+      ASSERT_EQ(tred2(big.data(), n, stride, d.data(), e.data(), hooks), TEigenStatus::Ok);
+      ASSERT_EQ(tqli(d.data(), e.data(), n, big.data(), stride, hooks), TEigenStatus::Ok);
+      SortEigensystemAscending(d.data(), big.data(), n, stride);
+    } else {
+      ASSERT_EQ(SymmetricEigensystem(big.data(), n, stride, d.data(), hooks), TEigenStatus::Ok);
+    }
+    TMatrix v(n * n);
+    int touched = 0;
+    for (int i = 0; i < stride; ++i)
+      for (int j = 0; j < stride; ++j) {
+        if (i < n && j < n)
+          v[i * n + j] = big[i * stride + j];
+        else if (big[i * stride + j] != sentinel)
+          ++touched;
+      }
+    EXPECT_EQ(touched, 0) << "steps=" << steps;
+    for (int k = 0; k < n; ++k) EXPECT_NEAR(d[k], 0.5 * k - 3.0, 1e-12 * 20) << "steps=" << steps;
+    const TAccuracy acc = Measure(a, d, v);
+    EXPECT_LE(acc.Residual, 1e-12 * 20) << "steps=" << steps;
+    EXPECT_LE(acc.Orthogonality, 1e-12 * n) << "steps=" << steps;
+  }
+}

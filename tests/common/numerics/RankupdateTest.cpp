@@ -162,6 +162,29 @@ TEST(SymmetricRankUpdate, SpectraLoadedConcurrentlyAndFromDoubles) {
     }
 }
 
+TEST(SymmetricRankUpdate, WritesOnlyTheLowerTriangleOfACornerOfALargerMatrix) {
+  const int m = 101, k = 70, ldc = 113;
+  const std::vector<float> b = IntegerSpectra(k, m, 5);
+  const std::vector<double> ref = Reference(b, k, m);
+  TSymmetricRankUpdate update(m, k);
+  update.LoadBlock(b.data(), k, m);
+  std::vector<double> c(static_cast<std::size_t>(ldc) * ldc, kCanary);
+  for (int r = 0; r < m; ++r)
+    for (int col = 0; col <= r; ++col) c[r * ldc + col] = 0.0;
+  for (int t = update.TileCount() - 1; t >= 0; --t) update.UpdateTile(t, c.data(), ldc); // any order
+  for (int r = 0; r < ldc; ++r)
+    for (int col = 0; col < ldc; ++col) {
+      if (r < m && col <= r)
+        ASSERT_EQ(c[r * ldc + col], ref[r * m + col]) << r << "," << col;
+      else
+        ASSERT_EQ(c[r * ldc + col], kCanary) << r << "," << col;
+    }
+  TSymmetricRankUpdate::MirrorLowerToUpper(c.data(), m, ldc);
+  for (int r = 0; r < m; ++r)
+    for (int col = r + 1; col < m; ++col) ASSERT_EQ(c[r * ldc + col], ref[col * m + r]);
+  EXPECT_EQ(c[m * ldc + m], kCanary);
+}
+
 TEST(SymmetricRankUpdate, TilesAreDealtEvenlyAndExactlyOnce) {
   for (int m : {1, 95, 96, 97, 500, 1024}) {
     TSymmetricRankUpdate update(m, 1);
