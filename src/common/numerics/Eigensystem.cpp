@@ -444,7 +444,7 @@ TEigenStatus QL(double* d, double* e, int n, double* zt, std::ptrdiff_t ldz, con
     rotations.clear();
   };
 
-  const long long limit = 1000LL * n;
+  const long long limit = hooks.IterationLimit > 0 ? hooks.IterationLimit : 1000LL * n;
   long long iterations = 0;
   for (int l = 0; l < n; ++l) {
     for (;;) {

@@ -26,12 +26,15 @@ struct TEigenHooks {
   TParallelFor ParallelFor;
   /// Plain forces the portable loops instead of the vector units.
   TKernelPath Path = TKernelPath::Auto;
+  /// QL iterations allowed in all before TEigenStatus::NoConvergence; 0 means 1000 n, which finite input
+  /// never reaches.
+  long long IterationLimit = 0;
 };
 
 enum class TEigenStatus : int {
   Ok = 0,
   Cancelled = 1,     ///< the Cancel hook said so; the outputs are left part-way
-  NoConvergence = 2, ///< non-finite values, or 1000 * n QL iterations in all without convergence
+  NoConvergence = 2, ///< non-finite values, or the QL iteration limit reached without convergence
 };
 
 /// Householder reduction of the symmetric n x n matrix a (rows of stride lda; only the lower triangle,

@@ -374,6 +374,30 @@ TEST(Eigensystem, NonFiniteInputStopsWithoutConvergence) {
   }
 }
 
+TEST(Eigensystem, IterationLimitStopsQL) {
+  // -1 2 -1 of 30 needs more than 30 iterations in all (about two per eigenvalue).
+  const int n = 30;
+  int iterations = 0;
+  TEigenHooks counting;
+  counting.Cancel = [&]() {
+    ++iterations;
+    return false;
+  };
+  std::vector<double> d(n, 2.0), e(n, -1.0);
+  ASSERT_EQ(tqli(d.data(), e.data(), n, nullptr, 0, counting), TEigenStatus::Ok);
+  ASSERT_GT(iterations, n);
+  for (long long limit : {1LL, static_cast<long long>(iterations) - 1}) {
+    TEigenHooks hooks;
+    hooks.IterationLimit = limit;
+    std::vector<double> d2(n, 2.0), e2(n, -1.0);
+    EXPECT_EQ(tqli(d2.data(), e2.data(), n, nullptr, 0, hooks), TEigenStatus::NoConvergence) << limit;
+  }
+  TEigenHooks enough;
+  enough.IterationLimit = iterations;
+  std::vector<double> d3(n, 2.0), e3(n, -1.0);
+  EXPECT_EQ(tqli(d3.data(), e3.data(), n, nullptr, 0, enough), TEigenStatus::Ok);
+}
+
 TEST(Eigensystem, ThreadCountDoesNotChangeResultsAndPathsAgree) {
   const int n = 203; // not a multiple of the row groups or column strips
   std::mt19937 gen(17);
