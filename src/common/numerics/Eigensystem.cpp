@@ -238,14 +238,13 @@ void RotateStripPlain(double* zt, std::ptrdiff_t ldz, int c0, int width, const T
 }
 
 #ifdef OX_EIGEN_X86
-// V vectors of 4 columns. The rotations of one sweep run down consecutive rows, so the row a rotation
-// leaves for the next one stays in registers: per rotation and vector one load, one store, two products
-// and two fused multiply-adds, and no store-to-load wait on the way down a sweep.
-template <int V>
-__attribute__((target("avx2,fma"))) void RotateColumnsVector(double* zt, std::ptrdiff_t ldz, int c0,
-                                                             const TRotation* rot, std::size_t count) {
-  __m256d carry[V];
-  for (int v = 0; v < V; ++v) carry[v] = _mm256_setzero_pd();
+// Sixteen columns. The rotations of one sweep run down consecutive rows, so the row a rotation leaves for
+// the next one stays in registers (four named vectors, so that the compiler keeps them there): per
+// rotation and vector one load, one store, two products and two fused multiply-adds.
+__attribute__((target("avx2,fma"))) void RotateColumns16Vector(double* zt, std::ptrdiff_t ldz, int c0,
+                                                               const TRotation* rot, std::size_t count) {
+  __m256d k0 = _mm256_setzero_pd(), k1 = _mm256_setzero_pd(), k2 = _mm256_setzero_pd(),
+          k3 = _mm256_setzero_pd();
   int carriedRow = -1;
   for (std::size_t r = 0; r < count; ++r) {
     const int i = rot[r].Index;
@@ -254,42 +253,61 @@ __attribute__((target("avx2,fma"))) void RotateColumnsVector(double* zt, std::pt
     if (carriedRow != i + 1) {
       if (carriedRow >= 0) {
         double* row = zt + carriedRow * ldz + c0;
-        for (int v = 0; v < V; ++v) _mm256_storeu_pd(row + 4 * v, carry[v]);
+        _mm256_storeu_pd(row, k0);
+        _mm256_storeu_pd(row + 4, k1);
+        _mm256_storeu_pd(row + 8, k2);
+        _mm256_storeu_pd(row + 12, k3);
       }
-      for (int v = 0; v < V; ++v) carry[v] = _mm256_loadu_pd(y + 4 * v);
+      k0 = _mm256_loadu_pd(y);
+      k1 = _mm256_loadu_pd(y + 4);
+      k2 = _mm256_loadu_pd(y + 8);
+      k3 = _mm256_loadu_pd(y + 12);
     }
     const __m256d vc = _mm256_set1_pd(rot[r].C), vs = _mm256_set1_pd(rot[r].S);
-    for (int v = 0; v < V; ++v) {
-      const __m256d xv = _mm256_loadu_pd(x + 4 * v), yv = carry[v];
-      _mm256_storeu_pd(y + 4 * v, _mm256_fmadd_pd(vs, xv, _mm256_mul_pd(vc, yv)));
-      carry[v] = _mm256_fmsub_pd(vc, xv, _mm256_mul_pd(vs, yv));
-    }
+    const __m256d x0 = _mm256_loadu_pd(x), x1 = _mm256_loadu_pd(x + 4), x2 = _mm256_loadu_pd(x + 8),
+                  x3 = _mm256_loadu_pd(x + 12);
+    _mm256_storeu_pd(y, _mm256_fmadd_pd(vs, x0, _mm256_mul_pd(vc, k0)));
+    _mm256_storeu_pd(y + 4, _mm256_fmadd_pd(vs, x1, _mm256_mul_pd(vc, k1)));
+    _mm256_storeu_pd(y + 8, _mm256_fmadd_pd(vs, x2, _mm256_mul_pd(vc, k2)));
+    _mm256_storeu_pd(y + 12, _mm256_fmadd_pd(vs, x3, _mm256_mul_pd(vc, k3)));
+    k0 = _mm256_fmsub_pd(vc, x0, _mm256_mul_pd(vs, k0));
+    k1 = _mm256_fmsub_pd(vc, x1, _mm256_mul_pd(vs, k1));
+    k2 = _mm256_fmsub_pd(vc, x2, _mm256_mul_pd(vs, k2));
+    k3 = _mm256_fmsub_pd(vc, x3, _mm256_mul_pd(vs, k3));
     carriedRow = i;
   }
   if (carriedRow >= 0) {
     double* row = zt + carriedRow * ldz + c0;
-    for (int v = 0; v < V; ++v) _mm256_storeu_pd(row + 4 * v, carry[v]);
+    _mm256_storeu_pd(row, k0);
+    _mm256_storeu_pd(row + 4, k1);
+    _mm256_storeu_pd(row + 8, k2);
+    _mm256_storeu_pd(row + 12, k3);
+  }
+}
+
+// Fewer than sixteen columns (the last strip only): each rotation loads and stores both rows.
+__attribute__((target("avx2,fma"))) void RotateColumnsShortVector(double* zt, std::ptrdiff_t ldz, int c0,
+                                                                  int width, const TRotation* rot,
+                                                                  std::size_t count) {
+  for (std::size_t r = 0; r < count; ++r) {
+    double* x = zt + rot[r].Index * ldz + c0;
+    double* y = x + ldz;
+    const __m256d vc = _mm256_set1_pd(rot[r].C), vs = _mm256_set1_pd(rot[r].S);
+    for (int k = 0; k < width; k += 4) {
+      const __m256d xv = _mm256_loadu_pd(x + k), yv = _mm256_loadu_pd(y + k);
+      _mm256_storeu_pd(y + k, _mm256_fmadd_pd(vs, xv, _mm256_mul_pd(vc, yv)));
+      _mm256_storeu_pd(x + k, _mm256_fmsub_pd(vc, xv, _mm256_mul_pd(vs, yv)));
+    }
   }
 }
 
 void RotateStripVector(double* zt, std::ptrdiff_t ldz, int c0, int width, const TRotation* rot,
                        std::size_t count) {
   int done = 0;
-  for (; done + 16 <= width; done += 16) RotateColumnsVector<4>(zt, ldz, c0 + done, rot, count);
-  switch ((width - done) / 4) {
-  case 3:
-    RotateColumnsVector<3>(zt, ldz, c0 + done, rot, count);
-    break;
-  case 2:
-    RotateColumnsVector<2>(zt, ldz, c0 + done, rot, count);
-    break;
-  case 1:
-    RotateColumnsVector<1>(zt, ldz, c0 + done, rot, count);
-    break;
-  default:
-    break;
-  }
-  done += (width - done) / 4 * 4;
+  for (; done + 16 <= width; done += 16) RotateColumns16Vector(zt, ldz, c0 + done, rot, count);
+  const int vectorWidth = (width - done) / 4 * 4;
+  if (vectorWidth > 0) RotateColumnsShortVector(zt, ldz, c0 + done, vectorWidth, rot, count);
+  done += vectorWidth;
   if (done < width) RotateStripPlain(zt, ldz, c0 + done, width - done, rot, count);
 }
 #endif
