@@ -15,10 +15,10 @@
 
 namespace {
 
-constexpr int kVec = 16; // micro-tile columns
-constexpr int kBc = 6;   // micro-tile rows
+constexpr int kVec = 24; // micro-tile columns
+constexpr int kBc = 4;   // micro-tile rows
 
-// Micro-kernel, portable form: out[r * 16 + t] = sum over s < kc of bc[s * 6 + r] * vec[s * 16 + t].
+// Micro-kernel, portable form: out[r * 24 + t] = sum over s < kc of bc[s * 4 + r] * vec[s * 24 + t].
 void MicroKernelPlain(const float* vec, const float* bc, int kc, float* out) {
   float acc[kBc][kVec] = {};
   for (int s = 0; s < kc; ++s) {
@@ -34,72 +34,69 @@ void MicroKernelPlain(const float* vec, const float* bc, int kc, float* out) {
 }
 
 #ifdef OX_RANKUPDATE_X86
-__attribute__((target("avx2,fma"))) inline void AddToRow(double* row, __m256 lo, __m256 hi) {
-  _mm256_storeu_pd(row, _mm256_add_pd(_mm256_loadu_pd(row), _mm256_cvtps_pd(_mm256_castps256_ps128(lo))));
-  _mm256_storeu_pd(row + 4,
-                   _mm256_add_pd(_mm256_loadu_pd(row + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(lo, 1))));
-  _mm256_storeu_pd(row + 8,
-                   _mm256_add_pd(_mm256_loadu_pd(row + 8), _mm256_cvtps_pd(_mm256_castps256_ps128(hi))));
-  _mm256_storeu_pd(row + 12,
-                   _mm256_add_pd(_mm256_loadu_pd(row + 12), _mm256_cvtps_pd(_mm256_extractf128_ps(hi, 1))));
+// Adds 24 floats (three vectors) to 24 doubles of one row of c.
+__attribute__((target("avx2,fma"))) inline void AddToRow(double* row, __m256 v0, __m256 v1, __m256 v2) {
+  const __m256 v[3] = {v0, v1, v2};
+  for (int h = 0; h < 3; ++h) {
+    double* dst = row + 8 * h;
+    _mm256_storeu_pd(dst, _mm256_add_pd(_mm256_loadu_pd(dst), _mm256_cvtps_pd(_mm256_castps256_ps128(v[h]))));
+    _mm256_storeu_pd(
+        dst + 4, _mm256_add_pd(_mm256_loadu_pd(dst + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(v[h], 1))));
+  }
 }
 
-// Micro-kernel on 256-bit vectors: 12 accumulators of 8 floats hold the 6 x 16 tile in registers, each
-// step loads two column vectors and broadcasts six row values (12 fused multiply-adds per step). With c
-// given, the whole tile is added to six rows of c straight from the registers; otherwise it goes to out.
+// Micro-kernel on 256-bit vectors: 12 accumulators of 8 floats hold the 4 x 24 tile in registers, each
+// step loads three column vectors and broadcasts four row values (12 fused multiply-adds per step; fewer
+// broadcasts per multiply-add than a 6 x 16 tile, which keeps the multiply-add units busier). With c
+// given, the whole tile is added to four rows of c straight from the registers; otherwise it goes to out.
 __attribute__((target("avx2,fma"))) void MicroKernelVector(const float* vec, const float* bc, int kc,
                                                            float* out, double* c, std::ptrdiff_t ldc) {
-  __m256 c00 = _mm256_setzero_ps(), c01 = _mm256_setzero_ps();
-  __m256 c10 = _mm256_setzero_ps(), c11 = _mm256_setzero_ps();
-  __m256 c20 = _mm256_setzero_ps(), c21 = _mm256_setzero_ps();
-  __m256 c30 = _mm256_setzero_ps(), c31 = _mm256_setzero_ps();
-  __m256 c40 = _mm256_setzero_ps(), c41 = _mm256_setzero_ps();
-  __m256 c50 = _mm256_setzero_ps(), c51 = _mm256_setzero_ps();
+  __m256 c00 = _mm256_setzero_ps(), c01 = _mm256_setzero_ps(), c02 = _mm256_setzero_ps();
+  __m256 c10 = _mm256_setzero_ps(), c11 = _mm256_setzero_ps(), c12 = _mm256_setzero_ps();
+  __m256 c20 = _mm256_setzero_ps(), c21 = _mm256_setzero_ps(), c22 = _mm256_setzero_ps();
+  __m256 c30 = _mm256_setzero_ps(), c31 = _mm256_setzero_ps(), c32 = _mm256_setzero_ps();
   for (int s = 0; s < kc; ++s) {
     const float* v = vec + static_cast<std::ptrdiff_t>(s) * kVec;
     const float* b = bc + static_cast<std::ptrdiff_t>(s) * kBc;
     const __m256 a0 = _mm256_loadu_ps(v);
     const __m256 a1 = _mm256_loadu_ps(v + 8);
+    const __m256 a2 = _mm256_loadu_ps(v + 16);
     __m256 x = _mm256_broadcast_ss(b);
     c00 = _mm256_fmadd_ps(a0, x, c00);
     c01 = _mm256_fmadd_ps(a1, x, c01);
+    c02 = _mm256_fmadd_ps(a2, x, c02);
     x = _mm256_broadcast_ss(b + 1);
     c10 = _mm256_fmadd_ps(a0, x, c10);
     c11 = _mm256_fmadd_ps(a1, x, c11);
+    c12 = _mm256_fmadd_ps(a2, x, c12);
     x = _mm256_broadcast_ss(b + 2);
     c20 = _mm256_fmadd_ps(a0, x, c20);
     c21 = _mm256_fmadd_ps(a1, x, c21);
+    c22 = _mm256_fmadd_ps(a2, x, c22);
     x = _mm256_broadcast_ss(b + 3);
     c30 = _mm256_fmadd_ps(a0, x, c30);
     c31 = _mm256_fmadd_ps(a1, x, c31);
-    x = _mm256_broadcast_ss(b + 4);
-    c40 = _mm256_fmadd_ps(a0, x, c40);
-    c41 = _mm256_fmadd_ps(a1, x, c41);
-    x = _mm256_broadcast_ss(b + 5);
-    c50 = _mm256_fmadd_ps(a0, x, c50);
-    c51 = _mm256_fmadd_ps(a1, x, c51);
+    c32 = _mm256_fmadd_ps(a2, x, c32);
   }
   if (c) {
-    AddToRow(c, c00, c01);
-    AddToRow(c + ldc, c10, c11);
-    AddToRow(c + 2 * ldc, c20, c21);
-    AddToRow(c + 3 * ldc, c30, c31);
-    AddToRow(c + 4 * ldc, c40, c41);
-    AddToRow(c + 5 * ldc, c50, c51);
+    AddToRow(c, c00, c01, c02);
+    AddToRow(c + ldc, c10, c11, c12);
+    AddToRow(c + 2 * ldc, c20, c21, c22);
+    AddToRow(c + 3 * ldc, c30, c31, c32);
     return;
   }
   _mm256_storeu_ps(out + 0, c00);
   _mm256_storeu_ps(out + 8, c01);
-  _mm256_storeu_ps(out + 16, c10);
-  _mm256_storeu_ps(out + 24, c11);
-  _mm256_storeu_ps(out + 32, c20);
-  _mm256_storeu_ps(out + 40, c21);
-  _mm256_storeu_ps(out + 48, c30);
-  _mm256_storeu_ps(out + 56, c31);
-  _mm256_storeu_ps(out + 64, c40);
-  _mm256_storeu_ps(out + 72, c41);
-  _mm256_storeu_ps(out + 80, c50);
-  _mm256_storeu_ps(out + 88, c51);
+  _mm256_storeu_ps(out + 16, c02);
+  _mm256_storeu_ps(out + 24, c10);
+  _mm256_storeu_ps(out + 32, c11);
+  _mm256_storeu_ps(out + 40, c12);
+  _mm256_storeu_ps(out + 48, c20);
+  _mm256_storeu_ps(out + 56, c21);
+  _mm256_storeu_ps(out + 64, c22);
+  _mm256_storeu_ps(out + 72, c30);
+  _mm256_storeu_ps(out + 80, c31);
+  _mm256_storeu_ps(out + 88, c32);
 }
 #endif
 
@@ -119,8 +116,9 @@ TSymmetricRankUpdate::TSymmetricRankUpdate(int pointCount, int maxBlockLength, T
 #ifndef OX_RANKUPDATE_X86
   Vector = false;
 #endif
-  VecPack.assign(static_cast<std::size_t>(VecPanels) * MaxK * VecWidth, 0.0f);
-  BcPack.assign(static_cast<std::size_t>(BcPanels) * MaxK * BcWidth, 0.0f);
+  const std::size_t chunks = (MaxK + MaxSpectraPerPartialSum - 1) / MaxSpectraPerPartialSum;
+  VecPack.assign(chunks * VecPanels * MaxSpectraPerPartialSum * VecWidth, 0.0f);
+  BcPack.assign(chunks * BcPanels * MaxSpectraPerPartialSum * BcWidth, 0.0f);
 }
 
 void TSymmetricRankUpdate::TileOrigin(int tile, int& row, int& column) const {
@@ -179,12 +177,15 @@ void TSymmetricRankUpdate::SetBlockLength(int length) {
   K = length;
 }
 
-// Copies one spectrum into both packed forms; the last panel of each is padded with zeros.
+// Copies one spectrum into both packed forms; the last panel of each is padded with zeros. Spectra are
+// grouped in chunks of one partial sum, and a chunk holds all panels, so the writes of one spectrum stay
+// within a few pages that the next spectra of the chunk use again.
 template <typename T, int Width>
-static void PackPanels(const T* values, int m, int s, int maxK, float* pack) {
-  const int whole = m / Width;
-  float* dst = pack + static_cast<std::ptrdiff_t>(s) * Width;
-  const std::ptrdiff_t panelStride = static_cast<std::ptrdiff_t>(maxK) * Width;
+static void PackPanels(const T* values, int m, int s, float* pack) {
+  constexpr int kChunk = TSymmetricRankUpdate::MaxSpectraPerPartialSum;
+  const int panels = (m + Width - 1) / Width, whole = m / Width;
+  float* dst = pack + (static_cast<std::ptrdiff_t>(s / kChunk) * panels * kChunk + s % kChunk) * Width;
+  constexpr std::ptrdiff_t panelStride = static_cast<std::ptrdiff_t>(kChunk) * Width;
   for (int p = 0; p < whole; ++p, dst += panelStride) {
     const T* src = values + p * Width;
     for (int t = 0; t < Width; ++t) dst[t] = static_cast<float>(src[t]);
@@ -196,23 +197,23 @@ static void PackPanels(const T* values, int m, int s, int maxK, float* pack) {
 }
 
 template <typename T>
-static void PackSpectrum(const T* values, int m, int s, int maxK, float* vecPack, float* bcPack) {
-  PackPanels<T, kVec>(values, m, s, maxK, vecPack);
-  PackPanels<T, kBc>(values, m, s, maxK, bcPack);
+static void PackSpectrum(const T* values, int m, int s, float* vecPack, float* bcPack) {
+  PackPanels<T, kVec>(values, m, s, vecPack);
+  PackPanels<T, kBc>(values, m, s, bcPack);
 }
 
 void TSymmetricRankUpdate::LoadSpectrum(int s, const float* values) {
   if (s < 0 || s >= K)
     throw OrvexException("TSymmetricRankUpdate::LoadSpectrum: spectrum " + std::to_string(s) + " not in 0.." +
                          std::to_string(K - 1));
-  PackSpectrum(values, M, s, MaxK, VecPack.data(), BcPack.data());
+  PackSpectrum(values, M, s, VecPack.data(), BcPack.data());
 }
 
 void TSymmetricRankUpdate::LoadSpectrum(int s, const double* values) {
   if (s < 0 || s >= K)
     throw OrvexException("TSymmetricRankUpdate::LoadSpectrum: spectrum " + std::to_string(s) + " not in 0.." +
                          std::to_string(K - 1));
-  PackSpectrum(values, M, s, MaxK, VecPack.data(), BcPack.data());
+  PackSpectrum(values, M, s, VecPack.data(), BcPack.data());
 }
 
 void TSymmetricRankUpdate::LoadBlock(const float* values, int length, std::ptrdiff_t stride) {
@@ -236,11 +237,12 @@ void TSymmetricRankUpdate::UpdateMicroTiles(int rowBegin, int rowEnd, int colBeg
     const int kc = std::min(MaxSpectraPerPartialSum, K - s0);
     for (int p = pFirst; p < pEnd; ++p) {
       const int c0 = p * kVec;
-      const float* vec = VecPack.data() + (static_cast<std::ptrdiff_t>(p) * MaxK + s0) * kVec;
+      const std::ptrdiff_t chunk = s0 / MaxSpectraPerPartialSum;
+      const float* vec = VecPack.data() + (chunk * VecPanels + p) * MaxSpectraPerPartialSum * kVec;
       for (int q = qFirst; q < qEnd; ++q) {
         const int r0 = q * kBc;
         if (c0 > r0 + kBc - 1) continue; // wholly above the diagonal
-        const float* bc = BcPack.data() + (static_cast<std::ptrdiff_t>(q) * MaxK + s0) * kBc;
+        const float* bc = BcPack.data() + (chunk * BcPanels + q) * MaxSpectraPerPartialSum * kBc;
         double* corner = c + r0 * ldc + c0;
         const bool full = r0 + kBc <= M && c0 + kVec - 1 <= r0;
 #ifdef OX_RANKUPDATE_X86

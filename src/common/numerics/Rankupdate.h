@@ -21,7 +21,7 @@
 class TSymmetricRankUpdate {
 public:
   static constexpr int MaxSpectraPerPartialSum = 64;
-  /// Edge of a tile; a multiple of both micro-tile edges (16 columns by 6 rows).
+  /// Edge of a tile; a multiple of both micro-tile edges (24 columns by 4 rows).
   static constexpr int TileSize = 96;
 
   /// Prepares for spectra of pointCount points and blocks of up to maxBlockLength spectra. Allocates the
@@ -47,6 +47,7 @@ public:
   /// Starts a new block of length spectra (1..MaxBlockLength).
   void SetBlockLength(int length);
   /// Stores spectrum s (0..BlockLength-1) of the block. The double form rounds each value to float.
+  /// Threads that load at the same time do best with contiguous ranges of s (neighbours share lines).
   void LoadSpectrum(int s, const float* values);
   void LoadSpectrum(int s, const double* values);
   /// SetBlockLength(length) and LoadSpectrum for spectra at values + s * stride.
@@ -62,8 +63,8 @@ public:
   static void MirrorLowerToUpper(double* c, int n, std::ptrdiff_t ldc);
 
 private:
-  static constexpr int VecWidth = 16; // columns of a micro-tile: loaded as vectors
-  static constexpr int BcWidth = 6;   // rows of a micro-tile: broadcast one at a time
+  static constexpr int VecWidth = 24; // columns of a micro-tile: loaded as vectors
+  static constexpr int BcWidth = 4;   // rows of a micro-tile: broadcast one at a time
 
   void UpdateMicroTiles(int rowBegin, int rowEnd, int colBegin, int colEnd, double* c,
                         std::ptrdiff_t ldc) const;
@@ -75,8 +76,9 @@ private:
   int VecPanels = 0;
   int BcPanels = 0;
   bool Vector = false;
-  // Panel p of 16 columns: VecPack[(p * MaxK + s) * 16 + t] = b[s][16 p + t] (zero beyond m).
+  // Spectrum s = 64 c + j (chunk c of one partial sum), panel p of 24 columns:
+  // VecPack[((c * VecPanels + p) * 64 + j) * 24 + t] = b[s][24 p + t] (zero beyond m).
   std::vector<float> VecPack;
-  // Panel q of 6 rows: BcPack[(q * MaxK + s) * 6 + t] = b[s][6 q + t] (zero beyond m).
+  // The same with panels q of 4 rows: BcPack[((c * BcPanels + q) * 64 + j) * 4 + t] = b[s][4 q + t].
   std::vector<float> BcPack;
 };

@@ -49,10 +49,10 @@ std::vector<double> RunUpdate(const std::vector<float>& b, int k, int m, TKernel
 } // namespace
 
 TEST(SymmetricRankUpdate, MatchesPlainLoopAtTileAndPanelEdges) {
-  // Point counts around the micro-tile edges (6, 16) and the tile edge (96); block lengths around the
+  // Point counts around the micro-tile edges (4, 24) and the tile edge (96); block lengths around the
   // length of the float partial sums (64) and its multiples.
-  const int sizes[][2] = {{1, 1},  {5, 3},    {6, 256}, {7, 257},  {15, 63}, {16, 64}, {17, 65},
-                          {16, 1}, {17, 300}, {95, 20}, {96, 513}, {97, 64}, {193, 9}, {250, 260}};
+  const int sizes[][2] = {{1, 1},  {3, 3},    {4, 256}, {5, 257},  {23, 63}, {24, 64}, {25, 65},
+                          {16, 1}, {49, 300}, {95, 20}, {96, 513}, {97, 64}, {193, 9}, {250, 260}};
   for (TKernelPath path : {TKernelPath::Auto, TKernelPath::Plain}) {
     for (const auto& size : sizes) {
       const int m = size[0], k = size[1];
