@@ -31,9 +31,9 @@ namespace {
 // Reflector rows of Q^T handled by one task of the accumulation.
 constexpr int kGroupRows = 8;
 // Columns of the transposed eigenvector matrix in one strip of the rotation pass.
-constexpr int kStripColumns = 32;
+constexpr int kStripColumns = 16;
 // Rotations recorded before they are applied to the eigenvectors.
-constexpr std::size_t kRotationBatch = 16384;
+constexpr std::size_t kRotationBatch = 65536;
 
 struct TRotation {
   int Index; // mixes rows Index and Index + 1 of the transposed eigenvectors
@@ -443,21 +443,38 @@ TEigenStatus QL(double* d, double* e, int n, double* zt, std::ptrdiff_t ldz, con
 
   const bool vector = UseVectorPath(hooks.Path);
   std::vector<TRotation> rotations;
-  if (zt) rotations.reserve(kRotationBatch + n);
+  if (zt) rotations.reserve(std::min<std::size_t>(kRotationBatch, 4 * static_cast<std::size_t>(n) * n) + n);
   auto flush = [&]() {
     if (!zt || rotations.empty()) return;
+    int first = n, last = 0; // rows the batch touches
+    for (const TRotation& r : rotations) {
+      first = std::min(first, r.Index);
+      last = std::max(last, r.Index + 1);
+    }
+    const int rows = last - first + 1;
     const int strips = (n + kStripColumns - 1) / kStripColumns;
     RunTasks(hooks, strips, [&](int strip) {
       const int c0 = strip * kStripColumns, width = std::min(kStripColumns, n - c0);
+      // The strip is copied to a dense buffer first: its rows are then neighbours in memory, which the
+      // processor's prefetchers follow, instead of one page apart.
+      std::vector<double> buffer(static_cast<std::size_t>(rows) * kStripColumns);
+      for (int r = 0; r < rows; ++r)
+        std::copy(zt + (first + r) * ldz + c0, zt + (first + r) * ldz + c0 + width,
+                  buffer.begin() + static_cast<std::ptrdiff_t>(r) * kStripColumns);
+      double* base = buffer.data() - static_cast<std::ptrdiff_t>(first) * kStripColumns;
 #ifdef OX_EIGEN_X86
-      if (vector) {
-        RotateStripVector(zt, ldz, c0, width, rotations.data(), rotations.size());
-        return;
-      }
+      if (vector)
+        RotateStripVector(base, kStripColumns, 0, width, rotations.data(), rotations.size());
+      else
+        RotateStripPlain(base, kStripColumns, 0, width, rotations.data(), rotations.size());
 #else
       (void)vector;
+      RotateStripPlain(base, kStripColumns, 0, width, rotations.data(), rotations.size());
 #endif
-      RotateStripPlain(zt, ldz, c0, width, rotations.data(), rotations.size());
+      for (int r = 0; r < rows; ++r)
+        std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(r) * kStripColumns,
+                  buffer.begin() + static_cast<std::ptrdiff_t>(r) * kStripColumns + width,
+                  zt + (first + r) * ldz + c0);
     });
     rotations.clear();
   };

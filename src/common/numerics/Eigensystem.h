@@ -50,8 +50,9 @@ TEigenStatus tred2(double* a, int n, std::ptrdiff_t lda, double* d, double* e, c
 /// every plane rotation also turns columns of z, so z = Q from tred2 gives the eigenvectors of A in its
 /// columns (column j for d[j]). A sub-diagonal element e[m] counts as zero when |e[m]| + (|d[m]| +
 /// |d[m+1]|) equals |d[m]| + |d[m+1]|. Cancel is asked in every iteration. Rotations are recorded for
-/// several sweeps and then applied to the rows of the transposed z, split by columns over
-/// hooks.ParallelFor. Allocates its rotation buffer (and, with z, one n x n copy) and frees them.
+/// several sweeps and then applied to the rows of the transposed z (z is transposed in place before and
+/// after), in strips of 16 columns dealt over hooks.ParallelFor. Allocates its rotation buffer and one
+/// n x 16 copy of a strip per task, and frees them.
 TEigenStatus tqli(double* d, double* e, int n, double* z, std::ptrdiff_t ldz, const TEigenHooks& hooks = {});
 
 /// Selection sort into ascending order of d, carrying the columns of v (n x n, stride ldv; may be null):
