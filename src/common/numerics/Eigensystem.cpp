@@ -158,67 +158,120 @@ void ReflectRowsPlain(double* const* rows, int count, int first, int n, const do
 }
 
 #ifdef OX_EIGEN_X86
-// Four rows at once: each element of u is loaded once for four dot products and four updates.
-__attribute__((target("avx2,fma"))) void Reflect4Vector(double* const* x, const double* u, int len,
-                                                        double h) {
+// Four rows through all reflectors i >= first. The update by one reflector and the dot products with the
+// next are done in one pass over the rows, so each reflector reads and writes the rows once; every
+// element of a reflector is loaded once for the four rows.
+__attribute__((target("avx2,fma"))) void Reflect4ChainVector(double* const* x, int first, int n,
+                                                             const double* vectors, const double* h) {
   double* x0 = x[0];
   double* x1 = x[1];
   double* x2 = x[2];
   double* x3 = x[3];
-  __m256d a0 = _mm256_setzero_pd(), a1 = _mm256_setzero_pd(), a2 = _mm256_setzero_pd(),
-          a3 = _mm256_setzero_pd();
-  int k = 0;
-  for (; k + 4 <= len; k += 4) {
-    const __m256d uv = _mm256_loadu_pd(u + k);
-    a0 = _mm256_fmadd_pd(_mm256_loadu_pd(x0 + k), uv, a0);
-    a1 = _mm256_fmadd_pd(_mm256_loadu_pd(x1 + k), uv, a1);
-    a2 = _mm256_fmadd_pd(_mm256_loadu_pd(x2 + k), uv, a2);
-    a3 = _mm256_fmadd_pd(_mm256_loadu_pd(x3 + k), uv, a3);
+  auto next = [&](int i) {
+    while (i < n && h[i] == 0.0) ++i;
+    return i;
+  };
+  int i = next(first);
+  if (i >= n) return;
+  // Dot products with the first reflector.
+  double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+  {
+    const double* u = vectors + VectorOffset(i);
+    __m256d a0 = _mm256_setzero_pd(), a1 = _mm256_setzero_pd(), a2 = _mm256_setzero_pd(),
+            a3 = _mm256_setzero_pd();
+    int k = 0;
+    for (; k + 4 <= i; k += 4) {
+      const __m256d uv = _mm256_loadu_pd(u + k);
+      a0 = _mm256_fmadd_pd(_mm256_loadu_pd(x0 + k), uv, a0);
+      a1 = _mm256_fmadd_pd(_mm256_loadu_pd(x1 + k), uv, a1);
+      a2 = _mm256_fmadd_pd(_mm256_loadu_pd(x2 + k), uv, a2);
+      a3 = _mm256_fmadd_pd(_mm256_loadu_pd(x3 + k), uv, a3);
+    }
+    s0 = HorizontalSum(a0);
+    s1 = HorizontalSum(a1);
+    s2 = HorizontalSum(a2);
+    s3 = HorizontalSum(a3);
+    for (; k < i; ++k) {
+      s0 += x0[k] * u[k];
+      s1 += x1[k] * u[k];
+      s2 += x2[k] * u[k];
+      s3 += x3[k] * u[k];
+    }
   }
-  double s0 = HorizontalSum(a0), s1 = HorizontalSum(a1), s2 = HorizontalSum(a2), s3 = HorizontalSum(a3);
-  for (int r = k; r < len; ++r) {
-    s0 += x0[r] * u[r];
-    s1 += x1[r] * u[r];
-    s2 += x2[r] * u[r];
-    s3 += x3[r] * u[r];
-  }
-  const double f0 = s0 / h, f1 = s1 / h, f2 = s2 / h, f3 = s3 / h;
-  const __m256d v0 = _mm256_set1_pd(f0), v1 = _mm256_set1_pd(f1), v2 = _mm256_set1_pd(f2),
-                v3 = _mm256_set1_pd(f3);
-  k = 0;
-  for (; k + 4 <= len; k += 4) {
-    const __m256d uv = _mm256_loadu_pd(u + k);
-    _mm256_storeu_pd(x0 + k, _mm256_fnmadd_pd(v0, uv, _mm256_loadu_pd(x0 + k)));
-    _mm256_storeu_pd(x1 + k, _mm256_fnmadd_pd(v1, uv, _mm256_loadu_pd(x1 + k)));
-    _mm256_storeu_pd(x2 + k, _mm256_fnmadd_pd(v2, uv, _mm256_loadu_pd(x2 + k)));
-    _mm256_storeu_pd(x3 + k, _mm256_fnmadd_pd(v3, uv, _mm256_loadu_pd(x3 + k)));
-  }
-  for (; k < len; ++k) {
-    x0[k] -= f0 * u[k];
-    x1[k] -= f1 * u[k];
-    x2[k] -= f2 * u[k];
-    x3[k] -= f3 * u[k];
+  for (;;) {
+    const double* u = vectors + VectorOffset(i);
+    const double f0 = s0 / h[i], f1 = s1 / h[i], f2 = s2 / h[i], f3 = s3 / h[i];
+    const __m256d v0 = _mm256_set1_pd(f0), v1 = _mm256_set1_pd(f1), v2 = _mm256_set1_pd(f2),
+                  v3 = _mm256_set1_pd(f3);
+    const int j = next(i + 1);
+    if (j >= n) {
+      int k = 0;
+      for (; k + 4 <= i; k += 4) {
+        const __m256d uv = _mm256_loadu_pd(u + k);
+        _mm256_storeu_pd(x0 + k, _mm256_fnmadd_pd(v0, uv, _mm256_loadu_pd(x0 + k)));
+        _mm256_storeu_pd(x1 + k, _mm256_fnmadd_pd(v1, uv, _mm256_loadu_pd(x1 + k)));
+        _mm256_storeu_pd(x2 + k, _mm256_fnmadd_pd(v2, uv, _mm256_loadu_pd(x2 + k)));
+        _mm256_storeu_pd(x3 + k, _mm256_fnmadd_pd(v3, uv, _mm256_loadu_pd(x3 + k)));
+      }
+      for (; k < i; ++k) {
+        x0[k] -= f0 * u[k];
+        x1[k] -= f1 * u[k];
+        x2[k] -= f2 * u[k];
+        x3[k] -= f3 * u[k];
+      }
+      return;
+    }
+    // Update by reflector i over k < i, dot products with reflector j over k < j (x beyond i is untouched
+    // by reflector i, whose elements stop at i - 1).
+    const double* w = vectors + VectorOffset(j);
+    __m256d a0 = _mm256_setzero_pd(), a1 = _mm256_setzero_pd(), a2 = _mm256_setzero_pd(),
+            a3 = _mm256_setzero_pd();
+    int k = 0;
+    for (; k + 4 <= i; k += 4) {
+      const __m256d uv = _mm256_loadu_pd(u + k), wv = _mm256_loadu_pd(w + k);
+      const __m256d y0 = _mm256_fnmadd_pd(v0, uv, _mm256_loadu_pd(x0 + k));
+      const __m256d y1 = _mm256_fnmadd_pd(v1, uv, _mm256_loadu_pd(x1 + k));
+      const __m256d y2 = _mm256_fnmadd_pd(v2, uv, _mm256_loadu_pd(x2 + k));
+      const __m256d y3 = _mm256_fnmadd_pd(v3, uv, _mm256_loadu_pd(x3 + k));
+      _mm256_storeu_pd(x0 + k, y0);
+      _mm256_storeu_pd(x1 + k, y1);
+      _mm256_storeu_pd(x2 + k, y2);
+      _mm256_storeu_pd(x3 + k, y3);
+      a0 = _mm256_fmadd_pd(y0, wv, a0);
+      a1 = _mm256_fmadd_pd(y1, wv, a1);
+      a2 = _mm256_fmadd_pd(y2, wv, a2);
+      a3 = _mm256_fmadd_pd(y3, wv, a3);
+    }
+    s0 = HorizontalSum(a0);
+    s1 = HorizontalSum(a1);
+    s2 = HorizontalSum(a2);
+    s3 = HorizontalSum(a3);
+    for (; k < i; ++k) {
+      x0[k] -= f0 * u[k];
+      x1[k] -= f1 * u[k];
+      x2[k] -= f2 * u[k];
+      x3[k] -= f3 * u[k];
+      s0 += x0[k] * w[k];
+      s1 += x1[k] * w[k];
+      s2 += x2[k] * w[k];
+      s3 += x3[k] * w[k];
+    }
+    for (; k < j; ++k) {
+      s0 += x0[k] * w[k];
+      s1 += x1[k] * w[k];
+      s2 += x2[k] * w[k];
+      s3 += x3[k] * w[k];
+    }
+    i = j;
   }
 }
 
 void ReflectRowsVector(double* const* rows, int count, int first, int n, const double* vectors,
                        const double* h) {
   const int whole = count / 4 * 4;
-  for (int i = first; i < n; ++i) {
-    if (h[i] == 0.0) continue;
-    const double* u = vectors + VectorOffset(i);
-    for (int g = 0; g < whole; g += 4) Reflect4Vector(rows + g, u, i, h[i]);
-    if (whole < count) {
-      // the rows left over take the same path as in a plain run, one reflector at a time
-      for (int g = whole; g < count; ++g) {
-        double* x = rows[g];
-        double s = 0.0;
-        for (int k = 0; k < i; ++k) s += x[k] * u[k];
-        const double f = s / h[i];
-        for (int k = 0; k < i; ++k) x[k] -= f * u[k];
-      }
-    }
-  }
+  for (int g = 0; g < whole; g += 4) Reflect4ChainVector(rows + g, first, n, vectors, h);
+  // the rows left over take the plain path
+  if (whole < count) ReflectRowsPlain(rows + whole, count - whole, first, n, vectors, h);
 }
 #endif
 
