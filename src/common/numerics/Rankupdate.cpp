@@ -34,15 +34,18 @@ void MicroKernelPlain(const float* vec, const float* bc, int kc, float* out) {
 }
 
 #ifdef OX_RANKUPDATE_X86
+// Adds 8 floats to 8 doubles of c.
+__attribute__((target("avx2,fma"))) inline void AddTo(double* dst, __m256 v) {
+  _mm256_storeu_pd(dst, _mm256_add_pd(_mm256_loadu_pd(dst), _mm256_cvtps_pd(_mm256_castps256_ps128(v))));
+  _mm256_storeu_pd(dst + 4,
+                   _mm256_add_pd(_mm256_loadu_pd(dst + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))));
+}
+
 // Adds 24 floats (three vectors) to 24 doubles of one row of c.
 __attribute__((target("avx2,fma"))) inline void AddToRow(double* row, __m256 v0, __m256 v1, __m256 v2) {
-  const __m256 v[3] = {v0, v1, v2};
-  for (int h = 0; h < 3; ++h) {
-    double* dst = row + 8 * h;
-    _mm256_storeu_pd(dst, _mm256_add_pd(_mm256_loadu_pd(dst), _mm256_cvtps_pd(_mm256_castps256_ps128(v[h]))));
-    _mm256_storeu_pd(
-        dst + 4, _mm256_add_pd(_mm256_loadu_pd(dst + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(v[h], 1))));
-  }
+  AddTo(row, v0);
+  AddTo(row + 8, v1);
+  AddTo(row + 16, v2);
 }
 
 // Micro-kernel on 256-bit vectors: 12 accumulators of 8 floats hold the 4 x 24 tile in registers, each
