@@ -1,7 +1,8 @@
 // Principal component analysis kernels: the machine's multiply-add rate, the covariance of a large stack by
 // the blocked rank-k update, and the eigen-decomposition of the resulting matrix.
 //
-// bench_pca [N [M [threads]]]   defaults: 65536 spectra of 1024 points on all processors.
+// bench_pca [N [M [threads [plain]]]]   defaults: 65536 spectra of 1024 points on all processors, vector
+// units when the processor has them; "plain" runs the portable loops instead.
 #include "common/numerics/Eigensystem.h"
 #include "common/numerics/Rankupdate.h"
 #include "common/numerics/Vectorunits.h"
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -111,9 +113,11 @@ int main(int argc, char** argv) {
   const int m = argc > 2 ? std::atoi(argv[2]) : 1024;
   const int threads =
       argc > 3 ? std::atoi(argv[3]) : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  const TKernelPath path =
+      argc > 4 && std::string(argv[4]) == "plain" ? TKernelPath::Plain : TKernelPath::Auto;
   const int blockLength = 2000;
-  std::printf("PCA kernels: N=%d spectra x M=%d points, %d threads, vector units %s\n", n, m, threads,
-              HasVectorFMA() ? "AVX2+FMA" : "none (plain loops)");
+  std::printf("PCA kernels: N=%d spectra x M=%d points, %d threads, vector units %s, kernels %s\n", n, m,
+              threads, HasVectorFMA() ? "AVX2+FMA" : "none", UseVectorPath(path) ? "vector" : "plain");
 
   const TRate rates = MeasureDoubleFmaRate(threads);
   const double rate = rates.Wall;
@@ -156,7 +160,7 @@ int main(int argc, char** argv) {
   std::printf("average (one thread): %.3f s = %.2f x one read\n", averageTime, averageTime / readTime);
 
   std::vector<double> c(static_cast<std::size_t>(m) * m, 0.0);
-  TSymmetricRankUpdate update(m, blockLength);
+  TSymmetricRankUpdate update(m, blockLength, path);
   double loadTime = 0, tileTime = 0, loadCpu = 0, tileCpu = 0;
   double cpuStart = ProcessSeconds();
   start = TClock::now();
@@ -207,6 +211,7 @@ int main(int argc, char** argv) {
   const auto eigenStart = TClock::now();
   TEigenHooks hooks;
   hooks.ParallelFor = MakeThreadParallelFor(threads);
+  hooks.Path = path;
   hooks.Progress = [&](long long done, long long) {
     if (done == 2LL * (m - 1) && reductionEnd == 0) reductionEnd = Seconds(eigenStart);
     if (done == 3LL * m && accumulationEnd == 0) accumulationEnd = Seconds(eigenStart);
