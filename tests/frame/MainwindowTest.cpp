@@ -14,6 +14,7 @@
 #include "viewers/Viewershow.h"
 #include "viewers/Vtext.h"
 
+#include <QAbstractButton>
 #include <QAction>
 #include <QDropEvent>
 #include <QMenuBar>
@@ -243,6 +244,10 @@ TEST_F(MainWindowTest, IDsDroppedOnAViewerAreShownThereOnlyFromThisSession) {
   TQtViewerWindow* window = FWindow->WindowOf(viewer);
   auto dropIDs = [&](const std::string& session) {
     std::unique_ptr<QMimeData> mime(TProjectManagerModel::EncodeIDs({second}, session));
+    // As a real drag: the enter names the target, then the drop.
+    QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, mime.get(), Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(window, &enter);
+    EXPECT_EQ(enter.isAccepted(), session == "test-session");
     QDropEvent drop(QPointF(5, 5), Qt::CopyAction, mime.get(), Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(window, &drop);
   };

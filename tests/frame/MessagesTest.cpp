@@ -8,6 +8,7 @@
 #include "frame/Qtmessages.h"
 #include "project/Project.h"
 
+#include <QAbstractButton>
 #include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
