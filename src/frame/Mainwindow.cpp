@@ -24,6 +24,7 @@
 #include <QMenuBar>
 #include <QMimeData>
 #include <QPlainTextEdit>
+#include <QScreen>
 #include <QTimer>
 #include <QVBoxLayout>
 #include <filesystem>
@@ -61,6 +62,15 @@ TStandardMessageAnswer Ask(const std::string& text, const std::string& caption,
   return reply ? reply->GetAnswer().first : kAnswerCancel;
 }
 
+std::vector<TScreenRect> CurrentScreens() {
+  std::vector<TScreenRect> screens;
+  for (const QScreen* screen : QGuiApplication::screens()) {
+    const QRect r = screen->geometry();
+    screens.push_back({r.left(), r.top(), r.width(), r.height()});
+  }
+  return screens;
+}
+
 } // namespace
 
 TOrvexMainWindow::TOrvexMainWindow(TProjectActionForm& actions, std::string sessionID)
@@ -91,13 +101,31 @@ TOrvexMainWindow::TOrvexMainWindow(TProjectActionForm& actions, std::string sess
 
   TViewerPositioning* positioning = TViewerPositioning::CreateInstance();
   positioning->SetProject(&actions.Project());
-  std::vector<TScreenRect> screens;
-  for (const QScreen* screen : QGuiApplication::screens()) {
-    const QRect r = screen->geometry();
-    screens.push_back({r.left(), r.top(), r.width(), r.height()});
-  }
-  positioning->SetScreens(screens);
+  positioning->SetScreens(CurrentScreens());
   positioning->CheckWindowPositioningChange();
+  // The layout of this monitor arrangement, or of the best smaller one.
+  const std::string& layouts = TOrvexDirectories::User.UserWindowPositioning;
+  if (!layouts.empty()) {
+    positioning->SetLayoutFolder(layouts);
+    if (positioning->LoadFromFile(positioning->GetFileNameForMonitors(false)) < 1) {
+      const std::vector<TScreenRect> screens = CurrentScreens();
+      int32_t width = screens.empty() ? 0 : screens.front().Width;
+      int32_t height = screens.empty() ? 0 : screens.front().Height;
+      if (positioning->GetExactOrSmallerKnownMonitorResolution(width, height))
+        positioning->LoadFromFile(
+            (fs::path(layouts) / TViewerPositioning::GetFileNameByMonitorString(
+                                     std::to_string(width) + "x" + std::to_string(height) + "+0+0"))
+                .string());
+    }
+  }
+  auto screensChanged = [] {
+    if (TViewerPositioning* p = TViewerPositioning::Instance()) {
+      p->SetScreens(CurrentScreens());
+      p->CheckWindowPositioningChange();
+    }
+  };
+  connect(qApp, &QGuiApplication::screenAdded, this, screensChanged);
+  connect(qApp, &QGuiApplication::screenRemoved, this, screensChanged);
 
   FRecoveryTimer = new QTimer(this);
   connect(FRecoveryTimer, &QTimer::timeout, this, [this] { WriteRecoveryCopy(); });
@@ -442,6 +470,7 @@ void TOrvexMainWindow::closeEvent(QCloseEvent* event) {
     return;
   }
   SaveSettings();
+  if (TViewerPositioning* p = TViewerPositioning::Instance()) p->CheckAndSaveWindowPositioning();
   if (!FNoQuestions) DeleteRecoveryCopy();
   FRecoveryTimer->stop();
   for (auto& [viewer, window] : FWindows) window->hide();

@@ -126,7 +126,11 @@ void TQtViewerWindow::CloseViewerWindow() {
 }
 
 void TQtViewerWindow::SetCloseEnabled(bool enabled) {
+  if (windowFlags().testFlag(Qt::WindowCloseButtonHint) == enabled) return;
+  // Changing the flags of a shown window hides it; show it again as it was.
+  const bool wasVisible = isVisible();
   setWindowFlag(Qt::WindowCloseButtonHint, enabled);
+  if (wasVisible) show();
 }
 
 void TQtViewerWindow::ViewerDestroyed() {

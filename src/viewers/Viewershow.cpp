@@ -2,6 +2,7 @@
 #include "viewers/Viewershow.h"
 
 #include "project/Project.h"
+#include "viewers/Viewerpositioning.h"
 #include "viewers/Vtext.h"
 
 TVCustomForm* ShowNewViewer(TProject& project, std::unique_ptr<TVCustomForm> viewer, const TIntList& ids) {
@@ -9,7 +10,15 @@ TVCustomForm* ShowNewViewer(TProject& project, std::unique_ptr<TVCustomForm> vie
   TVCustomForm* raw = viewer.get();
   project.AddViewer(std::move(viewer));
   for (int32_t id : ids) raw->AddDataID(id);
-  project.SetViewerPosition(raw, false);
+  if (project.OnSetViewerPosition) {
+    project.SetViewerPosition(raw, false);
+  } else {
+    // Without the workbench's positioning (command line, tests) the default layout of the class places it,
+    // so that a file written here opens with its viewers where the workbench would put them.
+    TViewerPositioning defaults;
+    defaults.SetProject(&project);
+    defaults.SetViewerPosition(raw, false);
+  }
   if (project.OnShowViewer) project.OnShowViewer(raw);
   return raw;
 }
