@@ -84,6 +84,7 @@ TOrvexMainWindow::TOrvexMainWindow(TProjectActionForm& actions, std::string sess
   FManagerDock->setWidget(FManager);
   FManagerDock->setFeatures(QDockWidget::DockWidgetMovable | QDockWidget::DockWidgetFloatable);
   addDockWidget(Qt::LeftDockWidgetArea, FManagerDock);
+  resizeDocks({FManagerDock}, {380}, Qt::Horizontal);
   // The main area stays empty: viewers are windows of their own.
   auto* centre = new QWidget(this);
   centre->setMinimumSize(200, 100);

@@ -66,11 +66,11 @@ TViewerPositionInfo TViewerPositionInfo::CopyLayout() const {
 
 TViewerPositioning::TViewerPositioning() {
   using K = TViewerPositionKind;
-  AddDefaultInfo("TVImageForm", "Image Viewer", K::Array, 320, 0, 400, 400, 3, 2);
-  AddDefaultInfo("TVMultiGraphForm", "Graph Viewer", K::Array, 320, 420, 500, 350, 2, 2);
-  AddDefaultInfo("TVFilterManagerForm", "Filter Viewer", K::Cascade, 340, 40, 500, 400, 1, 1);
-  AddDefaultInfo("TVProjectManagerForm", "Project Manager", K::SinglePosition, 0, 0, 310, 700, 1, 1);
-  AddDefaultInfo("TVTextForm", "Text Viewer", K::Cascade, 330, 30, 520, 420, 1, 1);
+  AddDefaultInfo("TVImageForm", "Image Viewer", K::Array, 400, 0, 400, 400, 3, 2);
+  AddDefaultInfo("TVMultiGraphForm", "Graph Viewer", K::Array, 400, 420, 500, 350, 2, 2);
+  AddDefaultInfo("TVFilterManagerForm", "Filter Viewer", K::Cascade, 420, 40, 500, 400, 1, 1);
+  AddDefaultInfo("TVProjectManagerForm", "Project Manager", K::SinglePosition, 0, 0, 390, 700, 1, 1);
+  AddDefaultInfo("TVTextForm", "Text Viewer", K::Cascade, 410, 30, 520, 420, 1, 1);
 }
 
 void TViewerPositioning::AddDefaultInfo(const std::string& className, const std::string& caption,
