@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include <unistd.h>
@@ -29,7 +28,7 @@ void OnTerminationSignal(int signal) {
 void PrintHelp() {
   std::printf("Usage: orvex-project [FILE]\n\n"
               "The Orvex Project workbench. FILE may be a project (.oxp), which is opened, or a data file\n"
-              "(.oxd), whose objects are appended. A second start brings the running workbench forward.\n\n"
+              "(.oxd), whose objects are appended. A second start hands FILE to the running workbench.\n\n"
               "  --help      this text\n"
               "  --version   the program's version\n\n"
               "Needs a display (DISPLAY or WAYLAND_DISPLAY); the command line 'orvex' works without one.\n");
@@ -78,6 +77,11 @@ int main(int argc, char** argv) {
   options.EmptyTemporaryFolder = true;
   options.ProgressView = app.ProgressView();
   options.RegisterViewers = &RegisterViewers;
+  // The file of the command line: opened at the end of the start; a second start hands it to the first.
+  options.CommandLineFile = file;
+  options.OnFileFromLaterStart = [&mainWindow](const std::string& fileName) {
+    if (mainWindow) mainWindow->OpenFile(fileName, false);
+  };
   options.OnBringToFront = [&mainWindow] {
     if (!mainWindow) return;
     mainWindow->showNormal();
@@ -111,8 +115,6 @@ int main(int argc, char** argv) {
     }
 
     window.OfferRecoveryCopies();
-    std::error_code error;
-    if (!file.empty() && std::filesystem::is_regular_file(file, error)) window.OpenFile(file, false);
     exitCode = app.exec();
     for (int s : {SIGTERM, SIGINT, SIGHUP}) std::signal(s, SIG_DFL);
     SetMessageBoxParent(nullptr);

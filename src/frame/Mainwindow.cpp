@@ -135,6 +135,11 @@ TOrvexMainWindow::TOrvexMainWindow(TProjectActionForm& actions, std::string sess
   ConnectProject();
   LoadSettings();
   UpdateTitle();
+  // Viewers the project holds already (a file of the command line) get their windows now.
+  for (TVCustomForm* viewer : actions.Project().GetAllViewersWithoutHardwareAndDialog()) {
+    positioning->PlaceLoadedViewer(viewer);
+    if (TQtViewerWindow* window = EnsureWindow(viewer)) window->ShowViewerWindow(false);
+  }
 }
 
 TOrvexMainWindow::~TOrvexMainWindow() {

@@ -215,6 +215,21 @@ TEST_F(MainWindowTest, DoubleClickShowsTheSelectionInATextViewerWindow) {
   EXPECT_FALSE(Project().GetFirstViewerByClassName("TVTextForm"));
 }
 
+TEST_F(MainWindowTest, ViewersOfAProjectLoadedBeforeTheWindowGetTheirWindows) {
+  FWindow.reset();
+  const int32_t id = AddText("Loaded early", "x");
+  TVCustomForm* viewer = ShowIDsInViewer(Project(), {id}); // no workbench yet: no window
+  viewer->SetBounds(-5000, -5000, 300, 200);               // and a place off every screen
+  FWindow = std::make_unique<TOrvexMainWindow>(*FActions, "test-session");
+  FWindow->show();
+  TQtViewerWindow* window = FWindow->WindowOf(viewer);
+  ASSERT_TRUE(window);
+  EXPECT_TRUE(WaitFor([&] { return window->isVisible(); }));
+  EXPECT_EQ(window->windowTitle().toStdString(), "Text Viewer - Loaded early");
+  EXPECT_GE(viewer->GetLeft(), 0); // placed again onto the screen
+  EXPECT_GE(viewer->GetTop(), 0);
+}
+
 TEST_F(MainWindowTest, SettingsPanelChangesTheViewerAndRefusesValuesOutOfLimits) {
   const int32_t id = AddText("Notes", "x");
   FWindow->ShowIDs({id});
