@@ -496,7 +496,11 @@ void TOrvexMainWindow::LoadSettings() {
   const QString recent = QString::fromStdString(TSystemOptionsHelper::GetString(kRecentPath, ""));
   FRecent.clear();
   for (const QString& name : recent.split('\n', Qt::SkipEmptyParts)) FRecent.push_back(name.toStdString());
-  const int minutes = std::stoi(TSystemOptionsHelper::GetString(kRecoveryPath, "5"));
+  int minutes = 5;
+  try {
+    minutes = std::stoi(TSystemOptionsHelper::GetString(kRecoveryPath, "5"));
+  } catch (const std::exception&) { // a damaged entry: the default
+  }
   SetRecoveryInterval(minutes);
 }
 

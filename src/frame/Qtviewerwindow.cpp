@@ -79,20 +79,21 @@ void TQtViewerWindow::SetViewerCaption(const std::string& caption) {
   setWindowTitle(QString::fromStdString(caption));
 }
 
+QMargins TQtViewerWindow::FrameMargins() const {
+  const QRect frame = frameGeometry();
+  const QRect inner = geometry();
+  return QMargins(inner.left() - frame.left(), inner.top() - frame.top(), frame.right() - inner.right(),
+                  frame.bottom() - inner.bottom());
+}
+
 TWindowPlacement TQtViewerWindow::GetViewerPlacement() const {
   TWindowPlacement p;
   p.ShowCommand = isMinimized()   ? TWindowPlacement::kShowMinimized
                   : isMaximized() ? TWindowPlacement::kShowMaximized
                                   : TWindowPlacement::kShowNormal;
-  const QRect r = (isMinimized() || isMaximized()) ? normalGeometry() : frameGeometry();
-  const QRect frame = frameGeometry();
-  const QRect inner = geometry();
-  // The normal rectangle includes the window frame, as the placement stores it.
-  const QRect normal =
-      (isMinimized() || isMaximized())
-          ? QRect(r.left() - (inner.left() - frame.left()), r.top() - (inner.top() - frame.top()),
-                  r.width() + frame.width() - inner.width(), r.height() + frame.height() - inner.height())
-          : frame;
+  // The placement holds the normal rectangle with the window frame.
+  const QRect inner = (isMinimized() || isMaximized()) ? normalGeometry() : geometry();
+  const QRect normal = inner.marginsAdded(FrameMargins());
   p.WindowLeft = normal.left();
   p.WindowTop = normal.top();
   p.WindowRight = normal.left() + normal.width();
@@ -101,15 +102,11 @@ TWindowPlacement TQtViewerWindow::GetViewerPlacement() const {
 }
 
 void TQtViewerWindow::SetViewerPlacement(const TWindowPlacement& placement) {
-  const QRect frame = frameGeometry();
-  const QRect inner = geometry();
-  const int dx = inner.left() - frame.left();
-  const int dy = inner.top() - frame.top();
-  const int dw = frame.width() - inner.width();
-  const int dh = frame.height() - inner.height();
+  const QMargins frame = FrameMargins();
   if (isMaximized() || isMinimized()) showNormal();
-  setGeometry(placement.WindowLeft + dx, placement.WindowTop + dy, std::max(1, placement.Width() - dw),
-              std::max(1, placement.Height() - dh));
+  setGeometry(placement.WindowLeft + frame.left(), placement.WindowTop + frame.top(),
+              std::max(1, placement.Width() - frame.left() - frame.right()),
+              std::max(1, placement.Height() - frame.top() - frame.bottom()));
   if (placement.ShowCommand == TWindowPlacement::kShowMaximized)
     setWindowState(Qt::WindowMaximized);
   else if (placement.ShowCommand == TWindowPlacement::kShowMinimized)

@@ -45,6 +45,8 @@ protected:
 
 private:
   void UpdateView();
+  /// Width of the window frame on each side (0 before the window manager framed it).
+  QMargins FrameMargins() const;
 
   TVCustomForm* FViewer;
   QPlainTextEdit* FText = nullptr;

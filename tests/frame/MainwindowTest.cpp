@@ -230,6 +230,28 @@ TEST_F(MainWindowTest, ViewersOfAProjectLoadedBeforeTheWindowGetTheirWindows) {
   EXPECT_GE(viewer->GetTop(), 0);
 }
 
+TEST_F(MainWindowTest, PlacementReachesTheRealWindowAndComesBack) {
+  const int32_t id = AddText("Placed", "x");
+  FWindow->ShowIDs({id});
+  TVCustomForm* viewer = Project().GetFirstViewerByClassName("TVTextForm");
+  TQtViewerWindow* window = FWindow->WindowOf(viewer);
+  viewer->SetBounds(100, 120, 300, 200);
+  ASSERT_TRUE(WaitFor([&] { return window->frameGeometry().topLeft() == QPoint(100, 120); }));
+  EXPECT_EQ(window->frameGeometry().size(), QSize(300, 200));
+  TWindowPlacement p = viewer->GetPlacement();
+  EXPECT_EQ(p.ShowCommand, TWindowPlacement::kShowNormal);
+  EXPECT_EQ(p.WindowLeft, 100);
+  EXPECT_EQ(p.WindowBottom, 320);
+  // Maximised, the normal rectangle is kept for the file.
+  p.ShowCommand = TWindowPlacement::kShowMaximized;
+  viewer->SetPlacement(p);
+  ASSERT_TRUE(WaitFor([&] { return window->isMaximized(); }));
+  const TWindowPlacement maximised = viewer->GetPlacement();
+  EXPECT_EQ(maximised.ShowCommand, TWindowPlacement::kShowMaximized);
+  EXPECT_EQ(maximised.WindowLeft, 100);
+  EXPECT_EQ(maximised.Width(), 300);
+}
+
 TEST_F(MainWindowTest, SettingsPanelChangesTheViewerAndRefusesValuesOutOfLimits) {
   const int32_t id = AddText("Notes", "x");
   FWindow->ShowIDs({id});
