@@ -52,17 +52,24 @@ void TOpenGLGraph::OptimizeGraph() {
     const auto [a, b] = segments.back();
     segments.pop_back();
     if (b - a < 2) continue;
-    double farthest = -1;
-    int at = -1;
+    // The farthest point by the cross product with the chord; one division per segment, not per point.
     const TXYPoint& pa = FPoints[static_cast<size_t>(a)];
     const TXYPoint& pb = FPoints[static_cast<size_t>(b)];
+    const double dx = pb.X - pa.X;
+    const double dy = pb.Y - pa.Y;
+    const double length = std::hypot(dx, dy);
+    double farthest = -1;
+    int at = -1;
     for (int i = a + 1; i < b; ++i) {
-      const double d = DistancePointToLine(FPoints[static_cast<size_t>(i)], pa, pb);
+      const TXYPoint& p = FPoints[static_cast<size_t>(i)];
+      const double d =
+          length == 0 ? std::hypot(p.X - pa.X, p.Y - pa.Y) : std::fabs(dy * (p.X - pa.X) - dx * (p.Y - pa.Y));
       if (d > farthest) {
         farthest = d;
         at = i;
       }
     }
+    if (length != 0) farthest /= length;
     // NaN distances (NaN points) never exceed the limit: such points are dropped, the curve goes on.
     if (at < 0 || !(farthest > OptimisationLimit)) continue;
     keep[static_cast<size_t>(at)] = 1;
