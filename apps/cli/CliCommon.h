@@ -63,5 +63,6 @@ void AddAxisCommands(CLI::App& app, CliContext& ctx);
 void AddPathsCommands(CLI::App& app, CliContext& ctx);
 void AddBitmapCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
+void AddViewerCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

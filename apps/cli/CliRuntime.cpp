@@ -6,6 +6,7 @@
 #include "common/threads/ConsoleProgressView.h"
 #include "common/threads/Multicorecalc.h"
 #include "project/Orvexapplication.h"
+#include "viewers/Viewershow.h"
 
 namespace orvexcli {
 
@@ -23,6 +24,7 @@ void StartRuntime(CliContext& ctx) {
   options.MemoryOverride = {ctx.Memory, ctx.MmfDir, ctx.MmfSizeGB, ctx.MapSizeMB};
   // The command line may run many times at once: no single-instance guard.
   options.SingleInstance = false;
+  options.RegisterViewers = &RegisterViewers;
   const TStartResult result = TOrvexApplication::InitializeApplication(options);
   if (result != TStartResult::Started) {
     TOrvexApplication::CleanupApplication();

@@ -1,6 +1,7 @@
 // orvex info / convert / append: look into, convert and combine project and data files.
 #include "CliCommon.h"
 #include "CliProjectFiles.h"
+#include "CliViewers.h"
 #include "common/Saveandload.h"
 #include "project/Project.h"
 
@@ -30,7 +31,7 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
   json objects = json::array();
   for (const auto& data : project.DataList()) objects.push_back(DescribeObject(*data));
   json viewers = json::array();
-  for (const auto& viewer : project.ViewerList()) viewers.push_back(viewer->GetClassNameA());
+  for (size_t i = 0; i < project.ViewerList().size(); ++i) viewers.push_back(DescribeViewer(project, i));
   json skipped = json::array();
   for (const auto& [index, className] : project.SkippedObjects())
     skipped.push_back(json{{"index", index}, {"class", className}});

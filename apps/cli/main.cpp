@@ -50,6 +50,7 @@ int main(int argc, char** argv) {
   AddPathsCommands(app, ctx);
   AddBitmapCommands(app, ctx);
   AddConfigCommands(app, ctx);
+  AddViewerCommands(app, ctx);
 
   // The application goes down on every path, after the command's projects are gone.
   struct TStopAtExit {

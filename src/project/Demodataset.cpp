@@ -315,5 +315,8 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   text->SetText(description);
   ids.Description = text->GetID();
   project.AddData(std::move(text));
+  // The description opens in a text viewer when the viewer classes are registered.
+  const TRegisteredViewer* viewer = TVCustomForm::GetRegisteredViewer("TVTextForm");
+  if (viewer && viewer->ShowViewer) viewer->ShowViewer(project, {ids.Description});
   return ids;
 }

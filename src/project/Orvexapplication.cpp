@@ -152,11 +152,14 @@ TStartResult TOrvexApplication::InitializeApplication(const TOrvexApplicationOpt
     std::error_code error;
     std::filesystem::create_directories(TOrvexDirectories::Runtime, error);
     Guard = std::make_unique<TSingleInstanceGuard>(TOrvexDirectories::Runtime, "orvex-project");
-    const auto result = Guard->Acquire([] {
-      TMainThreadQueue::Instance().Post([] {
-        if (FOptions.OnBringToFront) FOptions.OnBringToFront();
-      });
-    });
+    const auto result = Guard->Acquire(
+        [](const std::string& fileName) {
+          TMainThreadQueue::Instance().Post([fileName] {
+            if (FOptions.OnBringToFront) FOptions.OnBringToFront();
+            if (!fileName.empty() && FOptions.OnFileFromLaterStart) FOptions.OnFileFromLaterStart(fileName);
+          });
+        },
+        FOptions.CommandLineFile);
     if (result == TSingleInstanceGuard::TResult::OtherBroughtForward ||
         result == TSingleInstanceGuard::TResult::OtherNotReached) {
       Guard.reset();

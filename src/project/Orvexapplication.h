@@ -52,6 +52,9 @@ struct TOrvexApplicationOptions {
   std::function<void()> RegisterViewers;
   /// Called on the main thread when a later start asks this instance to come forward.
   std::function<void()> OnBringToFront;
+  /// Called on the main thread, after OnBringToFront, with the file a later start was given. A second start
+  /// hands over its CommandLineFile.
+  std::function<void(const std::string& fileName)> OnFileFromLaterStart;
   /// Called with the name of every step as it begins, start-up and shutdown alike (tests, tracing).
   std::function<void(const std::string& step)> OnStep;
 };

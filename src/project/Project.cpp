@@ -939,6 +939,26 @@ void TProject::CheckAndDeleteViewers() {
   });
 }
 
+void TProject::SetViewerPosition(TVCustomForm* viewer, bool recalculating) {
+  if (viewer && OnSetViewerPosition) OnSetViewerPosition(viewer, recalculating);
+}
+
+void TProject::RepositionViewersAfterLoad() {
+  const std::vector<TVCustomForm*> waiting = std::move(FViewersToReposition);
+  FViewersToReposition.clear();
+  for (TVCustomForm* viewer : waiting) {
+    if (OnPlaceLoadedViewer)
+      OnPlaceLoadedViewer(viewer);
+    else
+      SetViewerPosition(viewer, false);
+    if (OnShowViewer) OnShowViewer(viewer);
+  }
+}
+
+TVCustomForm* TProject::GetViewer(size_t index) const {
+  return index < FViewerList.size() ? FViewerList[index].get() : nullptr;
+}
+
 TVCustomForm* TProject::GetFirstViewerByClassName(const std::string& className) const {
   for (const auto& viewer : FViewerList)
     if (viewer->GetClassNameA() == className) return viewer.get();

@@ -197,6 +197,18 @@ public:
   std::vector<TVCustomForm*> GetViewerListByClassName(const std::string& className) const;
   std::vector<TVCustomForm*> GetAllViewersWithoutHardwareAndDialog() const;
   const std::vector<std::unique_ptr<TVCustomForm>>& ViewerList() const { return FViewerList; }
+  /// Places a viewer through OnSetViewerPosition (nothing without it).
+  void SetViewerPosition(TVCustomForm* viewer, bool recalculating);
+  /// Places every viewer waiting since the last load or append, hands each to OnShowViewer without the
+  /// focus, and forgets them.
+  void RepositionViewersAfterLoad();
+  /// The viewer at index in the list, null out of range.
+  TVCustomForm* GetViewer(size_t index) const;
+  /// The workbench's placement of viewers and its showing of loaded ones; unset: nothing happens.
+  std::function<void(TVCustomForm*, bool)> OnSetViewerPosition;
+  /// Placement of a viewer that came from a file (unset: SetViewerPosition).
+  std::function<void(TVCustomForm*)> OnPlaceLoadedViewer;
+  std::function<void(TVCustomForm*)> OnShowViewer;
 
   // --- State -----------------------------------------------------------------------------------
 

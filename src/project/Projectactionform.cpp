@@ -125,6 +125,7 @@ bool TProjectActionForm::LoadProject(const std::string& fileName) {
     FRememberFilePath.RememberFile(fileName);
     FProject->SetFileName(fileName);
     FRecentFiles.Add("OXP", fileName);
+    FProject->RepositionViewersAfterLoad();
     return true;
   });
 }
@@ -188,6 +189,7 @@ bool TProjectActionForm::AppendProject(const std::string& fileName) {
     }
     // What was read before a failure is appended as well, as a failed load keeps it.
     FProject->AppendProject(loader);
+    FProject->RepositionViewersAfterLoad();
     if (result < 1) {
       Notify("Loading Error: " + GetTagErrorName(result));
       return false;

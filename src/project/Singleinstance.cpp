@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,6 +14,7 @@
 
 namespace {
 
+constexpr char kRequestWord[] = "COME_FORWARD";
 constexpr char kRequest[] = "COME_FORWARD\n";
 constexpr char kAnswer[] = "OK\n";
 
@@ -28,7 +30,7 @@ bool MakeAddress(const std::string& name, sockaddr_un& address) {
 std::string ReadLine(int socket, int timeoutMs) {
   std::string line;
   char buffer[64];
-  while (line.find('\n') == std::string::npos && line.size() < 256) {
+  while (line.find('\n') == std::string::npos && line.size() < 8192) { // room for a path
     pollfd entry{socket, POLLIN, 0};
     if (::poll(&entry, 1, timeoutMs) <= 0) break;
     const ssize_t count = ::read(socket, buffer, sizeof buffer);
@@ -61,12 +63,19 @@ TSingleInstanceGuard::~TSingleInstanceGuard() {
 }
 
 TSingleInstanceGuard::TResult TSingleInstanceGuard::Acquire(std::function<void()> onBringForward) {
+  if (!onBringForward) return Acquire(std::function<void(const std::string&)>(), std::string());
+  return Acquire([fn = std::move(onBringForward)](const std::string&) { fn(); }, std::string());
+}
+
+TSingleInstanceGuard::TResult
+TSingleInstanceGuard::Acquire(std::function<void(const std::string& fileName)> onBringForward,
+                              const std::string& fileName) {
   if (IsHolder()) return TResult::First;
   const int file = ::open(FLockFileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (file < 0) return TResult::NoGuard;
   if (::flock(file, LOCK_EX | LOCK_NB) != 0) {
     ::close(file);
-    return AskHolderToComeForward() ? TResult::OtherBroughtForward : TResult::OtherNotReached;
+    return AskHolderToComeForward(fileName) ? TResult::OtherBroughtForward : TResult::OtherNotReached;
   }
   FLockFile = file;
   FOnBringForward = std::move(onBringForward);
@@ -75,14 +84,22 @@ TSingleInstanceGuard::TResult TSingleInstanceGuard::Acquire(std::function<void()
   return TResult::First;
 }
 
-bool TSingleInstanceGuard::AskHolderToComeForward() const {
+bool TSingleInstanceGuard::AskHolderToComeForward(const std::string& fileName) const {
   sockaddr_un address;
   if (!MakeAddress(FSocketName, address)) return false;
   const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (socket < 0) return false;
   bool confirmed = false;
   if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    WriteAll(socket, kRequest);
+    // The request, with the file in the same line: "COME_FORWARD /abs/path\n". A name holding a line break
+    // can't travel and is left out.
+    std::string request = kRequest;
+    if (!fileName.empty() && fileName.find('\n') == std::string::npos) {
+      std::error_code error;
+      const std::string absolute = std::filesystem::absolute(fileName, error).string();
+      request = std::string(kRequestWord) + " " + (error ? fileName : absolute) + "\n";
+    }
+    WriteAll(socket, request.c_str());
     confirmed = ReadLine(socket, kAnswerTimeoutMs) == kAnswer;
   }
   ::close(socket);
@@ -117,8 +134,12 @@ void TSingleInstanceGuard::Listen() {
     if ((entries[0].revents & POLLIN) == 0) continue;
     const int client = ::accept4(FListenSocket, nullptr, nullptr, SOCK_CLOEXEC);
     if (client < 0) continue;
-    if (ReadLine(client, kAnswerTimeoutMs) == kRequest) {
-      if (FOnBringForward) FOnBringForward();
+    const std::string line = ReadLine(client, kAnswerTimeoutMs);
+    const size_t word = std::strlen(kRequestWord);
+    if (line.size() > word && line.compare(0, word, kRequestWord) == 0 && line.back() == '\n' &&
+        (line[word] == '\n' || line[word] == ' ')) {
+      const std::string fileName = line[word] == ' ' ? line.substr(word + 1, line.size() - word - 2) : "";
+      if (FOnBringForward) FOnBringForward(fileName);
       WriteAll(client, kAnswer);
     }
     ::close(client);

@@ -26,6 +26,10 @@ public:
   /// Takes the guard, or asks its holder to come forward. onBringForward runs on the listener's thread
   /// each time a later start asks; the holder hands it on to its main thread.
   TResult Acquire(std::function<void()> onBringForward);
+  /// The same; a later start hands over fileName (made absolute; "" for none), and onBringForward of the
+  /// holder receives it.
+  TResult Acquire(std::function<void(const std::string& fileName)> onBringForward,
+                  const std::string& fileName);
   /// Stops listening and gives the guard up; nothing happens when it isn't held.
   void Release();
   bool IsHolder() const { return FLockFile >= 0; }
@@ -36,7 +40,7 @@ public:
   static constexpr int kAnswerTimeoutMs = 3000;
 
 private:
-  bool AskHolderToComeForward() const;
+  bool AskHolderToComeForward(const std::string& fileName) const;
   bool StartListening();
   void Listen();
 
@@ -46,5 +50,5 @@ private:
   int FListenSocket = -1;
   int FWakePipe[2] = {-1, -1};
   std::thread FListener;
-  std::function<void()> FOnBringForward;
+  std::function<void(const std::string&)> FOnBringForward;
 };

@@ -329,6 +329,34 @@ TEST_F(OrvexApplicationTest, SecondStartBringsTheFirstForward) {
   EXPECT_EQ(second.Acquire(nullptr), TSingleInstanceGuard::TResult::First);
 }
 
+TEST_F(OrvexApplicationTest, SecondStartHandsItsFileToTheFirst) {
+  FOptions.SingleInstance = true;
+  std::vector<std::string> events;
+  FOptions.OnBringToFront = [&] { events.push_back("front"); };
+  FOptions.OnFileFromLaterStart = [&](const std::string& file) { events.push_back("file " + file); };
+  ASSERT_EQ(TOrvexApplication::InitializeApplication(FOptions), TStartResult::Started);
+
+  const std::string handed = FDir.File("with space and µm.oxp"); // absolute already
+  TSingleInstanceGuard second(FDir.File("run"), "orvex-project");
+  EXPECT_EQ(second.Acquire([](const std::string&) {}, handed),
+            TSingleInstanceGuard::TResult::OtherBroughtForward);
+  for (int i = 0; i < 100 && events.size() < 2; ++i)
+    TMainThreadQueue::Instance().WaitAndProcess(std::chrono::milliseconds(20));
+  EXPECT_EQ(events, (std::vector<std::string>{"front", "file " + handed}));
+
+  // A relative name arrives absolute; none at all only brings the first forward.
+  events.clear();
+  EXPECT_EQ(second.Acquire([](const std::string&) {}, "relative.oxp"),
+            TSingleInstanceGuard::TResult::OtherBroughtForward);
+  EXPECT_EQ(second.Acquire(nullptr), TSingleInstanceGuard::TResult::OtherBroughtForward);
+  for (int i = 0; i < 100 && events.size() < 3; ++i)
+    TMainThreadQueue::Instance().WaitAndProcess(std::chrono::milliseconds(20));
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[1], "file " + (fs::current_path() / "relative.oxp").string());
+  EXPECT_EQ(events[2], "front");
+  TOrvexApplication::CleanupApplication();
+}
+
 TEST_F(OrvexApplicationTest, HolderThatDoesNotAnswerGetsTheMessage) {
   // A holder of the lock that listens nowhere: the second start can't find it.
   fs::create_directories(FDir.File("run"));

@@ -1,0 +1,171 @@
+// The window of a viewer.
+#include "frame/Qtviewerwindow.h"
+
+#include "frame/Qtparampanel.h"
+#include "project/Project.h"
+#include "viewers/Vtext.h"
+
+#include <QCloseEvent>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFont>
+#include <QLabel>
+#include <QMimeData>
+#include <QPlainTextEdit>
+#include <QScreen>
+#include <QSplitter>
+#include <QVBoxLayout>
+#include <QWindow>
+
+std::function<std::vector<int32_t>(const QMimeData*)> TQtViewerWindow::DecodeIDs;
+
+TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
+    : QWidget(mainWindow, Qt::Window), FViewer(viewer) {
+  setAttribute(Qt::WA_DeleteOnClose, false);
+  setAcceptDrops(true);
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  auto* splitter = new QSplitter(Qt::Horizontal, this);
+  layout->addWidget(splitter);
+  if (dynamic_cast<TVTextForm*>(viewer)) {
+    FText = new QPlainTextEdit(splitter);
+    FText->setReadOnly(true);
+    FText->setObjectName("TextView");
+  } else {
+    auto* label = new QLabel(QString::fromStdString(viewer->GetClassNameA()), splitter);
+    label->setAlignment(Qt::AlignCenter);
+  }
+  if (TUserParameterAdministrator* cfi = viewer->GetCFI(); cfi && !cfi->GetParameters().empty()) {
+    FPanel = new TQtParamPanel(*cfi, splitter);
+    FPanel->setObjectName("SettingsPanel");
+    splitter->setStretchFactor(0, 1);
+  }
+  viewer->AttachWindow(this);
+  UpdateView();
+}
+
+TQtViewerWindow::~TQtViewerWindow() {
+  if (FViewer) FViewer->AttachWindow(nullptr);
+}
+
+void TQtViewerWindow::UpdateView() {
+  if (!FViewer) return;
+  if (auto* text = dynamic_cast<TVTextForm*>(FViewer); text && FText) {
+    if (FText->toPlainText().toStdString() != text->GetDisplayText())
+      FText->setPlainText(QString::fromStdString(text->GetDisplayText()));
+    FText->setLineWrapMode(text->GetWordWrap() ? QPlainTextEdit::WidgetWidth : QPlainTextEdit::NoWrap);
+    QFont font = FText->font();
+    font.setPointSize(text->GetFontSize());
+    FText->setFont(font);
+  }
+  if (FPanel) FPanel->Refresh();
+}
+
+void TQtViewerWindow::ShowViewerWindow(bool activate) {
+  if (!activate) setAttribute(Qt::WA_ShowWithoutActivating, true);
+  show();
+  setAttribute(Qt::WA_ShowWithoutActivating, false);
+  if (activate) {
+    raise();
+    activateWindow();
+  }
+}
+
+void TQtViewerWindow::HideViewerWindow() {
+  hide();
+}
+
+void TQtViewerWindow::SetViewerCaption(const std::string& caption) {
+  setWindowTitle(QString::fromStdString(caption));
+}
+
+QMargins TQtViewerWindow::FrameMargins() const {
+  const QRect frame = frameGeometry();
+  const QRect inner = geometry();
+  return QMargins(inner.left() - frame.left(), inner.top() - frame.top(), frame.right() - inner.right(),
+                  frame.bottom() - inner.bottom());
+}
+
+TWindowPlacement TQtViewerWindow::GetViewerPlacement() const {
+  TWindowPlacement p;
+  p.ShowCommand = isMinimized()   ? TWindowPlacement::kShowMinimized
+                  : isMaximized() ? TWindowPlacement::kShowMaximized
+                                  : TWindowPlacement::kShowNormal;
+  // The placement holds the normal rectangle with the window frame.
+  const QRect inner = (isMinimized() || isMaximized()) ? normalGeometry() : geometry();
+  const QRect normal = inner.marginsAdded(FrameMargins());
+  p.WindowLeft = normal.left();
+  p.WindowTop = normal.top();
+  p.WindowRight = normal.left() + normal.width();
+  p.WindowBottom = normal.top() + normal.height();
+  return p;
+}
+
+void TQtViewerWindow::SetViewerPlacement(const TWindowPlacement& placement) {
+  const QMargins frame = FrameMargins();
+  if (isMaximized() || isMinimized()) showNormal();
+  setGeometry(placement.WindowLeft + frame.left(), placement.WindowTop + frame.top(),
+              std::max(1, placement.Width() - frame.left() - frame.right()),
+              std::max(1, placement.Height() - frame.top() - frame.bottom()));
+  if (placement.ShowCommand == TWindowPlacement::kShowMaximized)
+    setWindowState(Qt::WindowMaximized);
+  else if (placement.ShowCommand == TWindowPlacement::kShowMinimized)
+    setWindowState(Qt::WindowMinimized);
+}
+
+void TQtViewerWindow::RequestRedraw() {
+  UpdateView();
+  update();
+}
+
+void TQtViewerWindow::CloseViewerWindow() {
+  close();
+}
+
+void TQtViewerWindow::SetCloseEnabled(bool enabled) {
+  if (windowFlags().testFlag(Qt::WindowCloseButtonHint) == enabled) return;
+  // Changing the flags of a shown window hides it; show it again as it was.
+  const bool wasVisible = isVisible();
+  setWindowFlag(Qt::WindowCloseButtonHint, enabled);
+  if (wasVisible) show();
+}
+
+void TQtViewerWindow::ViewerDestroyed() {
+  TVCustomForm* gone = FViewer;
+  FViewer = nullptr;
+  if (OnViewerGone) OnViewerGone(gone);
+  hide();
+  deleteLater();
+}
+
+void TQtViewerWindow::closeEvent(QCloseEvent* event) {
+  if (!FViewer) {
+    event->accept();
+    return;
+  }
+  if (!FViewer->CloseQuery()) {
+    event->ignore();
+    return;
+  }
+  event->accept();
+  if (FViewer->DoClose()) {
+    TVCustomForm* viewer = FViewer;
+    if (OnFreeViewer) OnFreeViewer(viewer); // the viewer goes, and with it (ViewerDestroyed) this window
+  }
+}
+
+void TQtViewerWindow::changeEvent(QEvent* event) {
+  QWidget::changeEvent(event);
+  if (event->type() == QEvent::ActivationChange && isActiveWindow() && FViewer) FViewer->FormActivate();
+}
+
+void TQtViewerWindow::dragEnterEvent(QDragEnterEvent* event) {
+  if (FViewer && DecodeIDs && !DecodeIDs(event->mimeData()).empty()) event->acceptProposedAction();
+}
+
+void TQtViewerWindow::dropEvent(QDropEvent* event) {
+  if (!FViewer || !DecodeIDs) return;
+  bool any = false;
+  for (int32_t id : DecodeIDs(event->mimeData())) any = FViewer->AddDataID(id) || any;
+  if (any) event->acceptProposedAction();
+}

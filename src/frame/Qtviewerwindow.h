@@ -1,0 +1,54 @@
+// The window of a viewer: a top-level window transient for the main window, with the viewer's view and
+// its settings panel; it takes dropped object IDs for the viewer.
+#pragma once
+
+#include "project/Viewerwindow.h"
+
+#include <QWidget>
+#include <functional>
+
+class TVCustomForm;
+class TQtParamPanel;
+class QPlainTextEdit;
+
+class TQtViewerWindow : public QWidget, public IViewerWindow {
+public:
+  /// A window for viewer, owned by Qt (parent: the main window, as a separate top-level window).
+  TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow);
+  ~TQtViewerWindow() override;
+
+  TVCustomForm* Viewer() const { return FViewer; }
+
+  // IViewerWindow
+  void ShowViewerWindow(bool activate) override;
+  void HideViewerWindow() override;
+  void SetViewerCaption(const std::string& caption) override;
+  TWindowPlacement GetViewerPlacement() const override;
+  void SetViewerPlacement(const TWindowPlacement& placement) override;
+  void RequestRedraw() override;
+  void CloseViewerWindow() override;
+  void SetCloseEnabled(bool enabled) override;
+  void ViewerDestroyed() override;
+
+  /// Called when the viewer is to be freed after its window closed (the main window releases it).
+  std::function<void(TVCustomForm*)> OnFreeViewer;
+  /// Called when the viewer was destroyed (the window goes as well).
+  std::function<void(TVCustomForm*)> OnViewerGone;
+  /// Parses dropped IDs of this session; empty when the drop isn't ours.
+  static std::function<std::vector<int32_t>(const class QMimeData*)> DecodeIDs;
+
+protected:
+  void closeEvent(QCloseEvent* event) override;
+  void changeEvent(QEvent* event) override;
+  void dragEnterEvent(QDragEnterEvent* event) override;
+  void dropEvent(QDropEvent* event) override;
+
+private:
+  void UpdateView();
+  /// Width of the window frame on each side (0 before the window manager framed it).
+  QMargins FrameMargins() const;
+
+  TVCustomForm* FViewer;
+  QPlainTextEdit* FText = nullptr;
+  TQtParamPanel* FPanel = nullptr;
+};

@@ -1,0 +1,41 @@
+// Helpers of the workbench tests: answering modal boxes as a user would, waiting for events, screenshots.
+#pragma once
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QTimer>
+#include <QWidget>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace oxframetest {
+
+/// Watches for modal windows while the test runs; each one found is handed to the handler, which
+/// answers it (clicks a button) and returns true, or returns false to leave it for a later look.
+class TModalWatcher {
+public:
+  explicit TModalWatcher(std::function<bool(QWidget*)> handler) : FHandler(std::move(handler)) {
+    FTimer.setInterval(20);
+    QObject::connect(&FTimer, &QTimer::timeout, [this] {
+      QWidget* modal = QApplication::activeModalWidget();
+      if (modal && modal->isVisible() && FHandler(modal)) ++Handled;
+    });
+    FTimer.start();
+  }
+  int Handled = 0;
+
+private:
+  std::function<bool(QWidget*)> FHandler;
+  QTimer FTimer;
+};
+
+/// Serves events until done() or about ten seconds passed; the result of done().
+inline bool WaitFor(const std::function<bool()>& done, int maxMs = 10000) {
+  QElapsedTimer timer;
+  timer.start();
+  while (!done() && timer.elapsed() < maxMs) QApplication::processEvents(QEventLoop::AllEvents, 20);
+  return done();
+}
+
+} // namespace oxframetest
