@@ -55,6 +55,16 @@ TDText::TDText() {
   SetCaption("Text");
 }
 
+TTagError TDText::SaveDataToTagFile(TFileHandle file) {
+  TTagError result = TDStream::SaveDataToTagFile(file);
+  if (result < 1) return result;
+  TTagControl own, t;
+  if ((result = own.WriteTag(file, "TDText", TTagKind::TagList)) < 1 ||
+      (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1)
+    return result;
+  return own.CloseWriteTag(file);
+}
+
 std::string TDText::GetText() const {
   if (!GetStream()) return {};
   const auto& bytes = GetStream()->Bytes();
