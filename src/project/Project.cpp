@@ -177,6 +177,7 @@ TTagError TProject::LoadProjectFromTagFile(TFileHandle file) {
   std::vector<std::unique_ptr<TData>> loaded;
   FSkippedObjects.clear();
   FFailedObjects.clear();
+  FLoadCancelled = false;
   result = LoadDataFromTagFile(file, root, loaded);
   for (auto& data : loaded) OwnData(std::move(data));
   ReportFailedObjects(0);
@@ -316,8 +317,11 @@ TTagError TProject::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
                                         std::vector<std::unique_ptr<TData>>& list) {
   TTagControl dataTag;
   if (dataTag.FindTag(file, kDataTag, parent) != teNoError) return teNoError; // no "Data": an empty project
-  return RunOnWorker("Loading Project Data",
-                     [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
+  const TTagError result = RunOnWorker("Loading Project Data",
+                                       [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
+  // A cancel that came before the worker started ends the load as well.
+  if (result < 1 && TMCC::ProcessCancelRequested()) FLoadCancelled = true;
+  return result;
 }
 
 TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
@@ -377,7 +381,8 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
     }
   }
   // What could not be restored is in FailedObjects; the load itself went through the whole list.
-  return mcc && mcc->GetCancel() ? teUnspecificError : teNoError;
+  FLoadCancelled = mcc && mcc->GetCancel();
+  return FLoadCancelled ? teUnspecificError : teNoError;
 }
 
 TTagError TProject::SaveViewerToTagFile(TFileHandle file) {
@@ -470,6 +475,7 @@ TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::u
   temporary.FindNextDataID();
   FFailedObjects = temporary.FFailedObjects;
   FSkippedObjects = temporary.FSkippedObjects;
+  FLoadCancelled = temporary.FLoadCancelled;
   ReportFailedObjects(0);
   if (keepIDs) {
     FNextDataID = std::max(FNextDataID, temporary.FNextDataID);

@@ -242,6 +242,8 @@ public:
   /// Objects of the last load that are known but could not be restored (damaged, too large); each was
   /// reported in the log and through the message proxy.
   const std::vector<TFailedObject>& FailedObjects() const { return FFailedObjects; }
+  /// True when the last load stopped because it was cancelled (the objects read so far stay).
+  bool LoadWasCancelled() const { return FLoadCancelled; }
 
   void AddConfigurationSet(IConfigurationSet* set) { FConfigurationSets.push_back(set); }
   int32_t GetModeIndex() const { return FModeIndex; }
@@ -299,6 +301,7 @@ private:
   bool FShowPlusFeatures = true;
   std::vector<std::pair<int32_t, std::string>> FSkippedObjects;
   std::vector<TFailedObject> FFailedObjects;
+  bool FLoadCancelled = false;
   std::string FLastFileErrorText;
   TCursorLockManager FCursorLocks{*this};
 };

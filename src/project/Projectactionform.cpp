@@ -109,7 +109,8 @@ bool TProjectActionForm::LoadProject(const std::string& fileName) {
       return false;
     }
     if (result < 1) {
-      Notify("Loading Error: " + GetTagErrorName(result));
+      Notify(FProject->LoadWasCancelled() ? std::string("Loading cancelled")
+                                          : "Loading Error: " + GetTagErrorName(result));
       return false;
     }
     FRememberFilePath.RememberFile(fileName);

@@ -3,15 +3,15 @@
 
 #include "support/TestSupport.h"
 
-#include <atomic>
 #include <algorithm>
-#include <memory>
-#include <set>
-#include <vector>
+#include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
