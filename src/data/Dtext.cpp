@@ -42,8 +42,9 @@ TTagError TDStream::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
     return teNoError;
   }
   if ((result = t.FindTag(file, "StreamData", own)) < 1) return result;
-  // A size the tag can't hold is corrupt: refuse before allocating.
-  if (size < 0 || size > t.End() - t.Begin()) return teReadFileError;
+  // The data are exactly the stream's bytes: a size that differs from them is damage (a zeroed size would
+  // otherwise drop the text without a word, a larger one is refused before allocating).
+  if (size < 0 || size != t.End() - t.Begin()) return teReadFileError;
   auto stream = std::make_unique<TMemoryByteStream>();
   if ((result = LoadStreamFromFile(file, *stream, size)) < 1) return result;
   FStream = std::move(stream);

@@ -61,28 +61,36 @@ TEST(DtextTest, StreamWithoutDataStaysWithout) {
   EXPECT_EQ(back.GetStream(), nullptr);
 }
 
-TEST(DtextTest, SizeBeyondTheDataIsRefused) {
+TEST(DtextTest, ASizeThatDiffersFromTheDataIsRefused) {
   oxtest::TempDir dir;
   const auto name = dir.File("bad.oxt");
-  TDText text;
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root, own, t;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  ASSERT_EQ(text.TData::SaveDataToTagFile(f), 1);
-  own.WriteTag(f, "TDStream", TTagKind::TagList);
-  t.SaveIntTag(f, "Version", 0);
-  t.SaveIntTag(f, "StreamSize", 1 << 30);
-  const uint8_t bytes[4] = {1, 2, 3, 4};
-  t.SaveByteTag(f, "StreamData", bytes, 4);
-  own.CloseWriteTag(f);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
-  TDText back;
-  EXPECT_LT(back.LoadDataFromTagFile(in, readRoot), 1);
-  CloseFile(in);
+  // Beyond the data (refused before allocating), zeroed (the text would vanish silently), short of it.
+  for (int32_t size : {1 << 30, 0, 3, 4}) {
+    TDText text;
+    TFileHandle f = CreateTagFile(name, "ORX_TEST");
+    TTagControl root, own, t;
+    root.WriteTag(f, "Root", TTagKind::TagList);
+    ASSERT_EQ(text.TData::SaveDataToTagFile(f), 1);
+    own.WriteTag(f, "TDStream", TTagKind::TagList);
+    t.SaveIntTag(f, "Version", 0);
+    t.SaveIntTag(f, "StreamSize", size);
+    const uint8_t bytes[4] = {1, 2, 3, 4};
+    t.SaveByteTag(f, "StreamData", bytes, 4);
+    own.CloseWriteTag(f);
+    root.CloseWriteTag(f);
+    CloseFile(f);
+    TFileHandle in = kInvalidFileHandle;
+    TTagControl readRoot;
+    ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
+    TDText back;
+    if (size == 4) {
+      EXPECT_EQ(back.LoadDataFromTagFile(in, readRoot), 1);
+      EXPECT_EQ(back.GetText(), std::string("\x01\x02\x03\x04"));
+    } else {
+      EXPECT_LT(back.LoadDataFromTagFile(in, readRoot), 1) << size;
+    }
+    CloseFile(in);
+  }
 }
 
 } // namespace
