@@ -26,7 +26,7 @@ for problem in "${problems[@]}"; do
   out=$("$orvex" fit --formula "$formula" --data "$dir/$name.txt" --start "$start" --tolerance 1e-15 \
     --max-iterations 1000 --json)
   check "$name exit" 0 $?
-  # The residual sum of squares to 8 digits; the parameters to 5 (Misra1a reaches 7; along the flat valleys of
+  # The residual sum of squares to 8 digits; the parameters to 5 (Misra1a reaches 6; along the flat valleys of
   # the others the sum no longer changes in double precision before the 6th digit of a parameter does).
   check "$name certified" "yes" "$(python3 -c '
 import json, sys
