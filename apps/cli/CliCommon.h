@@ -1,6 +1,7 @@
 // Shared pieces of the orvex command line: global options, exit codes, errors.
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -26,7 +27,18 @@ struct CliContext {
   double MapSizeMB = 0;
   int ExitCode = kExitOk;
   bool Started = false;
+  /// The chosen command's work, run by main after the application came up (when NeedsRuntime).
+  std::function<int()> Action;
+  bool NeedsRuntime = true;
 };
+
+/// Makes action the work of command: main brings the application up (unless withRuntime is false), runs
+/// it, and its result is the exit code.
+void SetCommandAction(CLI::App* command, CliContext& ctx, std::function<int()> action,
+                      bool withRuntime = true);
+
+/// The shortest text that reads back to the same double ("0.1", "1e-15", "532"); "nan", "inf", "-inf".
+std::string FormatNumber(double value);
 
 /// A failure that a command reports: one line on stderr and the exit code.
 class CliError : public std::runtime_error {
@@ -42,11 +54,16 @@ private:
 /// reaches the command wrapped in the controller's own.
 std::string DescribeError(const std::exception& e);
 
+/// Checks of number options with the range in a person's words: "must be 0 or more", "must be more than 0".
+CLI::Validator NonNegative();
+CLI::Validator Positive();
+
 /// Adds a global option to the program; fallthrough lets it follow the command's name as well.
 void AddGlobalOptions(CLI::App& app, CliContext& ctx);
 
 /// Brings up what every command that works on projects needs: message strategy (--yes/--no or the console),
-/// thread limit, progress display, Ctrl-C as cancel, the data classes. Safe to call twice.
+/// thread limit, progress display, Ctrl-C (and SIGTERM, SIGHUP) as cancel, the data classes. Called by
+/// main only; safe to call twice.
 void StartRuntime(CliContext& ctx);
 /// Takes the application down again (log closed last); called once when the command is done.
 void StopRuntime(CliContext& ctx);

@@ -1,8 +1,8 @@
 // Loading and saving project and data files for the commands.
 #include "CliProjectFiles.h"
 
-#include "CliCommon.h"
 #include "common/Saveandload.h"
+#include "common/Tagvalidate.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
+#include <iostream>
 
 namespace orvexcli {
 namespace {
@@ -23,82 +25,123 @@ std::string LowerExtension(const std::string& fileName) {
   return ext;
 }
 
-[[noreturn]] void FailLoading(TTagError error, const std::string& fileName) {
-  throw CliError(error == teCreateFileForReadError ? kExitUsage : kExitFailure,
-                 "Loading Error: " + GetTagErrorName(error) + ": " + fileName);
+// The reason of a failed load in a user's words.
+std::string LoadFailureReason(TTagError error) {
+  switch (error) {
+  case teReadFileError:
+    return "the file is cut short or damaged";
+  case teWrongFileIdentification:
+    return "not a project or data file";
+  case teWrongFileVersion:
+    return "written by a newer version of the program";
+  case teTagNotFound:
+    return "the file is damaged (a part is missing)";
+  default:
+    return "the file is damaged (" + GetTagErrorName(error) + ")";
+  }
+}
+
+bool Printable(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c >= 32 && c < 127; });
 }
 
 } // namespace
 
 TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
   TLoadedFile loaded;
+  loaded.FileName = fileName;
   loaded.Project = std::make_unique<TProject>();
-  loaded.Project->SetWithoutProjectManager(forAppend);
+  TProject& project = *loaded.Project;
+  project.SetWithoutProjectManager(forAppend);
+  const std::string shown = "'" + fileName + "'";
+  ClearLastFileError();
   const TFileHandle file = OpenFileForReading(fileName);
-  if (file == kInvalidFileHandle) FailLoading(teCreateFileForReadError, fileName);
-  TTagError result = LoadIdentificationFromFile(file, loaded.Identification);
-  if (result < 1) {
-    CloseFile(file);
-    FailLoading(result, fileName);
-  }
+  if (file == kInvalidFileHandle)
+    throw CliError(kExitUsage, "cannot open " + shown + ": " + FileErrorReason(LastFileError()));
+  struct TCloser {
+    TFileHandle File;
+    ~TCloser() { CloseFile(File); }
+  } closer{file};
+  if (LoadIdentificationFromFile(file, loaded.Identification) < 1)
+    throw CliError(kExitUsage, "cannot read " + shown + ": " + FileErrorReason(LastFileError()));
   FileSeek(file, 0, TSeekOrigin::Begin);
   loaded.IsDataFile = loaded.Identification == TProject::kDataIdentification ||
                       loaded.Identification == TProject::kDataIdentificationOld;
-  if (loaded.IsDataFile) {
-    // A data file on its own keeps its IDs (appending renumbers it behind the base instead).
-    TTagControl root, t;
-    std::string rootName;
-    FileSeek(file, kTagFileRootOffset, TSeekOrigin::Begin);
-    result = root.ReadTag(file, rootName);
-    if (result >= 1) {
-      t.LoadOrDefaultIntTag(file, "Version", root, &loaded.Version, 1, 0);
-      if (loaded.Version > TProject::ThisVersion) result = teWrongFileVersion;
-    }
-    if (result >= 1) {
+  const bool isProject = loaded.Identification == TProject::kProjectIdentification ||
+                         loaded.Identification == TProject::kProjectIdentificationOld;
+  if (!loaded.IsDataFile && !isProject)
+    throw CliError(kExitFailure, shown + " is not a project or data file" +
+                                     (Printable(loaded.Identification) && !loaded.Identification.empty()
+                                          ? " (identification \"" + loaded.Identification + "\")"
+                                          : std::string()));
+  TTagError result = teUnspecificError;
+  try {
+    if (loaded.IsDataFile) {
+      // A data file on its own keeps its IDs (appending renumbers it behind the base instead).
       std::vector<std::unique_ptr<TData>> list;
-      result = loaded.Project->LoadDataFromTagFile(file, root, list);
-      for (auto& data : list) loaded.Project->OwnData(std::move(data));
-      loaded.Project->CleanWrongDataConnections();
-      loaded.Project->FindNextDataID();
+      result = project.LoadDataListFromTagFile(file, list, /*keepIDs=*/true);
+      for (auto& data : list) project.OwnData(std::move(data));
+      project.FindNextDataID();
+    } else {
+      result = project.LoadProjectFromTagFile(file);
     }
-  } else {
-    try {
-      result = loaded.Project->LoadProjectFromTagFile(file);
-    } catch (const std::exception& e) {
-      // Too large for the memory strategy, say: the objects read so far are dropped with the project.
-      CloseFile(file);
-      throw CliError(kExitFailure, "Loading Error: " + DescribeError(e) + ": " + fileName);
-    }
-    loaded.Version = loaded.Project->GetFileVersion();
+  } catch (const std::bad_alloc&) {
+    throw CliError(kExitFailure, "not enough memory to load " + shown +
+                                     "; the memory-mapped strategy (--memory mmf) keeps large data on disk");
+  } catch (const std::exception& e) {
+    throw CliError(kExitFailure, "cannot load " + shown + ": " + DescribeError(e));
   }
-  CloseFile(file);
-  if (result < 1) FailLoading(result, fileName);
-  loaded.Project->SetFileName(fileName);
+  loaded.Version = project.GetFileVersion();
   if (CancelRequested()) throw CliError(kExitFailure, "Loading cancelled: " + fileName);
+  if (result < 1) throw CliError(kExitFailure, "cannot load " + shown + ": " + LoadFailureReason(result));
+  loaded.Failed = project.FailedObjects();
+  // A file whose head is cut off loads as nothing at all: that is damage, not an empty project.
+  if (project.DataList().empty() && loaded.Failed.empty() && project.SkippedObjects().empty()) {
+    const TTagValidationResult check = ValidateTagFile(fileName);
+    if (!check.Valid)
+      throw CliError(kExitFailure, "cannot load " + shown + ": the file is damaged (" + check.Problem +
+                                       " at byte " + std::to_string(check.Offset) + ")");
+  }
+  project.SetFileName(fileName);
   return loaded;
+}
+
+void CheckDamage(const CliContext& ctx, const TLoadedFile& loaded, bool allowDamaged) {
+  if (loaded.Failed.empty()) return;
+  // The console's message strategy has shown each object's message; answered by --yes or --no they
+  // passed silently, so the warnings are said here.
+  if (ctx.AnswerYes || ctx.AnswerNo)
+    for (const auto& failed : loaded.Failed)
+      std::cerr << "warning: '" << loaded.FileName << "': Data " << failed.Index << " (" << failed.ClassName
+                << ") could not be loaded: " << failed.Reason << "\n";
+  if (!allowDamaged)
+    throw CliError(kExitFailure,
+                   std::to_string(loaded.Failed.size()) + " object" + (loaded.Failed.size() == 1 ? "" : "s") +
+                       " of '" + loaded.FileName +
+                       "' could not be loaded; nothing written (--allow-damaged writes the rest)");
 }
 
 void SaveProjectOrDataFile(TProject& project, const std::string& fileName, bool compatible) {
   const std::string ext = LowerExtension(fileName);
   if (ext != ".oxp" && ext != ".oxd")
-    throw CliError(kExitUsage, "Saving Error: the file name must end in .oxp or .oxd: " + fileName);
-  TProject::SaveVersion = compatible ? 5 : TProject::ThisVersion;
+    throw CliError(kExitUsage, "cannot save '" + fileName + "': the name must end in .oxp or .oxd");
+  const bool existed = FileExists(fileName);
+  const TProjectSaveOptions options{compatible ? TProject::kCompatibleVersion : TProject::ThisVersion};
   TTagError result = teUnspecificError;
-  try {
-    if (ext == ".oxp") {
-      result = project.SaveProjectToFile(fileName);
-    } else {
-      TDataList all;
-      for (const auto& data : project.DataList()) all.push_back(data.get());
-      result = project.SaveDataListToFile(fileName, all);
-    }
-  } catch (...) {
-    TProject::SaveVersion = TProject::ThisVersion;
-    throw;
+  if (ext == ".oxp") {
+    result = project.SaveProjectToFile(fileName, options);
+  } else {
+    TDataList all;
+    for (const auto& data : project.DataList()) all.push_back(data.get());
+    result = project.SaveDataListToFile(fileName, all, options);
   }
-  TProject::SaveVersion = TProject::ThisVersion;
-  if (CancelRequested()) throw CliError(kExitFailure, "Saving cancelled; " + fileName + " is unchanged");
-  if (result < 1) throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(result) + ": " + fileName);
+  if (CancelRequested())
+    throw CliError(kExitFailure, "Saving cancelled; " + (existed ? "'" + fileName + "' is unchanged"
+                                                                 : std::string("nothing written")));
+  if (result < 1)
+    throw CliError(kExitFailure, project.LastFileErrorText().empty()
+                                     ? "cannot write '" + fileName + "': " + GetTagErrorName(result)
+                                     : project.LastFileErrorText());
 }
 
 std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& data) {
@@ -134,21 +177,44 @@ std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData
   const auto* base = dynamic_cast<const TDImageBase*>(&data);
   if (!base) return {};
   std::vector<std::string> lines;
-  auto describe = [&](const char* name, int32_t transformationID, int32_t interpretationID, int32_t count,
-                      int axis) {
+  // Along an image axis: where the first and the last pixel lie. When the other coordinate moves too the
+  // axis is rotated, and only its extent along itself says how long it is.
+  auto describeSpace = [&](const char* name, int32_t count, int axis) {
+    const auto* transformation =
+        dynamic_cast<const TDTransformation*>(project.FindData(base->GetSpaceTransformationID()));
+    if (!transformation || count <= 0) return;
+    const TDInterpretation* interpretation =
+        dynamic_cast<const TDInterpretation*>(project.FindData(transformation->GetInterpretationID()));
+    const size_t size = static_cast<size_t>(std::max<int>(transformation->GetDim(), 3));
+    std::vector<double> bin(size, 0.0), first(size, 0.0), last(size, 0.0);
+    transformation->BinToReal(bin.data(), first.data());
+    bin[static_cast<size_t>(axis)] = count - 1;
+    transformation->BinToReal(bin.data(), last.data());
+    const double along = last[static_cast<size_t>(axis)] - first[static_cast<size_t>(axis)];
+    const double across = last[static_cast<size_t>(1 - axis)] - first[static_cast<size_t>(1 - axis)];
+    auto convert = [&](double v) { return interpretation ? interpretation->StandardTo(v) : v; };
+    const std::string unit = interpretation ? interpretation->UnitString(interpretation->GetUnitIndex())
+                                            : transformation->GetStandardUnit();
+    std::string line = std::string(name) + ": ";
+    if (std::abs(across) > 1e-12 * std::max(std::abs(along), 1e-300)) {
+      const double extent = std::abs(convert(std::hypot(along, across)) - convert(0.0));
+      line += FormatNumber(extent) + " " + unit + " along the rotated axis";
+    } else {
+      line += FormatNumber(convert(first[static_cast<size_t>(axis)])) + " ... " +
+              FormatNumber(convert(last[static_cast<size_t>(axis)])) + " " + unit;
+    }
+    lines.push_back(line + ", " + std::to_string(count) + " px");
+  };
+  describeSpace("x", base->GetSizeX(), 0);
+  describeSpace("y", base->GetSizeY(), 1);
+  if (const auto* graph = dynamic_cast<const TDGraph*>(&data)) {
     std::vector<double> values;
     std::string unit;
-    if (!AxisValues(project, transformationID, interpretationID, count, axis, values, unit)) return;
-    char line[256];
-    std::snprintf(line, sizeof line, "%s: %.6g ... %.6g %s, %d px", name, values.front(), values.back(),
-                  unit.c_str(), count);
-    lines.emplace_back(line);
-  };
-  describe("x", base->GetSpaceTransformationID(), 0, base->GetSizeX(), 0);
-  describe("y", base->GetSpaceTransformationID(), 0, base->GetSizeY(), 1);
-  if (const auto* graph = dynamic_cast<const TDGraph*>(&data))
-    describe("spectral", graph->GetXTransformationID(), graph->GetXInterpretationID(), graph->GetSizeGraph(),
-             0);
+    if (AxisValues(project, graph->GetXTransformationID(), graph->GetXInterpretationID(),
+                   graph->GetSizeGraph(), 0, values, unit))
+      lines.push_back("spectral: " + FormatNumber(values.front()) + " ... " + FormatNumber(values.back()) +
+                      " " + unit + ", " + std::to_string(graph->GetSizeGraph()) + " px");
+  }
   return lines;
 }
 

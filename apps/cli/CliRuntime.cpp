@@ -2,6 +2,7 @@
 // memory strategy, options, log, message strategy, registries), with Ctrl-C as cancel of the running
 // calculation; it goes down again when the command is done.
 #include "CliCommon.h"
+#include "common/Safewrite.h"
 #include "common/threads/Cancelsignal.h"
 #include "common/threads/ConsoleProgressView.h"
 #include "common/threads/Multicorecalc.h"
@@ -11,8 +12,7 @@
 namespace orvexcli {
 
 void StartRuntime(CliContext& ctx) {
-  if (ctx.Started)
-    return;
+  if (ctx.Started) return;
   ctx.Started = true;
   TOrvexApplicationOptions options;
   options.MessageStrategy = ctx.AnswerYes  ? TApplicationMessageStrategy::AnswerYes
@@ -32,16 +32,18 @@ void StartRuntime(CliContext& ctx) {
                    TOrvexApplication::LastStartError());
   }
   TMCC::ClearProcessCancelRequest();
+  ResetSafeWriteAbort();
   InstallCalculationCancelHandler();
 }
 
 void StopRuntime(CliContext& ctx) {
-  if (!ctx.Started)
-    return;
+  if (!ctx.Started) return;
   ctx.Started = false;
   TOrvexApplication::CleanupApplication();
 }
 
-bool CancelRequested() { return TMCC::ProcessCancelRequested(); }
+bool CancelRequested() {
+  return TMCC::ProcessCancelRequested();
+}
 
 } // namespace orvexcli

@@ -1,6 +1,7 @@
 // orvex export-bitmap / import-bitmap: bitmaps and images of a project to and from PNG, JPEG, TIFF and BMP.
 #include "CliCommon.h"
 #include "CliProjectFiles.h"
+#include "common/Safewrite.h"
 #include "common/Saveandload.h"
 #include "data/Dbitmap.h"
 #include "data/Dimage.h"
@@ -9,10 +10,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <iostream>
 #include <memory>
 
 namespace orvexcli {
 namespace {
+
+constexpr const char* kPictureFormats = ".png, .jpg, .jpeg, .tif, .tiff or .bmp";
 
 bool IsBmp(const std::string& fileName) {
   std::string ext = fileName.size() >= 4 ? fileName.substr(fileName.size() - 4) : std::string();
@@ -57,48 +62,55 @@ TRasterImage PictureOf(const TData& data) {
   return picture;
 }
 
-void RunExport(CliContext& ctx, const std::string& fileName, int32_t id, const std::string& out,
-               int quality) {
-  StartRuntime(ctx);
+int RunExport(const std::string& fileName, int32_t id, const std::string& out, int quality) {
+  // A wrong name of the file to write is a usage error, found before anything is loaded.
+  if (!IsBmp(out) && RasterFormatFromFileName(out) == TRasterFormat::Unknown)
+    throw CliError(kExitUsage, "cannot write '" + out + "': unknown picture format; use " + kPictureFormats);
   TLoadedFile loaded = LoadProjectOrDataFile(fileName);
   const TData* data = loaded.Project->FindData(id);
   if (!data || (!dynamic_cast<const TDBitmap*>(data) && !dynamic_cast<const TDImage*>(data)))
-    throw CliError(kExitFailure, "No bitmap or image with ID " + std::to_string(id) + " in " + fileName);
+    throw CliError(kExitFailure,
+                   "no bitmap or image with ID " + std::to_string(id) + " in '" + fileName + "'");
   const TRasterImage picture = PictureOf(*data);
-  if (!picture.IsValid()) throw CliError(kExitFailure, "Export Error: the object holds no picture");
+  if (!picture.IsValid()) throw CliError(kExitFailure, "object " + std::to_string(id) + " holds no picture");
   if (IsBmp(out)) {
     std::vector<TColor> colours(static_cast<size_t>(picture.Width) * picture.Height);
     for (size_t i = 0; i < colours.size(); ++i)
       colours[i] =
           picture.Pixels[3 * i] | (picture.Pixels[3 * i + 1] << 8) | (picture.Pixels[3 * i + 2] << 16);
     const std::vector<uint8_t> bytes = EncodeBitmapFile(picture.Width, picture.Height, colours);
-    std::string tempName = out;
-    const TFileHandle file = CreateFileSafeOverWrite(out, tempName);
-    const bool ok =
-        file != kInvalidFileHandle && WriteAllBytes(file, bytes.data(), static_cast<int64_t>(bytes.size()));
-    CloseFile(file);
-    if (!ok || !DeleteAndRenameFiles(out, tempName))
-      throw CliError(kExitFailure, "Export Error: " + GetTagErrorName(teWriteFileError) + ": " + out);
-    return;
+    std::string error;
+    if (WriteFileSafely(
+            out,
+            [&](TFileHandle file) {
+              return WriteAllBytes(file, bytes.data(), static_cast<int64_t>(bytes.size())) ? teNoError
+                                                                                           : teWriteFileError;
+            },
+            &error) < 1)
+      throw CliError(kExitFailure, error);
+    return kExitOk;
   }
   std::string error;
-  if (!WriteRasterFile(out, picture, error, quality))
-    throw CliError(RasterFormatFromFileName(out) == TRasterFormat::Unknown ? kExitUsage : kExitFailure,
-                   "Export Error: " + error + ": " + out);
+  if (!WriteRasterFile(out, picture, error, quality)) throw CliError(kExitFailure, error);
+  return kExitOk;
 }
 
-void RunImport(CliContext& ctx, const std::string& picture, const std::string& into, const std::string& out) {
-  StartRuntime(ctx);
-  if (!FileExists(picture))
-    throw CliError(kExitUsage, "Import Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + picture);
+int RunImport(const std::string& picture, const std::string& into, const std::string& out) {
+  ClearLastFileError();
+  const TFileHandle probe = OpenFileForReading(picture);
+  if (probe == kInvalidFileHandle)
+    throw CliError(kExitUsage, "cannot open '" + picture + "': " + FileErrorReason(LastFileError()));
+  CloseFile(probe);
+  // A file of the wrong kind is bad input, like a picture given to info.
+  if (!IsBmp(picture) && RasterFormatFromFileName(picture) == TRasterFormat::Unknown)
+    throw CliError(kExitFailure, "'" + picture + "' is not a picture; use " + kPictureFormats);
   TRasterImage image;
   std::string error;
   if (IsBmp(picture)) {
     const std::string bytes = [&] {
       TFileHandle file = OpenFileForReading(picture);
       if (file == kInvalidFileHandle)
-        throw CliError(kExitUsage,
-                       "Import Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + picture);
+        throw CliError(kExitUsage, "cannot open '" + picture + "': " + FileErrorReason(LastFileError()));
       std::string content(static_cast<size_t>(std::max<int64_t>(FileSize(file), 0)), '\0');
       ReadAllBytes(file, content.data(), static_cast<int64_t>(content.size()));
       CloseFile(file);
@@ -107,7 +119,7 @@ void RunImport(CliContext& ctx, const std::string& picture, const std::string& i
     std::vector<TColor> colours;
     if (!DecodeBitmapFile(std::vector<uint8_t>(bytes.begin(), bytes.end()), image.Width, image.Height,
                           colours))
-      throw CliError(kExitFailure, "Import Error: not a BMP file of 24 or 32 bits per pixel: " + picture);
+      throw CliError(kExitFailure, "'" + picture + "' is not a BMP picture of 24 or 32 bits per pixel");
     image.Pixels.resize(colours.size() * 3);
     for (size_t i = 0; i < colours.size(); ++i) {
       image.Pixels[3 * i] = colours[i] & 0xFF;
@@ -115,8 +127,7 @@ void RunImport(CliContext& ctx, const std::string& picture, const std::string& i
       image.Pixels[3 * i + 2] = (colours[i] >> 16) & 0xFF;
     }
   } else if (!ReadRasterFile(picture, image, error)) {
-    throw CliError(RasterFormatFromFileName(picture) == TRasterFormat::Unknown ? kExitUsage : kExitFailure,
-                   "Import Error: " + error + ": " + picture);
+    throw CliError(kExitFailure, "cannot read the picture '" + picture + "': " + error);
   }
   TLoadedFile loaded;
   if (!into.empty()) {
@@ -141,8 +152,9 @@ void RunImport(CliContext& ctx, const std::string& picture, const std::string& i
   const int32_t id = bitmap->GetID();
   project.AddData(std::move(bitmap));
   SaveProjectOrDataFile(project, out, false);
-  std::printf("imported: %s as bitmap %d (%d x %d) into %s\n", picture.c_str(), id, image.Width, image.Height,
-              out.c_str());
+  std::cout << "imported: " << picture << " as bitmap " << id << " (" << image.Width << " x " << image.Height
+            << ") into " << out << "\n";
+  return kExitOk;
 }
 
 } // namespace
@@ -161,9 +173,15 @@ void AddBitmapCommands(CLI::App& app, CliContext& ctx) {
   exportCommand->add_option("-o,--output", exportOptions->Out, "Picture file (.png, .jpg, .tif, .bmp)")
       ->required();
   exportCommand->add_option("--quality", exportOptions->Quality, "JPEG quality, 1 to 100")
-      ->check(CLI::Range(1, 100));
-  exportCommand->callback([exportOptions, &ctx] {
-    RunExport(ctx, exportOptions->File, exportOptions->ID, exportOptions->Out, exportOptions->Quality);
+      ->check(CLI::Validator(
+          [](std::string& text) -> std::string {
+            char* end = nullptr;
+            const long value = std::strtol(text.c_str(), &end, 10);
+            return *end == '\0' && value >= 1 && value <= 100 ? std::string() : "must be 1 to 100";
+          },
+          "", ""));
+  SetCommandAction(exportCommand, ctx, [exportOptions] {
+    return RunExport(exportOptions->File, exportOptions->ID, exportOptions->Out, exportOptions->Quality);
   });
 
   struct TImportOptions {
@@ -176,8 +194,8 @@ void AddBitmapCommands(CLI::App& app, CliContext& ctx) {
   importCommand->add_option("--into", importOptions->Into,
                             "Project or data file to add it to (default: a new project)");
   importCommand->add_option("-o,--output", importOptions->Out, "Project or data file to write")->required();
-  importCommand->callback([importOptions, &ctx] {
-    RunImport(ctx, importOptions->Picture, importOptions->Into, importOptions->Out);
+  SetCommandAction(importCommand, ctx, [importOptions] {
+    return RunImport(importOptions->Picture, importOptions->Into, importOptions->Out);
   });
 }
 

@@ -129,9 +129,13 @@ int RunConfigMemory(const TConfigMemoryOptions& options) {
                                 {"physicalMemoryBytes", status.TotalPhysical},
                                 {"availablePhysicalMemoryBytes", status.AvailablePhysical},
                                 {"status", TMemoryManagement::GetMemoryStatusPercentageString()}};
+  // The memory-mapped strategy takes its whole file on disk at start, so that a full disk fails then and
+  // not as a fault in a later write.
+  const uint64_t diskBytes = uint64_t(TMemoryManagement::MemoryMappedFileSizeGB) * (uint64_t(1) << 30);
+  out["memoryMappedFileDiskBytes"] = diskBytes;
   if (exists && loadResult < 1) out["loadResult"] = GetTagErrorName(loadResult);
   if (options.Json) {
-    std::cout << out.dump(2) << "\n";
+    std::cout << out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
     return kExitOk;
   }
   const auto gib = [](uint64_t bytes) {
@@ -150,6 +154,8 @@ int RunConfigMemory(const TConfigMemoryOptions& options) {
             << " (not used on Linux)\n"
             << "  AWE MapSizeInMegaBytes  " << TMemoryManagement::AWEMemoryMapSizeMB << "\n"
             << "Temporary files in " << folder << " (" << gib(freeDisk) << " GiB free)\n"
+            << "With the mmf strategy a run reserves " << gib(diskBytes) << " GiB of disk there at its start"
+            << " (an unnamed file that goes with the process)\n"
             << "Machine: " << gib(status.TotalPhysical) << " GiB memory, " << gib(status.AvailablePhysical)
             << " GiB available; " << TMemoryManagement::GetMemoryStatusPercentageString() << "\n";
   if (exists && loadResult < 1)
@@ -174,7 +180,8 @@ void AddConfigCommands(CLI::App& app, CliContext& ctx) {
                    "map-size-mb (16-256), awe-size-gb, awe-map-size-mb; takes effect at the next start")
       ->allow_extra_args(false);
   memory->add_flag("--json", options->Json, "Machine-readable output");
-  memory->callback([options, &ctx] { ctx.ExitCode = RunConfigMemory(*options); });
+  SetCommandAction(
+      memory, ctx, [options] { return RunConfigMemory(*options); }, /*withRuntime=*/false);
 }
 
 } // namespace orvexcli

@@ -29,9 +29,7 @@ TDemoOptions ParseSize(const std::string& size, uint64_t seed) {
   return options;
 }
 
-void RunDemo(CliContext& ctx, const std::string& out, const std::string& size, uint64_t seed) {
-  const TDemoOptions options = ParseSize(size, seed);
-  StartRuntime(ctx);
+int RunDemo(const TDemoOptions& options, const std::string& out) {
   const auto start = std::chrono::steady_clock::now();
   TProject project;
   const TDemoIDs ids = CreateDemoProject(project, options);
@@ -39,8 +37,11 @@ void RunDemo(CliContext& ctx, const std::string& out, const std::string& size, u
   const double made = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   SaveProjectOrDataFile(project, out, false);
   const double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::printf("written: %s (map %dx%dx%d, ID %d; made in %.2f s, with saving %.2f s)\n", out.c_str(),
-              options.SizeX, options.SizeY, options.SizeGraph, ids.Map, made, total);
+  char times[96];
+  std::snprintf(times, sizeof times, "made in %.2f s, with saving %.2f s", made, total);
+  std::cout << "written: " << out << " (map " << options.SizeX << "x" << options.SizeY << "x"
+            << options.SizeGraph << ", ID " << ids.Map << "; " << times << ")\n";
+  return kExitOk;
 }
 
 } // namespace
@@ -56,7 +57,12 @@ void AddDemoCommands(CLI::App& app, CliContext& ctx) {
   command->add_option("--size", options->Size,
                       "XxYxN: pixels in x and y, points per spectrum (default 128x128x1024)");
   command->add_option("--seed", options->Seed, "Seed of the noise and spikes (default 1)");
-  command->callback([options, &ctx] { RunDemo(ctx, options->Out, options->Size, options->Seed); });
+  // The size is checked before the application comes up: a wrong one is a usage error.
+  command->callback([options, &ctx] {
+    const TDemoOptions demo = ParseSize(options->Size, options->Seed);
+    ctx.Action = [demo, options] { return RunDemo(demo, options->Out); };
+    ctx.NeedsRuntime = true;
+  });
 }
 
 } // namespace orvexcli

@@ -1,8 +1,11 @@
 // The "fit" command: fits one curve from a text file with a standard fit function or a formula.
 #include "CliCommon.h"
+#include "common/Saveandload.h"
+#include "common/numerics/Chisqrminimizer.h"
 #include "common/numerics/Fitfunctions.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cmath>
 #include <fstream>
 #include <iomanip>
@@ -24,6 +27,8 @@ struct TFitOptions {
   std::string DataFile;
   std::vector<double> Start;
   bool Json = false;
+  double Tolerance = 0;  ///< 0: the minimizer's default
+  int MaxIterations = 0; ///< 0: the minimizer's default
 };
 
 struct TCurve {
@@ -34,7 +39,10 @@ struct TCurve {
 // Columns x y [sigma], whitespace-separated; '#' starts a comment line.
 TCurve ReadCurve(const std::string& fileName) {
   std::ifstream in(fileName);
-  if (!in) throw CliError(kExitUsage, "Can't read the data file: " + fileName);
+  if (!in) {
+    const int error = errno;
+    throw CliError(kExitUsage, "cannot open '" + fileName + "': " + FileErrorReason(error));
+  }
   TCurve c;
   std::string line;
   int lineNumber = 0, sigmaLines = 0;
@@ -117,13 +125,15 @@ std::unique_ptr<TNLFitFunction> CreateFormulaFunction(const std::string& formula
     std::string message = p.GetMessage();
     while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
     if (!p.HasError()) message = "There is no valid formula !";
-    throw CliError(kExitFailure,
-                   "Formula error at position " + std::to_string(p.GetErrorPosition()) + ": " + message);
+    throw CliError(kExitFailure, "Formula error at position " + std::to_string(p.GetErrorPosition()) + ": " +
+                                     message +
+                                     " (a formula uses x1 for the abscissa and x2, x3, ... for the "
+                                     "parameters, e.g. \"x2*x1+x3\")");
   }
   return f;
 }
 
-void RunFit(const TFitOptions& o) {
+int RunFit(const TFitOptions& o) {
   if (o.Formula.empty() == o.Function.empty())
     throw CliError(kExitUsage, "Give either --formula or --function");
   const TCurve curve = ReadCurve(o.DataFile);
@@ -140,8 +150,15 @@ void RunFit(const TFitOptions& o) {
       f->Params[i]->StartValueAutoDetect = false;
     }
   }
+  if (o.Tolerance > 0) f->Tolerance = o.Tolerance;
+  if (o.MaxIterations > 0) f->MaxIterations = o.MaxIterations;
   const int n = static_cast<int>(curve.X.size());
   auto* minimizer = static_cast<TChiSqrMinimizer*>(f->ThreadPrepare());
+  struct TRelease {
+    TNLFitFunction& Function;
+    TChiSqrMinimizer* Minimizer;
+    ~TRelease() { Function.ThreadPostpare(Minimizer); }
+  } release{*f, minimizer};
   std::vector<double> values(np), errors(np);
   TFitFunctionErrorInfo info;
   std::string status;
@@ -149,8 +166,24 @@ void RunFit(const TFitOptions& o) {
       f->CalculateThread(minimizer, nullptr, values.data(), errors.data(), n, curve.X.data(), curve.Y.data(),
                          curve.HasSigma ? curve.Sigma.data() : nullptr, info, status);
   const int iterations = minimizer->GetIterations();
-  f->ThreadPostpare(minimizer);
-  if (!ok) throw CliError(kExitFailure, status);
+  // Running out of iterations is a warning: the point reached is reported with its errors.
+  const bool warning = !ok && minimizer->GetErrorCode() == csmMaxIterations;
+  if (!ok && !warning) throw CliError(kExitFailure, status);
+  if (warning) {
+    for (int i = 0; i < np; ++i) {
+      values[i] = minimizer->GetParameter(i);
+      errors[i] = minimizer->GetParameterError(i);
+    }
+    info.ChiSqr = minimizer->GetChiSqr();
+    double rss = 0.0;
+    for (int i = 0; i < n; ++i) {
+      const double r = curve.Y[i] - minimizer->EvaluateModel(curve.X[i]);
+      rss += r * r;
+    }
+    info.ResidualSumOfSquares = rss;
+    std::cerr << "warning: the fit stopped after " << iterations
+              << " iterations before it converged (--max-iterations raises the limit)\n";
+  }
 
   if (o.Json) {
     nlohmann::ordered_json j;
@@ -161,17 +194,19 @@ void RunFit(const TFitOptions& o) {
     j["chi2"] = info.ChiSqr;
     j["rss"] = info.ResidualSumOfSquares;
     j["iterations"] = iterations;
-    j["status"] = status;
-    std::cout << j.dump() << "\n";
-    return;
+    j["status"] = warning ? "warning" : "ok";
+    j["message"] = status;
+    std::cout << j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    return kExitOk;
   }
-  std::cout << std::setprecision(10);
   for (int i = 0; i < np; ++i)
-    std::cout << f->Params[i]->ShortName << " " << values[i] << " " << errors[i] << "\n";
-  std::cout << "chi2 " << info.ChiSqr << "\n"
-            << "rss " << info.ResidualSumOfSquares << "\n"
+    std::cout << f->Params[i]->ShortName << " " << FormatNumber(values[i]) << " " << FormatNumber(errors[i])
+              << "\n";
+  std::cout << "chi2 " << FormatNumber(info.ChiSqr) << "\n"
+            << "rss " << FormatNumber(info.ResidualSumOfSquares) << "\n"
             << "iterations " << iterations << "\n"
             << "status " << status << "\n";
+  return kExitOk;
 }
 
 } // namespace
@@ -190,11 +225,12 @@ void AddFitCommands(CLI::App& app, CliContext& ctx) {
       ->required();
   fit->add_option("--start", o->Start, "Start values, in parameter order")->delimiter(',');
   fit->add_flag("--json", o->Json, "Machine-readable result");
-  fit->callback([o, &ctx] {
-    StartRuntime(ctx);
-    RunFit(*o);
-    ctx.ExitCode = kExitOk;
-  });
+  fit->add_option("--tolerance", o->Tolerance,
+                  "Relative change of chi-square that ends the fit (default 1e-8)")
+      ->check(Positive());
+  fit->add_option("--max-iterations", o->MaxIterations, "Iterations before the fit gives up (default 200)")
+      ->check(Positive());
+  SetCommandAction(fit, ctx, [o] { return RunFit(*o); });
 }
 
 } // namespace orvexcli

@@ -1,5 +1,6 @@
 // orvex paths: the folders and settings files the program uses, as the environment gives them.
 #include "CliCommon.h"
+#include "common/Safewrite.h"
 #include "common/memory/Memorymanagement.h"
 #include "project/Orvexapplication.h"
 #include "project/Orvexdirectories.h"
@@ -20,6 +21,8 @@ namespace {
 struct TPathsOptions {
   bool Json = false;
   bool All = false;
+  bool Clean = false;
+  std::vector<std::string> Folders;
 };
 
 bool Exists(const std::string& path) {
@@ -59,7 +62,40 @@ std::string MemoryMappedFileFolder() {
   return TMemoryManagement::MemoryMappedFileDirectory(TMemoryManagement::MemoryMappedFilePath);
 }
 
+// Removes what killed runs left: temporaries of interrupted saves (in the given folders, or the current
+// folder and the program's settings folders) and backing files of the memory-mapped strategy. Files a
+// living process is writing are kept.
+int RunClean(const TPathsOptions& options) {
+  TOrvexDirectories::FormDirectoryStrings();
+  std::vector<std::string> folders = options.Folders;
+  if (folders.empty()) {
+    folders.push_back(".");
+    for (const auto& [name, folder] : TOrvexDirectories::User.Folders()) folders.push_back(folder);
+  }
+  std::vector<std::string> removed;
+  for (const auto& folder : folders) {
+    std::error_code error;
+    if (!options.Folders.empty() && !std::filesystem::is_directory(folder, error))
+      throw CliError(kExitUsage, "cannot clean '" + folder + "': not a folder");
+    for (auto& name : RemoveStaleTemporaries(folder)) removed.push_back(std::move(name));
+  }
+  const std::string mmfFolder = MemoryMappedFileFolder();
+  const int mmfFiles = Exists(mmfFolder) ? TMemoryManagement::RemoveLeftOverTemporaryFiles(mmfFolder) : 0;
+  if (options.Json) {
+    std::cout << nlohmann::ordered_json{{"removed", removed}, {"memoryMappedFilesRemoved", mmfFiles}}.dump(
+                     2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+              << "\n";
+    return kExitOk;
+  }
+  for (const auto& name : removed) std::cout << "removed: " << name << "\n";
+  std::cout << "removed " << removed.size() << " temporar" << (removed.size() == 1 ? "y" : "ies")
+            << " of interrupted saves and " << mmfFiles << " memory-mapped file" << (mmfFiles == 1 ? "" : "s")
+            << "\n";
+  return kExitOk;
+}
+
 int RunPaths(const TPathsOptions& options) {
+  if (options.Clean) return RunClean(options);
   TOrvexDirectories::FormDirectoryStrings();
   auto paths = CollectPaths(options.All);
   paths.emplace_back("MemoryMappedFiles", MemoryMappedFileFolder());
@@ -67,7 +103,7 @@ int RunPaths(const TPathsOptions& options) {
     nlohmann::ordered_json out = nlohmann::ordered_json::object();
     for (const auto& [name, path] : paths) out[name] = {{"path", path}, {"exists", Exists(path)}};
     out["Version"] = TOrvexDirectories::Version();
-    std::cout << out.dump(2) << "\n";
+    std::cout << out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
     return kExitOk;
   }
   size_t width = 0;
@@ -87,7 +123,13 @@ void AddPathsCommands(CLI::App& app, CliContext& ctx) {
                                   "XDG_DATA_DIRS, XDG_CACHE_HOME, XDG_RUNTIME_DIR and TMPDIR move them)");
   paths->add_flag("--json", options->Json, "Machine-readable output");
   paths->add_flag("--all", options->All, "Include the instrument files and the common sub-folders");
-  paths->callback([options, &ctx] { ctx.ExitCode = RunPaths(*options); });
+  paths->add_flag(
+      "--clean", options->Clean,
+      "Remove what killed runs left: temporaries of interrupted saves (in FOLDER..., or the current "
+      "folder and the settings folders) and memory-mapped files; those of living runs stay");
+  paths->add_option("FOLDER", options->Folders, "Folders to clean (with --clean)");
+  SetCommandAction(
+      paths, ctx, [options] { return RunPaths(*options); }, /*withRuntime=*/false);
 }
 
 } // namespace orvexcli

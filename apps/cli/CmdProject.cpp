@@ -24,8 +24,7 @@ json DescribeObject(const TData& data) {
   return object;
 }
 
-void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
-  StartRuntime(ctx);
+int RunInfo(const std::string& fileName, bool asJson) {
   TLoadedFile loaded = LoadProjectOrDataFile(fileName);
   TProject& project = *loaded.Project;
   json objects = json::array();
@@ -35,6 +34,9 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
   json skipped = json::array();
   for (const auto& [index, className] : project.SkippedObjects())
     skipped.push_back(json{{"index", index}, {"class", className}});
+  json failed = json::array();
+  for (const auto& object : loaded.Failed)
+    failed.push_back(json{{"index", object.Index}, {"class", object.ClassName}, {"reason", object.Reason}});
 
   if (asJson) {
     std::cout << json{{"identification", loaded.Identification},
@@ -43,10 +45,11 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
                       {"nextDataID", project.GetNextDataID()},
                       {"objects", objects},
                       {"viewers", viewers},
-                      {"skipped", skipped}}
-                     .dump(2)
+                      {"skipped", skipped},
+                      {"failed", failed}}
+                     .dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
               << "\n";
-    return;
+    return kExitOk;
   }
   std::cout << "identification: " << loaded.Identification << "\n";
   std::cout << "version: " << loaded.Version << " ("
@@ -55,7 +58,7 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
   std::cout << "objects: " << project.DataList().size() << "\n";
   for (const auto& data : project.DataList()) {
     std::cout << "  " << data->GetID() << "  " << data->GetClassNameA() << "  "
-              << json(data->GetCaption()).dump();
+              << json(data->GetCaption()).dump(-1, ' ', false, json::error_handler_t::replace);
     for (const auto& [key, value] : DescribeObjectSizes(*data)) std::cout << "  " << key << "=" << value;
     for (const auto& [name, id] : data->GetReferencedIDs()) std::cout << "  " << name << "=" << id;
     std::cout << "\n";
@@ -68,23 +71,33 @@ void RunInfo(CliContext& ctx, const std::string& fileName, bool asJson) {
     for (const auto& [index, className] : project.SkippedObjects())
       std::cout << "  Data " << index << ": " << className << "\n";
   }
+  if (!loaded.Failed.empty()) {
+    std::cout << "failed (damaged, not loaded): " << loaded.Failed.size() << "\n";
+    for (const auto& object : loaded.Failed)
+      std::cout << "  Data " << object.Index << ": " << object.ClassName << ": " << object.Reason << "\n";
+  }
+  return kExitOk;
 }
 
-void RunConvert(CliContext& ctx, const std::string& in, const std::string& out, bool compatible) {
-  StartRuntime(ctx);
+int RunConvert(const CliContext& ctx, const std::string& in, const std::string& out, bool compatible,
+               bool allowDamaged) {
   TLoadedFile loaded = LoadProjectOrDataFile(in);
+  CheckDamage(ctx, loaded, allowDamaged);
   SaveProjectOrDataFile(*loaded.Project, out, compatible);
+  return kExitOk;
 }
 
-void RunAppend(CliContext& ctx, const std::string& base, const std::vector<std::string>& additions,
-               const std::string& out, bool compatible) {
-  StartRuntime(ctx);
+int RunAppend(const CliContext& ctx, const std::string& base, const std::vector<std::string>& additions,
+              const std::string& out, bool compatible, bool allowDamaged) {
   TLoadedFile loaded = LoadProjectOrDataFile(base);
+  CheckDamage(ctx, loaded, allowDamaged);
   for (const auto& addition : additions) {
     TLoadedFile part = LoadProjectOrDataFile(addition, /*forAppend=*/true);
+    CheckDamage(ctx, part, allowDamaged);
     loaded.Project->AppendProject(*part.Project);
   }
   SaveProjectOrDataFile(*loaded.Project, out, compatible);
+  return kExitOk;
 }
 
 } // namespace
@@ -98,11 +111,12 @@ void AddProjectCommands(CLI::App& app, CliContext& ctx) {
   auto* infoCommand = app.add_subcommand("info", "Show what a project or data file holds");
   infoCommand->add_option("FILE", info->File, "Project (.oxp) or data file (.oxd)")->required();
   infoCommand->add_flag("--json", info->Json, "Machine-readable output on stdout");
-  infoCommand->callback([info, &ctx] { RunInfo(ctx, info->File, info->Json); });
+  SetCommandAction(infoCommand, ctx, [info] { return RunInfo(info->File, info->Json); });
 
   struct TConvertOptions {
     std::string In, Out;
     bool Compatible = false;
+    bool AllowDamaged = false;
   };
   auto convert = std::make_shared<TConvertOptions>();
   auto* convertCommand = app.add_subcommand("convert", "Load a project or data file and save it again");
@@ -111,13 +125,17 @@ void AddProjectCommands(CLI::App& app, CliContext& ctx) {
       ->required();
   convertCommand->add_flag("--compatible", convert->Compatible,
                            "Write the form older versions read (version 5)");
-  convertCommand->callback(
-      [convert, &ctx] { RunConvert(ctx, convert->In, convert->Out, convert->Compatible); });
+  convertCommand->add_flag("--allow-damaged", convert->AllowDamaged,
+                           "Write what loaded of a damaged file (the lost objects are named)");
+  SetCommandAction(convertCommand, ctx, [convert, &ctx] {
+    return RunConvert(ctx, convert->In, convert->Out, convert->Compatible, convert->AllowDamaged);
+  });
 
   struct TAppendOptions {
     std::string Base, Out;
     std::vector<std::string> Additions;
     bool Compatible = false;
+    bool AllowDamaged = false;
   };
   auto append = std::make_shared<TAppendOptions>();
   auto* appendCommand = app.add_subcommand("append", "Append projects and data files to a project");
@@ -126,8 +144,12 @@ void AddProjectCommands(CLI::App& app, CliContext& ctx) {
   appendCommand->add_option("-o,--output", append->Out, "File to write")->required();
   appendCommand->add_flag("--compatible", append->Compatible,
                           "Write the form older versions read (version 5)");
-  appendCommand->callback(
-      [append, &ctx] { RunAppend(ctx, append->Base, append->Additions, append->Out, append->Compatible); });
+  appendCommand->add_flag("--allow-damaged", append->AllowDamaged,
+                          "Write what loaded of damaged files (the lost objects are named)");
+  SetCommandAction(appendCommand, ctx, [append, &ctx] {
+    return RunAppend(ctx, append->Base, append->Additions, append->Out, append->Compatible,
+                     append->AllowDamaged);
+  });
 }
 
 } // namespace orvexcli

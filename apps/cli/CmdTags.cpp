@@ -1,9 +1,11 @@
 // orvex tags / orvex validate: look into any tag file.
 #include "CliCommon.h"
+#include "common/Safewrite.h"
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
 #include "common/Tagvalidate.h"
 
+#include <charconv>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -18,13 +20,14 @@ constexpr int64_t kShownValues = 8;
 constexpr int kMaxDepth = 1000;
 
 std::string Quote(const std::string& s) {
-  return nlohmann::ordered_json(s).dump();
+  return nlohmann::ordered_json(s).dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
-std::string FormatNumber(double v, int precision) {
+// The shortest text that reads back to the same float.
+std::string FormatFloat(float v) {
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%.*g", precision, v);
-  return buffer;
+  const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, v);
+  return error == std::errc() ? std::string(buffer, end) : std::string("nan");
 }
 
 // One value tag read from the file: the first values as JSON, the total count.
@@ -103,9 +106,9 @@ TValuePreview ReadPreview(TFileHandle file, const TTagControl& tag) {
 std::string FormatValue(const nlohmann::ordered_json& v, TTagKind kind) {
   if (v.is_string()) return Quote(v.get<std::string>());
   if (v.is_boolean()) return v.get<bool>() ? "true" : "false";
-  if (kind == TTagKind::Double) return FormatNumber(v.get<double>(), 17);
-  if (kind == TTagKind::Float) return FormatNumber(v.get<double>(), 9);
-  return v.dump();
+  if (kind == TTagKind::Double) return FormatNumber(v.get<double>());
+  if (kind == TTagKind::Float) return FormatFloat(static_cast<float>(v.get<double>()));
+  return v.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 class TTreePrinter {
@@ -171,11 +174,11 @@ private:
   std::string FDamage;
 };
 
-void RunTags(const std::string& fileName, bool json, int depth) {
+int RunTags(const std::string& fileName, bool json, int depth) {
+  ClearLastFileError();
   const TFileHandle file = OpenFileForReading(fileName);
   if (file == kInvalidFileHandle)
-    throw CliError(kExitUsage,
-                   "Loading Error: " + GetTagErrorName(teCreateFileForReadError) + ": " + fileName);
+    throw CliError(kExitUsage, "cannot open '" + fileName + "': " + FileErrorReason(LastFileError()));
   std::string identification;
   LoadIdentificationFromFile(file, identification);
   TTreePrinter printer(file, json, depth < 0 ? kMaxDepth : depth);
@@ -184,15 +187,32 @@ void RunTags(const std::string& fileName, bool json, int depth) {
   const int64_t end = size >= 8 ? printer.Print(8, size, 0, &root) : -1;
   CloseFile(file);
   if (json)
-    std::cout << nlohmann::ordered_json{{"identification", identification}, {"root", root}}.dump(2) << "\n";
+    std::cout << nlohmann::ordered_json{{"identification", identification}, {"root", root}}.dump(
+                     2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+              << "\n";
   if (end < 0)
-    throw CliError(kExitFailure, "Loading Error: " + (printer.Damage().empty() ? std::string("file too short")
-                                                                               : printer.Damage()));
+    throw CliError(kExitFailure,
+                   "'" + fileName + "' is not a tag file or is damaged: " +
+                       (printer.Damage().empty() ? std::string("file too short") : printer.Damage()));
+  return kExitOk;
 }
 
-int RunValidate(const std::string& fileName) {
+int RunValidate(const std::string& fileName, bool json) {
   const TTagValidationResult result = ValidateTagFile(fileName);
-  if (!result.Readable) throw CliError(kExitUsage, "Loading Error: " + result.Problem + ": " + fileName);
+  if (!result.Readable) throw CliError(kExitUsage, "cannot open '" + fileName + "': " + result.Problem);
+  if (json) {
+    nlohmann::ordered_json out = {{"file", fileName},
+                                  {"valid", result.Valid},
+                                  {"identification", result.Identification},
+                                  {"tags", result.TagCount}};
+    if (!result.Valid) {
+      out["problem"] = result.Problem;
+      out["offset"] = result.Offset;
+      out["path"] = result.Path;
+    }
+    std::cout << out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    return result.Valid ? kExitOk : kExitFailure;
+  }
   if (result.Valid) {
     std::cout << "valid: identification \"" << result.Identification << "\", " << result.TagCount
               << " tags\n";
@@ -205,12 +225,7 @@ int RunValidate(const std::string& fileName) {
 }
 
 // A small tag file with one tag of every kind, nested lists and a long array.
-void WriteExampleTagFile(const std::string& fileName) {
-  std::string tempName = fileName;
-  const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-  if (file == kInvalidFileHandle)
-    throw CliError(kExitFailure,
-                   "Saving Error: " + GetTagErrorName(teCreateFileForWriteError) + ": " + fileName);
+TTagError WriteExampleTags(TFileHandle file) {
   TTagError result = SaveIdentificationToFile(file, "ORX_EXMP");
   TTagControl root, list, t;
   auto keep = [&result](TTagError r) { result = result < 1 ? result : r; };
@@ -233,10 +248,14 @@ void WriteExampleTagFile(const std::string& fileName) {
   keep(t.SaveStringList(file, "Names", {"first", "second", "third"}));
   keep(t.SaveList(file, "IDs", {3, 5, 8}));
   keep(root.CloseWriteTag(file));
-  CloseFile(file);
-  if (result < 1 || !DeleteAndRenameFiles(fileName, tempName))
-    throw CliError(kExitFailure, "Saving Error: " + GetTagErrorName(result < 1 ? result : teWriteFileError));
+  return result;
+}
+
+int WriteExampleTagFile(const std::string& fileName) {
+  std::string error;
+  if (WriteFileSafely(fileName, WriteExampleTags, &error) < 1) throw CliError(kExitFailure, error);
   std::cout << "written: " << fileName << "\n";
+  return kExitOk;
 }
 
 } // namespace
@@ -252,30 +271,25 @@ void AddTagCommands(CLI::App& app, CliContext& ctx) {
   auto* tags = app.add_subcommand("tags", "Print the tag tree of a tag file");
   tags->add_option("FILE", tagsOptions->File, "Tag file")->required();
   tags->add_flag("--json", tagsOptions->Json, "Machine-readable tree on stdout");
-  tags->add_option("--depth", tagsOptions->Depth, "Levels below the root to show")
-      ->check(CLI::NonNegativeNumber);
-  tags->callback([tagsOptions, &ctx] {
-    StartRuntime(ctx);
-    RunTags(tagsOptions->File, tagsOptions->Json, tagsOptions->Depth);
-    ctx.ExitCode = kExitOk;
-  });
+  tags->add_option("--depth", tagsOptions->Depth, "Levels below the root to show")->check(NonNegative());
+  SetCommandAction(
+      tags, ctx, [tagsOptions] { return RunTags(tagsOptions->File, tagsOptions->Json, tagsOptions->Depth); });
 
   auto exampleFile = std::make_shared<std::string>();
   auto* example = app.add_subcommand("example-tags", "Write a small tag file with one tag of every kind");
   example->add_option("-o,--output", *exampleFile, "File to write")->required();
-  example->callback([exampleFile, &ctx] {
-    StartRuntime(ctx);
-    WriteExampleTagFile(*exampleFile);
-    ctx.ExitCode = kExitOk;
-  });
+  SetCommandAction(example, ctx, [exampleFile] { return WriteExampleTagFile(*exampleFile); });
 
-  auto validateFile = std::make_shared<std::string>();
+  struct TValidateOptions {
+    std::string File;
+    bool Json = false;
+  };
+  auto validateOptions = std::make_shared<TValidateOptions>();
   auto* validate = app.add_subcommand("validate", "Check the container invariants of a tag file");
-  validate->add_option("FILE", *validateFile, "Tag file")->required();
-  validate->callback([validateFile, &ctx] {
-    StartRuntime(ctx);
-    ctx.ExitCode = RunValidate(*validateFile);
-  });
+  validate->add_option("FILE", validateOptions->File, "Tag file")->required();
+  validate->add_flag("--json", validateOptions->Json, "Machine-readable result on stdout");
+  SetCommandAction(validate, ctx,
+                   [validateOptions] { return RunValidate(validateOptions->File, validateOptions->Json); });
 }
 
 } // namespace orvexcli

@@ -97,6 +97,31 @@ bool TLogFile::Open(const std::string& fileName, bool overwrite) {
   else
     handle = ::open(fileName.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (handle < 0) return false;
+  StartLocked(handle, fileName);
+  return true;
+}
+
+bool TLogFile::OpenExclusive(const std::string& fileName) {
+  std::lock_guard guard(FLock);
+  if (FIsOpen) return true;
+  const size_t slash = fileName.find_last_of('/');
+  const size_t dot = fileName.find_last_of('.');
+  const bool hasExtension = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+  const std::string stem = hasExtension ? fileName.substr(0, dot) : fileName;
+  const std::string extension = hasExtension ? fileName.substr(dot) : std::string();
+  for (int n = 0; n < 1000; ++n) {
+    const std::string name = n == 0 ? fileName : stem + "_" + std::to_string(n) + extension;
+    const int handle = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0644);
+    if (handle >= 0) {
+      StartLocked(handle, name);
+      return true;
+    }
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
+
+void TLogFile::StartLocked(int handle, const std::string& fileName) {
   FHandle = handle;
   FFileName = fileName;
   FStart = std::chrono::steady_clock::now();
@@ -113,7 +138,6 @@ bool TLogFile::Open(const std::string& fileName, bool overwrite) {
         "Current System Time is: " + CurrentSystemTimeText() + " (YYYY/MM/DD hh:mm:ss.xxx)", nullptr);
     WriteLocked(header);
   }
-  return true;
 }
 
 void TLogFile::Close() {

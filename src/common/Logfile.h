@@ -26,6 +26,11 @@ public:
   /// Opens (or creates) the file. With overwrite false an existing file is appended to.
   /// Returns false when the file can't be opened; true also when it was open already.
   bool Open(const std::string& fileName, bool overwrite);
+  /// Creates a new file that no other process writes: fileName if it doesn't exist yet, otherwise the first
+  /// free one of stem + "_1", "_2", ... + extension ("LogFile_20261123_045300_1.log"). The name is claimed
+  /// by an exclusive create, so runs started in the same second never share a log. False when none of the
+  /// first 1000 names could be created; true also when the log was open already. GetFileName tells the name.
+  bool OpenExclusive(const std::string& fileName);
   /// Writes the closing line and closes the file. Does nothing on a closed log.
   void Close();
   bool IsOpen() const;
@@ -57,6 +62,7 @@ public:
   static std::uint64_t CurrentThreadId();
 
 private:
+  void StartLocked(int handle, const std::string& fileName);
   std::string TimeColumn() const;
   std::string ComposeEntry(const std::string& text, const std::vector<std::string>* frames) const;
   void WriteLocked(const std::string& bytes);

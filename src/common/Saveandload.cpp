@@ -2,6 +2,8 @@
 #include "common/Saveandload.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -85,11 +87,73 @@ std::string TagKindName(TTagKind kind) {
 // ---------------------------------------------------------------------------------------------
 // Files
 
+namespace {
+std::atomic<int> gLastFileError{0};
+std::atomic<bool> gWritesAborted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set from signal handlers");
+} // namespace
+
+int LastFileError() {
+  return gLastFileError.load(std::memory_order_relaxed);
+}
+void ClearLastFileError() {
+  gLastFileError.store(0, std::memory_order_relaxed);
+}
+void SetLastFileError(int errorNumber) {
+  gLastFileError.store(errorNumber, std::memory_order_relaxed);
+}
+
+std::string FileErrorReason(int errorNumber) {
+  switch (errorNumber) {
+  case 0:
+    return "unknown reason";
+  case ENOENT:
+    return "no such file";
+  case EISDIR:
+    return "is a folder";
+  case ENOTDIR:
+    return "a part of the path is not a folder";
+  case EACCES:
+  case EPERM:
+    return "permission denied";
+  case ENOSPC:
+    return "no space left on device";
+  case EDQUOT:
+    return "disk quota exceeded";
+  case EROFS:
+    return "read-only file system";
+  case ECANCELED:
+    return "cancelled";
+  case EPIPE:
+    return "the reader of the output has gone";
+  case EIO:
+    return "input/output error";
+  default: {
+    char buffer[256];
+    const char* text = ::strerror_r(errorNumber, buffer, sizeof buffer);
+    std::string reason = text ? text : "error " + std::to_string(errorNumber);
+    if (!reason.empty()) reason[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0])));
+    return reason;
+  }
+  }
+}
+
+void SetFileWritesAborted(bool aborted) {
+  gWritesAborted.store(aborted);
+}
+bool FileWritesAborted() {
+  return gWritesAborted.load();
+}
+
 TFileHandle OpenFileForReading(const std::string& fileName) {
   const int fd = ::open(fileName.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return kInvalidFileHandle;
+  if (fd < 0) {
+    SetLastFileError(errno);
+    return kInvalidFileHandle;
+  }
   struct stat st {};
   if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    SetLastFileError(EISDIR);
     ::close(fd);
     return kInvalidFileHandle;
   }
@@ -161,13 +225,21 @@ bool WriteAllBytes(TFileHandle file, const void* data, int64_t size) {
   if (size < 0) return false;
   const auto* p = static_cast<const char*>(data);
   while (size > 0) {
+    if (FileWritesAborted()) {
+      SetLastFileError(ECANCELED);
+      return false;
+    }
     const size_t chunk = static_cast<size_t>(std::min<int64_t>(size, int64_t(1) << 30));
     const ssize_t n = ::write(file, p, chunk);
     if (n < 0) {
       if (errno == EINTR) continue;
+      SetLastFileError(errno);
       return false;
     }
-    if (n == 0) return false;
+    if (n == 0) {
+      SetLastFileError(ENOSPC);
+      return false;
+    }
     p += n;
     size -= n;
   }
@@ -183,6 +255,7 @@ int64_t ReadAllBytes(TFileHandle file, void* data, int64_t size) {
     const ssize_t n = ::read(file, p + total, chunk);
     if (n < 0) {
       if (errno == EINTR) continue;
+      SetLastFileError(errno);
       return -1;
     }
     if (n == 0) break;

@@ -66,10 +66,23 @@ bool FileExists(const std::string& fileName);
 bool DeleteFileByName(const std::string& fileName);
 bool RenameFileByName(const std::string& from, const std::string& to);
 
-/// Writes all bytes (looping over partial writes); false on failure.
+/// Writes all bytes (looping over partial writes); false on failure, and after the process's writes were
+/// aborted (a termination signal during a save).
 bool WriteAllBytes(TFileHandle file, const void* data, int64_t size);
 /// Reads up to size bytes (looping over partial reads); returns bytes read, or -1 on a read error.
 int64_t ReadAllBytes(TFileHandle file, void* data, int64_t size);
+
+/// The system's reason of the last failed open, read or write of any thread (errno), 0 when none since
+/// ClearLastFileError. Only for the words of a message: the result codes decide.
+int LastFileError();
+void ClearLastFileError();
+void SetLastFileError(int errorNumber);
+/// The reason in a user's words: "no such file", "is a folder", "permission denied",
+/// "no space left on device", ...; the system's text for the rest.
+std::string FileErrorReason(int errorNumber);
+/// Makes every further WriteAllBytes fail (async-signal-safe), or lets them succeed again.
+void SetFileWritesAborted(bool aborted);
+bool FileWritesAborted();
 
 // ---------------------------------------------------------------------------------------------
 // Text encoding: strings in tag files are 8-bit Windows-1252, in memory UTF-8.

@@ -611,11 +611,44 @@ TMessageAnswerFunction TConsoleMessagingStrategy::GetAnswerStrategyForMessage(IS
   };
 }
 
+namespace {
+
+// A message box text as a terminal shows it: no carriage returns, lines broken for a narrow box joined again,
+// paragraphs kept apart by one line break.
+std::string ConsoleText(const std::string& text) {
+  std::string plain;
+  for (char c : text)
+    if (c != '\r') plain += c;
+  std::string result;
+  for (size_t i = 0; i < plain.size(); ++i) {
+    if (plain[i] != '\n') {
+      result += plain[i];
+      continue;
+    }
+    size_t end = i;
+    while (end < plain.size() && plain[end] == '\n') ++end;
+    if (end == plain.size()) break;
+    result += end - i > 1 ? '\n' : ' ';
+    i = end - 1;
+  }
+  return result;
+}
+
+} // namespace
+
 TStandardMessageAnswer TConsoleMessagingStrategy::Ask(const TMessageBoxLayout& layout) {
   const TStandardMessageAnswer defaultAnswer = layout.DefaultAnswer();
   std::FILE* out = FOutput ? FOutput : stderr;
+  const std::string text = ConsoleText(layout.Text);
+  if (layout.ButtonAnswers.size() == 1) {
+    // A notification has nothing to choose: one line, and on.
+    std::fprintf(out, "%s%s%s: %s\n", SeverityWord(layout.Icon), layout.Caption.empty() ? "" : ": ",
+                 layout.Caption.c_str(), text.c_str());
+    std::fflush(out);
+    return defaultAnswer;
+  }
   std::fprintf(out, "\n%s%s%s\n%s\n", SeverityWord(layout.Icon), layout.Caption.empty() ? "" : ": ",
-               layout.Caption.c_str(), layout.Text.c_str());
+               layout.Caption.c_str(), text.c_str());
   if (!IsInteractive()) {
     std::fprintf(out, "Answered automatically: %s (default)\n", ConsoleButton(defaultAnswer).Name);
     std::fflush(out);

@@ -2,6 +2,7 @@
 #include "common/Tagcontrol.h"
 
 #include "common/OrvexException.h"
+#include "common/Safewrite.h"
 
 #include <cstring>
 
@@ -493,17 +494,11 @@ TTagError TTagControl::SaveTagListToFile(TFileHandle file) {
 
 TTagError TTagControl::SaveTagListToFileByName(const std::string& fileName,
                                                const std::string& identification) {
-  std::string tempName = fileName;
-  const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-  if (file == kInvalidFileHandle) return teCreateFileForWriteError;
-  TTagError result = SaveIdentificationToFile(file, identification);
-  if (result >= 1) result = SaveSubtree(*this, file);
-  CloseFile(file);
-  if (result < 1) {
-    if (tempName != fileName) DeleteFileByName(tempName);
+  return WriteFileSafely(fileName, [&](TFileHandle file) {
+    TTagError result = SaveIdentificationToFile(file, identification);
+    if (result >= 1) result = SaveSubtree(*this, file);
     return result;
-  }
-  return DeleteAndRenameFiles(fileName, tempName) ? teNoError : teWriteFileError;
+  });
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -17,7 +17,8 @@ class TMCC;
 class TData;
 
 /// The file version of this software, and the one being written: 6, or 5 while a compatible save runs.
-/// Classes that changed in version 6 write their older form while SaveVersion is below 6.
+/// Classes that changed in version 6 write their older form while SaveVersion is below 6. Only the
+/// project's save call sets SaveVersion (from its options), for the time of that save.
 struct TFileVersion {
   static constexpr int32_t ThisVersion = 6;
   static inline int32_t SaveVersion = ThisVersion;

@@ -42,8 +42,9 @@ TTagError TDStream::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
     return teNoError;
   }
   if ((result = t.FindTag(file, "StreamData", own)) < 1) return result;
-  // A size the tag can't hold is corrupt: refuse before allocating.
-  if (size < 0 || size > t.End() - t.Begin()) return teReadFileError;
+  // The data are exactly the stream's bytes: a size that differs from them is damage (a zeroed size would
+  // otherwise drop the text without a word, a larger one is refused before allocating).
+  if (size < 0 || size != t.End() - t.Begin()) return teReadFileError;
   auto stream = std::make_unique<TMemoryByteStream>();
   if ((result = LoadStreamFromFile(file, *stream, size)) < 1) return result;
   FStream = std::move(stream);
@@ -53,6 +54,16 @@ TTagError TDStream::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
 TDText::TDText() {
   MakeStream();
   SetCaption("Text");
+}
+
+TTagError TDText::SaveDataToTagFile(TFileHandle file) {
+  TTagError result = TDStream::SaveDataToTagFile(file);
+  if (result < 1) return result;
+  TTagControl own, t;
+  if ((result = own.WriteTag(file, "TDText", TTagKind::TagList)) < 1 ||
+      (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1)
+    return result;
+  return own.CloseWriteTag(file);
 }
 
 std::string TDText::GetText() const {

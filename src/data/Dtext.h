@@ -34,8 +34,12 @@ class TDText : public TDStream {
   ORVEX_DATA_CLASS(TDText, TDStream)
 public:
   TDText();
+  static constexpr int32_t ThisVersion = 0;
 
   int32_t GetDataCategory() const override { return 10; }
+  /// After the stream's tags, a "TDText" list with its "Version", as every class writes its own. It holds
+  /// nothing else yet, so loading needs it not: files written without it load as well.
+  TTagError SaveDataToTagFile(TFileHandle file) override;
   /// The whole document as bytes.
   std::string GetText() const;
   /// Replaces the document and reports a data change.

@@ -1,6 +1,8 @@
 // Raster image files through libpng (simplified API), libjpeg and libtiff.
 #include "imaging/Rasterfile.h"
 
+#include "common/Safewrite.h"
+
 #include <algorithm>
 #include <cctype>
 #include <csetjmp>
@@ -60,17 +62,34 @@ bool ReadPng(const std::string& fileName, TRasterImage& image, std::string& erro
   return true;
 }
 
-bool WritePng(const std::string& fileName, const TRasterImage& image, std::string& error) {
+// A stdio stream on a copy of the open file's descriptor, for the libraries that write through stdio;
+// closing it leaves the descriptor itself open.
+std::FILE* StreamOnDescriptor(int fd) {
+  const int copy = ::dup(fd);
+  if (copy < 0) return nullptr;
+  std::FILE* file = ::fdopen(copy, "wb");
+  if (!file) ::close(copy);
+  return file;
+}
+
+bool WritePng(int fd, const TRasterImage& image, std::string& error) {
+  std::FILE* file = StreamOnDescriptor(fd);
+  if (!file) {
+    error = "can't create the file";
+    return false;
+  }
   png_image png{};
   png.version = PNG_IMAGE_VERSION;
   png.width = static_cast<png_uint_32>(image.Width);
   png.height = static_cast<png_uint_32>(image.Height);
   png.format = PNG_FORMAT_RGB;
-  if (!png_image_write_to_file(&png, fileName.c_str(), 0, image.Pixels.data(), 0, nullptr)) {
-    error = png.message;
-    return false;
+  bool ok = png_image_write_to_stdio(&png, file, 0, image.Pixels.data(), 0, nullptr) != 0;
+  if (!ok) error = png.message;
+  if (std::fclose(file) != 0 && ok) {
+    error = "can't write the file";
+    ok = false;
   }
-  return true;
+  return ok;
 }
 
 // --- JPEG --------------------------------------------------------------------------------------
@@ -161,8 +180,8 @@ bool ReadJpeg(const std::string& fileName, TRasterImage& image, std::string& err
   return ok;
 }
 
-bool WriteJpeg(const std::string& fileName, const TRasterImage& image, int quality, std::string& error) {
-  std::FILE* file = std::fopen(fileName.c_str(), "wb");
+bool WriteJpeg(int fd, const TRasterImage& image, int quality, std::string& error) {
+  std::FILE* file = StreamOnDescriptor(fd);
   if (!file) {
     error = "can't create the file";
     return false;
@@ -219,12 +238,15 @@ bool ReadTiff(const std::string& fileName, TRasterImage& image, std::string& err
   return true;
 }
 
-bool WriteTiff(const std::string& fileName, const TRasterImage& image, std::string& error) {
+bool WriteTiff(int fd, const std::string& fileName, const TRasterImage& image, std::string& error) {
   TIFFSetErrorHandler(TiffErrorHandler);
   TIFFSetWarningHandler(nullptr);
   TiffMessage.clear();
-  TIFF* tiff = TIFFOpen(fileName.c_str(), "w");
+  // The library closes what it opens: it gets a copy of the descriptor.
+  const int copy = ::dup(fd);
+  TIFF* tiff = copy < 0 ? nullptr : TIFFFdOpen(copy, fileName.c_str(), "w");
   if (!tiff) {
+    if (copy >= 0) ::close(copy);
     error = TiffMessage.empty() ? "can't create the file" : TiffMessage;
     return false;
   }
@@ -267,7 +289,7 @@ bool ReadRasterFile(const std::string& fileName, TRasterImage& image, std::strin
   case TRasterFormat::Tiff:
     return ReadTiff(fileName, image, error);
   default:
-    error = "unknown picture format (use .png, .jpg or .tif)";
+    error = "unknown picture format (use .png, .jpg, .jpeg, .tif or .tiff)";
     return false;
   }
 }
@@ -281,33 +303,32 @@ bool WriteRasterFile(const std::string& fileName, const TRasterImage& image, std
   }
   const TRasterFormat format = RasterFormatFromFileName(fileName);
   if (format == TRasterFormat::Unknown) {
-    error = "unknown picture format (use .png, .jpg or .tif)";
+    error = "unknown picture format (use .png, .jpg, .jpeg, .tif or .tiff)";
     return false;
   }
   // Written beside the target and renamed over it: a failure leaves an old file as it was.
-  const std::string temp = fileName + ".writing";
-  bool ok = false;
-  switch (format) {
-  case TRasterFormat::Png:
-    ok = WritePng(temp, image, error);
-    break;
-  case TRasterFormat::Jpeg:
-    ok = WriteJpeg(temp, image, jpegQuality, error);
-    break;
-  case TRasterFormat::Tiff:
-    ok = WriteTiff(temp, image, error);
-    break;
-  default:
-    break;
-  }
-  if (!ok) {
-    ::unlink(temp.c_str());
-    return false;
-  }
-  if (std::rename(temp.c_str(), fileName.c_str()) != 0) {
-    ::unlink(temp.c_str());
-    error = "can't replace the file";
-    return false;
-  }
-  return true;
+  std::string safeError;
+  const TTagError result = WriteFileSafely(
+      fileName,
+      [&](TFileHandle fd) {
+        bool ok = false;
+        switch (format) {
+        case TRasterFormat::Png:
+          ok = WritePng(fd, image, error);
+          break;
+        case TRasterFormat::Jpeg:
+          ok = WriteJpeg(fd, image, jpegQuality, error);
+          break;
+        case TRasterFormat::Tiff:
+          ok = WriteTiff(fd, fileName, image, error);
+          break;
+        default:
+          break;
+        }
+        return ok ? teNoError : teWriteFileError;
+      },
+      &safeError);
+  if (result >= 1) return true;
+  if (error.empty() || LastFileError() != 0) error = safeError;
+  return false;
 }

@@ -317,8 +317,8 @@ bool TOrvexApplication::CreateGlobalLogFile() {
   log->SetImmediateFlush(true);
   log->SetLogEntries(levels);
   const std::string fileName = TLogFile::MakeLogFileName(TOrvexDirectories::User.Log, std::time(nullptr));
-  // Two runs that start within the same second share the file rather than overwrite each other.
-  if (!log->Open(fileName, false)) {
+  // Each run creates its own file: one started in the same second takes the next free name ("_1", "_2", ...).
+  if (!log->OpenExclusive(fileName)) {
     FEarlyNotes.push_back("Could not open the log file \"" + fileName + "\"");
     return false;
   }
@@ -326,7 +326,9 @@ bool TOrvexApplication::CreateGlobalLogFile() {
   WriteLogHead();
   for (const std::string& note : FEarlyNotes) LogAlways("Start-up: " + note);
   FEarlyNotes.clear();
-  if (FActionForm) FActionForm->Project().SystemInformation().AddCurrentLogFileToSystemInformation(fileName);
+  if (FActionForm)
+    FActionForm->Project().SystemInformation().AddCurrentLogFileToSystemInformation(
+        GlobalLogFile->GetFileName());
   return true;
 }
 

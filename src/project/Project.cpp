@@ -2,6 +2,8 @@
 // settings files.
 #include "project/Project.h"
 
+#include "common/Logfile.h"
+#include "common/Safewrite.h"
 #include "common/Standardmessage.h"
 #include "common/threads/Multicorecalc.h"
 
@@ -131,8 +133,8 @@ void TProject::NewProject() {
 
 TTagError TProject::SaveProjectToTagFile(TFileHandle file) {
   FSystemInformation.BeforeSaveProject();
-  TTagError result =
-      SaveIdentificationToFile(file, SaveVersion < 6 ? kProjectIdentificationOld : kProjectIdentification);
+  TTagError result = SaveIdentificationToFile(file, TFileVersion::SaveVersion < 6 ? kProjectIdentificationOld
+                                                                                  : kProjectIdentification);
   if (result < 1) return result;
   TTagControl root, t;
   if ((result = root.WriteTag(file, "Orvex Project", TTagKind::TagList)) < 1 ||
@@ -174,8 +176,11 @@ TTagError TProject::LoadProjectFromTagFile(TFileHandle file) {
 
   std::vector<std::unique_ptr<TData>> loaded;
   FSkippedObjects.clear();
+  FFailedObjects.clear();
+  FLoadCancelled = false;
   result = LoadDataFromTagFile(file, root, loaded);
   for (auto& data : loaded) OwnData(std::move(data));
+  ReportFailedObjects(0);
   TTagControl viewers;
   if (viewers.FindTag(file, kViewerTag, root) == teNoError) LoadViewerFromTagFile(file, viewers);
   AskForDataChangeInformation();
@@ -206,40 +211,36 @@ void TProject::AppendProject(TProject& source) {
   }
 }
 
-TTagError TProject::SaveToFileSafely(const std::string& fileName,
+TTagError TProject::SaveToFileSafely(const std::string& fileName, const TProjectSaveOptions& options,
                                      const std::function<TTagError(TFileHandle)>& writer) {
-  std::string tempName = fileName;
-  const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-  if (file == kInvalidFileHandle) return teCreateFileForWriteError;
-  TTagError result = teUnspecificError;
-  try {
-    result = writer(file);
-  } catch (...) {
-    CloseFile(file);
-    DeleteFileByName(tempName != fileName && !tempName.empty() ? tempName : fileName);
-    throw;
-  }
-  CloseFile(file);
-  const bool wroteTemp = !tempName.empty() && tempName != fileName;
-  if (result < 1) {
-    // The old file stays as it was; only the unfinished new one goes.
-    DeleteFileByName(wroteTemp ? tempName : fileName);
-    return result;
-  }
-  if (wroteTemp && !DeleteAndRenameFiles(fileName, tempName)) return teWriteFileError;
+  // The objects ask which form to write while this save runs; afterwards the current form holds again.
+  struct TVersionScope {
+    int32_t Previous = TFileVersion::SaveVersion;
+    explicit TVersionScope(int32_t version) { TFileVersion::SaveVersion = version; }
+    ~TVersionScope() { TFileVersion::SaveVersion = Previous; }
+  } version(options.Version);
+  FLastFileErrorText.clear();
+  // A failure, a cancel or an exception leaves the old file as it was; only the unfinished new one goes.
+  const TTagError result = WriteFileSafely(fileName, writer, &FLastFileErrorText);
+  if (result >= 1) FLastFileErrorText.clear();
   return result;
 }
 
-TTagError TProject::SaveProjectToFile(const std::string& fileName) {
+TTagError TProject::SaveProjectToFile(const std::string& fileName, const TProjectSaveOptions& options) {
   const TTagError result =
-      SaveToFileSafely(fileName, [this](TFileHandle file) { return SaveProjectToTagFile(file); });
+      SaveToFileSafely(fileName, options, [this](TFileHandle file) { return SaveProjectToTagFile(file); });
   if (result >= 1) SetFileName(fileName);
   return result;
 }
 
 TTagError TProject::LoadProjectFromFile(const std::string& fileName) {
+  FLastFileErrorText.clear();
+  ClearLastFileError();
   const TFileHandle file = OpenFileForReading(fileName);
-  if (file == kInvalidFileHandle) return teCreateFileForReadError;
+  if (file == kInvalidFileHandle) {
+    FLastFileErrorText = "cannot open '" + fileName + "': " + FileErrorReason(LastFileError());
+    return teCreateFileForReadError;
+  }
   ClearProject();
   TTagError result = teUnspecificError;
   try {
@@ -253,8 +254,10 @@ TTagError TProject::LoadProjectFromFile(const std::string& fileName) {
   return result;
 }
 
-TTagError TProject::SaveDataListToFile(const std::string& fileName, const TDataList& list) {
-  return SaveToFileSafely(fileName, [&](TFileHandle file) { return SaveDataListToTagFile(file, list); });
+TTagError TProject::SaveDataListToFile(const std::string& fileName, const TDataList& list,
+                                       const TProjectSaveOptions& options) {
+  return SaveToFileSafely(fileName, options,
+                          [&](TFileHandle file) { return SaveDataListToTagFile(file, list); });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -314,8 +317,11 @@ TTagError TProject::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
                                         std::vector<std::unique_ptr<TData>>& list) {
   TTagControl dataTag;
   if (dataTag.FindTag(file, kDataTag, parent) != teNoError) return teNoError; // no "Data": an empty project
-  return RunOnWorker("Loading Project Data",
-                     [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
+  const TTagError result = RunOnWorker("Loading Project Data",
+                                       [&](TMCC* mcc) { return LoadDataObjects(file, dataTag, list, mcc); });
+  // A cancel that came before the worker started ends the load as well.
+  if (result < 1 && TMCC::ProcessCancelRequested()) FLoadCancelled = true;
+  return result;
 }
 
 TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
@@ -347,18 +353,36 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
     }
     data->SetAutoDataChange(false);
     TTagControl objectTag;
+    std::string reason;
     result = objectTag.FindTag(file, "Data " + std::to_string(i), dataTag);
     if (result == teNoError) {
       data->SetProgressController(mcc);
-      result = data->LoadDataFromTagFile(file, objectTag);
+      try {
+        result = data->LoadDataFromTagFile(file, objectTag);
+      } catch (const std::bad_alloc&) {
+        result = teUnspecificError;
+        reason = "not enough memory (try --memory mmf)";
+      } catch (const std::exception& e) {
+        // Too large for the memory strategy, say: this object goes, the others load.
+        result = teUnspecificError;
+        reason = e.what();
+      }
       data->SetProgressController(nullptr);
+    } else {
+      reason = "its contents are missing";
     }
     if (result >= 1) {
       data->SetAutoDataChange(true);
       AddDataSortedToList(std::move(data), list);
+    } else {
+      if (mcc && mcc->GetCancel()) break; // cancelled half way: not damage
+      if (reason.empty()) reason = GetTagErrorName(result);
+      FFailedObjects.push_back({i, className, reason});
     }
   }
-  return result;
+  // What could not be restored is in FailedObjects; the load itself went through the whole list.
+  FLoadCancelled = mcc && mcc->GetCancel();
+  return FLoadCancelled ? teUnspecificError : teNoError;
 }
 
 TTagError TProject::SaveViewerToTagFile(TFileHandle file) {
@@ -406,8 +430,8 @@ TTagError TProject::LoadViewerFromTagFile(TFileHandle file, const TTagControl& p
 }
 
 TTagError TProject::SaveDataListToTagFile(TFileHandle file, const TDataList& list) {
-  TTagError result =
-      SaveIdentificationToFile(file, SaveVersion < 6 ? kDataIdentificationOld : kDataIdentification);
+  TTagError result = SaveIdentificationToFile(file, TFileVersion::SaveVersion < 6 ? kDataIdentificationOld
+                                                                                  : kDataIdentification);
   if (result < 1) return result;
   TTagControl root, t;
   if ((result = root.WriteTag(file, "Orvex Data", TTagKind::TagList)) < 1 ||
@@ -417,7 +441,18 @@ TTagError TProject::SaveDataListToTagFile(TFileHandle file, const TDataList& lis
   return root.CloseWriteTag(file);
 }
 
-TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list) {
+void TProject::ReportFailedObjects(size_t from) {
+  for (size_t i = from; i < FFailedObjects.size(); ++i) {
+    const TFailedObject& failed = FFailedObjects[i];
+    const std::string text = "Data " + std::to_string(failed.Index) + " (" + failed.ClassName +
+                             ") could not be loaded: " + failed.Reason;
+    if (GlobalLogFile) GlobalLogFile->AddLog("TProject: " + text, TLogLevel::Warning);
+    Notify(text, "Loading Error", kSeverityWarning);
+  }
+}
+
+TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list,
+                                            bool keepIDs) {
   std::string identification;
   TTagError result = LoadIdentificationFromFile(file, identification);
   if (result < 1) return result;
@@ -429,6 +464,7 @@ TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::u
   int32_t version = 0;
   t.LoadOrDefaultIntTag(file, "Version", root, &version, 1, 0);
   if (version > ThisVersion) return teWrongFileVersion; // a data file is refused at once, without a question
+  FFileVersion = version;
   TProject temporary;
   temporary.FLoading = true;
   std::vector<std::unique_ptr<TData>> loaded;
@@ -437,8 +473,16 @@ TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::u
   // A data file may refer to objects that weren't saved with it.
   temporary.CleanWrongDataConnections();
   temporary.FindNextDataID();
-  for (auto& data : temporary.FDataList) data->AddToID(FNextDataID);
-  FNextDataID += temporary.FNextDataID;
+  FFailedObjects = temporary.FFailedObjects;
+  FSkippedObjects = temporary.FSkippedObjects;
+  FLoadCancelled = temporary.FLoadCancelled;
+  ReportFailedObjects(0);
+  if (keepIDs) {
+    FNextDataID = std::max(FNextDataID, temporary.FNextDataID);
+  } else {
+    for (auto& data : temporary.FDataList) data->AddToID(FNextDataID);
+    FNextDataID += temporary.FNextDataID;
+  }
   for (auto& data : temporary.FDataList) {
     temporary.UnOwnData(data.get());
     list.push_back(std::move(data));

@@ -26,6 +26,20 @@ public:
 
 class TMCC;
 
+/// How a project or data file is written.
+struct TProjectSaveOptions {
+  /// The file version written: this software's, or TProject::kCompatibleVersion for the form older
+  /// versions read.
+  int32_t Version = TFileVersion::ThisVersion;
+};
+
+/// An object of a loaded file that could not be restored: its index in the file, class and the reason.
+struct TFailedObject {
+  int32_t Index = 0;
+  std::string ClassName;
+  std::string Reason;
+};
+
 class TProject : public IDataProject {
 public:
   TProject();
@@ -34,8 +48,8 @@ public:
   TProject& operator=(const TProject&) = delete;
 
   static constexpr int32_t ThisVersion = TFileVersion::ThisVersion;
-  /// The version written for: 6, or 5 while a compatible save runs.
-  static inline int32_t& SaveVersion = TFileVersion::SaveVersion;
+  /// The version a compatible save writes.
+  static constexpr int32_t kCompatibleVersion = 5;
   static bool ShowLockNumber;
   /// File identifications.
   static constexpr const char* kProjectIdentification = "ORX_PR06";
@@ -60,9 +74,12 @@ public:
   /// Loads a project file by name into this project (cleared first); sets the file name on success.
   TTagError LoadProjectFromFile(const std::string& fileName);
   /// Saves the project by name through a temporary file, so that a failed save leaves the old file intact.
-  TTagError SaveProjectToFile(const std::string& fileName);
+  TTagError SaveProjectToFile(const std::string& fileName, const TProjectSaveOptions& options = {});
   /// The same for a data file of the given objects (those whose save mode keeps them).
-  TTagError SaveDataListToFile(const std::string& fileName, const TDataList& list);
+  TTagError SaveDataListToFile(const std::string& fileName, const TDataList& list,
+                               const TProjectSaveOptions& options = {});
+  /// One line naming the file and the reason why the last load or save by name failed; empty after success.
+  const std::string& LastFileErrorText() const { return FLastFileErrorText; }
 
   virtual TTagError SaveProjectSettingsToTagFile(TFileHandle file, TSaveProjectSettingsKind kind);
   virtual TTagError LoadProjectSettingsFromTagFile(TFileHandle file, TSaveProjectSettingsKind kind);
@@ -79,7 +96,10 @@ public:
   /// A data file of the given objects.
   virtual TTagError SaveDataListToTagFile(TFileHandle file, const TDataList& list);
   /// Reads a data file: objects renumbered behind this project's IDs, not added; the caller owns them.
-  virtual TTagError LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list);
+  /// With keepIDs the objects keep the IDs of the file (a data file opened on its own) instead of moving
+  /// behind this project's.
+  virtual TTagError LoadDataListFromTagFile(TFileHandle file, std::vector<std::unique_ptr<TData>>& list,
+                                            bool keepIDs = false);
   virtual TTagError SaveShellExtensionInfo(TFileHandle file);
   virtual TTagError LoadShellExtensionInfo(TFileHandle file, const TTagControl& parent);
 
@@ -231,6 +251,11 @@ public:
   TOrvexSystemInformation& SystemInformation() { return FSystemInformation; }
   /// Objects of the last load whose class this program doesn't know: index in the file and class name.
   const std::vector<std::pair<int32_t, std::string>>& SkippedObjects() const { return FSkippedObjects; }
+  /// Objects of the last load that are known but could not be restored (damaged, too large); each was
+  /// reported in the log and through the message proxy.
+  const std::vector<TFailedObject>& FailedObjects() const { return FFailedObjects; }
+  /// True when the last load stopped because it was cancelled (the objects read so far stay).
+  bool LoadWasCancelled() const { return FLoadCancelled; }
 
   void AddConfigurationSet(IConfigurationSet* set) { FConfigurationSets.push_back(set); }
   int32_t GetModeIndex() const { return FModeIndex; }
@@ -262,8 +287,9 @@ private:
                             std::vector<std::unique_ptr<TData>>& list, TMCC* mcc);
   bool ShouldSave(const TData& data) const;
   TDataList SaveableObjects(const TDataList& list) const;
-  TTagError SaveToFileSafely(const std::string& fileName,
+  TTagError SaveToFileSafely(const std::string& fileName, const TProjectSaveOptions& options,
                              const std::function<TTagError(TFileHandle)>& writer);
+  void ReportFailedObjects(size_t from);
 
   std::vector<std::string> FModeNames;
   int32_t FModeIndex = -1;
@@ -286,5 +312,8 @@ private:
   std::string FDataPath;
   bool FShowPlusFeatures = true;
   std::vector<std::pair<int32_t, std::string>> FSkippedObjects;
+  std::vector<TFailedObject> FFailedObjects;
+  bool FLoadCancelled = false;
+  std::string FLastFileErrorText;
   TCursorLockManager FCursorLocks{*this};
 };

@@ -3,6 +3,7 @@
 
 #include "common/Exceptionhandling.h"
 #include "common/Logfile.h"
+#include "common/Safewrite.h"
 #include "common/Standardmessage.h"
 #include "common/memory/Memorymanagement.h"
 #include "common/threads/Multicorecalc.h"
@@ -51,17 +52,6 @@ struct TFileCloser {
     if (File != kInvalidFileHandle) CloseFile(File);
   }
 };
-
-// Sets the project's save version for the time of one save.
-struct TSaveVersionScope {
-  int32_t Previous;
-  explicit TSaveVersionScope(int32_t version) : Previous(TProject::SaveVersion) {
-    TProject::SaveVersion = version;
-  }
-  ~TSaveVersionScope() { TProject::SaveVersion = Previous; }
-};
-
-constexpr int32_t kCompatibleSaveVersion = 5;
 
 } // namespace
 
@@ -119,7 +109,8 @@ bool TProjectActionForm::LoadProject(const std::string& fileName) {
       return false;
     }
     if (result < 1) {
-      Notify("Loading Error: " + GetTagErrorName(result));
+      Notify(FProject->LoadWasCancelled() ? std::string("Loading cancelled")
+                                          : "Loading Error: " + GetTagErrorName(result));
       return false;
     }
     FRememberFilePath.RememberFile(fileName);
@@ -130,11 +121,12 @@ bool TProjectActionForm::LoadProject(const std::string& fileName) {
   });
 }
 
-bool TProjectActionForm::SaveProjectToFileName(const std::string& fileName, bool showError) {
+bool TProjectActionForm::SaveProjectToFileName(const std::string& fileName, bool showError,
+                                               const TProjectSaveOptions& options) {
   // A compatible save writes for older programs on purpose: no warning about them then.
-  if (TProject::SaveVersion >= TProject::ThisVersion && !FProject->NewerVersionSaveOK()) return false;
+  if (options.Version >= TProject::ThisVersion && !FProject->NewerVersionSaveOK()) return false;
   // The project writes through a temporary file: the previous file survives a failed save.
-  const TTagError result = FProject->SaveProjectToFile(fileName);
+  const TTagError result = FProject->SaveProjectToFile(fileName, options);
   if (result < 1) {
     if (showError) Notify("There was an error while saving the OXP File.");
     return false;
@@ -164,8 +156,7 @@ bool TProjectActionForm::SaveProjectAs(const std::string& fileName) {
 
 bool TProjectActionForm::SaveProjectAsCompatible(const std::string& fileName) {
   return RunCommand("SaveProjectAsCompatible", [&] {
-    TSaveVersionScope version(kCompatibleSaveVersion);
-    return SaveProjectToFileName(fileName, true);
+    return SaveProjectToFileName(fileName, true, TProjectSaveOptions{TProject::kCompatibleVersion});
   });
 }
 
@@ -281,28 +272,15 @@ bool TProjectActionForm::SaveDataList(const TIntList& idList) {
 
 bool TProjectActionForm::SaveProjectSettings(const std::string& fileName, TSaveProjectSettingsKind kind) {
   const bool saved = RunCommand("SaveProjectSettings", [&] {
-    std::string tempName = fileName;
-    const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-    if (file == kInvalidFileHandle) return false;
-    const bool wroteTemp = !tempName.empty() && tempName != fileName;
-    TTagError result = teUnspecificError;
-    try {
-      TMCC mcc(
-          "Saving Project Settings",
-          [&](TMCC*, int) { result = FProject->SaveProjectSettingsToTagFile(file, kind); }, 1);
-      mcc.StartThreads(1);
-      mcc.WaitAndShowProgressOnDelay(100);
-    } catch (...) {
-      CloseFile(file);
-      DeleteFileByName(wroteTemp ? tempName : fileName);
-      throw;
-    }
-    CloseFile(file);
-    if (result < 1) {
-      DeleteFileByName(wroteTemp ? tempName : fileName);
-      return false;
-    }
-    return !wroteTemp || DeleteAndRenameFiles(fileName, tempName);
+    return WriteFileSafely(fileName, [&](TFileHandle file) {
+             TTagError result = teUnspecificError;
+             TMCC mcc(
+                 "Saving Project Settings",
+                 [&](TMCC*, int) { result = FProject->SaveProjectSettingsToTagFile(file, kind); }, 1);
+             mcc.StartThreads(1);
+             mcc.WaitAndShowProgressOnDelay(100);
+             return result;
+           }) >= 1;
   });
   if (!saved)
     Notify(

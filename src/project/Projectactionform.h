@@ -128,7 +128,8 @@ public:
 
 private:
   TTagError LoadProjectInto(TProject& project, const std::string& fileName, bool& opened);
-  bool SaveProjectToFileName(const std::string& fileName, bool showError);
+  bool SaveProjectToFileName(const std::string& fileName, bool showError,
+                             const TProjectSaveOptions& options = {});
 
   static inline TProjectActionForm* FInstance = nullptr;
   std::unique_ptr<TProject> FProject;

@@ -72,11 +72,11 @@ check "missing picture" 2 $?
 # Errors in the system's words.
 err=$("$orvex" info "$dir/missing.oxp" 2>&1 >/dev/null)
 check "unreadable exit" 2 $?
-check "unreadable message" "Loading Error: CreateFile for Read Error: $dir/missing.oxp" "$err"
+check "unreadable message" "cannot open '$dir/missing.oxp': no such file" "$err"
 "$orvex" example-tags -o "$dir/t.oxt" >/dev/null
 err=$("$orvex" info "$dir/t.oxt" 2>&1 >/dev/null)
 check "wrong identification exit" 1 $?
-check "wrong identification message" "Loading Error: Wrong File Identification: $dir/t.oxt" "$err"
+check "wrong identification message" "'$dir/t.oxt' is not a project or data file (identification \"ORX_EXMP\")" "$err"
 head -c 3000 "$dir/d.oxp" > "$dir/cut.oxp"
 "$orvex" info "$dir/cut.oxp" >/dev/null 2>&1
 rc=$?

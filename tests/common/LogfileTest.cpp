@@ -3,10 +3,15 @@
 
 #include "support/TestSupport.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -226,4 +231,37 @@ TEST(LogFile, DestroyingTheGlobalLogClearsThePointer) {
   GlobalLogFile = log;
   delete log;
   EXPECT_EQ(GlobalLogFile, nullptr);
+}
+
+TEST(LogFile, ExclusiveOpenTakesTheNextFreeNameAndNeverShares) {
+  oxtest::TempDir dir;
+  const std::string name = dir.File("LogFile_20261123_045300.log");
+  // Runs started in the same second, some at once from several threads.
+  constexpr int kLogs = 6;
+  std::vector<std::unique_ptr<TLogFile>> logs;
+  for (int i = 0; i < kLogs; ++i) logs.push_back(std::make_unique<TLogFile>(false, true));
+  std::vector<std::thread> threads;
+  std::atomic<int> opened{0};
+  for (auto& log : logs)
+    threads.emplace_back([&, raw = log.get()] { opened += raw->OpenExclusive(name) ? 1 : 0; });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(opened.load(), kLogs);
+  std::set<std::string> names;
+  for (auto& log : logs) names.insert(log->GetFileName());
+  EXPECT_EQ(names.size(), size_t(kLogs));
+  EXPECT_TRUE(names.count(name));
+  EXPECT_TRUE(names.count(dir.File("LogFile_20261123_045300_1.log")));
+  EXPECT_TRUE(names.count(dir.File("LogFile_20261123_045300_" + std::to_string(kLogs - 1) + ".log")));
+  for (auto& log : logs) {
+    log->AddLog("only mine");
+    log->Close();
+  }
+  // Each file has exactly one run in it: one opening, one entry, one closing.
+  for (const auto& file : names) {
+    const std::string text = oxtest::ReadFileBytes(file);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6) << file << "\n" << text;
+  }
+  // A folder that isn't there: no name can be made.
+  TLogFile nowhere(false, true);
+  EXPECT_FALSE(nowhere.OpenExclusive(dir.File("missing/LogFile.log")));
 }

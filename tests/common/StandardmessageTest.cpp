@@ -640,3 +640,22 @@ TEST_F(CustomMessageTest, UserFeedbackFieldsAndDelivery) {
   TCustomMessageUserFeedback::SetFeedbackHandler(nullptr);
   EXPECT_EQ(received, (std::vector<std::string>{"Wait/Wait for User", "Next/"}));
 }
+
+TEST(ConsoleMessagingStrategy, NotificationsAreOneLineAndTextsLoseTheirCarriageReturns) {
+  using TI = TConsoleMessagingStrategy::TInteraction;
+  // Nothing to choose: one line, no prompt, even on a terminal.
+  auto note =
+      RunConsole(TBlockingNotification::CreateAndInit("Data 3 (TDGraph) could not be loaded: Tag Not Found",
+                                                      "Loading Error", kSeverityWarning),
+                 "", TI::Always);
+  EXPECT_EQ(note.second, "Warning: Loading Error: Data 3 (TDGraph) could not be loaded: Tag Not Found\n");
+  // A question written for a narrow box: lines joined, paragraphs one line each, no carriage return.
+  auto question = RunConsole(
+      TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(
+          "The file is newer\r\nthan this software.\r\n\r\nLoad it anyway ?", "Error", kSeverityError, 0),
+      "n\n", TI::Never);
+  EXPECT_EQ(question.second.find('\r'), std::string::npos);
+  EXPECT_NE(question.second.find("The file is newer than this software.\nLoad it anyway ?\n"),
+            std::string::npos)
+      << question.second;
+}

@@ -17,7 +17,7 @@ protected:
     oxtest::EnsureMemoryStrategy();
     RegisterDataClasses();
   }
-  void TearDown() override { TProject::SaveVersion = TProject::ThisVersion; }
+  void TearDown() override { TFileVersion::SaveVersion = TFileVersion::ThisVersion; }
 
   TDGraph* AddGraph(TProject& project, int32_t sx, int32_t sy, int32_t sg) {
     auto graph = std::make_unique<TDGraph>();
@@ -197,10 +197,8 @@ TEST_F(ImageGraphTest, ProjectRoundTripOfImagesAndGraphs) {
   project.AddData(std::move(image));
 
   for (int32_t saveVersion : {6, 5}) {
-    TProject::SaveVersion = saveVersion;
     const auto name = FDir.File("ig" + std::to_string(saveVersion) + ".oxp");
-    ASSERT_EQ(project.SaveProjectToFile(name), 1);
-    TProject::SaveVersion = TProject::ThisVersion;
+    ASSERT_EQ(project.SaveProjectToFile(name, TProjectSaveOptions{saveVersion}), 1);
     TProject loaded;
     ASSERT_EQ(loaded.LoadProjectFromFile(name), 1);
     auto* g = dynamic_cast<TDGraph*>(loaded.FindData(graph->GetID()));

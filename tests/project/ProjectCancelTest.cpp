@@ -51,7 +51,11 @@ TEST_F(ProjectCancelTest, CancelledLoadLeavesAConsistentProject) {
   ASSERT_EQ(FProject.SaveProjectToFile(name), 1);
   TMCC::RequestProcessCancel();
   TProject loaded;
-  loaded.LoadProjectFromFile(name);
+  // A cancelled load is no success: the caller says "cancelled", and the file name isn't taken over.
+  EXPECT_LT(loaded.LoadProjectFromFile(name), 1);
+  EXPECT_TRUE(loaded.LoadWasCancelled());
+  EXPECT_TRUE(loaded.GetFileName().empty());
+  EXPECT_TRUE(loaded.FailedObjects().empty()) << "a cancel is not damage";
   TMCC::ClearProcessCancelRequest();
   // Whatever came in is whole: each object loaded completely, IDs unique and below the next ID.
   int32_t highest = 0;
@@ -64,6 +68,7 @@ TEST_F(ProjectCancelTest, CancelledLoadLeavesAConsistentProject) {
   }
   TProject again;
   ASSERT_EQ(again.LoadProjectFromFile(name), 1);
+  EXPECT_FALSE(again.LoadWasCancelled());
   EXPECT_EQ(again.DataList().size(), 3u);
 }
 

@@ -51,10 +51,7 @@ protected:
     Answer(kAnswerYes);
     TMessageProxy::MsgProxySingleton()->SetMessageLoggingStrategy(new TRecordingLogger(&FMessages));
   }
-  void TearDown() override {
-    TMessageProxy::MsgProxySingleton()->SetMessageLoggingStrategy(nullptr);
-    TProject::SaveVersion = TProject::ThisVersion;
-  }
+  void TearDown() override { TMessageProxy::MsgProxySingleton()->SetMessageLoggingStrategy(nullptr); }
   void Answer(TStandardMessageAnswer answer) {
     TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(
         new TFixedAnswerToAllMessages_MessagingStrategy(answer));
@@ -135,10 +132,10 @@ TEST_F(ProjectTest, SaveLoadRoundTripAndSecondSaveIsIdentical) {
 TEST_F(ProjectTest, OldIdentificationAndCompatibleSave) {
   TProject project;
   Add(project, "A");
-  TProject::SaveVersion = 5;
   const auto name = FDir.File("old.oxp");
-  ASSERT_EQ(project.SaveProjectToFile(name), 1);
-  TProject::SaveVersion = TProject::ThisVersion;
+  ASSERT_EQ(project.SaveProjectToFile(name, TProjectSaveOptions{TProject::kCompatibleVersion}), 1);
+  // The compatible form is an option of that one save: the next one writes the current form again.
+  EXPECT_EQ(TFileVersion::SaveVersion, TProject::ThisVersion);
   EXPECT_EQ(oxtest::ReadFileBytes(name).substr(0, 8), "ORX_PRCT");
   TProject loaded;
   ASSERT_EQ(loaded.LoadProjectFromFile(name), 1);
@@ -146,9 +143,9 @@ TEST_F(ProjectTest, OldIdentificationAndCompatibleSave) {
   EXPECT_EQ(loaded.GetFileVersion(), 6); // the head "Version" stays the software's
 
   const auto data = FDir.File("old.oxd");
-  TProject::SaveVersion = 5;
-  ASSERT_EQ(project.SaveDataListToFile(data, {project.DataList()[0].get()}), 1);
-  TProject::SaveVersion = TProject::ThisVersion;
+  ASSERT_EQ(project.SaveDataListToFile(data, {project.DataList()[0].get()},
+                                       TProjectSaveOptions{TProject::kCompatibleVersion}),
+            1);
   EXPECT_EQ(oxtest::ReadFileBytes(data).substr(0, 8), "ORX_DATA");
 }
 
@@ -410,6 +407,70 @@ TEST_F(ProjectTest, TruncatedProjectFilesLoadWhatIsThere) {
   TProject whole;
   ASSERT_EQ(whole.LoadProjectFromFile(name), 1);
   EXPECT_EQ(whole.DataList().size(), 4u);
+}
+
+// Damages the "Version" of one object's own class list so that it can't be found: the object fails,
+// the others load, and the failure is named.
+TEST_F(ProjectTest, AnObjectThatFailsToLoadIsReportedAndTheRestLoads) {
+  TProject project;
+  for (int i = 0; i < 3; ++i) Add(project, "Object " + std::to_string(i));
+  const auto name = FDir.File("damaged.oxp");
+  ASSERT_EQ(project.SaveProjectToFile(name), 1);
+  std::string bytes = oxtest::ReadFileBytes(name);
+  // The class list of each object is named like its class; renaming the second one loses that object. Its
+  // name follows the header of the object's "Data 1" list.
+  const size_t dataOne = bytes.find("Data 1");
+  ASSERT_NE(dataOne, std::string::npos);
+  const size_t at = bytes.find(TDTestObject::kClassName, dataOne);
+  ASSERT_NE(at, std::string::npos);
+  bytes[at] = 'X';
+  oxtest::WriteFileBytes(name, bytes);
+
+  TProject loaded;
+  const size_t messagesBefore = FMessages.size();
+  ASSERT_EQ(loaded.LoadProjectFromFile(name), 1);
+  EXPECT_EQ(loaded.DataList().size(), 2u);
+  ASSERT_EQ(loaded.FailedObjects().size(), 1u);
+  EXPECT_EQ(loaded.FailedObjects()[0].Index, 1);
+  EXPECT_EQ(loaded.FailedObjects()[0].ClassName, TDTestObject::kClassName);
+  EXPECT_EQ(loaded.FailedObjects()[0].Reason, "Tag Not Found");
+  // One message for the lost object, naming index, class and reason.
+  ASSERT_EQ(FMessages.size(), messagesBefore + 1);
+  EXPECT_EQ(FMessages.back(),
+            std::string("Data 1 (") + TDTestObject::kClassName + ") could not be loaded: Tag Not Found");
+
+  // A data file says the same, and a clean load forgets it.
+  ASSERT_EQ(project.SaveDataListToFile(FDir.File("d.oxd"), {project.DataList()[1].get()}), 1);
+  std::string data = oxtest::ReadFileBytes(FDir.File("d.oxd"));
+  const size_t own = data.find(TDTestObject::kClassName, data.find("Data 0"));
+  ASSERT_NE(own, std::string::npos);
+  data[own] = 'X';
+  oxtest::WriteFileBytes(FDir.File("d.oxd"), data);
+  TFileHandle f = OpenFileForReading(FDir.File("d.oxd"));
+  std::vector<std::unique_ptr<TData>> list;
+  ASSERT_EQ(loaded.LoadDataListFromTagFile(f, list), 1);
+  CloseFile(f);
+  EXPECT_TRUE(list.empty());
+  ASSERT_EQ(loaded.FailedObjects().size(), 1u);
+  EXPECT_EQ(loaded.FailedObjects()[0].Index, 0);
+  TProject clean;
+  ASSERT_EQ(project.SaveProjectToFile(FDir.File("p.oxp")), 1);
+  ASSERT_EQ(clean.LoadProjectFromFile(FDir.File("p.oxp")), 1);
+  EXPECT_TRUE(clean.FailedObjects().empty());
+  EXPECT_EQ(clean.LastFileErrorText(), "");
+}
+
+TEST_F(ProjectTest, FileErrorsNameTheFileAndTheReason) {
+  TProject project;
+  const auto missing = FDir.File("missing.oxp");
+  EXPECT_EQ(project.LoadProjectFromFile(missing), teCreateFileForReadError);
+  EXPECT_EQ(project.LastFileErrorText(), "cannot open '" + missing + "': no such file");
+  EXPECT_EQ(project.LoadProjectFromFile(FDir.Path().string()), teCreateFileForReadError);
+  EXPECT_EQ(project.LastFileErrorText(), "cannot open '" + FDir.Path().string() + "': is a folder");
+  Add(project, "A");
+  const auto nowhere = FDir.File("no/such/folder.oxp");
+  EXPECT_EQ(project.SaveProjectToFile(nowhere), teCreateFileForWriteError);
+  EXPECT_EQ(project.LastFileErrorText(), "cannot write '" + nowhere + "': no such folder");
 }
 
 TEST_F(ProjectTest, SettingsFileRoundTrip) {

@@ -28,7 +28,7 @@ protected:
     FRecord = std::make_shared<oxtest::TMessageRecord>();
     TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(new oxtest::TRecordingStrategy(FRecord));
   }
-  void TearDown() override { TProject::SaveVersion = TProject::ThisVersion; }
+  void TearDown() override {}
 
   static TDText* AddText(TProject& project, const std::string& text) {
     auto object = std::make_unique<TDText>();
@@ -158,7 +158,7 @@ TEST_F(ProjectActionFormTest, CompatibleSaveWritesTheOlderIdentificationAndResto
   const std::string fileName = FDir.File("Old.oxp");
   ASSERT_TRUE(FForm.SaveProjectAsCompatible(fileName));
   EXPECT_EQ(oxtest::ReadFileBytes(fileName).substr(0, 8), "ORX_PRCT");
-  EXPECT_EQ(TProject::SaveVersion, TProject::ThisVersion);
+  EXPECT_EQ(TFileVersion::SaveVersion, TProject::ThisVersion);
   ASSERT_TRUE(FForm.SaveProjectAs(FDir.File("New.oxp")));
   EXPECT_EQ(oxtest::ReadFileBytes(FDir.File("New.oxp")).substr(0, 8), "ORX_PR06");
 }

@@ -1,6 +1,7 @@
 // The process-wide memory strategy: options file, creation with fall-back, free-memory figures.
 #include "common/memory/Memorymanagement.h"
 
+#include "common/Safewrite.h"
 #include "common/Standardmessage.h"
 #include "common/Tagcontrol.h"
 #include "common/memory/Memorystrategyheap.h"
@@ -120,26 +121,27 @@ int TMemoryManagement::RemoveLeftOverTemporaryFiles(const std::string& directory
 // Options file
 
 int TMemoryManagement::SaveOptionsToFile() {
-  const TFileHandle file = CreateTagFile(MemoryOptionsFileName, kOptionsIdentification);
-  if (file == kInvalidFileHandle) return teCreateFileForWriteError;
-  TTagControl root;
-  TTagControl mmf;
-  TTagControl awe;
-  TTagControl value;
-  TTagError result = root.WriteTag(file, "MemoryOptions", TTagKind::TagList);
-  if (result >= 1) result = value.SaveIntTag(file, "MemoryStrategy", int32_t(StrategyToSave));
-  if (result >= 1) result = mmf.WriteTag(file, "MemoryMappedFile", TTagKind::TagList);
-  if (result >= 1) result = value.SaveAnsiStringTag(file, "FileLocation", MemoryMappedFilePath);
-  if (result >= 1) result = value.SaveIntTag(file, "FileSizeInGigaBytes", int32_t(MemoryMappedFileSizeGB));
-  if (result >= 1) result = value.SaveIntTag(file, "MapSizeInMegaBytes", int32_t(MemoryMappedFileMapSizeMB));
-  if (result >= 1) result = mmf.CloseWriteTag(file);
-  if (result >= 1) result = awe.WriteTag(file, "AddressWindowingExtension", TTagKind::TagList);
-  if (result >= 1) result = value.SaveIntTag(file, "MemorySizeInGigaBytes", int32_t(AWEMemorySizeGB));
-  if (result >= 1) result = value.SaveIntTag(file, "MapSizeInMegaBytes", int32_t(AWEMemoryMapSizeMB));
-  if (result >= 1) result = awe.CloseWriteTag(file);
-  if (result >= 1) result = root.CloseWriteTag(file);
-  CloseFile(file);
-  return result;
+  return WriteFileSafely(MemoryOptionsFileName, [](TFileHandle file) {
+    TTagControl root;
+    TTagControl mmf;
+    TTagControl awe;
+    TTagControl value;
+    TTagError result = SaveIdentificationToFile(file, kOptionsIdentification);
+    if (result >= 1) result = root.WriteTag(file, "MemoryOptions", TTagKind::TagList);
+    if (result >= 1) result = value.SaveIntTag(file, "MemoryStrategy", int32_t(StrategyToSave));
+    if (result >= 1) result = mmf.WriteTag(file, "MemoryMappedFile", TTagKind::TagList);
+    if (result >= 1) result = value.SaveAnsiStringTag(file, "FileLocation", MemoryMappedFilePath);
+    if (result >= 1) result = value.SaveIntTag(file, "FileSizeInGigaBytes", int32_t(MemoryMappedFileSizeGB));
+    if (result >= 1)
+      result = value.SaveIntTag(file, "MapSizeInMegaBytes", int32_t(MemoryMappedFileMapSizeMB));
+    if (result >= 1) result = mmf.CloseWriteTag(file);
+    if (result >= 1) result = awe.WriteTag(file, "AddressWindowingExtension", TTagKind::TagList);
+    if (result >= 1) result = value.SaveIntTag(file, "MemorySizeInGigaBytes", int32_t(AWEMemorySizeGB));
+    if (result >= 1) result = value.SaveIntTag(file, "MapSizeInMegaBytes", int32_t(AWEMemoryMapSizeMB));
+    if (result >= 1) result = awe.CloseWriteTag(file);
+    if (result >= 1) result = root.CloseWriteTag(file);
+    return result;
+  });
 }
 
 int TMemoryManagement::LoadOptionsFromFile() {
@@ -318,7 +320,10 @@ int64_t TMemoryManagement::GetAvailableMemoryInBytes(bool ignoreStrategy) {
     if (auto* mmf = dynamic_cast<TPartialMemoryFromMMFAllocator*>(PartialMemoryAllocator)) {
       TPartialMMFMemory* memory = mmf->Memory();
       if (memory && memory->BackedByDiskFile() && !memory->DiskSpaceReserved())
-        available = std::min(available, GetFreeDiskBytes(memory->FileName()));
+        available =
+            std::min(available, GetFreeDiskBytes(std::filesystem::path(memory->FileName())
+                                                     .parent_path()
+                                                     .string())); // the file itself has left its folder
     }
     return int64_t(available);
   }

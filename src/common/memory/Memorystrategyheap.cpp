@@ -1,6 +1,8 @@
 // The heap memory strategy: arrays made of page-sized heap blocks.
 #include "common/memory/Memorystrategyheap.h"
 
+#include "common/Saveandload.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -12,14 +14,19 @@
 
 namespace {
 
-// Reads or writes a whole range of a file, retrying on interruption; returns the bytes moved.
+// Reads or writes a whole range of a file, retrying on interruption; returns the bytes moved. Writing goes
+// in pieces of 64 MiB, so that an aborted save (a termination signal) stops soon; a failure leaves its
+// reason for the message.
 uint64_t TransferFile(int fileDescriptor, uint8_t* memory, uint64_t size, bool toMemory) {
   uint64_t moved = 0;
   while (moved < size) {
-    const size_t chunk = size_t(std::min<uint64_t>(size - moved, 1u << 30));
+    if (!toMemory && FileWritesAborted()) break;
+    const size_t chunk = size_t(std::min<uint64_t>(size - moved, toMemory ? 1u << 30 : 1u << 26));
     const ssize_t result = toMemory ? ::read(fileDescriptor, memory + moved, chunk)
                                     : ::write(fileDescriptor, memory + moved, chunk);
     if (result < 0 && errno == EINTR) continue;
+    if (result < 0) SetLastFileError(errno);
+    if (result == 0 && !toMemory) SetLastFileError(ENOSPC);
     if (result <= 0) break;
     moved += uint64_t(result);
   }

@@ -2,6 +2,7 @@
 #include "common/memory/Memorystrategymmf.h"
 
 #include "common/Logfile.h"
+#include "common/Saveandload.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -116,9 +117,12 @@ namespace {
 uint64_t TransferDescriptor(int fileDescriptor, uint8_t* memory, uint64_t size, bool fromFile) {
   uint64_t moved = 0;
   while (moved < size) {
+    if (!fromFile && FileWritesAborted()) break; // a termination signal stops the save
     const ssize_t result = fromFile ? ::read(fileDescriptor, memory + moved, size_t(size - moved))
                                     : ::write(fileDescriptor, memory + moved, size_t(size - moved));
     if (result < 0 && errno == EINTR) continue;
+    if (result < 0) SetLastFileError(errno); // the reason for the message
+    if (result == 0 && !fromFile) SetLastFileError(ENOSPC);
     if (result <= 0) break;
     moved += uint64_t(result);
   }

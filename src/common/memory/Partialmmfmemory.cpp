@@ -28,8 +28,11 @@ TPartialMMFMemory::TPartialMMFMemory(uint64_t fileSize, uint32_t mapSize, const 
     buffer.push_back('\0');
     const int fd = ::mkstemps(buffer.data(), 4);
     if (fd >= 0) {
-      // The lock tells a later start that a living process still uses this file.
+      // Out of the folder at once: the descriptor keeps the file for this process, and a process killed
+      // at any later moment leaves no file behind. (The lock covers the moment before the unlink: a later
+      // start sees that a living process made it.)
       ::flock(fd, LOCK_EX | LOCK_NB);
+      ::unlink(buffer.data());
       ::fcntl(fd, F_SETFD, FD_CLOEXEC);
       bool usable = ::ftruncate(fd, off_t(FFileSize)) == 0;
       if (usable) {
@@ -43,9 +46,9 @@ TPartialMMFMemory::TPartialMMFMemory(uint64_t fileSize, uint32_t mapSize, const 
       if (usable) {
         FFileDescriptor = fd;
         FFileName = buffer.data();
+        FOnDisk = true;
       } else {
         ::close(fd);
-        ::unlink(buffer.data());
       }
     }
   }
@@ -87,7 +90,6 @@ TPartialMMFMemory::~TPartialMMFMemory() {
   }
   for (uint32_t i = 0; i < FMappedPages; ++i) UnmapRecord(FRecords[i]);
   if (FFileDescriptor >= 0) ::close(FFileDescriptor);
-  if (!FFileName.empty()) ::unlink(FFileName.c_str());
 }
 
 bool TPartialMMFMemory::MapPage(uint32_t page, TMMFPageInfo& record) {
@@ -218,7 +220,7 @@ bool TPartialMMFMemory::WriteBacking(uint64_t offset, const void* source, uint64
 }
 
 bool TPartialMMFMemory::FlushPages(uint32_t page, uint32_t count) {
-  if (FFileName.empty()) return true; // anonymous memory has no disk to reach
+  if (!FOnDisk) return true; // anonymous memory has no disk to reach
   return ::sync_file_range(FFileDescriptor, off_t(uint64_t(page) * FPageSize),
                            off_t(uint64_t(count) * FPageSize), SYNC_FILE_RANGE_WRITE) == 0;
 }

@@ -39,9 +39,13 @@ public:
   /// False when neither the file nor the anonymous fallback could be set up.
   bool MemoryBackingAllocated() const { return FBackingAllocated; }
   /// True when the backing is a file on disk whose space was reserved when it was made.
-  bool BackedByDiskFile() const { return !FFileName.empty(); }
+  bool BackedByDiskFile() const { return FOnDisk; }
   bool DiskSpaceReserved() const { return FDiskSpaceReserved; }
+  /// The name the backing file had in its folder. It is removed from the folder as soon as it is made (the
+  /// open descriptor keeps it), so a killed process leaves nothing behind; empty for anonymous memory.
   const std::string& FileName() const { return FFileName; }
+  /// The open backing file (for tests that look at what reached it); -1 without backing.
+  int FileDescriptor() const { return FFileDescriptor; }
   uint32_t TotalPages() const { return FTotalPages; }
   uint32_t PageSize() const { return FPageSize; }
   uint64_t FileSize() const { return FFileSize; }
@@ -86,6 +90,7 @@ private:
   uint64_t FFileSize = 0;
   std::string FFileName;
   int FFileDescriptor = -1;
+  bool FOnDisk = false;
   bool FBackingAllocated = false;
   bool FDiskSpaceReserved = false;
 

@@ -1,6 +1,8 @@
 // The list of fit functions and the user fit function file.
 #include "common/numerics/Fitfunctionmanager.h"
 
+#include "common/Safewrite.h"
+
 #include <atomic>
 #include <filesystem>
 
@@ -73,23 +75,23 @@ int TFitFunctionManager::GetUserFitFunctionCount() const {
 }
 
 TTagError TFitFunctionManager::SaveUserFitFunctionsToTagFile(const std::string& fileName) const {
-  TFileHandle f = CreateTagFile(fileName, kUserFitFileIdentification);
-  if (f == kInvalidFileHandle) return teCreateFileForWriteError;
-  TTagControl root, t;
-  TTagError e = root.WriteTag(f, kUserFitRootTag, TTagKind::TagList);
-  int k = 0;
-  if (e >= 1) e = t.SaveIntTag(f, "NumberOfFitFunctions", GetUserFitFunctionCount());
-  for (const auto& fn : FFunctions) {
-    if (e < 1) break;
-    if (!fn->IsUserFunction()) continue;
-    TTagControl item;
-    if ((e = item.WriteTag(f, "Function" + std::to_string(k++), TTagKind::TagList)) < 1) break;
-    if ((e = fn->SaveToTagFile(f)) < 1) break;
-    e = item.CloseWriteTag(f);
-  }
-  if (e >= 1) e = root.CloseWriteTag(f);
-  CloseFile(f);
-  return e;
+  return WriteFileSafely(fileName, [&](TFileHandle f) {
+    TTagControl root, t;
+    TTagError e = SaveIdentificationToFile(f, kUserFitFileIdentification);
+    if (e >= 1) e = root.WriteTag(f, kUserFitRootTag, TTagKind::TagList);
+    int k = 0;
+    if (e >= 1) e = t.SaveIntTag(f, "NumberOfFitFunctions", GetUserFitFunctionCount());
+    for (const auto& fn : FFunctions) {
+      if (e < 1) break;
+      if (!fn->IsUserFunction()) continue;
+      TTagControl item;
+      if ((e = item.WriteTag(f, "Function" + std::to_string(k++), TTagKind::TagList)) < 1) break;
+      if ((e = fn->SaveToTagFile(f)) < 1) break;
+      e = item.CloseWriteTag(f);
+    }
+    if (e >= 1) e = root.CloseWriteTag(f);
+    return e;
+  });
 }
 
 TTagError TFitFunctionManager::LoadUserFitFunctionsFromTagFile(const std::string& fileName) {

@@ -2,6 +2,7 @@
 #include "common/parameters/Userparameteradministrator.h"
 
 #include "common/Logfile.h"
+#include "common/Safewrite.h"
 
 #include <algorithm>
 
@@ -175,24 +176,17 @@ void TUserParameterAdministrator::DoParameterStateChanged(TUserParameter* parame
 // Persistence
 
 TTagError TUserParameterAdministrator::SaveParameterValues(const std::string& fileName, int32_t version) {
-  std::string tempName = fileName;
-  const TFileHandle file = CreateFileSafeOverWrite(fileName, tempName);
-  if (file == kInvalidFileHandle) return teCreateFileForWriteError;
-  TTagControl configuration, group, t;
-  TTagError result = SaveIdentificationToFile(file, kHardwareSettingsIdentification);
-  if (result >= 1) result = configuration.WriteTag(file, kMeasurementConfigurationGroup, TTagKind::TagList);
-  if (result >= 1) result = t.SaveIntTag(file, "Version", version);
-  if (result >= 1) result = group.WriteTag(file, kUserParameterGroup, TTagKind::TagList);
-  if (result >= 1) result = SaveParameterValuesToFile(file);
-  if (result >= 1) result = group.CloseWriteTag(file);
-  if (result >= 1) result = configuration.CloseWriteTag(file);
-  CloseFile(file);
-  if (result >= 1) {
-    if (!DeleteAndRenameFiles(fileName, tempName)) result = teWriteFileError;
-  } else if (tempName != fileName) {
-    DeleteFileByName(tempName); // the old file stays as it was
-  }
-  return result;
+  return WriteFileSafely(fileName, [&](TFileHandle file) {
+    TTagControl configuration, group, t;
+    TTagError result = SaveIdentificationToFile(file, kHardwareSettingsIdentification);
+    if (result >= 1) result = configuration.WriteTag(file, kMeasurementConfigurationGroup, TTagKind::TagList);
+    if (result >= 1) result = t.SaveIntTag(file, "Version", version);
+    if (result >= 1) result = group.WriteTag(file, kUserParameterGroup, TTagKind::TagList);
+    if (result >= 1) result = SaveParameterValuesToFile(file);
+    if (result >= 1) result = group.CloseWriteTag(file);
+    if (result >= 1) result = configuration.CloseWriteTag(file);
+    return result;
+  });
 }
 
 TTagError TUserParameterAdministrator::LoadParameterValues(const std::string& fileName) {

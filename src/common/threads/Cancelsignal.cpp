@@ -1,22 +1,31 @@
-// SIGINT handler that turns Ctrl-C into a cancel request of the running calculations.
+// Handler that turns Ctrl-C, SIGTERM and SIGHUP into a cancel request of the running calculations and saves.
 #include "common/threads/Cancelsignal.h"
 
+#include "common/Safewrite.h"
 #include "common/threads/Multicorecalc.h"
 
 #include <csignal>
 
 namespace {
 
-struct sigaction gPreviousAction {};
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+struct sigaction gPreviousAction[3]{};
 bool gInstalled = false;
 
+int SlotOf(int signal) {
+  for (int i = 0; i < 3; ++i)
+    if (kSignals[i] == signal) return i;
+  return 0;
+}
+
 extern "C" void OnInterrupt(int signal) {
-  // Only async-signal-safe work here: one lock-free atomic, sigaction and raise.
+  // Only async-signal-safe work here: lock-free atomics, unlink, sigaction and raise.
   if (!TMCC::ProcessCancelRequested()) {
     TMCC::RequestProcessCancel();
+    AbortPendingSafeWrites();
     return;
   }
-  sigaction(SIGINT, &gPreviousAction, nullptr);
+  sigaction(signal, &gPreviousAction[SlotOf(signal)], nullptr);
   raise(signal);
 }
 
@@ -28,11 +37,12 @@ void InstallCalculationCancelHandler() {
   action.sa_handler = &OnInterrupt;
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART;
-  if (sigaction(SIGINT, &action, &gPreviousAction) == 0) gInstalled = true;
+  for (int i = 0; i < 3; ++i) sigaction(kSignals[i], &action, &gPreviousAction[i]);
+  gInstalled = true;
 }
 
 void UninstallCalculationCancelHandler() {
   if (!gInstalled) return;
-  sigaction(SIGINT, &gPreviousAction, nullptr);
+  for (int i = 0; i < 3; ++i) sigaction(kSignals[i], &gPreviousAction[i], nullptr);
   gInstalled = false;
 }

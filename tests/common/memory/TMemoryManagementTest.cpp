@@ -173,9 +173,10 @@ TEST_F(MemoryManagementTest, MemoryMappedStrategyIsCreatedInItsFolderAfterCleani
   EXPECT_EQ(TMemoryManagement::MemoryMappedFilePath, (Dir.Path() / "cache").string() + "/");
   EXPECT_FALSE(fs::exists(folder / "qztcrash3.tmp"));
   EXPECT_FALSE(fs::exists(folder / "qztliving.tmp"));
+  // The new backing file left the folder as soon as it was made: a killed run leaves nothing here.
   int tmpFiles = 0;
   for (const auto& entry : fs::directory_iterator(folder)) tmpFiles += entry.path().extension() == ".tmp";
-  EXPECT_EQ(tmpFiles, 1);
+  EXPECT_EQ(tmpFiles, 0);
   uint32_t total, free, pageSize;
   TMemoryManagement::PartialMemoryAllocator->GetMemoryStatus(total, free, pageSize);
   EXPECT_EQ(total, 16384u);
