@@ -36,6 +36,15 @@ std::unique_ptr<TDImage> TDImage::CreateNewImage(IDataProject* project, int32_t 
   return image;
 }
 
+std::unique_ptr<TDImage> TDImage::CreateResultImage(IDataProject& project, int32_t templateID,
+                                                    TDataFieldKind kind, const TResultInfo& info) {
+  const TData* source = project.FindData(templateID);
+  const std::string baseCaption = source ? source->GetCaption() : std::string();
+  auto image = CreateNewImage(&project, templateID, kind, info.SaveMode, baseCaption);
+  if (image) ApplyResultInfo(*image, baseCaption, info);
+  return image;
+}
+
 void TDImage::ResizeLineArrays() {
   const auto n = static_cast<size_t>(std::max(FSizeY, 0));
   for (auto* line : {&FLineAverage, &FLineSumSqr, &FLineSum, &FLineA, &FLineB}) line->assign(n, 0.0);
@@ -347,17 +356,15 @@ TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
-  const TFieldTransfer transfer = FieldTransfer();
+  IProgressAndCancel* const progress = FieldProgress();
   if (version >= 1) {
     if ((result = t.SaveBoolTag(file, "ImageDataIsInverted", true)) < 1 ||
-        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, transfer.Position, transfer.Total,
-                                         transfer.Cancel)) < 1)
+        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, progress)) < 1)
       return result;
   } else {
     // Old software reads only the non-inverted orientation.
     const auto copy = FInverted ? MakeTransposedCopy(false) : nullptr;
-    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, transfer.Position,
-                                         transfer.Total, transfer.Cancel)) < 1)
+    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, progress)) < 1)
       return result;
   }
   return own.CloseWriteTag(file);
@@ -396,10 +403,8 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
     return result;
   bool inverted = false;
   t.LoadOrDefaultBoolTag(file, "ImageDataIsInverted", own, &inverted, 1, false);
-  const TFieldTransfer transfer = FieldTransfer();
-  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, transfer.Position, transfer.Total,
-                                         transfer.Cancel)) < 1)
-    return result;
+  IProgressAndCancel* const progress = FieldProgress();
+  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, progress)) < 1) return result;
   const std::vector<int32_t> expected =
       inverted ? std::vector<int32_t>{sizeY, sizeX} : std::vector<int32_t>{sizeX, sizeY};
   if (FField->Ranges() != expected) return teReadFileError;

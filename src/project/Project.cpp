@@ -283,25 +283,22 @@ TTagError TProject::SaveDataToTagFile(TFileHandle file, const TDataList& list) {
   return RunOnWorker("Saving Project Data", [&](TMCC* mcc) { return SaveDataObjects(file, saveable, mcc); });
 }
 
-TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc) {
+TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, IProgressAndCancel* progress) {
   TTagControl dataTag, t;
   TTagError result = dataTag.WriteTag(file, kDataTag, TTagKind::TagList);
   if (result < 1) return result;
-  if (mcc) mcc->OverallProgressMax = static_cast<int64_t>(list.size());
   int32_t n = 0;
   for (TData* data : list) {
-    if (mcc) {
-      mcc->OverallProgress = n;
-      if (mcc->GetCancel()) return teUnspecificError; // a cancelled save: the caller keeps the old file
-    }
+    SetProgress(progress, n, static_cast<int64_t>(list.size()));
+    if (IsCancelled(progress)) return teUnspecificError; // a cancelled save: the caller keeps the old file
     if ((result = t.SaveAnsiStringTag(file, "DataClassName " + std::to_string(n), data->GetClassNameA())) < 1)
       return result;
     TTagControl objectTag;
     if ((result = objectTag.WriteTag(file, "Data " + std::to_string(n), TTagKind::TagList)) < 1)
       return result;
-    data->SetProgressController(mcc);
+    data->SetProgress(progress);
     result = data->SaveDataToTagFile(file);
-    data->SetProgressController(nullptr);
+    data->SetProgress(nullptr);
     if (result < 1) return result;
     if ((result = objectTag.CloseWriteTag(file)) < 1) return result;
     ++n;
@@ -319,22 +316,19 @@ TTagError TProject::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
 }
 
 TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
-                                    std::vector<std::unique_ptr<TData>>& list, TMCC* mcc) {
+                                    std::vector<std::unique_ptr<TData>>& list, IProgressAndCancel* progress) {
   TTagControl t;
   int32_t count = -1;
   // A count whose value was cut off by a truncated file counts as missing, and so does one larger than the
   // tag could hold (each object needs two tags of at least 24 bytes): a corrupt count mustn't hang the load.
   const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError && count >= 0 &&
                        t.End() <= FileSize(file) && int64_t(count) * 48 <= dataTag.End() - dataTag.Begin();
-  if (mcc) mcc->OverallProgressMax = counted ? count : 0;
   TTagError result = teNoError;
   // With "NumberOfData" objects 0 … n-1 are tried; without it (a truncated file) until a class name is
   // missing, so that as much as possible is recovered.
   for (int32_t i = 0; counted ? i < count : true; ++i) {
-    if (mcc) {
-      mcc->OverallProgress = i;
-      if (mcc->GetCancel()) break; // a cancelled load keeps the objects read so far: a consistent project
-    }
+    SetProgress(progress, i, counted ? count : 0);
+    if (IsCancelled(progress)) break; // a cancelled load keeps the objects read so far: a consistent project
     std::string className;
     if (t.LoadAnsiStringTag(file, "DataClassName " + std::to_string(i), dataTag, className) != teNoError) {
       if (!counted) break;
@@ -349,9 +343,9 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
     TTagControl objectTag;
     result = objectTag.FindTag(file, "Data " + std::to_string(i), dataTag);
     if (result == teNoError) {
-      data->SetProgressController(mcc);
+      data->SetProgress(progress);
       result = data->LoadDataFromTagFile(file, objectTag);
-      data->SetProgressController(nullptr);
+      data->SetProgress(nullptr);
     }
     if (result >= 1) {
       data->SetAutoDataChange(true);

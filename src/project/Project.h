@@ -24,7 +24,7 @@ public:
   virtual TTagError LoadConfigurationFromTagFile(TFileHandle file, const TTagControl& parent) = 0;
 };
 
-class TMCC;
+class IProgressAndCancel;
 
 class TProject : public IDataProject {
 public:
@@ -245,9 +245,9 @@ public:
   std::function<bool(TThumbnail&)> OnDrawThumbnail;
 
 private:
-  TTagError SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc);
+  TTagError SaveDataObjects(TFileHandle file, const TDataList& list, IProgressAndCancel* progress);
   TTagError LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
-                            std::vector<std::unique_ptr<TData>>& list, TMCC* mcc);
+                            std::vector<std::unique_ptr<TData>>& list, IProgressAndCancel* progress);
   bool ShouldSave(const TData& data) const;
   TDataList SaveableObjects(const TDataList& list) const;
   TTagError SaveToFileSafely(const std::string& fileName,

@@ -179,6 +179,52 @@ TEST_F(ImageGraphTest, CreateNewFromTemplate) {
   EXPECT_FALSE(TDGraph::IsGraphIDListOkay(&project, {}, 0, 0, false, false, false, false, false, false));
 }
 
+TEST_F(ImageGraphTest, ResultObjectsFromTemplateGetCaptionHistorySaveModeAndAreAnnounced) {
+  TProject project;
+  TDGraph* graph = AddGraph(project, 4, 3, 8);
+  graph->SetCaption("Scan 7");
+  graph->SetSpaceTransformationID(7);
+  std::vector<std::pair<int32_t, TDataChangeInfo>> notices;
+  project.OnDataChange = [&](TData* d, TDataChangeInfo info) { notices.emplace_back(d->GetID(), info); };
+
+  TResultInfo info;
+  info.CaptionSuffix = " (Smoothed)";
+  info.HistoryText = "Smoothed with 5 points";
+  info.HistoryType = 7;
+  info.SaveMode = TDataSaveMode::WhileUsed;
+  auto result = TDGraph::CreateResultGraph(project, graph->GetID(), false, TDataFieldKind::Float, info);
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->GetCaption(), "Scan 7 (Smoothed)");
+  EXPECT_EQ(result->GetSaveMode(), TDataSaveMode::WhileUsed);
+  ASSERT_EQ(result->GetHistoryList().size(), 1u);
+  EXPECT_EQ(result->GetHistoryList()[0].Text, "Smoothed with 5 points");
+  EXPECT_EQ(result->GetHistoryList()[0].Type, 7);
+  EXPECT_EQ(result->GetSizeX(), 4);
+  EXPECT_EQ(result->GetSpaceTransformationID(), 7);
+  EXPECT_EQ(project.FindData(result->GetID()), nullptr); // not in the project before it is filled
+  EXPECT_TRUE(notices.empty());
+
+  const int32_t id = result->GetID();
+  TDGraph* added = AddResultToProject(project, std::move(result));
+  EXPECT_EQ(project.FindData(id), added);
+  EXPECT_EQ(added->GetProject(), &project);
+  ASSERT_FALSE(notices.empty());
+  EXPECT_EQ(notices.front(), std::make_pair(id, TDataChangeInfo::Added));
+
+  // A caption of its own replaces the template's; an empty history text makes no entry.
+  info.Caption = "Mask";
+  info.HistoryText.clear();
+  auto image = TDImage::CreateResultImage(project, graph->GetID(), TDataFieldKind::Int8, info);
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(image->GetCaption(), "Mask (Smoothed)");
+  EXPECT_TRUE(image->GetHistoryList().empty());
+  EXPECT_EQ(image->GetSizeY(), 3);
+  EXPECT_EQ(graph->GetLockNumber(), 0);
+
+  EXPECT_EQ(TDGraph::CreateResultGraph(project, 999, true, TDataFieldKind::Float, info), nullptr);
+  EXPECT_EQ(TDImage::CreateResultImage(project, 999, TDataFieldKind::Float, info), nullptr);
+}
+
 TEST_F(ImageGraphTest, ProjectRoundTripOfImagesAndGraphs) {
   TProject project;
   TDGraph* graph = AddGraph(project, 5, 4, 16);

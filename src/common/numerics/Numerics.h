@@ -2,6 +2,8 @@
 // conversions, line and Gaussian helpers and dithered integer subtraction, all on caller-owned arrays.
 #pragma once
 
+#include "common/numerics/Randomnumbers.h"
+
 #include <string>
 
 // ---------------------------------------------------------------------------------------------
@@ -204,14 +206,6 @@ double GetDeltaTick(double value);
 long double GetDeltaTick(long double value);
 double NextPowerOfTwo(double value, bool downward);
 float Sign(float value);
-/// A pseudo-random value in 0..1 from the process's one generator (thread-safe in memory).
-double Rnd();
-/// A pseudo-random integer in 0..range-1 from the same generator.
-int RandomRange(int range);
-/// A normally distributed value (mean 0, deviation 1) from the same generator.
-double RndGauss();
-/// Restarts the process's generator (tests use it for reproducible noise).
-void RandomSeed(unsigned seed);
 
 // ---------------------------------------------------------------------------------------------
 // Functions of a line or a Gaussian
