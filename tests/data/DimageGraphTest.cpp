@@ -5,6 +5,7 @@
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "support/TestProgress.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -223,6 +224,48 @@ TEST_F(ImageGraphTest, ResultObjectsFromTemplateGetCaptionHistorySaveModeAndAreA
 
   EXPECT_EQ(TDGraph::CreateResultGraph(project, 999, true, TDataFieldKind::Float, info), nullptr);
   EXPECT_EQ(TDImage::CreateResultImage(project, 999, TDataFieldKind::Float, info), nullptr);
+}
+
+TEST_F(ImageGraphTest, SaveAndLoadReportOnTheProgressChannelAndStopWhenCancelled) {
+  TProject project;
+  TDGraph* graph = AddGraph(project, 6, 5, 32);
+  graph->SetCaption("Stack");
+  const std::string name = FDir.File("progress.oxd");
+  {
+    oxtest::TRecordingProgress progress;
+    TFileHandle f = CreateTagFile(name, "ORX_TEST");
+    TTagControl root;
+    root.WriteTag(f, "Root", TTagKind::TagList);
+    graph->SetProgress(&progress);
+    EXPECT_EQ(graph->SaveDataToTagFile(f), 1);
+    graph->SetProgress(nullptr);
+    root.CloseWriteTag(f);
+    CloseFile(f);
+    EXPECT_EQ(progress.CaptionsSeen(), std::vector<std::string>{"Stack"}); // the caption on the main level
+    EXPECT_EQ(progress.Sub.Total.load(), 6 * 5 * 32);                      // the field on the sub level
+    EXPECT_EQ(progress.Sub.Done.load(), 6 * 5 * 32);
+  }
+  {
+    oxtest::TRecordingProgress progress;
+    TFileHandle in = kInvalidFileHandle;
+    TTagControl root;
+    ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, root), 1);
+    TDGraph loaded;
+    loaded.SetProgress(&progress);
+    EXPECT_EQ(loaded.LoadDataFromTagFile(in, root), 1);
+    CloseFile(in);
+    EXPECT_EQ(loaded.GetSizeGraph(), 32);
+    EXPECT_EQ(progress.Sub.Done.load(), 6 * 5 * 32);
+    EXPECT_EQ(progress.CaptionsSeen(), std::vector<std::string>{"Stack"});
+  }
+  {
+    oxtest::TRecordingProgress cancelled(0); // every question answers "cancel"
+    TFileHandle f = CreateTagFile(FDir.File("cancelled.oxd"), "ORX_TEST");
+    graph->SetProgress(&cancelled);
+    EXPECT_EQ(graph->SaveDataToTagFile(f), teUnspecificError);
+    graph->SetProgress(nullptr);
+    CloseFile(f);
+  }
 }
 
 TEST_F(ImageGraphTest, ProjectRoundTripOfImagesAndGraphs) {
