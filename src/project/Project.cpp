@@ -788,7 +788,7 @@ TIntList TProject::GetIDListByClassNameAndUsedID(const std::string& className, i
   return ids;
 }
 
-int32_t TProject::ToggleToNextDataID(int32_t id) const {
+int32_t TProject::ToggleDataID(int32_t id, int direction) const {
   const auto n = static_cast<int64_t>(FDataList.size());
   int64_t index = -1;
   for (int64_t i = 0; i < n; ++i)
@@ -796,26 +796,19 @@ int32_t TProject::ToggleToNextDataID(int32_t id) const {
   if (index < 0) return 0;
   const std::string className = FDataList[index]->GetClassNameA();
   for (int64_t step = 1; step <= n; ++step) {
-    const TData& candidate = *FDataList[(index + step) % n];
+    const TData& candidate = *FDataList[((index + direction * step) % n + n) % n];
     if (candidate.GetClassNameA() == className && candidate.GetSaveMode() != TDataSaveMode::HardwareOwned)
       return candidate.GetID();
   }
   return id;
 }
 
+int32_t TProject::ToggleToNextDataID(int32_t id) const {
+  return ToggleDataID(id, 1);
+}
+
 int32_t TProject::ToggleToPriorDataID(int32_t id) const {
-  const auto n = static_cast<int64_t>(FDataList.size());
-  int64_t index = -1;
-  for (int64_t i = 0; i < n; ++i)
-    if (FDataList[i]->GetID() == id) index = i;
-  if (index < 0) return 0;
-  const std::string className = FDataList[index]->GetClassNameA();
-  for (int64_t step = 1; step <= n; ++step) {
-    const TData& candidate = *FDataList[((index - step) % n + n) % n];
-    if (candidate.GetClassNameA() == className && candidate.GetSaveMode() != TDataSaveMode::HardwareOwned)
-      return candidate.GetID();
-  }
-  return id;
+  return ToggleDataID(id, -1);
 }
 
 bool TProject::IsDataUsed(int32_t id) const {

@@ -245,6 +245,8 @@ public:
   std::function<bool(TThumbnail&)> OnDrawThumbnail;
 
 private:
+  /// The next (direction 1) or prior (-1) object of the same class in list order, wrapping around.
+  int32_t ToggleDataID(int32_t id, int direction) const;
   TTagError SaveDataObjects(TFileHandle file, const TDataList& list, IProgressAndCancel* progress);
   TTagError LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
                             std::vector<std::unique_ptr<TData>>& list, IProgressAndCancel* progress);

@@ -100,6 +100,19 @@ TEST_F(ImageGraphTest, ImageInterpolation) {
   EXPECT_FLOAT_EQ(image.GetInterpolatedField(-5, -5), 0.0f); // clamped to (0, 0)
   const float plain[4] = {0, 1, 2, 3};
   EXPECT_FLOAT_EQ(TDImage::GetInterpolatedValueFromImageArray(0.5, 0.5, 2, 2, plain), 1.5f);
+  // With every line valid the image and a plain array of its values interpolate alike, edges included.
+  const float values[9] = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+  for (double y : {-1.0, 0.0, 0.25, 1.5, 2.0, 7.0})
+    for (double x : {-2.0, 0.0, 0.75, 1.0, 1.9, 2.0, 3.5})
+      EXPECT_EQ(TDImage::GetInterpolatedValueFromImageArray(x, y, 3, 3, values),
+                image.GetInterpolatedField(x, y))
+          << x << ", " << y;
+  // A missing line keeps the image from using it: the corner pixel's value, 0 on an invalid line.
+  image.SetLineValid(1, false);
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 0.5), 0.0f);
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 1.5), 0.0f);
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 2), 6.5f);
+  EXPECT_FLOAT_EQ(TDImage::GetInterpolatedValueFromImageArray(1, 2, 0, 3, values), 0.0f); // an empty grid
 }
 
 TEST_F(ImageGraphTest, GraphSpectraAndErrors) {
