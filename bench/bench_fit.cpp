@@ -1,6 +1,7 @@
 // Fits per second of one Lorentzian on a linear background over noisy 1024-point spectra, over the whole
 // spectrum and over 100 points around the band, with the block model and with the per-point model, on one
 // thread and on all threads of a calculation controller (one minimizer per thread).
+#include "Benchsupport.h"
 #include "common/numerics/Chisqrminimizer.h"
 #include "common/numerics/Fitfunctions.h"
 #include "common/threads/Multicorecalc.h"
@@ -112,9 +113,7 @@ bool FitOne(TChiSqrMinimizer& csm, const TSpectra& s, int idx, bool range) {
 }
 
 double CpuSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+  return oxbench::ProcessCpuSeconds();
 }
 
 // Runs the controller over kSpectra * kRoundsPerRun fits until at least a second has passed.

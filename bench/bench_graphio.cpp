@@ -1,5 +1,6 @@
 // Saving and loading a project with a 1 GiB graph beside raw sequential write and read of the same bytes,
 // on the heap strategy and on the memory-mapped strategy. Prints MB/s; asserts nothing.
+#include "Benchsupport.h"
 #include "common/Saveandload.h"
 #include "common/memory/Memorymanagement.h"
 #include "data/Dgraph.h"
@@ -15,27 +16,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-void SyncAndDrop(const std::string& name) {
-  const int fd = ::open(name.c_str(), O_RDONLY);
-  if (fd < 0) return;
-  ::fdatasync(fd);
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-  ::close(fd);
-}
-
-} // namespace
+using namespace oxbench;
 
 int main(int argc, char** argv) {
   const std::string strategy = argc > 1 ? argv[1] : "heap";
-  const char* dirEnv = std::getenv("ORVEX_BENCH_DIR");
-  const std::string dir = dirEnv ? dirEnv : "/tmp";
+  const std::string dir = BenchDir();
   TMemoryOptionsOverride options;
   options.Strategy = strategy;
   options.MemoryMappedFilePath = dir + "/";

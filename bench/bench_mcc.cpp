@@ -1,5 +1,6 @@
 // Multi-core calculation benchmark: speed-up of a compute-bound kernel over 1 and 2 threads, the cost
 // of one start/stop cycle of a prepared pool, and the processor time idle pool threads use.
+#include "Benchsupport.h"
 #include "common/threads/Multicorecalc.h"
 
 #include <algorithm>
@@ -13,7 +14,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using oxbench::Clock;
 
 struct TKernelData {
   int Elements = 0;
@@ -48,11 +49,7 @@ double RunKernel(int threads, TKernelData& data, int priority) {
   return best;
 }
 
-double ProcessCpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
+using oxbench::ProcessCpuSeconds;
 
 } // namespace
 

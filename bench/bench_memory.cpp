@@ -1,6 +1,7 @@
 // Throughput of the paged memory layer: bulk GetValueArray/SetValueArray of a 1 GiB float array on
 // the heap strategy against memcpy, and on the memory-mapped strategy (data 4x the map size)
 // against raw sequential writes and reads of a file of the same size on the same disk.
+#include "Benchsupport.h"
 #include "common/memory/Memorymanagement.h"
 #include "common/memory/Memorystrategyheap.h"
 #include "common/memory/Memorystrategymmf.h"
@@ -24,9 +25,7 @@ constexpr uint64_t kBytes = uint64_t(1) << 30;
 constexpr uint64_t kCount = kBytes / sizeof(float);
 constexpr uint64_t kChunk = (uint64_t(4) << 20) / sizeof(float); // 4 MiB per call in the chunked runs
 
-double Seconds(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+using oxbench::Seconds;
 
 double GiBPerSecond(double seconds) {
   return double(kBytes) / double(1 << 30) / seconds;

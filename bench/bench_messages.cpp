@@ -1,5 +1,6 @@
 // Benchmark of the log file, the main-thread queue and the message proxy: prints entries, round trips and
 // messages per second.
+#include "Benchsupport.h"
 #include "common/Logfile.h"
 #include "common/MainThreadQueue.h"
 #include "common/Standardmessage.h"
@@ -16,11 +17,8 @@
 
 namespace {
 
-using TClock = std::chrono::steady_clock;
-
-double Seconds(TClock::time_point start) {
-  return std::chrono::duration<double>(TClock::now() - start).count();
-}
+using TClock = oxbench::Clock;
+using oxbench::Seconds;
 
 void BenchLog(const std::string& fileName, bool immediateFlush, int entries) {
   TLogFile log(false, true);

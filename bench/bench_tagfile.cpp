@@ -1,5 +1,6 @@
 // Throughput of tag files: a 1 GiB float array written and read as one tag, beside raw sequential
 // write and read of the same bytes in the same run. Prints MB/s; asserts nothing.
+#include "Benchsupport.h"
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
 
@@ -12,29 +13,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Flushes the file to disk and drops it from the page cache, so that reads come from the disk.
-void SyncAndDrop(const std::string& name) {
-  const int fd = ::open(name.c_str(), O_RDONLY);
-  if (fd < 0) return;
-  ::fdatasync(fd);
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-  ::close(fd);
-}
-
-} // namespace
+using namespace oxbench;
 
 int main(int argc, char** argv) {
   const int64_t megabytes = argc > 1 ? std::atoll(argv[1]) : 1024;
-  const char* dirEnv = std::getenv("ORVEX_BENCH_DIR");
-  const std::string dir = dirEnv ? dirEnv : "/tmp";
+  const std::string dir = BenchDir();
   const int64_t count = megabytes * 1024 * 1024 / 4;
   const double mb = static_cast<double>(count) * 4 / 1e6;
   std::vector<float> values(static_cast<size_t>(count));

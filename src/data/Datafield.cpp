@@ -4,6 +4,7 @@
 #include "common/OrvexException.h"
 #include "common/memory/Memorymanagement.h"
 #include "common/memory/Partialmemory.h"
+#include "common/threads/Progressandcancel.h"
 
 #include <algorithm>
 #include <cmath>
@@ -304,32 +305,30 @@ void TDataField::GetDoubleValueArray(const int32_t* index, double* values, int64
   GetRaw(index, values, count, TDataFieldKind::Double);
 }
 
-TTagError TDataField::SaveDataToFile(TFileHandle file, TProgressCounter* position,
-                                     const TCancelCheck& cancel) const {
+TTagError TDataField::SaveDataToFile(TFileHandle file, IProgressAndCancel* progress) const {
   const int64_t total = GetSizeInBytes();
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
-    if (cancel && cancel()) return teUnspecificError;
+    if (IsCancelled(progress)) return teUnspecificError;
     const int64_t n = std::min(chunk, total - offset);
     if (!FMemory->SaveContentsToFile(file, static_cast<uint64_t>(offset), static_cast<uint64_t>(n)))
       return teWriteFileError;
     offset += n;
-    if (position) *position = offset / FElementSize;
+    SetProgress(progress, offset / FElementSize, total / FElementSize);
   }
   return teNoError;
 }
 
-TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* position,
-                                       const TCancelCheck& cancel) {
+TTagError TDataField::LoadDataFromFile(TFileHandle file, IProgressAndCancel* progress) {
   const int64_t total = GetSizeInBytes();
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
-    if (cancel && cancel()) return teUnspecificError;
+    if (IsCancelled(progress)) return teUnspecificError;
     const int64_t n = std::min(chunk, total - offset);
     if (!FMemory->LoadContentsFromFile(file, static_cast<uint64_t>(offset), static_cast<uint64_t>(n)))
       return teReadFileError;
     offset += n;
-    if (position) *position = offset / FElementSize;
+    SetProgress(progress, offset / FElementSize, total / FElementSize);
   }
   return teNoError;
 }
@@ -337,8 +336,7 @@ TTagError TDataField::LoadDataFromFile(TFileHandle file, TProgressCounter* posit
 // ---------------------------------------------------------------------------------------------
 
 TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, const TDataField& field,
-                                 TProgressCounter* position, TProgressCounter* total,
-                                 const TCancelCheck& cancel) {
+                                 IProgressAndCancel* progress) {
   TTagControl list, t, data;
   TTagError result = list.WriteTag(file, name, TTagKind::TagList);
   if (result < 1) return result;
@@ -347,17 +345,15 @@ TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, cons
       (result = t.SaveIntTag(file, "DataType", kind)) < 1 ||
       (result = t.SaveIntTag(file, "Ranges", field.Ranges().data(), field.GetDimension())) < 1)
     return result;
-  if (total) *total = field.GetElementCount();
-  if (position) *position = 0;
+  SetProgress(progress, 0, field.GetElementCount());
   if ((result = data.WriteTag(file, "Data", TTagKind::Byte)) < 1 ||
-      (result = field.SaveDataToFile(file, position, cancel)) < 1 || (result = data.CloseWriteTag(file)) < 1)
+      (result = field.SaveDataToFile(file, progress)) < 1 || (result = data.CloseWriteTag(file)) < 1)
     return result;
   return list.CloseWriteTag(file);
 }
 
 TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                   std::unique_ptr<TDataField>& field, TProgressCounter* position,
-                                   TProgressCounter* total, const TCancelCheck& cancel) {
+                                   std::unique_ptr<TDataField>& field, IProgressAndCancel* progress) {
   TTagControl list, t;
   TTagError result = list.FindTag(file, name, parent);
   if (result < 1) return result;
@@ -379,12 +375,11 @@ TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, co
   TTagControl data;
   if ((result = data.FindTag(file, "Data", list)) < 1) return result;
   if (data.End() - data.Begin() != bytes || data.End() > FileSize(file)) return teReadFileError;
-  if (total) *total = bytes / elementSize;
-  if (position) *position = 0;
+  SetProgress(progress, 0, bytes / elementSize);
   field.reset();
   field = std::make_unique<TDataField>(ranges.data(), dimension, static_cast<TDataFieldKind>(kind));
   FileSeek(file, data.Begin(), TSeekOrigin::Begin);
-  return field->LoadDataFromFile(file, position, cancel);
+  return field->LoadDataFromFile(file, progress);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -5,19 +5,13 @@
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 class IPartialArray;
-
-/// A progress counter that a calculation's progress display reads while the field streams.
-using TProgressCounter = std::atomic<int64_t>;
-/// Asked between the steps of a long transfer; true stops it (the result is then 0, "Unspecific Error").
-using TCancelCheck = std::function<bool()>;
+class IProgressAndCancel;
 
 /// Element kind of a data field, stored in files as "DataType".
 enum class TDataFieldKind : int32_t {
@@ -90,11 +84,11 @@ public:
   void GetBytes(int64_t offset, void* destination, int64_t size) const;
   void SetBytes(int64_t offset, const void* source, int64_t size);
 
-  /// Streams all bytes between the file's position and the paged memory, in at most 128 steps;
-  /// position (may be null) follows in elements.
-  TTagError SaveDataToFile(TFileHandle file, TProgressCounter* position,
-                           const TCancelCheck& cancel = {}) const;
-  TTagError LoadDataFromFile(TFileHandle file, TProgressCounter* position, const TCancelCheck& cancel = {});
+  /// Streams all bytes between the file's position and the paged memory, in at most 128 steps. progress
+  /// (may be null) follows in elements of the element count and is asked for cancel before every step;
+  /// a cancelled transfer returns 0 ("Unspecific Error").
+  TTagError SaveDataToFile(TFileHandle file, IProgressAndCancel* progress = nullptr) const;
+  TTagError LoadDataFromFile(TFileHandle file, IProgressAndCancel* progress = nullptr);
 
 private:
   void Allocate();
@@ -112,15 +106,14 @@ private:
 };
 
 /// Writes a list tag name: "Dimension", "DataType", "Ranges", and "Data" (Byte) with all elements.
-/// position/total (may be null) are progress counters in elements.
+/// progress (may be null) counts elements and can cancel the transfer.
 TTagError SaveDataFieldToTagFile(TFileHandle file, const std::string& name, const TDataField& field,
-                                 TProgressCounter* position = nullptr, TProgressCounter* total = nullptr,
-                                 const TCancelCheck& cancel = {});
+                                 IProgressAndCancel* progress = nullptr);
 /// Reads the list tag name of parent into a new field (the old one is freed). A field whose sizes don't
 /// match its stored data, or whose sizes overflow, is refused with -3 before allocating.
 TTagError LoadDataFieldFromTagFile(TFileHandle file, const std::string& name, const TTagControl& parent,
-                                   std::unique_ptr<TDataField>& field, TProgressCounter* position = nullptr,
-                                   TProgressCounter* total = nullptr, const TCancelCheck& cancel = {});
+                                   std::unique_ptr<TDataField>& field,
+                                   IProgressAndCancel* progress = nullptr);
 
 /// The predecessor of TDataField: nested heap arrays with the same file form (for reading old files).
 class TDataFieldOld {

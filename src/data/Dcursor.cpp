@@ -323,6 +323,24 @@ bool TCursorLink::DataChanged(TData* sender, TDataChangeInfo info) {
   return true;
 }
 
+void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID,
+                                int32_t stepX, int32_t stepY) {
+  auto* cursor = dynamic_cast<TDSpaceCursor*>(project.FindData(cursorID));
+  const auto* space = dynamic_cast<const TDSpaceTransformation*>(project.FindData(transformationID));
+  if (!cursor || !space) return;
+  // The cursor moves by whole pixels of the scan: to bins, step, and back to space.
+  const double real[3] = {cursor->GetPosition(0), cursor->GetPosition(1), cursor->GetPosition(2)};
+  double bin[3];
+  space->RealToBin(bin, real);
+  bin[0] += stepX;
+  bin[1] += stepY;
+  double moved[3];
+  space->BinToReal(bin, moved);
+  cursor->SetAutoDataChange(false);
+  for (int i = 0; i < 3; ++i) cursor->SetPosition(i, moved[i]);
+  cursor->SetAutoDataChange(true);
+}
+
 void RegisterCursorClasses() {
   TData::RegisterDataObject(TDSpaceCursor::kClassName, &TDSpaceCursor::CreateDataObject);
   TData::RegisterDataObject(TDInverseSpaceCursor::kClassName, &TDInverseSpaceCursor::CreateDataObject);

@@ -212,5 +212,9 @@ private:
   int32_t FCursorID = 0;
 };
 
+/// Moves a space cursor by (stepX, stepY) pixels of a space transformation, as the arrow keys do.
+void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID,
+                                int32_t stepX, int32_t stepY);
+
 /// Registers the cursor classes in the fixed order of the registry.
 void RegisterCursorClasses();

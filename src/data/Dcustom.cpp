@@ -2,7 +2,7 @@
 #include "data/Dcustom.h"
 
 #include "common/Classregistry.h"
-#include "common/threads/Multicorecalc.h"
+#include "common/threads/Progressandcancel.h"
 
 #include <chrono>
 #include <ctime>
@@ -83,8 +83,14 @@ void TData::AddToID(int32_t delta) {
   SafeAddToDataID(FID, delta);
 }
 
+void ApplyResultInfo(TData& result, const std::string& baseCaption, const TResultInfo& info) {
+  result.SetCaption((info.Caption.empty() ? baseCaption : info.Caption) + info.CaptionSuffix);
+  result.SetSaveMode(info.SaveMode);
+  if (!info.HistoryText.empty()) result.AddToHistoryList(info.HistoryText, info.HistoryType);
+}
+
 void TData::ShowCaptionAsProgress() {
-  if (FProgressController) FProgressController->SetProgressMainCaption(FCaption);
+  if (FProgress) FProgress->SetProgressCaption(FCaption);
 }
 
 // ---------------------------------------------------------------------------------------------

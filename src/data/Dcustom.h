@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
+class IProgressAndCancel;
 class TDataField;
-class TMCC;
 class TData;
 
 /// The file version of this software, and the one being written: 6, or 5 while a compatible save runs.
@@ -85,6 +85,19 @@ struct THistoryEntry {
   /// An entry dated now.
   static THistoryEntry Now(const std::string& text, THistoryEntryType type);
   bool operator==(const THistoryEntry&) const = default;
+};
+
+/// What marks an object as a tool's result: its caption, the tool's suffix after it, the history line that
+/// says how it was made, and how it travels with the project's file.
+struct TResultInfo {
+  /// The result's caption before the suffix; empty: the template's caption.
+  std::string Caption;
+  /// Appended to the caption, e.g. " (Background Subtracted)".
+  std::string CaptionSuffix;
+  /// The history entry of the result; empty: none.
+  std::string HistoryText;
+  THistoryEntryType HistoryType = 0;
+  TDataSaveMode SaveMode = TDataSaveMode::Always;
 };
 
 using TDataChangeCallback = std::function<void(TData*, TDataChangeInfo)>;
@@ -162,8 +175,10 @@ public:
   void SetHistoryList(std::vector<THistoryEntry> history) { FHistoryList = std::move(history); }
   TTagControl& GetMetaData() { return FMetaData; }
   const TTagControl& GetMetaData() const { return FMetaData; }
-  TMCC* GetProgressController() const { return FProgressController; }
-  void SetProgressController(TMCC* controller) { FProgressController = controller; }
+  /// The progress channel of whoever loads or saves the object now, null otherwise: the object shows its
+  /// caption on it, streams its arrays with its sub level's figures and stops when it is cancelled.
+  IProgressAndCancel* GetProgress() const { return FProgress; }
+  void SetProgress(IProgressAndCancel* progress) { FProgress = progress; }
   int32_t GetVersion() const { return FVersion; }
 
   /// Adds delta to a referenced ID unless it is 0, so that a missing reference stays missing.
@@ -182,7 +197,7 @@ public:
   static std::vector<std::string> RegisteredDataObjectNames();
 
 protected:
-  /// Shows the caption as the progress main caption while a controller loads or saves the object.
+  /// Shows the caption on the progress channel while one is set.
   void ShowCaptionAsProgress();
 
 private:
@@ -195,13 +210,26 @@ private:
   TTagControl FMetaData{"MetaData", TTagKind::TagList};
   bool FPendingDataChange = false;
   int32_t FImageIndex = -1;
-  TMCC* FProgressController = nullptr;
+  IProgressAndCancel* FProgress = nullptr;
   TDataChangeCallback FOnDataChange;
   int32_t FVersion = 0;
   std::string FCaption;
   bool FAutoDataChange = true;
   int32_t FID = 0;
 };
+
+/// Gives a new result its caption (baseCaption unless info names one, then the suffix), its save mode and
+/// its history entry. Made before the result is filled, while no one else sees it.
+void ApplyResultInfo(TData& result, const std::string& baseCaption, const TResultInfo& info);
+
+/// Hands a finished result to the project, which announces it ("Added") to every object and viewer.
+/// Returns the result, now owned by the project.
+template <class T>
+T* AddResultToProject(IDataProject& project, std::unique_ptr<T> result) {
+  T* raw = result.get();
+  if (raw) project.AddData(std::move(result));
+  return raw;
+}
 
 /// Declares the class-name plumbing of a data class: its stored name, inheritance test and factory.
 #define ORVEX_DATA_CLASS(ClassName, ParentName)                                                              \

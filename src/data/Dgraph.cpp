@@ -52,6 +52,16 @@ std::unique_ptr<TDGraph> TDGraph::CreateNewGraph(IDataProject* project, int32_t 
   return graph;
 }
 
+std::unique_ptr<TDGraph> TDGraph::CreateResultGraph(IDataProject& project, int32_t templateID,
+                                                    bool singleSpectrum, TDataFieldKind kind,
+                                                    const TResultInfo& info) {
+  const TData* source = project.FindData(templateID);
+  const std::string baseCaption = source ? source->GetCaption() : std::string();
+  auto graph = CreateNewGraph(&project, templateID, singleSpectrum, kind, info.SaveMode, baseCaption);
+  if (graph) ApplyResultInfo(*graph, baseCaption, info);
+  return graph;
+}
+
 void TDGraph::SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind, int32_t sizeGraph) {
   if (FField && sizeX == FSizeX && sizeY == FSizeY && sizeGraph == FSizeGraph &&
       FField->GetLastDataFieldKind() == kind)
@@ -258,7 +268,7 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
   TTagError result = TDImageBase::SaveDataToTagFile(file);
   if (result < 1) return result;
   TTagControl own, t;
-  const TFieldTransfer transfer = FieldTransfer();
+  IProgressAndCancel* const progress = FieldProgress();
   if ((result = own.WriteTag(file, kClassName, TTagKind::TagList)) < 1 ||
       (result = t.SaveIntTag(file, "Version", ThisVersion)) < 1 ||
       (result = t.SaveIntTag(file, "SizeX", FSizeX)) < 1 ||
@@ -268,8 +278,7 @@ TTagError TDGraph::SaveDataToTagFile(TFileHandle file) {
       (result = t.SaveIntTag(file, "XTransformationID", FXTransformationID)) < 1 ||
       (result = t.SaveIntTag(file, "XInterpretationID", FXInterpretationID)) < 1 ||
       (result = t.SaveIntTag(file, "ZInterpretationID", FZInterpretationID)) < 1 ||
-      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, transfer.Position, transfer.Total,
-                                       transfer.Cancel)) < 1 ||
+      (result = SaveDataFieldToTagFile(file, "GraphData", *FField, progress)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
@@ -294,10 +303,8 @@ TTagError TDGraph::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   t.LoadOrDefaultIntTag(file, "ZInterpretationID", own, &FZInterpretationID, 1, 0);
   if (sizeX < 0 || sizeY < 0 || sizeGraph < 0 || int64_t(sizeY) * sizeGraph > INT32_MAX)
     return teReadFileError;
-  const TFieldTransfer transfer = FieldTransfer();
-  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, transfer.Position, transfer.Total,
-                                         transfer.Cancel)) < 1)
-    return result;
+  IProgressAndCancel* const progress = FieldProgress();
+  if ((result = LoadDataFieldFromTagFile(file, "GraphData", own, FField, progress)) < 1) return result;
   if (FField->Ranges() != std::vector<int32_t>{sizeX, sizeY * sizeGraph})
     return teReadFileError; // the stored field doesn't match the stated sizes
   FSizeX = sizeX;

@@ -32,6 +32,11 @@ public:
   static std::unique_ptr<TDGraph> CreateNewGraph(IDataProject* project, int32_t templateID,
                                                  bool singleSpectrum, TDataFieldKind kind,
                                                  TDataSaveMode saveMode, const std::string& caption);
+  /// A tool's result graph from the template as CreateNewGraph makes it, with caption, suffix, history
+  /// entry and save mode from info; not added (AddResultToProject does, once it is filled). Null as above.
+  static std::unique_ptr<TDGraph> CreateResultGraph(IDataProject& project, int32_t templateID,
+                                                    bool singleSpectrum, TDataFieldKind kind,
+                                                    const TResultInfo& info);
 
   void SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind, int32_t sizeGraph);
   void FreeField();

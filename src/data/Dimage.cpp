@@ -36,6 +36,15 @@ std::unique_ptr<TDImage> TDImage::CreateNewImage(IDataProject* project, int32_t 
   return image;
 }
 
+std::unique_ptr<TDImage> TDImage::CreateResultImage(IDataProject& project, int32_t templateID,
+                                                    TDataFieldKind kind, const TResultInfo& info) {
+  const TData* source = project.FindData(templateID);
+  const std::string baseCaption = source ? source->GetCaption() : std::string();
+  auto image = CreateNewImage(&project, templateID, kind, info.SaveMode, baseCaption);
+  if (image) ApplyResultInfo(*image, baseCaption, info);
+  return image;
+}
+
 void TDImage::ResizeLineArrays() {
   const auto n = static_cast<size_t>(std::max(FSizeY, 0));
   for (auto* line : {&FLineAverage, &FLineSumSqr, &FLineSum, &FLineA, &FLineB}) line->assign(n, 0.0);
@@ -219,39 +228,44 @@ bool TDImage::GetMinMaxValuesForValidPixels(float& min, float& max) const {
   return any;
 }
 
-float TDImage::GetInterpolatedField(double x, double y) const {
-  if (FSizeX <= 0 || FSizeY <= 0) return 0;
-  x = std::clamp(x, 0.0, double(FSizeX - 1));
-  y = std::clamp(y, 0.0, double(FSizeY - 1));
-  const auto i = static_cast<int32_t>(x);
-  const auto j = static_cast<int32_t>(y);
-  const double fx = x - i, fy = y - j;
-  if (i < FSizeX - 1 && j < FSizeY - 1 && GetLineValid(j) && GetLineValid(j + 1))
-    return static_cast<float>((1 - fx) * (1 - fy) * GetFastField(i, j) +
-                              fx * (1 - fy) * GetFastField(i + 1, j) + fx * fy * GetFastField(i + 1, j + 1) +
-                              (1 - fx) * fy * GetFastField(i, j + 1));
-  if (i == FSizeX - 1 && j < FSizeY - 1 && GetLineValid(j) && GetLineValid(j + 1))
-    return static_cast<float>((1 - fy) * GetFastField(i, j) + fy * GetFastField(i, j + 1));
-  if (j == FSizeY - 1 && i < FSizeX - 1 && GetLineValid(j))
-    return static_cast<float>((1 - fx) * GetFastField(i, j) + fx * GetFastField(i + 1, j));
-  return GetField(i, j);
-}
+namespace {
 
-float TDImage::GetInterpolatedValueFromImageArray(double x, double y, int32_t sizeX, int32_t sizeY,
-                                                  const float* values) {
+// Bilinear interpolation at (x, y), clamped into a grid of sizeX × sizeY: at(i, j) gives a value,
+// rowValid(j) tells whether row j may take part. The last column and the last row interpolate along the
+// other axis only; where rows are missing, corner(i, j) gives the value.
+template <class At, class RowValid, class Corner>
+float Bilinear(double x, double y, int32_t sizeX, int32_t sizeY, At at, RowValid rowValid, Corner corner) {
   if (sizeX <= 0 || sizeY <= 0) return 0;
   x = std::clamp(x, 0.0, double(sizeX - 1));
   y = std::clamp(y, 0.0, double(sizeY - 1));
   const auto i = static_cast<int32_t>(x);
   const auto j = static_cast<int32_t>(y);
   const double fx = x - i, fy = y - j;
-  auto at = [&](int32_t a, int32_t b) { return double(values[int64_t(b) * sizeX + a]); };
-  if (i < sizeX - 1 && j < sizeY - 1)
+  if (i < sizeX - 1 && j < sizeY - 1 && rowValid(j) && rowValid(j + 1))
     return static_cast<float>((1 - fx) * (1 - fy) * at(i, j) + fx * (1 - fy) * at(i + 1, j) +
                               fx * fy * at(i + 1, j + 1) + (1 - fx) * fy * at(i, j + 1));
-  if (i == sizeX - 1 && j < sizeY - 1) return static_cast<float>((1 - fy) * at(i, j) + fy * at(i, j + 1));
-  if (j == sizeY - 1 && i < sizeX - 1) return static_cast<float>((1 - fx) * at(i, j) + fx * at(i + 1, j));
-  return static_cast<float>(at(i, j));
+  if (i == sizeX - 1 && j < sizeY - 1 && rowValid(j) && rowValid(j + 1))
+    return static_cast<float>((1 - fy) * at(i, j) + fy * at(i, j + 1));
+  if (j == sizeY - 1 && i < sizeX - 1 && rowValid(j))
+    return static_cast<float>((1 - fx) * at(i, j) + fx * at(i + 1, j));
+  return corner(i, j);
+}
+
+} // namespace
+
+float TDImage::GetInterpolatedField(double x, double y) const {
+  return Bilinear(
+      x, y, FSizeX, FSizeY, [this](int32_t a, int32_t b) { return double(GetFastField(a, b)); },
+      [this](int32_t row) { return GetLineValid(row); },
+      [this](int32_t a, int32_t b) { return GetField(a, b); });
+}
+
+float TDImage::GetInterpolatedValueFromImageArray(double x, double y, int32_t sizeX, int32_t sizeY,
+                                                  const float* values) {
+  auto at = [&](int32_t a, int32_t b) { return double(values[int64_t(b) * sizeX + a]); };
+  return Bilinear(
+      x, y, sizeX, sizeY, at, [](int32_t) { return true; },
+      [&](int32_t a, int32_t b) { return static_cast<float>(at(a, b)); });
 }
 
 void TDImage::CalculateLineInformation(int32_t y) {
@@ -347,17 +361,15 @@ TTagError TDImage::SaveDataToTagFile(TFileHandle file) {
       (result = SaveBoolVectorTag(file, "LineChanged", FLineChanged)) < 1 ||
       (result = SaveBoolVectorTag(file, "LineValid", FLineValid)) < 1)
     return result;
-  const TFieldTransfer transfer = FieldTransfer();
+  IProgressAndCancel* const progress = FieldProgress();
   if (version >= 1) {
     if ((result = t.SaveBoolTag(file, "ImageDataIsInverted", true)) < 1 ||
-        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, transfer.Position, transfer.Total,
-                                         transfer.Cancel)) < 1)
+        (result = SaveDataFieldToTagFile(file, "ImageData", *FField, progress)) < 1)
       return result;
   } else {
     // Old software reads only the non-inverted orientation.
     const auto copy = FInverted ? MakeTransposedCopy(false) : nullptr;
-    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, transfer.Position,
-                                         transfer.Total, transfer.Cancel)) < 1)
+    if ((result = SaveDataFieldToTagFile(file, "ImageData", copy ? *copy : *FField, progress)) < 1)
       return result;
   }
   return own.CloseWriteTag(file);
@@ -396,10 +408,8 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
     return result;
   bool inverted = false;
   t.LoadOrDefaultBoolTag(file, "ImageDataIsInverted", own, &inverted, 1, false);
-  const TFieldTransfer transfer = FieldTransfer();
-  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, transfer.Position, transfer.Total,
-                                         transfer.Cancel)) < 1)
-    return result;
+  IProgressAndCancel* const progress = FieldProgress();
+  if ((result = LoadDataFieldFromTagFile(file, "ImageData", own, FField, progress)) < 1) return result;
   const std::vector<int32_t> expected =
       inverted ? std::vector<int32_t>{sizeY, sizeX} : std::vector<int32_t>{sizeX, sizeY};
   if (FField->Ranges() != expected) return teReadFileError;

@@ -27,6 +27,10 @@ public:
   static std::unique_ptr<TDImage> CreateNewImage(IDataProject* project, int32_t templateID,
                                                  TDataFieldKind kind, TDataSaveMode saveMode,
                                                  const std::string& caption);
+  /// A tool's result image from the template as CreateNewImage makes it, with caption, suffix, history
+  /// entry and save mode from info; not added (AddResultToProject does, once it is filled). Null as above.
+  static std::unique_ptr<TDImage> CreateResultImage(IDataProject& project, int32_t templateID,
+                                                    TDataFieldKind kind, const TResultInfo& info);
 
   /// Reallocates the field (and line arrays) unless it already has these sizes, kind and orientation.
   void SetFieldSize(int32_t sizeX, int32_t sizeY, TDataFieldKind kind = TDataFieldKind::Float,

@@ -1,7 +1,7 @@
 // Image base: ID bookkeeping of the space transformation and Z interpretation links.
 #include "data/Dimagebase.h"
 
-#include "common/threads/Multicorecalc.h"
+#include "common/threads/Progressandcancel.h"
 
 void TDImageBase::AddToID(int32_t delta) {
   TData::AddToID(delta);
@@ -78,12 +78,7 @@ TTagError LoadBoolVectorTag(TFileHandle file, const std::string& name, const TTa
   return teNoError;
 }
 
-TDImageBase::TFieldTransfer TDImageBase::FieldTransfer() const {
-  TFieldTransfer transfer;
-  if (TMCC* mcc = GetProgressController()) {
-    transfer.Position = &mcc->SubProgress;
-    transfer.Total = &mcc->SubProgressMax;
-    transfer.Cancel = [mcc] { return mcc->GetCancel(); };
-  }
-  return transfer;
+IProgressAndCancel* TDImageBase::FieldProgress() const {
+  IProgressAndCancel* progress = GetProgress();
+  return progress ? &progress->SubLevel() : nullptr;
 }

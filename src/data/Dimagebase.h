@@ -29,14 +29,9 @@ public:
   void IDListDrop(const TIntList& idList) override;
 
 protected:
-  /// What a field's transfer to or from a file reports to the controller that saves or loads the object:
-  /// its sub-progress counters and its cancel flag; all empty without a controller.
-  struct TFieldTransfer {
-    TProgressCounter* Position = nullptr;
-    TProgressCounter* Total = nullptr;
-    TCancelCheck Cancel;
-  };
-  TFieldTransfer FieldTransfer() const;
+  /// Where a field's transfer to or from a file reports: the sub level of the object's progress channel
+  /// while one is set, null otherwise.
+  IProgressAndCancel* FieldProgress() const;
 
   /// Line flag arrays sized to size Y.
   std::vector<bool> FLineChanged;

@@ -3,7 +3,6 @@
 
 #include "common/OrvexException.h"
 #include "common/Standardmessage.h"
-#include "data/Dcursor.h"
 
 #include <algorithm>
 #include <cmath>
@@ -1000,24 +999,6 @@ int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t 
   for (const auto& [name, referenced] : data->GetReferencedIDs())
     if (name == "SpaceTransformationID" || name == "PositionTransformationID") return referenced;
   return 0;
-}
-
-void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID,
-                                int32_t stepX, int32_t stepY) {
-  auto* cursor = dynamic_cast<TDSpaceCursor*>(project.FindData(cursorID));
-  const TDSpaceTransformation* space = FindSpaceTransformation(project, transformationID);
-  if (!cursor || !space) return;
-  // The cursor moves by whole pixels of the scan: to bins, step, and back to space.
-  const double real[3] = {cursor->GetPosition(0), cursor->GetPosition(1), cursor->GetPosition(2)};
-  double bin[3];
-  space->RealToBin(bin, real);
-  bin[0] += stepX;
-  bin[1] += stepY;
-  double moved[3];
-  space->BinToReal(bin, moved);
-  cursor->SetAutoDataChange(false);
-  for (int i = 0; i < 3; ++i) cursor->SetPosition(i, moved[i]);
-  cursor->SetAutoDataChange(true);
 }
 
 void RegisterTransformationClasses() {

@@ -311,9 +311,6 @@ int32_t MakeOrGetCursorIDFromTransformationID(IDataProject& project, int32_t id)
 int32_t MakeOrGetInterpretationIDFromTransformationID(IDataProject& project, int32_t id);
 /// The space transformation of an image, graph or bitmap (by the reference it lists), else 0.
 int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t id);
-/// Moves a space cursor by (stepX, stepY) pixels of a space transformation, as the arrow keys do.
-void SendSpaceCursorByArrowKeys(IDataProject& project, int32_t cursorID, int32_t transformationID,
-                                int32_t stepX, int32_t stepY);
 
 /// Registers the transformation classes in the fixed order of the registry.
 void RegisterTransformationClasses();

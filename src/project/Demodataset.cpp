@@ -7,6 +7,7 @@
 #include "project/Demodataset.h"
 
 #include "common/threads/Multicorecalc.h"
+#include "common/threads/Progressandcancel.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
@@ -97,10 +98,176 @@ void DemoWavelengthPolynomial(int32_t sizeGraph, double& a0, double& a1, double&
   a2 = 10.5 / (n * n);
 }
 
+TDemoModel MakeDemoModel(const TDemoOptions& options) {
+  TDemoModel model;
+  model.Options = options;
+  const int32_t sx = options.SizeX, sy = options.SizeY, sg = options.SizeGraph;
+  const auto& components = DemoComponents();
+
+  // The detector axis through the same calibration the project's spectral transformation holds.
+  TDSpectralTransformation spectral;
+  double a0, a1, a2;
+  DemoWavelengthPolynomial(sg, a0, a1, a2);
+  spectral.SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
+  spectral.SetPolynom(a0, a1, a2);
+  model.Shift.resize(static_cast<size_t>(sg));
+  for (int32_t g = 0; g < sg; ++g) {
+    const double bin = g;
+    double wavelength = 0;
+    spectral.BinToReal(&bin, &wavelength);
+    model.Shift[static_cast<size_t>(g)] = RelativeWavenumber(wavelength);
+  }
+
+  // Component spectra on the detector axis.
+  model.ComponentSpectra.assign(components.size(), std::vector<float>(static_cast<size_t>(sg)));
+  for (size_t c = 0; c < components.size(); ++c)
+    for (int32_t g = 0; g < sg; ++g) {
+      double value = 0;
+      for (const auto& band : components[c].Bands) {
+        const double d = (model.Shift[static_cast<size_t>(g)] - band.Shift) / (band.Width / 2);
+        value += band.Amplitude / (1 + d * d);
+      }
+      model.ComponentSpectra[c][static_cast<size_t>(g)] = static_cast<float>(value);
+    }
+  // Fluorescence: a broad hump rising towards the red end of the detector.
+  model.Fluorescence.resize(static_cast<size_t>(sg));
+  for (int32_t g = 0; g < sg; ++g) {
+    const double t = double(g) / std::max(sg - 1, 1);
+    model.Fluorescence[static_cast<size_t>(g)] =
+        static_cast<float>(900.0 * std::exp(-(t - 0.75) * (t - 0.75) / 0.18));
+  }
+
+  // Cosmic rays: a few spikes, a handful per ten thousand spectra.
+  const int64_t spectra = int64_t(sx) * sy;
+  const int64_t spikes = 3 + spectra / 2500;
+  TRandom spikeRandom(MixSeed(options.Seed, 0xC05111Cull));
+  for (int64_t i = 0; i < spikes && sg > 0 && spectra > 0; ++i)
+    model.Spikes.emplace_back(static_cast<int64_t>(spikeRandom.Uniform() * spectra),
+                              static_cast<int32_t>(spikeRandom.Uniform() * sg));
+  return model;
+}
+
+void SynthesizeDemoSpectrum(const TDemoModel& model, int32_t x, int32_t y, float* spectrum) {
+  const int32_t sx = model.Options.SizeX, sy = model.Options.SizeY, sg = model.Options.SizeGraph;
+  const int nc = static_cast<int>(model.ComponentSpectra.size());
+  const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
+  double weights[8];
+  for (int c = 0; c < nc; ++c) weights[c] = Abundance(c, u, v);
+  const double fluorescenceLevel = 0.3 + 0.7 * (0.5 + 0.5 * std::sin(2 * kPi * (0.7 * u + 0.4 * v)));
+  const int64_t element = x + int64_t(y) * sx;
+  TRandom random(MixSeed(model.Options.Seed, static_cast<uint64_t>(element) + 1));
+  for (int32_t g = 0; g < sg; ++g) {
+    double signal = kDarkOffset + fluorescenceLevel * model.Fluorescence[static_cast<size_t>(g)];
+    for (int c = 0; c < nc; ++c)
+      signal += weights[c] * model.ComponentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)];
+    // Shot noise plus read noise.
+    signal += random.Gaussian() * std::sqrt(std::max(signal - kDarkOffset, 0.0) + 25.0);
+    spectrum[g] = static_cast<float>(signal);
+  }
+  for (const auto& [spikeElement, spikePixel] : model.Spikes)
+    if (spikeElement == element)
+      spectrum[spikePixel] += 5000.0f + 3000.0f * static_cast<float>(random.Uniform());
+}
+
+int32_t SynthesizeDemoColumns(const TDemoModel& model, int32_t first, int32_t last,
+                              const std::function<void(int32_t, int32_t, const float*)>& store,
+                              IProgressAndCancel* progress) {
+  std::vector<float> spectrum(static_cast<size_t>(model.Options.SizeGraph));
+  int32_t done = 0;
+  for (int32_t x = first; x <= last && !IsCancelled(progress); ++x) {
+    for (int32_t y = 0; y < model.Options.SizeY; ++y) {
+      SynthesizeDemoSpectrum(model, x, y, spectrum.data());
+      store(x, y, spectrum.data());
+    }
+    if (progress) progress->AddProgress(model.Options.SizeY);
+    ++done;
+  }
+  return done;
+}
+
+namespace {
+double MapU(const TDemoModel& model, int32_t x) {
+  return model.Options.SizeX > 1 ? double(x) / (model.Options.SizeX - 1) : 0.5;
+}
+double MapV(const TDemoModel& model, int32_t y) {
+  return model.Options.SizeY > 1 ? double(y) / (model.Options.SizeY - 1) : 0.5;
+}
+} // namespace
+
+void SynthesizeDemoAbundance(const TDemoModel& model, int c, float* values) {
+  const int32_t sx = model.Options.SizeX;
+  for (int32_t y = 0; y < model.Options.SizeY; ++y)
+    for (int32_t x = 0; x < sx; ++x)
+      values[x + int64_t(y) * sx] = static_cast<float>(Abundance(c, MapU(model, x), MapV(model, y)));
+}
+
+void SynthesizeDemoTopography(const TDemoModel& model, float* values) {
+  // A tilted plane with the grains standing out and fine roughness.
+  const int32_t sx = model.Options.SizeX;
+  TRandom roughness(MixSeed(model.Options.Seed, 0x70b0ull));
+  for (int32_t y = 0; y < model.Options.SizeY; ++y)
+    for (int32_t x = 0; x < sx; ++x) {
+      const double u = MapU(model, x), v = MapV(model, y);
+      values[x + int64_t(y) * sx] =
+          static_cast<float>(20.0 * u - 8.0 * v + 120.0 * Abundance(1, u, v) + 60.0 * Abundance(3, u, v) +
+                             1.5 * roughness.Gaussian());
+    }
+}
+
+std::string DemoDescription(const TDemoModel& model) {
+  const auto& components = DemoComponents();
+  const TDemoOptions& o = model.Options;
+  std::string description = "Orvex demo data set\n\nA synthetic confocal Raman map of " +
+                            std::to_string(o.SizeX) + " x " + std::to_string(o.SizeY) + " spectra with " +
+                            std::to_string(o.SizeGraph) + " pixels each, excitation 532 nm, field of view " +
+                            std::to_string(static_cast<int>(kFieldOfViewMicrometer)) +
+                            " µm.\n\nComponents (bands in rel. 1/cm):\n";
+  for (size_t c = 0; c < components.size(); ++c) {
+    description += "  " + std::to_string(c + 1) + ". " + components[c].Name + ":";
+    for (const auto& band : components[c].Bands)
+      description += " " + std::to_string(static_cast<int>(std::lround(band.Shift)));
+    description += "\n";
+  }
+  description +=
+      "\nAbundances: silicon as a left-to-right gradient, polystyrene in three beads, amorphous carbon "
+      "in a diagonal stripe, calcite in one grain at the lower right. On top: a fluorescence background "
+      "that varies across the map, a dark offset of 600 counts, shot and read noise, and " +
+      std::to_string(model.Spikes.size()) +
+      " cosmic-ray spikes. The true component spectra and abundance maps are stored beside the map.\n";
+  return description;
+}
+
+namespace {
+
+// An image of the map's size and axes filled with values (row after row), all lines valid, statistics up to
+// date.
+TDImage* AddDemoImage(TProject& project, int32_t mapID, const std::vector<float>& values,
+                      int32_t zInterpretation, const TResultInfo& info) {
+  auto image = TDImage::CreateResultImage(project, mapID, TDataFieldKind::Float, info);
+  if (zInterpretation != 0) image->SetZInterpretationID(zInterpretation);
+  for (int32_t y = 0; y < image->GetSizeY(); ++y)
+    image->SetLine(y, values.data() + int64_t(y) * image->GetSizeX());
+  image->SetAllLinesValid(true);
+  image->DoDataChange(TDataChangeInfo::DataChanged);
+  return AddResultToProject(project, std::move(image));
+}
+
+TResultInfo DemoResult(const std::string& caption, const std::string& suffix = " (demo)",
+                       const std::string& history = "") {
+  TResultInfo info;
+  info.Caption = caption;
+  info.CaptionSuffix = suffix;
+  info.HistoryText = history;
+  return info;
+}
+
+} // namespace
+
 TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   const int32_t sx = options.SizeX, sy = options.SizeY, sg = options.SizeGraph;
   const auto& components = DemoComponents();
   const int nc = static_cast<int>(components.size());
+  const TDemoModel model = MakeDemoModel(options);
   TDemoIDs ids;
 
   // Spectral axis: quadratic pixel -> wavelength, shown in rel. 1/cm against 532 nm.
@@ -121,13 +288,6 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   spectral->SetInterpretationID(ids.SpectralInterpretation);
   spectral->SetCaption("Spectrograph calibration (demo)");
   ids.SpectralTransformation = spectral->GetID();
-  std::vector<double> shift(static_cast<size_t>(sg));
-  for (int32_t g = 0; g < sg; ++g) {
-    const double bin = g;
-    double wavelength = 0;
-    spectral->BinToReal(&bin, &wavelength);
-    shift[static_cast<size_t>(g)] = RelativeWavenumber(wavelength);
-  }
   project.AddData(std::move(spectral));
 
   // Space axes in µm.
@@ -145,51 +305,20 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   ids.SpaceTransformation = space->GetID();
   project.AddData(std::move(space));
 
-  // Component spectra on the detector axis.
-  std::vector<std::vector<float>> componentSpectra(static_cast<size_t>(nc),
-                                                   std::vector<float>(static_cast<size_t>(sg)));
-  for (int c = 0; c < nc; ++c)
-    for (int32_t g = 0; g < sg; ++g) {
-      double value = 0;
-      for (const auto& band : components[static_cast<size_t>(c)].Bands) {
-        const double d = (shift[static_cast<size_t>(g)] - band.Shift) / (band.Width / 2);
-        value += band.Amplitude / (1 + d * d);
-      }
-      componentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)] = static_cast<float>(value);
-    }
-  // Fluorescence: a broad hump rising towards the red end of the detector.
-  std::vector<float> fluorescence(static_cast<size_t>(sg));
-  for (int32_t g = 0; g < sg; ++g) {
-    const double t = double(g) / std::max(sg - 1, 1);
-    fluorescence[static_cast<size_t>(g)] =
-        static_cast<float>(900.0 * std::exp(-(t - 0.75) * (t - 0.75) / 0.18));
-  }
-
-  auto makeGraph = [&](int32_t gx, int32_t gy, const std::string& caption) {
-    auto graph = std::make_unique<TDGraph>();
-    graph->SetID(project.GetNewDataID());
-    graph->SetFieldSize(gx, gy, TDataFieldKind::Float, sg);
-    graph->SetXTransformationID(ids.SpectralTransformation);
-    graph->SetXInterpretationID(ids.SpectralInterpretation);
-    graph->SetCaption(caption);
-    return graph;
-  };
-
-  auto map = makeGraph(sx, sy, "Raman Map (demo)");
+  // The map has no template: it is the source every other object is made from.
+  auto map = std::make_unique<TDGraph>();
+  map->SetID(project.GetNewDataID());
+  map->SetFieldSize(sx, sy, TDataFieldKind::Float, sg);
+  map->SetXTransformationID(ids.SpectralTransformation);
+  map->SetXInterpretationID(ids.SpectralInterpretation);
   map->SetSpaceTransformationID(ids.SpaceTransformation);
-  map->AddToHistoryList("Synthetic confocal Raman map, " + std::to_string(sx) + " x " + std::to_string(sy) +
-                            " x " + std::to_string(sg) + ", seed " + std::to_string(options.Seed),
-                        0);
+  ApplyResultInfo(*map, "Raman Map",
+                  DemoResult("", " (demo)",
+                             "Synthetic confocal Raman map, " + std::to_string(sx) + " x " +
+                                 std::to_string(sy) + " x " + std::to_string(sg) + ", seed " +
+                                 std::to_string(options.Seed)));
   TDGraph* mapRaw = map.get();
-  const uint64_t seed = options.Seed;
-  // Cosmic rays: a few spikes, a handful per ten thousand spectra.
   const int64_t spectra = int64_t(sx) * sy;
-  const int64_t spikes = 3 + spectra / 2500;
-  TRandom spikeRandom(MixSeed(seed, 0xC05111Cull));
-  std::vector<std::pair<int64_t, int32_t>> spikeList;
-  for (int64_t i = 0; i < spikes && sg > 0 && spectra > 0; ++i)
-    spikeList.emplace_back(static_cast<int64_t>(spikeRandom.Uniform() * spectra),
-                           static_cast<int32_t>(spikeRandom.Uniform() * sg));
 
   // Fill column by column (x major is the memory order of the field), on all allowed processors.
   TMCC mcc(
@@ -198,70 +327,38 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
         if (thread == 0) m->OverallProgressMax = spectra;
         const int first = TMCC::GetFirstElementIndex(thread, m->GetNumberOfThreads(), sx);
         const int last = TMCC::GetLastElementIndex(thread, m->GetNumberOfThreads(), sx);
-        std::vector<float> spectrum(static_cast<size_t>(sg));
-        for (int32_t x = first; x <= last && !m->GetCancel(); ++x) {
-          for (int32_t y = 0; y < sy; ++y) {
-            const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
-            double weights[8];
-            for (int c = 0; c < nc; ++c) weights[c] = Abundance(c, u, v);
-            const double fluorescenceLevel =
-                0.3 + 0.7 * (0.5 + 0.5 * std::sin(2 * kPi * (0.7 * u + 0.4 * v)));
-            const int64_t element = x + int64_t(y) * sx;
-            TRandom random(MixSeed(seed, static_cast<uint64_t>(element) + 1));
-            for (int32_t g = 0; g < sg; ++g) {
-              double signal = kDarkOffset + fluorescenceLevel * fluorescence[static_cast<size_t>(g)];
-              for (int c = 0; c < nc; ++c)
-                signal += weights[c] * componentSpectra[static_cast<size_t>(c)][static_cast<size_t>(g)];
-              // Shot noise plus read noise.
-              signal += random.Gaussian() * std::sqrt(std::max(signal - kDarkOffset, 0.0) + 25.0);
-              spectrum[static_cast<size_t>(g)] = static_cast<float>(signal);
-            }
-            for (const auto& [spikeElement, spikePixel] : spikeList)
-              if (spikeElement == element)
-                spectrum[static_cast<size_t>(spikePixel)] +=
-                    5000.0f + 3000.0f * static_cast<float>(random.Uniform());
-            mapRaw->SetSpectrum(x, y, spectrum.data());
-          }
-          m->OverallProgress += sy;
-        }
+        SynthesizeDemoColumns(
+            model, first, last,
+            [mapRaw](int32_t x, int32_t y, const float* spectrum) { mapRaw->SetSpectrum(x, y, spectrum); },
+            m);
       },
       -1);
   mcc.StartThreads(-1);
   mcc.WaitAndShowProgressOnDelay(100);
   mapRaw->SetAllLinesValid(true);
   ids.Map = mapRaw->GetID();
-  project.AddData(std::move(map));
+  AddResultToProject(project, std::move(map));
 
   // The truth: each component as a one-spectrum graph, each abundance as an image.
   for (int c = 0; c < nc; ++c) {
     const std::string& name = components[static_cast<size_t>(c)].Name;
-    auto truth = makeGraph(1, 1, "True Component " + std::to_string(c + 1) + ": " + name + " (demo truth)");
-    truth->SetSpectrum(0, 0, componentSpectra[static_cast<size_t>(c)].data());
+    auto truth = TDGraph::CreateResultGraph(
+        project, ids.Map, true, TDataFieldKind::Float,
+        DemoResult("True Component " + std::to_string(c + 1) + ": " + name, " (demo truth)"));
+    truth->SetSpectrum(0, 0, model.ComponentSpectra[static_cast<size_t>(c)].data());
     truth->SetAllLinesValid(true);
-    ids.TrueComponents.push_back(truth->GetID());
-    project.AddData(std::move(truth));
+    ids.TrueComponents.push_back(AddResultToProject(project, std::move(truth))->GetID());
   }
+  std::vector<float> values(static_cast<size_t>(spectra));
   for (int c = 0; c < nc; ++c) {
-    auto image = std::make_unique<TDImage>();
-    image->SetID(project.GetNewDataID());
-    image->SetFieldSize(sx, sy);
-    image->SetSpaceTransformationID(ids.SpaceTransformation);
-    image->SetCaption("True Abundance " + std::to_string(c + 1) + ": " +
-                      components[static_cast<size_t>(c)].Name + " (demo truth)");
-    std::vector<float> line(static_cast<size_t>(sx));
-    for (int32_t y = 0; y < sy; ++y) {
-      for (int32_t x = 0; x < sx; ++x)
-        line[static_cast<size_t>(x)] = static_cast<float>(
-            Abundance(c, sx > 1 ? double(x) / (sx - 1) : 0.5, sy > 1 ? double(y) / (sy - 1) : 0.5));
-      image->SetLine(y, line.data());
-    }
-    image->SetAllLinesValid(true);
-    image->DoDataChange(TDataChangeInfo::DataChanged);
-    ids.TrueAbundances.push_back(image->GetID());
-    project.AddData(std::move(image));
+    SynthesizeDemoAbundance(model, c, values.data());
+    const std::string caption =
+        "True Abundance " + std::to_string(c + 1) + ": " + components[static_cast<size_t>(c)].Name;
+    ids.TrueAbundances.push_back(
+        AddDemoImage(project, ids.Map, values, 0, DemoResult(caption, " (demo truth)"))->GetID());
   }
 
-  // A topography-like image in nm: a tilted plane with the grains standing out and fine roughness.
+  // A topography-like image in nm.
   auto height = std::make_unique<TDZInterpretation>();
   height->SetID(project.GetNewDataID());
   height->SetUnitName("nm");
@@ -269,50 +366,14 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   height->SetSaveMode(TDataSaveMode::WhileUsed);
   const int32_t heightID = height->GetID();
   project.AddData(std::move(height));
-  auto topography = std::make_unique<TDImage>();
-  topography->SetID(project.GetNewDataID());
-  topography->SetFieldSize(sx, sy);
-  topography->SetSpaceTransformationID(ids.SpaceTransformation);
-  topography->SetZInterpretationID(heightID);
-  topography->SetCaption("Topography (demo)");
-  TRandom roughness(MixSeed(seed, 0x70b0ull));
-  std::vector<float> line(static_cast<size_t>(sx));
-  for (int32_t y = 0; y < sy; ++y) {
-    for (int32_t x = 0; x < sx; ++x) {
-      const double u = sx > 1 ? double(x) / (sx - 1) : 0.5, v = sy > 1 ? double(y) / (sy - 1) : 0.5;
-      line[static_cast<size_t>(x)] =
-          static_cast<float>(20.0 * u - 8.0 * v + 120.0 * Abundance(1, u, v) + 60.0 * Abundance(3, u, v) +
-                             1.5 * roughness.Gaussian());
-    }
-    topography->SetLine(y, line.data());
-  }
-  topography->SetAllLinesValid(true);
-  topography->DoDataChange(TDataChangeInfo::DataChanged);
-  ids.Topography = topography->GetID();
-  project.AddData(std::move(topography));
+  SynthesizeDemoTopography(model, values.data());
+  ids.Topography = AddDemoImage(project, ids.Map, values, heightID, DemoResult("Topography"))->GetID();
 
   // A text that says what the set is.
-  std::string description = "Orvex demo data set\n\nA synthetic confocal Raman map of " + std::to_string(sx) +
-                            " x " + std::to_string(sy) + " spectra with " + std::to_string(sg) +
-                            " pixels each, excitation 532 nm, field of view " +
-                            std::to_string(static_cast<int>(kFieldOfViewMicrometer)) +
-                            " µm.\n\nComponents (bands in rel. 1/cm):\n";
-  for (int c = 0; c < nc; ++c) {
-    description += "  " + std::to_string(c + 1) + ". " + components[static_cast<size_t>(c)].Name + ":";
-    for (const auto& band : components[static_cast<size_t>(c)].Bands)
-      description += " " + std::to_string(static_cast<int>(std::lround(band.Shift)));
-    description += "\n";
-  }
-  description +=
-      "\nAbundances: silicon as a left-to-right gradient, polystyrene in three beads, amorphous carbon "
-      "in a diagonal stripe, calcite in one grain at the lower right. On top: a fluorescence background "
-      "that varies across the map, a dark offset of 600 counts, shot and read noise, and " +
-      std::to_string(spikeList.size()) +
-      " cosmic-ray spikes. The true component spectra and abundance maps are stored beside the map.\n";
   auto text = std::make_unique<TDText>();
   text->SetID(project.GetNewDataID());
   text->SetCaption("About this data set (demo)");
-  text->SetText(description);
+  text->SetText(DemoDescription(model));
   ids.Description = text->GetID();
   project.AddData(std::move(text));
   // The description opens in a text viewer when the viewer classes are registered.

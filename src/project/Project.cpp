@@ -286,25 +286,22 @@ TTagError TProject::SaveDataToTagFile(TFileHandle file, const TDataList& list) {
   return RunOnWorker("Saving Project Data", [&](TMCC* mcc) { return SaveDataObjects(file, saveable, mcc); });
 }
 
-TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc) {
+TTagError TProject::SaveDataObjects(TFileHandle file, const TDataList& list, IProgressAndCancel* progress) {
   TTagControl dataTag, t;
   TTagError result = dataTag.WriteTag(file, kDataTag, TTagKind::TagList);
   if (result < 1) return result;
-  if (mcc) mcc->OverallProgressMax = static_cast<int64_t>(list.size());
   int32_t n = 0;
   for (TData* data : list) {
-    if (mcc) {
-      mcc->OverallProgress = n;
-      if (mcc->GetCancel()) return teUnspecificError; // a cancelled save: the caller keeps the old file
-    }
+    SetProgress(progress, n, static_cast<int64_t>(list.size()));
+    if (IsCancelled(progress)) return teUnspecificError; // a cancelled save: the caller keeps the old file
     if ((result = t.SaveAnsiStringTag(file, "DataClassName " + std::to_string(n), data->GetClassNameA())) < 1)
       return result;
     TTagControl objectTag;
     if ((result = objectTag.WriteTag(file, "Data " + std::to_string(n), TTagKind::TagList)) < 1)
       return result;
-    data->SetProgressController(mcc);
+    data->SetProgress(progress);
     result = data->SaveDataToTagFile(file);
-    data->SetProgressController(nullptr);
+    data->SetProgress(nullptr);
     if (result < 1) return result;
     if ((result = objectTag.CloseWriteTag(file)) < 1) return result;
     ++n;
@@ -325,22 +322,19 @@ TTagError TProject::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
 }
 
 TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
-                                    std::vector<std::unique_ptr<TData>>& list, TMCC* mcc) {
+                                    std::vector<std::unique_ptr<TData>>& list, IProgressAndCancel* progress) {
   TTagControl t;
   int32_t count = -1;
   // A count whose value was cut off by a truncated file counts as missing, and so does one larger than the
   // tag could hold (each object needs two tags of at least 24 bytes): a corrupt count mustn't hang the load.
   const bool counted = t.LoadIntTag(file, "NumberOfData", dataTag, &count, 1) == teNoError && count >= 0 &&
                        t.End() <= FileSize(file) && int64_t(count) * 48 <= dataTag.End() - dataTag.Begin();
-  if (mcc) mcc->OverallProgressMax = counted ? count : 0;
   TTagError result = teNoError;
   // With "NumberOfData" objects 0 … n-1 are tried; without it (a truncated file) until a class name is
   // missing, so that as much as possible is recovered.
   for (int32_t i = 0; counted ? i < count : true; ++i) {
-    if (mcc) {
-      mcc->OverallProgress = i;
-      if (mcc->GetCancel()) break; // a cancelled load keeps the objects read so far: a consistent project
-    }
+    SetProgress(progress, i, counted ? count : 0);
+    if (IsCancelled(progress)) break; // a cancelled load keeps the objects read so far: a consistent project
     std::string className;
     if (t.LoadAnsiStringTag(file, "DataClassName " + std::to_string(i), dataTag, className) != teNoError) {
       if (!counted) break;
@@ -356,7 +350,7 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
     std::string reason;
     result = objectTag.FindTag(file, "Data " + std::to_string(i), dataTag);
     if (result == teNoError) {
-      data->SetProgressController(mcc);
+      data->SetProgress(progress);
       try {
         result = data->LoadDataFromTagFile(file, objectTag);
       } catch (const std::bad_alloc&) {
@@ -367,7 +361,7 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
         result = teUnspecificError;
         reason = e.what();
       }
-      data->SetProgressController(nullptr);
+      data->SetProgress(nullptr);
     } else {
       reason = "its contents are missing";
     }
@@ -375,13 +369,13 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
       data->SetAutoDataChange(true);
       AddDataSortedToList(std::move(data), list);
     } else {
-      if (mcc && mcc->GetCancel()) break; // cancelled half way: not damage
+      if (IsCancelled(progress)) break; // cancelled half way: not damage
       if (reason.empty()) reason = GetTagErrorName(result);
       FFailedObjects.push_back({i, className, reason});
     }
   }
   // What could not be restored is in FailedObjects; the load itself went through the whole list.
-  FLoadCancelled = mcc && mcc->GetCancel();
+  FLoadCancelled = IsCancelled(progress);
   return FLoadCancelled ? teUnspecificError : teNoError;
 }
 
@@ -838,7 +832,7 @@ TIntList TProject::GetIDListByClassNameAndUsedID(const std::string& className, i
   return ids;
 }
 
-int32_t TProject::ToggleToNextDataID(int32_t id) const {
+int32_t TProject::ToggleDataID(int32_t id, int direction) const {
   const auto n = static_cast<int64_t>(FDataList.size());
   int64_t index = -1;
   for (int64_t i = 0; i < n; ++i)
@@ -846,26 +840,19 @@ int32_t TProject::ToggleToNextDataID(int32_t id) const {
   if (index < 0) return 0;
   const std::string className = FDataList[index]->GetClassNameA();
   for (int64_t step = 1; step <= n; ++step) {
-    const TData& candidate = *FDataList[(index + step) % n];
+    const TData& candidate = *FDataList[((index + direction * step) % n + n) % n];
     if (candidate.GetClassNameA() == className && candidate.GetSaveMode() != TDataSaveMode::HardwareOwned)
       return candidate.GetID();
   }
   return id;
 }
 
+int32_t TProject::ToggleToNextDataID(int32_t id) const {
+  return ToggleDataID(id, 1);
+}
+
 int32_t TProject::ToggleToPriorDataID(int32_t id) const {
-  const auto n = static_cast<int64_t>(FDataList.size());
-  int64_t index = -1;
-  for (int64_t i = 0; i < n; ++i)
-    if (FDataList[i]->GetID() == id) index = i;
-  if (index < 0) return 0;
-  const std::string className = FDataList[index]->GetClassNameA();
-  for (int64_t step = 1; step <= n; ++step) {
-    const TData& candidate = *FDataList[((index - step) % n + n) % n];
-    if (candidate.GetClassNameA() == className && candidate.GetSaveMode() != TDataSaveMode::HardwareOwned)
-      return candidate.GetID();
-  }
-  return id;
+  return ToggleDataID(id, -1);
 }
 
 bool TProject::IsDataUsed(int32_t id) const {

@@ -24,7 +24,7 @@ public:
   virtual TTagError LoadConfigurationFromTagFile(TFileHandle file, const TTagControl& parent) = 0;
 };
 
-class TMCC;
+class IProgressAndCancel;
 
 /// How a project or data file is written.
 struct TProjectSaveOptions {
@@ -282,9 +282,11 @@ public:
   std::function<bool(TThumbnail&)> OnDrawThumbnail;
 
 private:
-  TTagError SaveDataObjects(TFileHandle file, const TDataList& list, TMCC* mcc);
+  /// The next (direction 1) or prior (-1) object of the same class in list order, wrapping around.
+  int32_t ToggleDataID(int32_t id, int direction) const;
+  TTagError SaveDataObjects(TFileHandle file, const TDataList& list, IProgressAndCancel* progress);
   TTagError LoadDataObjects(TFileHandle file, const TTagControl& dataTag,
-                            std::vector<std::unique_ptr<TData>>& list, TMCC* mcc);
+                            std::vector<std::unique_ptr<TData>>& list, IProgressAndCancel* progress);
   bool ShouldSave(const TData& data) const;
   TDataList SaveableObjects(const TDataList& list) const;
   TTagError SaveToFileSafely(const std::string& fileName, const TProjectSaveOptions& options,

@@ -3,6 +3,7 @@
 
 #include "common/OrvexException.h"
 #include "support/TestDataObjects.h"
+#include "support/TestProgress.h"
 #include "support/TestSupport.h"
 
 #include <cmath>
@@ -87,10 +88,11 @@ TEST_F(DatafieldTest, FileRoundTripAndOldForm) {
   TFileHandle f = CreateTagFile(name, "ORX_TEST");
   TTagControl root;
   root.WriteTag(f, "Root", TTagKind::TagList);
-  TProgressCounter position{0}, total{0};
-  ASSERT_EQ(SaveDataFieldToTagFile(f, "Field", field, &position, &total), 1);
-  EXPECT_EQ(total.load(), 120);
-  EXPECT_EQ(position.load(), 120);
+  oxtest::TRecordingProgress progress;
+  ASSERT_EQ(SaveDataFieldToTagFile(f, "Field", field, &progress), 1);
+  EXPECT_EQ(progress.Total.load(), 120);
+  EXPECT_EQ(progress.Done.load(), 120);
+  EXPECT_GE(progress.Questions(), 1); // asked for cancel before the step
   ASSERT_EQ(SaveDataFieldToTagFile(f, "Empty", empty), 1);
   root.CloseWriteTag(f);
   CloseFile(f);

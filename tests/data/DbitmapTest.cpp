@@ -6,6 +6,7 @@
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
 #include "project/Project.h"
+#include "support/DataRoundTrip.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 
@@ -31,19 +32,7 @@ void Paint(TDBitmap& bitmap) {
 }
 
 TTagError SaveAndLoad(TDBitmap& bitmap, TDBitmap& back, const oxtest::TempDir& dir) {
-  const auto name = dir.File("bitmap.oxt");
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  EXPECT_EQ(bitmap.SaveDataToTagFile(f), 1);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  EXPECT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
-  const TTagError result = back.LoadDataFromTagFile(in, readRoot);
-  CloseFile(in);
-  return result;
+  return oxtest::SaveAndLoad(bitmap, back, dir.File("bitmap.oxt"));
 }
 
 void ExpectSamePixels(const TDBitmap& a, const TDBitmap& b) {

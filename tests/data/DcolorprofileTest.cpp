@@ -2,6 +2,7 @@
 // standard tables through their fixed entries, and the file form that keeps stored colours.
 #include "data/Dcolorprofile.h"
 
+#include "support/DataRoundTrip.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -129,18 +130,8 @@ TEST(DcolorprofileTest, LoadedProfileKeepsItsStoredColours) {
   profile.SetTopColor(0xFEDCBA);
   profile.SetWithExtraBottomColor(true);
   profile.SetCaption("Mine");
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  ASSERT_EQ(profile.SaveDataToTagFile(f), 1);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
   TDColorProfile back;
-  ASSERT_EQ(back.LoadDataFromTagFile(in, readRoot), 1);
-  CloseFile(in);
+  ASSERT_EQ(oxtest::SaveAndLoad(profile, back, name), 1);
   EXPECT_EQ(back.GetStandardColorTable(), TStandardColorProfileTable::Sun);
   ASSERT_EQ(back.GetColorCount(), 5);
   for (int32_t i = 0; i < 5; ++i) EXPECT_EQ(back.GetColors(i), profile.GetColors(i));

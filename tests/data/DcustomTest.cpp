@@ -1,6 +1,7 @@
 // Data object base: change rule, history, IDs, registry, and the base's file form.
 #include "data/Dcustom.h"
 
+#include "support/DataRoundTrip.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 
@@ -101,19 +102,8 @@ TEST(DcustomTest, BaseFileFormRoundTrip) {
   object.RefID = 5;
   object.Values = {1.5f, -2.0f};
 
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  ASSERT_EQ(object.SaveDataToTagFile(f), 1);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
   TDTestObject back;
-  ASSERT_EQ(back.LoadDataFromTagFile(in, readRoot), 1);
-  CloseFile(in);
+  ASSERT_EQ(oxtest::SaveAndLoad(object, back, name), 1);
   EXPECT_EQ(back.GetID(), 17);
   EXPECT_EQ(back.GetCaption(), "Spectrum \xC2\xB5");
   EXPECT_EQ(back.GetImageIndex(), 4);

@@ -5,6 +5,7 @@
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "support/TestProgress.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -99,6 +100,19 @@ TEST_F(ImageGraphTest, ImageInterpolation) {
   EXPECT_FLOAT_EQ(image.GetInterpolatedField(-5, -5), 0.0f); // clamped to (0, 0)
   const float plain[4] = {0, 1, 2, 3};
   EXPECT_FLOAT_EQ(TDImage::GetInterpolatedValueFromImageArray(0.5, 0.5, 2, 2, plain), 1.5f);
+  // With every line valid the image and a plain array of its values interpolate alike, edges included.
+  const float values[9] = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+  for (double y : {-1.0, 0.0, 0.25, 1.5, 2.0, 7.0})
+    for (double x : {-2.0, 0.0, 0.75, 1.0, 1.9, 2.0, 3.5})
+      EXPECT_EQ(TDImage::GetInterpolatedValueFromImageArray(x, y, 3, 3, values),
+                image.GetInterpolatedField(x, y))
+          << x << ", " << y;
+  // A missing line keeps the image from using it: the corner pixel's value, 0 on an invalid line.
+  image.SetLineValid(1, false);
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 0.5), 0.0f);
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 1.5), 0.0f);
+  EXPECT_FLOAT_EQ(image.GetInterpolatedField(0.5, 2), 6.5f);
+  EXPECT_FLOAT_EQ(TDImage::GetInterpolatedValueFromImageArray(1, 2, 0, 3, values), 0.0f); // an empty grid
 }
 
 TEST_F(ImageGraphTest, GraphSpectraAndErrors) {
@@ -177,6 +191,94 @@ TEST_F(ImageGraphTest, CreateNewFromTemplate) {
   EXPECT_TRUE(
       TDGraph::IsGraphIDListOkay(&project, {graph->GetID()}, 1, 1, true, true, true, true, true, true));
   EXPECT_FALSE(TDGraph::IsGraphIDListOkay(&project, {}, 0, 0, false, false, false, false, false, false));
+}
+
+TEST_F(ImageGraphTest, ResultObjectsFromTemplateGetCaptionHistorySaveModeAndAreAnnounced) {
+  TProject project;
+  TDGraph* graph = AddGraph(project, 4, 3, 8);
+  graph->SetCaption("Scan 7");
+  graph->SetSpaceTransformationID(7);
+  std::vector<std::pair<int32_t, TDataChangeInfo>> notices;
+  project.OnDataChange = [&](TData* d, TDataChangeInfo info) { notices.emplace_back(d->GetID(), info); };
+
+  TResultInfo info;
+  info.CaptionSuffix = " (Smoothed)";
+  info.HistoryText = "Smoothed with 5 points";
+  info.HistoryType = 7;
+  info.SaveMode = TDataSaveMode::WhileUsed;
+  auto result = TDGraph::CreateResultGraph(project, graph->GetID(), false, TDataFieldKind::Float, info);
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(result->GetCaption(), "Scan 7 (Smoothed)");
+  EXPECT_EQ(result->GetSaveMode(), TDataSaveMode::WhileUsed);
+  ASSERT_EQ(result->GetHistoryList().size(), 1u);
+  EXPECT_EQ(result->GetHistoryList()[0].Text, "Smoothed with 5 points");
+  EXPECT_EQ(result->GetHistoryList()[0].Type, 7);
+  EXPECT_EQ(result->GetSizeX(), 4);
+  EXPECT_EQ(result->GetSpaceTransformationID(), 7);
+  EXPECT_EQ(project.FindData(result->GetID()), nullptr); // not in the project before it is filled
+  EXPECT_TRUE(notices.empty());
+
+  const int32_t id = result->GetID();
+  TDGraph* added = AddResultToProject(project, std::move(result));
+  EXPECT_EQ(project.FindData(id), added);
+  EXPECT_EQ(added->GetProject(), &project);
+  ASSERT_FALSE(notices.empty());
+  EXPECT_EQ(notices.front(), std::make_pair(id, TDataChangeInfo::Added));
+
+  // A caption of its own replaces the template's; an empty history text makes no entry.
+  info.Caption = "Mask";
+  info.HistoryText.clear();
+  auto image = TDImage::CreateResultImage(project, graph->GetID(), TDataFieldKind::Int8, info);
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(image->GetCaption(), "Mask (Smoothed)");
+  EXPECT_TRUE(image->GetHistoryList().empty());
+  EXPECT_EQ(image->GetSizeY(), 3);
+  EXPECT_EQ(graph->GetLockNumber(), 0);
+
+  EXPECT_EQ(TDGraph::CreateResultGraph(project, 999, true, TDataFieldKind::Float, info), nullptr);
+  EXPECT_EQ(TDImage::CreateResultImage(project, 999, TDataFieldKind::Float, info), nullptr);
+}
+
+TEST_F(ImageGraphTest, SaveAndLoadReportOnTheProgressChannelAndStopWhenCancelled) {
+  TProject project;
+  TDGraph* graph = AddGraph(project, 6, 5, 32);
+  graph->SetCaption("Stack");
+  const std::string name = FDir.File("progress.oxd");
+  {
+    oxtest::TRecordingProgress progress;
+    TFileHandle f = CreateTagFile(name, "ORX_TEST");
+    TTagControl root;
+    root.WriteTag(f, "Root", TTagKind::TagList);
+    graph->SetProgress(&progress);
+    EXPECT_EQ(graph->SaveDataToTagFile(f), 1);
+    graph->SetProgress(nullptr);
+    root.CloseWriteTag(f);
+    CloseFile(f);
+    EXPECT_EQ(progress.CaptionsSeen(), std::vector<std::string>{"Stack"}); // the caption on the main level
+    EXPECT_EQ(progress.Sub.Total.load(), 6 * 5 * 32);                      // the field on the sub level
+    EXPECT_EQ(progress.Sub.Done.load(), 6 * 5 * 32);
+  }
+  {
+    oxtest::TRecordingProgress progress;
+    TFileHandle in = kInvalidFileHandle;
+    TTagControl root;
+    ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, root), 1);
+    TDGraph loaded;
+    loaded.SetProgress(&progress);
+    EXPECT_EQ(loaded.LoadDataFromTagFile(in, root), 1);
+    CloseFile(in);
+    EXPECT_EQ(loaded.GetSizeGraph(), 32);
+    EXPECT_EQ(progress.Sub.Done.load(), 6 * 5 * 32);
+    EXPECT_EQ(progress.CaptionsSeen(), std::vector<std::string>{"Stack"});
+  }
+  {
+    oxtest::TRecordingProgress cancelled(0); // every question answers "cancel"
+    TFileHandle f = CreateTagFile(FDir.File("cancelled.oxd"), "ORX_TEST");
+    graph->SetProgress(&cancelled);
+    EXPECT_EQ(graph->SaveDataToTagFile(f), teUnspecificError);
+    graph->SetProgress(nullptr);
+    CloseFile(f);
+  }
 }
 
 TEST_F(ImageGraphTest, ProjectRoundTripOfImagesAndGraphs) {

@@ -3,6 +3,7 @@
 #include "data/Dinterpretation.h"
 
 #include "project/Project.h"
+#include "support/DataRoundTrip.h"
 #include "support/TestSupport.h"
 
 #include <cmath>
@@ -12,23 +13,7 @@
 
 namespace {
 
-template <class T>
-std::unique_ptr<T> RoundTrip(TData& object, const oxtest::TempDir& dir) {
-  const auto name = dir.File("object.oxt");
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  EXPECT_EQ(object.SaveDataToTagFile(f), 1);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  EXPECT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
-  auto back = std::make_unique<T>();
-  EXPECT_EQ(back->LoadDataFromTagFile(in, readRoot), 1);
-  CloseFile(in);
-  return back;
-}
+using oxtest::RoundTrip;
 
 void ExpectRelative(double actual, double expected, double tolerance = 1e-9) {
   EXPECT_LE(std::fabs(actual - expected), tolerance * std::fabs(expected)) << actual << " vs " << expected;

@@ -2,27 +2,15 @@
 // refused.
 #include "data/Dtext.h"
 
+#include "support/DataRoundTrip.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-// Saves object into a file under a root tag and loads it into back; returns the load's result.
 TTagError SaveAndLoad(TData& object, TData& back, const oxtest::TempDir& dir) {
-  const auto name = dir.File("text.oxt");
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  EXPECT_EQ(object.SaveDataToTagFile(f), 1);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  EXPECT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
-  const TTagError result = back.LoadDataFromTagFile(in, readRoot);
-  CloseFile(in);
-  return result;
+  return oxtest::SaveAndLoad(object, back, dir.File("text.oxt"));
 }
 
 TEST(DtextTest, TextBytesRoundTripUnchanged) {

@@ -6,6 +6,7 @@
 #include "common/Standardmessage.h"
 #include "data/Dcursor.h"
 #include "project/Project.h"
+#include "support/DataRoundTrip.h"
 #include "support/TestSupport.h"
 
 #include <cmath>
@@ -15,28 +16,7 @@
 
 namespace {
 
-// Writes object under a root tag into a file and reads it back into a fresh T.
-template <class T>
-std::unique_ptr<T> RoundTrip(TData& object, const oxtest::TempDir& dir, TTagError* loadResult = nullptr) {
-  const auto name = dir.File("object.oxt");
-  TFileHandle f = CreateTagFile(name, "ORX_TEST");
-  TTagControl root;
-  root.WriteTag(f, "Root", TTagKind::TagList);
-  EXPECT_EQ(object.SaveDataToTagFile(f), 1);
-  root.CloseWriteTag(f);
-  CloseFile(f);
-  TFileHandle in = kInvalidFileHandle;
-  TTagControl readRoot;
-  EXPECT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
-  auto back = std::make_unique<T>();
-  const TTagError result = back->LoadDataFromTagFile(in, readRoot);
-  CloseFile(in);
-  if (loadResult)
-    *loadResult = result;
-  else
-    EXPECT_EQ(result, 1);
-  return back;
-}
+using oxtest::RoundTrip;
 
 double Determinant(const TMatrix3& m) {
   return m[0] * (m[4] * m[8] - m[5] * m[7]) - m[1] * (m[3] * m[8] - m[5] * m[6]) +

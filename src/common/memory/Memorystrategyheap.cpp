@@ -75,15 +75,16 @@ void TPartialMemoryFromHeapArray::SetDataAtAddressEx(uint64_t address, const voi
   }
 }
 
-bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+bool TPartialMemoryFromHeapArray::TransferContents(int fileDescriptor, uint64_t address, uint64_t size,
+                                                   bool read) {
   if (FContiguousBlock)
-    return TransferFile(fileDescriptor, FContiguousBlock + address, size, true) > 0 || size == 0;
+    return TransferFile(fileDescriptor, FContiguousBlock + address, size, read) > 0 || size == 0;
   uint64_t movedTotal = 0;
   while (size > 0) {
     const THeapFragment& fragment = FFragments[address / FPageSize];
     const uint64_t offset = address - fragment.StartAddress;
     const uint64_t chunk = std::min<uint64_t>(size, fragment.Size - offset);
-    const uint64_t moved = TransferFile(fileDescriptor, fragment.Block + offset, chunk, true);
+    const uint64_t moved = TransferFile(fileDescriptor, fragment.Block + offset, chunk, read);
     movedTotal += moved;
     if (moved != chunk) break;
     address += chunk;
@@ -92,21 +93,12 @@ bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint6
   return movedTotal > 0;
 }
 
+bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  return TransferContents(fileDescriptor, address, size, true);
+}
+
 bool TPartialMemoryFromHeapArray::SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) {
-  if (FContiguousBlock)
-    return TransferFile(fileDescriptor, FContiguousBlock + address, size, false) > 0 || size == 0;
-  uint64_t movedTotal = 0;
-  while (size > 0) {
-    const THeapFragment& fragment = FFragments[address / FPageSize];
-    const uint64_t offset = address - fragment.StartAddress;
-    const uint64_t chunk = std::min<uint64_t>(size, fragment.Size - offset);
-    const uint64_t moved = TransferFile(fileDescriptor, fragment.Block + offset, chunk, false);
-    movedTotal += moved;
-    if (moved != chunk) break;
-    address += chunk;
-    size -= chunk;
-  }
-  return movedTotal > 0;
+  return TransferContents(fileDescriptor, address, size, false);
 }
 
 void TPartialMemoryFromHeapArray::ClearData() {

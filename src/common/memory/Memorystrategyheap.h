@@ -35,6 +35,8 @@ public:
   const THeapFragment& Fragment(uint32_t index) const { return FFragments[index]; }
 
 private:
+  /// Moves size bytes at address between the file and the fragments; read: from the file into memory.
+  bool TransferContents(int fileDescriptor, uint64_t address, uint64_t size, bool read);
   friend class TPartialMemoryFromHeapAllocator;
   explicit TPartialMemoryFromHeapArray(TPartialMemoryFromHeapAllocator* allocator) : FAllocator(allocator) {}
 

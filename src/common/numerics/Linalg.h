@@ -2,6 +2,9 @@
 // decomposition, least squares over basis vectors and the line and polynomial regressions.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
+
 // Matrices of ludcmp, lubksb and gaussj are flat row-major arrays of n x n elements.
 
 /// LU decomposition with implicit partial pivoting (Crout). The permutation goes to index, d is +1 or -1
@@ -79,3 +82,175 @@ public:
 private:
   void FreeArrays();
 };
+
+// ---------------------------------------------------------------------------------------------
+// Vectors of three and 3x3 matrices, one template for double and float elements. Lengths, determinants
+// and inverses are worked out in double precision whatever the element type.
+
+/// A vector of three elements.
+template <typename T>
+class TVector3D {
+public:
+  TVector3D() = default;
+  TVector3D(T x, T y, T z) : FX(x), FY(y), FZ(z) {}
+  TVector3D(const TVector3D&) = default;
+  TVector3D& operator=(const TVector3D&) = default;
+  virtual ~TVector3D() = default;
+
+  TVector3D& operator+=(const TVector3D& v) {
+    FX += v.FX, FY += v.FY, FZ += v.FZ;
+    return *this;
+  }
+  TVector3D& operator-=(const TVector3D& v) {
+    FX -= v.FX, FY -= v.FY, FZ -= v.FZ;
+    return *this;
+  }
+  TVector3D operator+(const TVector3D& v) const { return TVector3D(FX + v.FX, FY + v.FY, FZ + v.FZ); }
+  TVector3D operator-(const TVector3D& v) const { return TVector3D(FX - v.FX, FY - v.FY, FZ - v.FZ); }
+  TVector3D operator*(T s) const { return TVector3D(FX * s, FY * s, FZ * s); }
+  TVector3D operator/(T s) const { return TVector3D(FX / s, FY / s, FZ / s); }
+
+  T Length() const { return static_cast<T>(std::sqrt(double(FX) * FX + double(FY) * FY + double(FZ) * FZ)); }
+  /// The vector divided by its length; a length below 1e-30 divides by 1, so a null vector stays null.
+  TVector3D UnitVector() const {
+    T l = Length();
+    if (l < T(1e-30)) l = T(1);
+    return *this / l;
+  }
+  TVector3D VectorProduct(const TVector3D& v) const {
+    return TVector3D(FY * v.FZ - FZ * v.FY, FZ * v.FX - FX * v.FZ, FX * v.FY - FY * v.FX);
+  }
+  T ScalarProduct(const TVector3D& v) const { return FX * v.FX + FY * v.FY + FZ * v.FZ; }
+  T X() const { return FX; }
+  T Y() const { return FY; }
+  T Z() const { return FZ; }
+  void SetVector(const T* v) { FX = v[0], FY = v[1], FZ = v[2]; }
+  void GetVector(T* v) const { v[0] = FX, v[1] = FY, v[2] = FZ; }
+  /// True when every component differs by at most tolerance.
+  bool IsEqual(const TVector3D& v, T tolerance) const {
+    return std::fabs(FX - v.FX) <= tolerance && std::fabs(FY - v.FY) <= tolerance &&
+           std::fabs(FZ - v.FZ) <= tolerance;
+  }
+  /// Point on the line p0 + t d nearest to the line p1 + s e (closest approach of two lines). Returns false
+  /// for parallel lines, leaving result at p0.
+  static bool LineIntersection(const TVector3D& p0, const TVector3D& d, const TVector3D& p1,
+                               const TVector3D& e, TVector3D& result) {
+    // Closest approach: minimise |p0 + t d - p1 - s e|^2 over t and s.
+    result = p0;
+    const TVector3D w = p0 - p1;
+    const T a = d.ScalarProduct(d), b = d.ScalarProduct(e), c = e.ScalarProduct(e);
+    const T dd = d.ScalarProduct(w), ee = e.ScalarProduct(w);
+    const T denom = a * c - b * b;
+    if (std::fabs(denom) <= T(1e-30) * std::max(T(1), a * c)) return false;
+    const T t = (b * ee - c * dd) / denom;
+    result = p0 + d * t;
+    return true;
+  }
+
+private:
+  T FX = 0, FY = 0, FZ = 0;
+};
+
+/// A 3x3 matrix, row-major.
+template <typename T>
+class TMatrix3x3 {
+public:
+  TMatrix3x3() = default;
+  TMatrix3x3(T a00, T a01, T a02, T a10, T a11, T a12, T a20, T a21, T a22)
+      : FA{a00, a01, a02, a10, a11, a12, a20, a21, a22} {}
+  TMatrix3x3(const TMatrix3x3&) = default;
+  TMatrix3x3& operator=(const TMatrix3x3&) = default;
+  virtual ~TMatrix3x3() = default;
+
+  TMatrix3x3& operator+=(const TMatrix3x3& m) {
+    for (int i = 0; i < 9; ++i) FA[i] += m.FA[i];
+    return *this;
+  }
+  TMatrix3x3& operator-=(const TMatrix3x3& m) {
+    for (int i = 0; i < 9; ++i) FA[i] -= m.FA[i];
+    return *this;
+  }
+  TMatrix3x3 operator+(const TMatrix3x3& m) const { return TMatrix3x3(*this) += m; }
+  TMatrix3x3 operator-(const TMatrix3x3& m) const { return TMatrix3x3(*this) -= m; }
+
+  void Unit() {
+    for (int i = 0; i < 9; ++i) FA[i] = (i % 4 == 0) ? T(1) : T(0);
+  }
+  void Clear() { std::fill(FA, FA + 9, T(0)); }
+  void MakeScaleMatrix(T x, T y, T z) {
+    Clear();
+    FA[0] = x, FA[4] = y, FA[8] = z;
+  }
+  /// Rotation by the angles x, y, z (radians) about the axes, applied in the order x, then y, then z.
+  void MakeRotationMatrix(T x, T y, T z) {
+    const double cx = std::cos(double(x)), sx = std::sin(double(x)), cy = std::cos(double(y)),
+                 sy = std::sin(double(y)), cz = std::cos(double(z)), sz = std::sin(double(z));
+    // Rz * Ry * Rx
+    const double m[9] = {cz * cy,
+                         cz * sy * sx - sz * cx,
+                         cz * sy * cx + sz * sx,
+                         sz * cy,
+                         sz * sy * sx + cz * cx,
+                         sz * sy * cx - cz * sx,
+                         -sy,
+                         cy * sx,
+                         cy * cx};
+    for (int i = 0; i < 9; ++i) FA[i] = static_cast<T>(m[i]);
+  }
+  TMatrix3x3 Transpose() const {
+    TMatrix3x3 r;
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) r.FA[j * 3 + i] = FA[i * 3 + j];
+    return r;
+  }
+  /// Inverse by cofactors; a singular matrix (determinant 0) gives the zero matrix.
+  TMatrix3x3 Inverse() const {
+    TMatrix3x3 r;
+    const double det = Determinant();
+    if (det == 0) return r;
+    auto c = [&](int i, int j) { return double(FA[i * 3 + j]); };
+    const double inv[9] = {c(1, 1) * c(2, 2) - c(1, 2) * c(2, 1), c(0, 2) * c(2, 1) - c(0, 1) * c(2, 2),
+                           c(0, 1) * c(1, 2) - c(0, 2) * c(1, 1), c(1, 2) * c(2, 0) - c(1, 0) * c(2, 2),
+                           c(0, 0) * c(2, 2) - c(0, 2) * c(2, 0), c(0, 2) * c(1, 0) - c(0, 0) * c(1, 2),
+                           c(1, 0) * c(2, 1) - c(1, 1) * c(2, 0), c(0, 1) * c(2, 0) - c(0, 0) * c(2, 1),
+                           c(0, 0) * c(1, 1) - c(0, 1) * c(1, 0)};
+    for (int i = 0; i < 9; ++i) r.FA[i] = static_cast<T>(inv[i] / det);
+    return r;
+  }
+  double Determinant() const {
+    const T* a = FA;
+    return double(a[0]) * (double(a[4]) * a[8] - double(a[5]) * a[7]) -
+           double(a[1]) * (double(a[3]) * a[8] - double(a[5]) * a[6]) +
+           double(a[2]) * (double(a[3]) * a[7] - double(a[4]) * a[6]);
+  }
+  bool IsEqual(const TMatrix3x3& m, T tolerance) const {
+    for (int i = 0; i < 9; ++i)
+      if (std::fabs(FA[i] - m.FA[i]) > tolerance) return false;
+    return true;
+  }
+  T& At(int row, int col) { return FA[row * 3 + col]; }
+  T At(int row, int col) const { return FA[row * 3 + col]; }
+
+private:
+  T FA[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
+};
+
+template <typename T>
+TVector3D<T> operator*(const TMatrix3x3<T>& m, const TVector3D<T>& v) {
+  return TVector3D<T>(m.At(0, 0) * v.X() + m.At(0, 1) * v.Y() + m.At(0, 2) * v.Z(),
+                      m.At(1, 0) * v.X() + m.At(1, 1) * v.Y() + m.At(1, 2) * v.Z(),
+                      m.At(2, 0) * v.X() + m.At(2, 1) * v.Y() + m.At(2, 2) * v.Z());
+}
+template <typename T>
+TMatrix3x3<T> operator*(const TMatrix3x3<T>& a, const TMatrix3x3<T>& b) {
+  TMatrix3x3<T> r;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j)
+      r.At(i, j) = a.At(i, 0) * b.At(0, j) + a.At(i, 1) * b.At(1, j) + a.At(i, 2) * b.At(2, j);
+  return r;
+}
+
+using TDVector = TVector3D<double>;
+using TFVector = TVector3D<float>;
+using TDMatrix = TMatrix3x3<double>;
+using TFMatrix = TMatrix3x3<float>;

@@ -2,139 +2,15 @@
 // conversions, line and Gaussian helpers and dithered integer subtraction, all on caller-owned arrays.
 #pragma once
 
+#include "common/numerics/Linalg.h"
+#include "common/numerics/Randomnumbers.h"
+
 #include <string>
 
 // ---------------------------------------------------------------------------------------------
 // Vectors and matrices
 
-/// A vector of three doubles.
-class TDVector {
-public:
-  TDVector() = default;
-  TDVector(double x, double y, double z) : FX(x), FY(y), FZ(z) {}
-  TDVector(const TDVector&) = default;
-  TDVector& operator=(const TDVector&) = default;
-  virtual ~TDVector() = default;
-
-  TDVector& operator+=(const TDVector& v);
-  TDVector& operator-=(const TDVector& v);
-  TDVector operator+(const TDVector& v) const;
-  TDVector operator-(const TDVector& v) const;
-  TDVector operator*(double s) const;
-  TDVector operator/(double s) const;
-
-  double Length() const;
-  /// The vector divided by its length; a length below 1e-30 divides by 1, so a null vector stays null.
-  TDVector UnitVector() const;
-  TDVector VectorProduct(const TDVector& v) const;
-  double ScalarProduct(const TDVector& v) const;
-  double X() const { return FX; }
-  double Y() const { return FY; }
-  double Z() const { return FZ; }
-  void SetVector(const double* v);
-  void GetVector(double* v) const;
-  /// True when every component differs by at most tolerance.
-  bool IsEqual(const TDVector& v, double tolerance) const;
-  /// Point on the line p0 + t d nearest to the line p1 + s e (closest approach of two lines). Returns false
-  /// for parallel lines, leaving result at p0.
-  static bool LineIntersection(const TDVector& p0, const TDVector& d, const TDVector& p1, const TDVector& e,
-                               TDVector& result);
-
-private:
-  double FX = 0, FY = 0, FZ = 0;
-};
-
-/// A vector of three floats.
-class TFVector {
-public:
-  TFVector() = default;
-  TFVector(float x, float y, float z) : FX(x), FY(y), FZ(z) {}
-  TFVector(const TFVector&) = default;
-  TFVector& operator=(const TFVector&) = default;
-  virtual ~TFVector() = default;
-
-  TFVector& operator+=(const TFVector& v);
-  TFVector& operator-=(const TFVector& v);
-  TFVector operator+(const TFVector& v) const;
-  TFVector operator-(const TFVector& v) const;
-  TFVector operator*(float s) const;
-  TFVector operator/(float s) const;
-
-  float Length() const;
-  TFVector UnitVector() const;
-  TFVector VectorProduct(const TFVector& v) const;
-  float ScalarProduct(const TFVector& v) const;
-  float X() const { return FX; }
-  float Y() const { return FY; }
-  float Z() const { return FZ; }
-
-private:
-  float FX = 0, FY = 0, FZ = 0;
-};
-
-/// A 3x3 matrix of doubles, row-major.
-class TDMatrix {
-public:
-  TDMatrix() = default;
-  TDMatrix(double a00, double a01, double a02, double a10, double a11, double a12, double a20, double a21,
-           double a22);
-  TDMatrix(const TDMatrix&) = default;
-  TDMatrix& operator=(const TDMatrix&) = default;
-  virtual ~TDMatrix() = default;
-
-  TDMatrix& operator+=(const TDMatrix& m);
-  TDMatrix& operator-=(const TDMatrix& m);
-  TDMatrix operator+(const TDMatrix& m) const;
-  TDMatrix operator-(const TDMatrix& m) const;
-
-  void Unit();
-  void Clear();
-  void MakeScaleMatrix(double x, double y, double z);
-  /// Rotation by the angles x, y, z (radians) about the axes, applied in the order x, then y, then z.
-  void MakeRotationMatrix(double x, double y, double z);
-  TDMatrix Transpose() const;
-  /// Inverse by cofactors; a singular matrix (determinant 0) gives the zero matrix.
-  TDMatrix Inverse() const;
-  double Determinant() const;
-  bool IsEqual(const TDMatrix& m, double tolerance) const;
-  double& At(int row, int col) { return FA[row * 3 + col]; }
-  double At(int row, int col) const { return FA[row * 3 + col]; }
-
-private:
-  double FA[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
-};
-
-/// A 3x3 matrix of floats, row-major.
-class TFMatrix {
-public:
-  TFMatrix() = default;
-  TFMatrix(float a00, float a01, float a02, float a10, float a11, float a12, float a20, float a21, float a22);
-  TFMatrix(const TFMatrix&) = default;
-  TFMatrix& operator=(const TFMatrix&) = default;
-  virtual ~TFMatrix() = default;
-
-  TFMatrix& operator+=(const TFMatrix& m);
-  TFMatrix& operator-=(const TFMatrix& m);
-  TFMatrix operator+(const TFMatrix& m) const;
-  TFMatrix operator-(const TFMatrix& m) const;
-
-  void Unit();
-  void Clear();
-  void MakeScaleMatrix(float x, float y, float z);
-  void MakeRotationMatrix(float x, float y, float z);
-  TFMatrix Transpose() const;
-  TFMatrix Inverse() const;
-  float& At(int row, int col) { return FA[row * 3 + col]; }
-  float At(int row, int col) const { return FA[row * 3 + col]; }
-
-private:
-  float FA[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
-};
-
-TDVector operator*(const TDMatrix& m, const TDVector& v);
-TDMatrix operator*(const TDMatrix& a, const TDMatrix& b);
-TFVector operator*(const TFMatrix& m, const TFVector& v);
-TFMatrix operator*(const TFMatrix& a, const TFMatrix& b);
+// TDVector, TFVector, TDMatrix and TFMatrix: one template each for both element types, in Linalg.h.
 
 // ---------------------------------------------------------------------------------------------
 // Statistics and sampling
@@ -204,14 +80,6 @@ double GetDeltaTick(double value);
 long double GetDeltaTick(long double value);
 double NextPowerOfTwo(double value, bool downward);
 float Sign(float value);
-/// A pseudo-random value in 0..1 from the process's one generator (thread-safe in memory).
-double Rnd();
-/// A pseudo-random integer in 0..range-1 from the same generator.
-int RandomRange(int range);
-/// A normally distributed value (mean 0, deviation 1) from the same generator.
-double RndGauss();
-/// Restarts the process's generator (tests use it for reproducible noise).
-void RandomSeed(unsigned seed);
 
 // ---------------------------------------------------------------------------------------------
 // Functions of a line or a Gaussian

@@ -1,7 +1,7 @@
 // Sorting and selection on plain arrays.
 #include "common/numerics/Sorttools.h"
 
-#include "common/numerics/Numerics.h"
+#include "common/numerics/Randomnumbers.h"
 
 #include <algorithm>
 #include <utility>

@@ -2,22 +2,21 @@
 #include "common/threads/Mccprogressform.h"
 
 #include "common/OrvexException.h"
-#include "common/threads/Multicorecalc.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
 
-TMCCProgressForm::TMCCProgressForm(TMCC* mcc, const std::string& caption, IProgressView* view)
+TMCCProgressForm::TMCCProgressForm(IMCCProgressSource* mcc, const std::string& caption, IProgressView* view)
     : FMCC(mcc), FView(view) {
   FSnapshot.Caption = caption.empty() ? mcc->GetName() : caption;
-  FSnapshot.Overall.Visible = mcc->ShowOverallProgress;
-  FSnapshot.Sub.Visible = mcc->ShowSubProgress;
-  FSnapshot.ShowTimes = mcc->ShowTimeRemaining;
-  FSnapshot.ShowCancelButton = mcc->ShowCancelButton;
-  if (mcc->ShowThreadProgress && mcc->GetNumberOfPossibleCPUs() > 1)
-    FSnapshot.Threads.resize(mcc->ThreadProgress.size());
+  const TProgressLayout layout = mcc->GetProgressLayout();
+  FSnapshot.Overall.Visible = layout.ShowOverall;
+  FSnapshot.Sub.Visible = layout.ShowSub;
+  FSnapshot.ShowTimes = layout.ShowTimes;
+  FSnapshot.ShowCancelButton = layout.ShowCancelButton;
+  FSnapshot.Threads.resize(static_cast<std::size_t>(std::max(0, layout.ThreadBars)));
   for (auto& bar : FSnapshot.Threads) bar.Visible = true;
 }
 
@@ -83,9 +82,10 @@ bool TMCCProgressForm::Tick(double elapsedSeconds, bool checkFinished) {
   const double sinceLastTick = std::max(0.0, elapsedSeconds - FLastTickSeconds);
   FLastTickSeconds = elapsedSeconds;
 
+  const TProgressLayout layout = FMCC->GetProgressLayout();
   const std::int64_t p = FMCC->GetOverallProgress();
   const std::int64_t m = FMCC->GetOverallProgressMax();
-  if (!FMCC->OverallProgressInSteps) {
+  if (!layout.OverallInSteps) {
     UpdateTimeEstimate(p, m, sinceLastTick);
     FillBar(FSnapshot.Overall, p, m, false);
   } else {
@@ -94,16 +94,16 @@ bool TMCCProgressForm::Tick(double elapsedSeconds, bool checkFinished) {
   }
   FSnapshot.Overall.Caption = FMCC->GetProgressMainCaption();
 
-  if (FMCC->ShowSubProgress) {
-    FillBar(FSnapshot.Sub, FMCC->GetSubProgress(), FMCC->GetSubProgressMax(), FMCC->SubProgressInSteps);
+  if (layout.ShowSub) {
+    FillBar(FSnapshot.Sub, FMCC->GetSubProgress(), FMCC->GetSubProgressMax(), layout.SubInSteps);
     FSnapshot.Sub.Caption = FMCC->GetProgressSubCaption();
   }
 
-  const std::size_t threads = std::min(FSnapshot.Threads.size(), FMCC->ThreadProgress.size());
-  for (std::size_t i = 0; i < threads; ++i) {
-    const std::int64_t max = std::max(1, FMCC->ThreadProgressMax[i].load(std::memory_order_relaxed));
-    const std::int64_t pos =
-        std::clamp<std::int64_t>(FMCC->ThreadProgress[i].load(std::memory_order_relaxed), 0, max);
+  for (std::size_t i = 0; i < FSnapshot.Threads.size(); ++i) {
+    std::int64_t pos = 0, max = 0;
+    FMCC->GetThreadProgress(static_cast<int>(i), pos, max);
+    max = std::max<std::int64_t>(1, max);
+    pos = std::clamp<std::int64_t>(pos, 0, max);
     auto& bar = FSnapshot.Threads[i];
     bar.Maximum = max;
     bar.Position = pos;

@@ -211,10 +211,16 @@ void TMCC::StartThreads(int maxThreads) {
   } else if (!(t == p && pool == p)) {
     SetNumThreads(p, p);
   }
+  StartRun();
+  FStartGuard = false;
+}
+
+void TMCC::StartRun() {
   for (int i = 0; i < FNumThreads; ++i) {
     ThreadProgress[i].store(0);
     ThreadProgressMax[i].store(0);
   }
+  // The overall figures are zeroed before the threads run, so that a thread may set them at once.
   OverallProgress.store(0);
   OverallProgressMax.store(0);
   {
@@ -223,7 +229,6 @@ void TMCC::StartThreads(int maxThreads) {
   }
   for (int i = 0; i < FNumPoolThreads; ++i) FThreadPool->StartThread(i);
   ApplyPoolThreadSettings();
-  FStartGuard = false;
 }
 
 void TMCC::StartThreadsWait(int maxThreads) {
@@ -240,19 +245,7 @@ void TMCC::StartThreadsWait(int maxThreads) {
   } else {
     SetNumThreads(1, 0);
   }
-  for (int i = 0; i < FNumThreads; ++i) {
-    ThreadProgress[i].store(0);
-    ThreadProgressMax[i].store(0);
-  }
-  // The overall figures are zeroed before the threads run, so that a thread may set them at once.
-  OverallProgress.store(0);
-  OverallProgressMax.store(0);
-  {
-    std::lock_guard lock(FBarrierLock);
-    FBarrierCount = 0;
-  }
-  for (int i = 0; i < FNumPoolThreads; ++i) FThreadPool->StartThread(i);
-  ApplyPoolThreadSettings();
+  StartRun();
 
   // The calling thread works as the last thread with the calculation's affinity and priority.
   oxthreads::TAffinityMask oldMask = 0;
@@ -466,4 +459,25 @@ std::int64_t TMCC::GetSubProgress() const {
 std::int64_t TMCC::GetSubProgressMax() const {
   if (ShowThreadProgress && ThreadProgressIsSubProgress) return Sum(ThreadProgressMax);
   return SubProgressMax.load(std::memory_order_relaxed);
+}
+
+void TMCC::GetThreadProgress(int threadIndex, std::int64_t& position, std::int64_t& maximum) const {
+  position = maximum = 0;
+  if (threadIndex < 0 || threadIndex >= static_cast<int>(ThreadProgress.size())) return;
+  position = ThreadProgress[threadIndex].load(std::memory_order_relaxed);
+  maximum = ThreadProgressMax[threadIndex].load(std::memory_order_relaxed);
+}
+
+TProgressLayout TMCC::GetProgressLayout() const {
+  TProgressLayout layout;
+  layout.ShowOverall = ShowOverallProgress;
+  layout.ShowSub = ShowSubProgress;
+  layout.ShowTimes = ShowTimeRemaining;
+  layout.ShowCancelButton = ShowCancelButton;
+  layout.OverallInSteps = OverallProgressInSteps;
+  layout.SubInSteps = SubProgressInSteps;
+  // The thread section appears only when more than one processor may work.
+  if (ShowThreadProgress && GetNumberOfPossibleCPUs() > 1)
+    layout.ThreadBars = static_cast<int>(ThreadProgress.size());
+  return layout;
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "common/OrvexException.h"
+#include "common/threads/Mccprogressform.h"
+#include "common/threads/Progressandcancel.h"
 #include "common/threads/Threadplatform.h"
 #include "common/threads/Threadpool.h"
 
@@ -28,7 +30,10 @@ using TMCCMemberThreadFunction = std::function<void(TMCC* mcc, int threadIndex)>
 /// index 0 … T-1, takes its elements from GetFirstElementIndex/GetLastElementIndex, meets the others
 /// at WaitForNextStep, polls GetCancel, and never lets an exception out: the first one is stored and
 /// rethrown to the waiting thread as OrvexExceptionMCC.
-class TMCC {
+///
+/// As IProgressAndCancel it is the overall level (main caption, OverallProgress, the cancel flag); its
+/// SubLevel is the sub caption and SubProgress. As IMCCProgressSource it feeds its progress form.
+class TMCC final : public IProgressAndCancel, public IMCCProgressSource {
 public:
   /// Priority of calculation threads unless set otherwise: below normal.
   static constexpr int DefaultMCCThreadPriority = -1;
@@ -40,7 +45,7 @@ public:
   /// numberOfThreads -1: one pool thread for each possible processor; otherwise max(1, value).
   explicit TMCC(std::string name, TMCCMemberThreadFunction memberFunction = nullptr,
                 int numberOfThreads = -1);
-  ~TMCC();
+  virtual ~TMCC();
   TMCC(const TMCC&) = delete;
   TMCC& operator=(const TMCC&) = delete;
 
@@ -71,15 +76,15 @@ public:
   /// The calling thread joins in as the last thread; returns when all are done (rethrows errors).
   void StartThreadsWait(int maxThreads);
   /// True when all threads have finished; then throws the stored error, if any.
-  bool WaitForThreads(unsigned long milliseconds);
+  bool WaitForThreads(unsigned long milliseconds) override;
   /// Waits, keeping the main thread's queue served; after `milliseconds` shows the progress view
   /// until the threads have finished. Errors come as from WaitForThreads within the delay, and wrapped
   /// in an OrvexException once the view is shown.
   bool WaitAndShowProgressOnDelay(int milliseconds);
   /// Waits up to milliseconds for the threads to finish without taking out a stored error; on the
   /// main thread the main-thread queue is served meanwhile, so workers may Send to it.
-  bool WaitForThreadsFinished(unsigned long milliseconds);
-  void CancelThreads() { FCancel.store(true, std::memory_order_relaxed); }
+  bool WaitForThreadsFinished(unsigned long milliseconds) override;
+  void CancelThreads() override { FCancel.store(true, std::memory_order_relaxed); }
   void StopCancel() { FCancel.store(false, std::memory_order_relaxed); }
   /// True after CancelThreads, and while a process-wide cancel request is pending.
   bool GetCancel() const { return FCancel.load(std::memory_order_relaxed) || ProcessCancelRequested(); }
@@ -104,21 +109,36 @@ public:
   void UnLockProgressMainCaption() { FMainCaptionLock.unlock(); }
   void LockProgressSubCaption() { FSubCaptionLock.lock(); }
   void UnLockProgressSubCaption() { FSubCaptionLock.unlock(); }
-  std::string GetProgressMainCaption();
-  std::string GetProgressSubCaption();
+  std::string GetProgressMainCaption() override;
+  std::string GetProgressSubCaption() override;
   ///@}
 
   ///@{ Progress figures as shown: the sums of the thread figures where the show flags say so.
-  std::int64_t GetOverallProgress() const;
-  std::int64_t GetOverallProgressMax() const;
-  std::int64_t GetSubProgress() const;
-  std::int64_t GetSubProgressMax() const;
+  std::int64_t GetOverallProgress() const override;
+  std::int64_t GetOverallProgressMax() const override;
+  std::int64_t GetSubProgress() const override;
+  std::int64_t GetSubProgressMax() const override;
+  void GetThreadProgress(int threadIndex, std::int64_t& position, std::int64_t& maximum) const override;
+  TProgressLayout GetProgressLayout() const override;
+  ///@}
+
+  ///@{ The overall level as the narrow progress channel that kernels and data objects take.
+  void SetProgressCaption(const std::string& caption) override { SetProgressMainCaption(caption); }
+  void SetProgress(std::int64_t done, std::int64_t total) override {
+    OverallProgressMax.store(total, std::memory_order_relaxed);
+    OverallProgress.store(done, std::memory_order_relaxed);
+  }
+  void AddProgress(std::int64_t delta) override {
+    OverallProgress.fetch_add(delta, std::memory_order_relaxed);
+  }
+  bool IsCancelled() const override { return GetCancel(); }
+  IProgressAndCancel& SubLevel() override { return FSubLevel; }
   ///@}
 
   bool ThreadThrowedException() const { return FExceptionOccured.load(); }
   void ResetExceptionOccured() { FExceptionOccured.store(false); }
 
-  const std::string& GetName() const { return FName; }
+  const std::string& GetName() const override { return FName; }
   void* GetUserData() const { return FUserData; }
   int GetNumberOfThreads() const { return FNumThreads; }
   int GetNumberOfPoolThreads() const { return FNumPoolThreads; }
@@ -173,6 +193,26 @@ public:
   std::vector<void*> ThreadMemory;
 
 private:
+  /// The sub caption and SubProgress figures as a progress channel of their own.
+  class TSubLevel final : public IProgressAndCancel {
+  public:
+    explicit TSubLevel(TMCC& owner) : FOwner(owner) {}
+    void SetProgressCaption(const std::string& caption) override { FOwner.SetProgressSubCaption(caption); }
+    void SetProgress(std::int64_t done, std::int64_t total) override {
+      FOwner.SubProgressMax.store(total, std::memory_order_relaxed);
+      FOwner.SubProgress.store(done, std::memory_order_relaxed);
+    }
+    void AddProgress(std::int64_t delta) override {
+      FOwner.SubProgress.fetch_add(delta, std::memory_order_relaxed);
+    }
+    bool IsCancelled() const override { return FOwner.GetCancel(); }
+
+  private:
+    TMCC& FOwner;
+  };
+
+  /// Zeroes the figures of a new run and its barrier, starts the pool threads and gives them their settings.
+  void StartRun();
   void GuardedThreadFunction(int threadIndex);
   void ResumeAllThreads(int exceptIndex);
   bool ChooseStart(int& maxThreads);
@@ -182,6 +222,7 @@ private:
 
   std::unique_ptr<TThreadPool> FThreadPool;
   TMCC* FSelf = this;
+  TSubLevel FSubLevel{*this};
   int FPerThreadBlockSize = 0;
   oxthreads::TAffinityMask FProcessAffinityMask = 1;
   oxthreads::TAffinityMask FThreadAffinityMask = 1;

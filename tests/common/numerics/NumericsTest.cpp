@@ -283,6 +283,34 @@ TEST(VectorsAndMatrices, Identities) {
   EXPECT_EQ(mm[3], 4.0f);
 }
 
+TEST(VectorsAndMatrices, FloatElementsFollowTheDoubleOnesWithinFloatPrecision) {
+  const TFVector a(1, 2, 3), b(-2, 0.5f, 4);
+  const TDVector ad(1, 2, 3), bd(-2, 0.5, 4);
+  const TFVector cross = a.VectorProduct(b);
+  const TDVector crossD = ad.VectorProduct(bd);
+  EXPECT_FLOAT_EQ(cross.X(), static_cast<float>(crossD.X()));
+  EXPECT_FLOAT_EQ(cross.Y(), static_cast<float>(crossD.Y()));
+  EXPECT_FLOAT_EQ(cross.Z(), static_cast<float>(crossD.Z()));
+  EXPECT_FLOAT_EQ(TFVector(3, 4, 12).Length(), 13.0f);
+  EXPECT_TRUE(TFVector(0, 0, 0).UnitVector().IsEqual(TFVector(0, 0, 0), 0.0f)); // a null vector stays null
+  TFMatrix r;
+  r.MakeRotationMatrix(0.3f, -0.7f, 1.1f);
+  TFMatrix unit;
+  unit.Unit();
+  EXPECT_TRUE((r * r.Transpose()).IsEqual(unit, 1e-6f));
+  const TFMatrix m(2, 1, 0, 1, 3, 1, 0, 1, 4);
+  EXPECT_DOUBLE_EQ(m.Determinant(), 18.0);
+  EXPECT_TRUE((m * m.Inverse()).IsEqual(unit, 1e-6f));
+  // A singular matrix has the zero matrix as its inverse.
+  const TFMatrix singular(1, 2, 3, 2, 4, 6, 0, 1, 1);
+  EXPECT_TRUE(singular.Inverse().IsEqual(TFMatrix(), 0.0f));
+  TFMatrix scale;
+  scale.MakeScaleMatrix(2, 3, 4);
+  const TFVector scaled = scale * TFVector(1, 1, 1);
+  EXPECT_TRUE(scaled.IsEqual(TFVector(2, 3, 4), 0.0f));
+  EXPECT_TRUE(((m + m) - m).IsEqual(m, 0.0f));
+}
+
 TEST(Splines, InterpolatesCubicsAndNaturalEnds) {
   // A natural spline through points of a straight line is that line; a clamped one reproduces a cubic's
   // values at the knots and stays close between them.

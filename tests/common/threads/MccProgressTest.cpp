@@ -255,3 +255,44 @@ TEST(ConsoleProgressView, LineAndSilenceWithoutTerminal) {
   const std::string line = drawing.FormatLine(s);
   EXPECT_EQ(written, "\r" + line + "\r" + std::string(line.size(), ' ') + "\r");
 }
+
+TEST(MccProgressChannel, OverallAndSubLevelsWriteTheirOwnFiguresAndCaptions) {
+  TMCC mcc("channel");
+  IProgressAndCancel& overall = mcc;
+  overall.SetProgressCaption("Loading Project Data");
+  overall.SetProgress(3, 10);
+  overall.AddProgress(2);
+  IProgressAndCancel& sub = overall.SubLevel();
+  ASSERT_NE(&sub, &overall);
+  sub.SetProgressCaption("Raman Map");
+  sub.SetProgress(40, 400);
+  sub.AddProgress(10);
+  EXPECT_EQ(mcc.GetOverallProgress(), 5);
+  EXPECT_EQ(mcc.GetOverallProgressMax(), 10);
+  EXPECT_EQ(mcc.GetSubProgress(), 50);
+  EXPECT_EQ(mcc.GetSubProgressMax(), 400);
+  EXPECT_EQ(mcc.GetProgressMainCaption(), "Loading Project Data");
+  EXPECT_EQ(mcc.GetProgressSubCaption(), "Raman Map");
+  // Cancel reaches both levels, and so does the process-wide request.
+  EXPECT_FALSE(overall.IsCancelled());
+  EXPECT_FALSE(sub.IsCancelled());
+  mcc.CancelThreads();
+  EXPECT_TRUE(overall.IsCancelled());
+  EXPECT_TRUE(sub.IsCancelled());
+  mcc.StopCancel();
+  TMCC::RequestProcessCancel();
+  EXPECT_TRUE(sub.IsCancelled());
+  TMCC::ClearProcessCancelRequest();
+  EXPECT_FALSE(sub.IsCancelled());
+}
+
+TEST(MccProgressChannel, ThreadsAddingAtOnceLoseNothing) {
+  TMCC mcc("adders");
+  mcc.MCCInit(
+      [](TMCC* m, int) {
+        for (int i = 0; i < 1000; ++i) static_cast<IProgressAndCancel*>(m)->AddProgress(1);
+      },
+      nullptr, 0);
+  mcc.StartThreadsWait(0);
+  EXPECT_EQ(mcc.GetOverallProgress(), 1000 * mcc.GetNumberOfThreads());
+}

@@ -1,0 +1,44 @@
+// Helpers every benchmark uses: wall and processor time, the folder for its files, and a flush that makes
+// the next read come from the disk.
+#pragma once
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace oxbench {
+
+using Clock = std::chrono::steady_clock;
+
+/// Wall seconds since start.
+inline double Seconds(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+/// Processor seconds the whole process has used so far (all threads).
+inline double ProcessCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+/// The folder for benchmark files: ORVEX_BENCH_DIR, else /tmp.
+inline std::string BenchDir() {
+  const char* dir = std::getenv("ORVEX_BENCH_DIR");
+  return dir ? dir : "/tmp";
+}
+
+/// Flushes the file to disk and drops it from the page cache, so that reads come from the disk.
+inline void SyncAndDrop(const std::string& name) {
+  const int fd = ::open(name.c_str(), O_RDONLY);
+  if (fd < 0) return;
+  ::fdatasync(fd);
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+  ::close(fd);
+}
+
+} // namespace oxbench
