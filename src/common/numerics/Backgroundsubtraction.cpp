@@ -51,11 +51,13 @@ bool TPolynomialBackgroundFit::Prepare(int length, const bool* fitMask, int orde
   if (FFitCount < m) return false;
 
   FBasis.assign(static_cast<size_t>(m) * length, 0.0);
+  FMaskedBasis.assign(static_cast<size_t>(m) * length, 0.0);
   for (int i = 0; i < length; ++i) {
     const long double t = MappedIndex(i, length);
     long double p = 1.0L;
     for (int j = 0; j < m; ++j) {
       FBasis[static_cast<size_t>(j) * length + i] = static_cast<double>(p);
+      FMaskedBasis[static_cast<size_t>(j) * length + i] = fitMask[i] ? static_cast<double>(p) : 0.0;
       p *= t;
     }
   }
@@ -81,24 +83,27 @@ bool TPolynomialBackgroundFit::Prepare(int length, const bool* fitMask, int orde
   return true;
 }
 
-void TPolynomialBackgroundFit::Fit(const float* values, float* out, long double* coefficients) const {
+void TPolynomialBackgroundFit::Fit(const float* values, float* out, long double* coefficients,
+                                   double* work) const {
   if (!FPrepared) throw OrvexException("TPolynomialBackgroundFit::Fit: the fit is not prepared");
-  const int m = FOrder + 1;
-  const bool* mask = FFitMask.get();
+  const int m = FOrder + 1, n = FLength;
+  // The right-hand side over the masked basis (zero outside the fit mask), so the loops have no branch;
+  // the sums of at most a few thousand products of magnitude up to |y| stay far inside double precision.
   for (int j = 0; j < m; ++j) {
-    const double* basis = FBasis.data() + static_cast<size_t>(j) * FLength;
-    long double r = 0.0L;
-    for (int i = 0; i < FLength; ++i)
-      if (mask[i]) r += static_cast<long double>(basis[i]) * values[i];
+    const double* basis = FMaskedBasis.data() + static_cast<size_t>(j) * n;
+    double r = 0.0;
+    for (int i = 0; i < n; ++i) r += basis[i] * values[i];
     coefficients[j] = r;
   }
   lubksb(FMatrix.data(), m, FIndex.data(), coefficients);
-  for (int i = 0; i < FLength; ++i) {
-    const long double t = MappedIndex(i, FLength);
-    long double p = coefficients[FOrder];
-    for (int j = FOrder - 1; j >= 0; --j) p = p * t + coefficients[j];
-    out[i] = static_cast<float>(p);
+  const double c0 = static_cast<double>(coefficients[0]);
+  for (int i = 0; i < n; ++i) work[i] = c0;
+  for (int j = 1; j < m; ++j) {
+    const double c = static_cast<double>(coefficients[j]);
+    const double* basis = FBasis.data() + static_cast<size_t>(j) * n;
+    for (int i = 0; i < n; ++i) work[i] += c * basis[i];
   }
+  for (int i = 0; i < n; ++i) out[i] = static_cast<float>(work[i]);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -109,6 +114,7 @@ TBackgroundScratch::TBackgroundScratch(int length) : FLength(length) {
     throw OrvexException("TBackgroundScratch::TBackgroundScratch: length " + std::to_string(length) +
                          " is below 1");
   for (auto* v : {&Work, &Fit, &PreviousFit, &Noise, &Mean}) v->assign(length, 0.0f);
+  DoubleWork.assign(length, 0.0);
   PointX.reserve(length + 2);
   PointY.reserve(length + 2);
   Coefficients.assign(TPolynomialBackgroundFit::kMaximumOrder + 1, 0.0L);
@@ -192,7 +198,7 @@ TBackgroundStatus PolynomialBackground(const TPolynomialBackgroundFit& fit, cons
     FillNaN(n, background, result);
     return TBackgroundStatus::NotFinite;
   }
-  fit.Fit(y, background, scratch.Coefficients.data());
+  fit.Fit(y, background, scratch.Coefficients.data(), scratch.DoubleWork.data());
   ApplyBackground(n, y, changeMask, background, result);
   return TBackgroundStatus::Done;
 }
@@ -219,7 +225,7 @@ TBackgroundStatus AutoPolynomialBackground(const TPolynomialBackgroundFit& fit, 
   double d = 0, previousD = 0;
   int r = 0;
   for (; r < std::max(1, settings.MaximumRounds); ++r) {
-    fit.Fit(w, p, scratch.Coefficients.data());
+    fit.Fit(w, p, scratch.Coefficients.data(), scratch.DoubleWork.data());
     if (r > 0) {
       previousD = d;
       d = 0;
@@ -312,10 +318,17 @@ TBackgroundStatus AutoAverageBackground(int length, const float* y, const bool* 
   std::copy(y, y + length, w);
   const int iterations = std::max(1, settings.NumberOfIterations);
   const double scale = 1.0 / (2 * v + 1);
+  // w continued by mirroring at both ends, so each box is a window of the extended array and its sum can
+  // slide: add the pixel entering, drop the one leaving.
+  std::vector<float>& extended = scratch.Extended;
+  extended.resize(static_cast<size_t>(length) + 2 * v);
   for (int round = 0; round < iterations; ++round) {
+    for (int k = -v; k < length + v; ++k)
+      extended[k + v] = w[ConvertIndexToMirrorPeriodicInterval(k, length)];
+    double sum = 0;
+    for (int k = 0; k < 2 * v + 1; ++k) sum += extended[k];
     for (int i = 0; i < length; ++i) {
-      double sum = 0;
-      for (int k = i - v; k <= i + v; ++k) sum += w[ConvertIndexToMirrorPeriodicInterval(k, length)];
+      if (i > 0) sum += static_cast<double>(extended[i + 2 * v]) - extended[i - 1];
       a[i] = static_cast<float>(sum * scale);
       next[i] = y[i] <= a[i] + std::fabs(noise[i]) * settings.NoiseThreshold ? y[i] : a[i];
     }

@@ -52,8 +52,9 @@ public:
   int FitMaskCount() const { return FFitCount; }
 
   /// The fitted polynomial through values at the fit-mask pixels, evaluated at every pixel into out.
-  /// coefficients needs Order() + 1 entries of scratch (it receives the coefficients in the mapped index).
-  void Fit(const float* values, float* out, long double* coefficients) const;
+  /// coefficients needs Order() + 1 entries of scratch (it receives the coefficients in the mapped index),
+  /// work Length() doubles.
+  void Fit(const float* values, float* out, long double* coefficients, double* work) const;
 
 private:
   bool FPrepared = false;
@@ -61,7 +62,8 @@ private:
   std::unique_ptr<bool[]> FFitMask;
   std::vector<long double> FMatrix; ///< LU of the normal matrix, (order+1)^2
   std::vector<int> FIndex;
-  std::vector<double> FBasis; ///< t^j at every pixel, row j at j * length
+  std::vector<double> FBasis;       ///< t^j at every pixel, row j at j * length
+  std::vector<double> FMaskedBasis; ///< the same, zero outside the fit mask
 };
 
 /// Work space of one thread for spectra of one length.
@@ -77,8 +79,9 @@ public:
   /// ends, reconstructed without the approximation. False below kMinimumAutoBackgroundLength pixels.
   bool NoiseSpectrum(const float* y, float* noise);
 
-  std::vector<float> Work, Fit, PreviousFit, Noise, Mean, PointX, PointY;
+  std::vector<float> Work, Fit, PreviousFit, Noise, Mean, PointX, PointY, Extended;
   std::vector<long double> Coefficients;
+  std::vector<double> DoubleWork;
 
 private:
   int FLength;
