@@ -135,6 +135,7 @@ TBackgroundStatus AverageBackground(int length, const float* y, const bool* fitM
                                     const float* weights, int size, float* background, float* result,
                                     TBackgroundScratch& scratch);
 /// Method 6: repeated mirrored box means, points above mean + threshold |noise| replaced by the mean.
+/// The fit mask only decides whether the spectrum is processed (its values must be finite).
 TBackgroundStatus AutoAverageBackground(int length, const float* y, const bool* fitMask,
                                         const bool* changeMask, const TAutoAverageSettings& settings,
                                         float* background, float* result, TBackgroundScratch& scratch);

@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -421,4 +422,29 @@ TEST(PeakFindSettings, StoredTagsRoundTripAndOthersStayDefault) {
   EXPECT_EQ(copy.WaveletNoiseFactor, 0.5);
   EXPECT_EQ(copy.SmoothKind, 2);
   EXPECT_EQ(copy.DerivativeKind, 1);
+}
+
+TEST(PeakFindThreads, OneSearchPerThreadGivesTheSameLists) {
+  const int n = 512, spectra = 12;
+  std::vector<std::vector<float>> ys;
+  for (int s = 0; s < spectra; ++s)
+    ys.push_back(WithBands(n, 100 + 25 * s, 5.0, 40.0, 400 - 10 * s, 4.0, 30.0, 1.0, 100 + s));
+  TPeakFindControlStruct control;
+  control.UseMinRelativePeakValueLimit = true;
+  control.MinRelativePeakValueLimit = 8;
+  auto run = [&](int from, int to, std::vector<TPeakInformationList>& out) {
+    TPeakFindCalculate pf;
+    ASSERT_TRUE(pf.Prepare(&control, n, nullptr, nullptr));
+    for (int s = from; s < to; ++s) {
+      ASSERT_TRUE(pf.FindPeaks(ys[s].data()));
+      out[s] = pf.GetPeakInformationList();
+    }
+  };
+  std::vector<TPeakInformationList> one(spectra), two(spectra);
+  run(0, spectra, one);
+  std::thread t([&] { run(0, spectra / 2, two); });
+  run(spectra / 2, spectra, two);
+  t.join();
+  EXPECT_EQ(one, two);
+  for (int s = 0; s < spectra; ++s) EXPECT_EQ(one[s].size(), 2u) << s;
 }
