@@ -25,10 +25,7 @@ protected:
     TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(
         new TFixedAnswerToAllMessages_MessagingStrategy(kAnswerYes));
   }
-  void TearDown() override {
-    TVCustomForm::DeleteRegisteredViewerList();
-    TProject::SaveVersion = TProject::ThisVersion;
-  }
+  void TearDown() override { TVCustomForm::DeleteRegisteredViewerList(); }
 
   int32_t AddText(TProject& project, const std::string& caption, const std::string& text) {
     auto data = std::make_unique<TDText>();
@@ -149,10 +146,8 @@ TEST_F(TextViewerTest, ConvertAndCompatibleSaveWriteViewersBackUnchanged) {
   ASSERT_GE(again.LoadProjectFromFile(first), 1);
   const std::string second = dir.File("second.oxp");
   ASSERT_GE(again.SaveProjectToFile(second), 1);
-  TProject::SaveVersion = 5;
   const std::string compatible = dir.File("compatible.oxp");
-  ASSERT_GE(again.SaveProjectToFile(compatible), 1);
-  TProject::SaveVersion = TProject::ThisVersion;
+  ASSERT_GE(again.SaveProjectToFile(compatible, {TProject::kCompatibleVersion}), 1);
 
   auto a = ViewerTree(first);
   auto b = ViewerTree(second);
