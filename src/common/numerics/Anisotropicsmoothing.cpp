@@ -170,8 +170,16 @@ void TAnisotropicImageSmoothing::CalculateField(int orientation, int y0, int y1)
 
 bool TAnisotropicImageSmoothing::AnisotropicSmoothingDerivative(double x, double y, double& dx,
                                                                 double& dy) const {
-  return GetInterpolatedValue(FFieldX.data(), FSizeX, FSizeY, x, y, dx) &&
-         GetInterpolatedValue(FFieldY.data(), FSizeX, FSizeY, x, y, dy);
+  // Both components share the cell and the weights (the same arithmetic as GetInterpolatedValue).
+  if (!(x >= 0 && y >= 0 && x <= FSizeX - 1 && y <= FSizeY - 1)) return false;
+  const int x0 = std::min(static_cast<int>(x), FSizeX - 2), y0 = std::min(static_cast<int>(y), FSizeY - 2);
+  const double fx = x - x0, fy = y - y0;
+  const size_t i = static_cast<size_t>(y0) * FSizeX + x0, j = i + FSizeX;
+  const float* a = FFieldX.data();
+  const float* b = FFieldY.data();
+  dx = (a[i] * (1 - fx) + a[i + 1] * fx) * (1 - fy) + (a[j] * (1 - fx) + a[j + 1] * fx) * fy;
+  dy = (b[i] * (1 - fx) + b[i + 1] * fx) * (1 - fy) + (b[j] * (1 - fx) + b[j + 1] * fx) * fy;
+  return true;
 }
 
 void TAnisotropicImageSmoothing::IntegrateLines(int y0, int y1) {
