@@ -1,6 +1,8 @@
 // The whole command-line round trip of a large project (orvex convert: start, load, save with flushing,
 // shutdown) beside a plain copy of the same file (read, write, flush), in the same run. Prints seconds and
 // the ratio; asserts nothing. Arguments: [orvex binary] [XxYxN, default 256x256x1024].
+#include "Benchsupport.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -16,10 +18,8 @@ extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using Clock = oxbench::Clock;
+using oxbench::Seconds;
 
 int Run(const std::vector<std::string>& arguments) {
   std::vector<char*> argv;

@@ -3,6 +3,7 @@
 // noise-filtered spectra per second on the same map. Threads take contiguous blocks of spectra, each with
 // its own transform objects.
 //   bench_fft [SPECTRA_X SPECTRA_Y [THREADS]]      default 256 256, threads = hardware threads
+#include "Benchsupport.h"
 #include "common/numerics/Fft.h"
 #include "common/numerics/Wavelets.h"
 
@@ -19,20 +20,10 @@
 
 namespace {
 
-using TClock = std::chrono::steady_clock;
+using TClock = oxbench::Clock;
+using oxbench::Seconds;
+using oxbench::ThreadCpuSeconds;
 constexpr int kPoints = 1024;
-
-double Seconds(TClock::time_point a, TClock::time_point b) {
-  return std::chrono::duration<double>(b - a).count();
-}
-
-// CPU time of the calling thread: on a shared machine the figures per CPU second show what the code costs,
-// the wall-clock ones what the machine gave.
-double ThreadCpuSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
 
 std::vector<TComplex> Signal(int n) {
   std::mt19937 g(static_cast<unsigned>(n));

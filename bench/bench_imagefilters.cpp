@@ -2,6 +2,7 @@
 // (17 binomial taps) and one iteration of anisotropic smoothing, beside a memcpy of the image. Threads take
 // contiguous blocks of lines; passes are separated by joining the threads.
 //   bench_imagefilters [SIZE [THREADS [ANISOTROPIC_SIZE]]]      default 2048, 2, 512
+#include "Benchsupport.h"
 #include "common/numerics/Anisotropicsmoothing.h"
 #include "common/numerics/Imagefilters.h"
 #include "common/threads/Multicorecalc.h"
@@ -18,19 +19,9 @@
 
 namespace {
 
-using TClock = std::chrono::steady_clock;
-
-double Seconds(TClock::time_point a, TClock::time_point b) {
-  return std::chrono::duration<double>(b - a).count();
-}
-
-// CPU seconds of the whole process: on a shared machine they show what the code costs, the wall-clock
-// figures what the machine gave.
-double ProcessCpuSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
-}
+using TClock = oxbench::Clock;
+using oxbench::ProcessCpuSeconds; // on a shared machine: what the code costs, beside what the machine gave
+using oxbench::Seconds;
 
 double gLastCpu = 0;
 

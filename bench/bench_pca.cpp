@@ -3,6 +3,7 @@
 //
 // bench_pca [N [M [threads [plain]]]]   defaults: 65536 spectra of 1024 points on all processors, vector
 // units when the processor has them; "plain" runs the portable loops instead.
+#include "Benchsupport.h"
 #include "common/numerics/Eigensystem.h"
 #include "common/numerics/Rankupdate.h"
 #include "common/numerics/Vectorunits.h"
@@ -25,17 +26,11 @@
 
 namespace {
 
-using TClock = std::chrono::steady_clock;
-
-double Seconds(TClock::time_point since) {
-  return std::chrono::duration<double>(TClock::now() - since).count();
-}
-
+using TClock = oxbench::Clock;
+using oxbench::Seconds;
 // Processor time of the whole process (all threads), to set against the wall time on a shared machine.
-double ProcessSeconds() {
-  timespec t;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+inline double ProcessSeconds() {
+  return oxbench::ProcessCpuSeconds();
 }
 
 constexpr long long kRateLoops = 50'000'000;
