@@ -3,6 +3,7 @@
 #include "project/Project.h"
 
 #include "common/Logfile.h"
+#include "common/OrvexException.h"
 #include "common/Safewrite.h"
 #include "common/Standardmessage.h"
 #include "common/threads/Multicorecalc.h"
@@ -356,6 +357,10 @@ TTagError TProject::LoadDataObjects(TFileHandle file, const TTagControl& dataTag
       } catch (const std::bad_alloc&) {
         result = teUnspecificError;
         reason = "not enough memory (try --memory mmf)";
+      } catch (const OrvexExceptionMemoryAllocation& e) {
+        // The memory strategy refused the arrays: the file is fine, the memory is short.
+        result = teUnspecificError;
+        reason = std::string(e.what()) + " (try --memory mmf)";
       } catch (const std::exception& e) {
         // Too large for the memory strategy, say: this object goes, the others load.
         result = teUnspecificError;
