@@ -190,5 +190,17 @@ logs=$(find "$dir/data" -name 'LogFile_*.log' | wc -l)
 check "four logs" 4 "$logs"
 check "every log opened and closed" "4 4" "$(cat $(find "$dir/data" -name 'LogFile_*.log') | grep -c 'Log File opened') $(cat $(find "$dir/data" -name 'LogFile_*.log') | grep -c 'Log File closed')"
 
+# A full device: one line naming the file and the reason, exit 1, no temporary left behind. The small
+# file system is mounted in a mount namespace of its own, so nothing outside sees it.
+mkdir -p "$dir/full"
+full=$(unshare -rm bash -c 'mount -t tmpfs -o size=16k tmpfs "$1" || exit 99
+  "$2" convert "$3" "$1/x.oxp" 2>&1 >/dev/null; echo "exit=$?"; ls -A "$1"' _ "$dir/full" "$orvex" "$dir/d.oxp" 2>/dev/null)
+if [ $? -eq 99 ] || [ -z "$full" ]; then
+  echo "cli_robustness: no mount namespace here, the full-device case is left out"
+else
+  check "full device" "no space left on device while writing '$dir/full/x.oxp'
+exit=1" "$full"
+fi
+
 [ $fails -eq 0 ] && echo "cli_robustness: all checks passed"
 exit $fails
