@@ -110,8 +110,8 @@ TEST_F(ViewerRegistryTest, OldBitmapViewerNameCreatesAnImageViewerAndUnknownName
 }
 
 TEST(ViewerFrameTest, CaptionIsThePartsJoinedAndReachesTheWindow) {
+  TRecordingWindow window; // outlives the viewer, which tells its window when it goes
   TPlainViewer viewer;
-  TRecordingWindow window;
   viewer.SetFormCaption("Graph Viewer");
   viewer.AttachWindow(&window);
   EXPECT_EQ(window.Caption, "Graph Viewer");
@@ -126,8 +126,8 @@ TEST(ViewerFrameTest, CaptionIsThePartsJoinedAndReachesTheWindow) {
 
 TEST(ViewerFrameTest, PlacementSurvivesTheFileWithAndWithoutAWindow) {
   oxtest::TempDir dir;
+  TRecordingWindow window, later; // outlive the viewers, which tell their windows when they go
   TPlainViewer source;
-  TRecordingWindow window;
   source.AttachWindow(&window);
   TWindowPlacement p;
   p.ShowCommand = TWindowPlacement::kShowMaximized;
@@ -142,7 +142,6 @@ TEST(ViewerFrameTest, PlacementSurvivesTheFileWithAndWithoutAWindow) {
   ASSERT_EQ(LoadViewer(headless, name), teNoError);
   EXPECT_EQ(headless.GetPlacement(), p);
   // Attached later, the window takes the stored placement.
-  TRecordingWindow later;
   headless.AttachWindow(&later);
   EXPECT_EQ(later.Placement, p);
 }
@@ -198,8 +197,8 @@ TEST(ViewerFrameTest, UnknownShowCommandBecomesNormal) {
 }
 
 TEST(ViewerFrameTest, MovedByUserIsSeenAgainstTheAutomaticPosition) {
-  TPlainViewer viewer;
   TRecordingWindow window;
+  TPlainViewer viewer;
   viewer.AttachWindow(&window);
   EXPECT_FALSE(viewer.HasFormNotBeenMovedByUserSinceAutoPosition()); // never auto-positioned
   viewer.SetAutoPositionBounds(100, 50, 400, 300);
