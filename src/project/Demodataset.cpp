@@ -141,9 +141,13 @@ TDemoModel MakeDemoModel(const TDemoOptions& options) {
   const int64_t spectra = int64_t(sx) * sy;
   const int64_t spikes = 3 + spectra / 2500;
   TRandom spikeRandom(MixSeed(options.Seed, 0xC05111Cull));
-  for (int64_t i = 0; i < spikes && sg > 0 && spectra > 0; ++i)
-    model.Spikes.emplace_back(static_cast<int64_t>(spikeRandom.Uniform() * spectra),
-                              static_cast<int32_t>(spikeRandom.Uniform() * sg));
+  for (int64_t i = 0; i < spikes && sg > 0 && spectra > 0; ++i) {
+    // Two statements, so that every compiler draws in the same order (the order of a call's arguments is
+    // not fixed): the spectral pixel first, then the spectrum, as the first demo files were written.
+    const auto pixel = static_cast<int32_t>(spikeRandom.Uniform() * sg);
+    const auto element = static_cast<int64_t>(spikeRandom.Uniform() * spectra);
+    model.Spikes.emplace_back(element, pixel);
+  }
   return model;
 }
 
