@@ -25,7 +25,12 @@ std::string FormatLongDouble(long double value) {
 
 std::string CurrentUserName() {
   if (const char* user = std::getenv("USER"); user && *user) return user;
-  if (const passwd* entry = getpwuid(geteuid()); entry && entry->pw_name) return entry->pw_name;
+  // The reentrant form: logs of several threads may start at once, and getpwuid shares one buffer.
+  passwd entry{};
+  passwd* found = nullptr;
+  char buffer[4096];
+  if (getpwuid_r(geteuid(), &entry, buffer, sizeof buffer, &found) == 0 && found && found->pw_name)
+    return found->pw_name;
   return "unknown";
 }
 
