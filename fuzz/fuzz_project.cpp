@@ -1,34 +1,21 @@
 // Fuzz target: the project loader on arbitrary bytes (every registered class, data fields, viewers kept
 // as stored tags) must end cleanly, whatever the file claims.
+#include "Fuzzsupport.h"
 #include "common/OrvexException.h"
-#include "common/Standardmessage.h"
-#include "common/memory/Memorymanagement.h"
-#include "data/Registerdata.h"
 #include "project/Project.h"
 
 #include <cstdint>
 #include <string>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  TMemoryManagement::CurrentStrategy = 0;
-  TMemoryManagement::CreateMemoryStrategy();
-  RegisterDataClasses();
-  // Questions (a newer version) are answered with Yes, so the loader goes as far as it can.
-  TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(new TContinueAllMessages_MessagingStrategy());
+  oxfuzz::InitializeLoading();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const int fd = memfd_create("fuzz_project", 0);
-  if (fd < 0) return 0;
-  if (write(fd, data, size) != static_cast<ssize_t>(size)) {
-    close(fd);
-    return 0;
-  }
-  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const oxfuzz::TMemoryFile input("fuzz_project", data, size);
+  if (!input.IsOpen()) return 0;
+  const std::string path = input.Path();
   try {
     TProject project;
     project.LoadProjectFromFile(path);
@@ -42,6 +29,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const OrvexExceptionMemoryAllocation&) {
     // A size the memory strategy refuses is a clean failure, not a finding.
   }
-  close(fd);
   return 0;
 }

@@ -1,34 +1,22 @@
 // Fuzz target: the readers of the settings files (memory options, system options, the project's settings
 // file) on arbitrary bytes must end cleanly, whatever the file claims.
+#include "Fuzzsupport.h"
 #include "common/OrvexException.h"
-#include "common/Standardmessage.h"
-#include "common/memory/Memorymanagement.h"
-#include "data/Registerdata.h"
 #include "project/Project.h"
 #include "project/Systemoptions.h"
 
 #include <cstdint>
 #include <string>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  TMemoryManagement::CurrentStrategy = 0;
-  TMemoryManagement::CreateMemoryStrategy();
-  RegisterDataClasses();
-  TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(new TContinueAllMessages_MessagingStrategy());
+  oxfuzz::InitializeLoading();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const int fd = memfd_create("fuzz_settings", 0);
-  if (fd < 0) return 0;
-  if (write(fd, data, size) != static_cast<ssize_t>(size)) {
-    close(fd);
-    return 0;
-  }
-  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const oxfuzz::TMemoryFile input("fuzz_settings", data, size);
+  if (!input.IsOpen()) return 0;
+  const std::string path = input.Path();
   try {
     // The values read are checked when a strategy is made from them; here the readers must only end cleanly.
     TMemoryManagement::MemoryOptionsFileName = path;
@@ -44,6 +32,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   } catch (const OrvexExceptionMemoryAllocation&) {
     // A size the memory strategy refuses is a clean failure, not a finding.
   }
-  close(fd);
   return 0;
 }

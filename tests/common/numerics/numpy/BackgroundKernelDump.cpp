@@ -7,6 +7,7 @@
 //   poly_K.f32         COUNT x N polynomial backgrounds of order K (0, 3, 9); polyresult_K.f32 the results
 //   constant.f32       COUNT x N results of the constant method (2.5 + reference), reference.f32 N values
 //   minimum.f32        COUNT x N results of the minimum method with offset -1.25
+#include "Rawarrays.h"
 #include "common/numerics/Backgroundsubtraction.h"
 
 #include <cmath>
@@ -16,18 +17,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-namespace {
-
-template <typename T>
-bool Write(const std::string& path, const std::vector<T>& data) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) return false;
-  const bool ok = std::fwrite(data.data(), sizeof(T), data.size(), f) == data.size();
-  return std::fclose(f) == 0 && ok;
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -60,8 +49,8 @@ int main(int argc, char** argv) {
     fitMask[i] = fit[i] != 0;
     changeMask[i] = change[i] != 0;
   }
-  bool ok = Write(dir + "/spectra.f32", spectra) && Write(dir + "/fitmask.u8", fit) &&
-            Write(dir + "/changemask.u8", change);
+  bool ok = WriteRawArray(dir + "/spectra.f32", spectra) && WriteRawArray(dir + "/fitmask.u8", fit) &&
+            WriteRawArray(dir + "/changemask.u8", change);
   TBackgroundScratch scratch(n);
   std::vector<float> background(static_cast<size_t>(count) * n), result(background.size());
   for (int order : {0, 3, 9}) {
@@ -71,8 +60,8 @@ int main(int argc, char** argv) {
       PolynomialBackground(poly, spectra.data() + static_cast<size_t>(s) * n, changeMask.get(),
                            background.data() + static_cast<size_t>(s) * n,
                            result.data() + static_cast<size_t>(s) * n, scratch);
-    ok = ok && Write(dir + "/poly_" + std::to_string(order) + ".f32", background) &&
-         Write(dir + "/polyresult_" + std::to_string(order) + ".f32", result);
+    ok = ok && WriteRawArray(dir + "/poly_" + std::to_string(order) + ".f32", background) &&
+         WriteRawArray(dir + "/polyresult_" + std::to_string(order) + ".f32", result);
   }
   std::vector<float> reference(n);
   for (int i = 0; i < n; ++i) reference[i] = static_cast<float>(0.01 * i - 3);
@@ -80,11 +69,11 @@ int main(int argc, char** argv) {
   for (int s = 0; s < count; ++s)
     ConstantBackground(n, spectra.data() + static_cast<size_t>(s) * n, fitMask.get(), changeMask.get(), 2.5,
                        reference.data(), b.data(), result.data() + static_cast<size_t>(s) * n);
-  ok = ok && Write(dir + "/reference.f32", reference) && Write(dir + "/constant.f32", result);
+  ok = ok && WriteRawArray(dir + "/reference.f32", reference) && WriteRawArray(dir + "/constant.f32", result);
   for (int s = 0; s < count; ++s)
     MinimumBackground(n, spectra.data() + static_cast<size_t>(s) * n, fitMask.get(), changeMask.get(), -1.25,
                       b.data(), result.data() + static_cast<size_t>(s) * n);
-  ok = ok && Write(dir + "/minimum.f32", result);
+  ok = ok && WriteRawArray(dir + "/minimum.f32", result);
   if (!ok) return 1;
   std::printf("%d %d\n", n, count);
   return 0;

@@ -6,6 +6,7 @@
 //   covariance.f64   M x M covariance (divisor N) from the blocked rank-k update, blocks of 2000
 //   evals.f64        M eigenvalues ascending, evecs.f64 M x M eigenvectors in the columns
 //   sym.f64          S x S symmetric double matrix (S = 300), sym_evals.f64, sym_evecs.f64 likewise
+#include "Rawarrays.h"
 #include "common/numerics/Eigensystem.h"
 #include "common/numerics/Rankupdate.h"
 
@@ -14,18 +15,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-namespace {
-
-template <typename T>
-bool Write(const std::string& path, const std::vector<T>& data) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) return false;
-  const bool ok = std::fwrite(data.data(), sizeof(T), data.size(), f) == data.size();
-  return std::fclose(f) == 0 && ok;
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) {
@@ -92,10 +81,11 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  const bool ok = Write(dir + "/spectra.f32", spectra) && Write(dir + "/covariance.f64", covariance) &&
-                  Write(dir + "/evals.f64", evals) && Write(dir + "/evecs.f64", evecs) &&
-                  Write(dir + "/sym.f64", sym) && Write(dir + "/sym_evals.f64", symVals) &&
-                  Write(dir + "/sym_evecs.f64", symVecs);
+  const bool ok = WriteRawArray(dir + "/spectra.f32", spectra) &&
+                  WriteRawArray(dir + "/covariance.f64", covariance) &&
+                  WriteRawArray(dir + "/evals.f64", evals) && WriteRawArray(dir + "/evecs.f64", evecs) &&
+                  WriteRawArray(dir + "/sym.f64", sym) && WriteRawArray(dir + "/sym_evals.f64", symVals) &&
+                  WriteRawArray(dir + "/sym_evecs.f64", symVecs);
   if (!ok) {
     std::fprintf(stderr, "cannot write to %s\n", dir.c_str());
     return 1;
