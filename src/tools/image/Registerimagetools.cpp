@@ -1,7 +1,8 @@
 #include "tools/image/Registerimagetools.h"
 
 #include "project/Toolregistry.h"
+#include "tools/image/Imagebackgroundsubtraction.h"
 
 void RegisterImageTools(TToolRegistry& registry) {
-  (void)registry; // each tool of this folder adds one line here
+  RegisterImageBackgroundSubtraction(registry);
 }

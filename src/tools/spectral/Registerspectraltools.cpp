@@ -1,7 +1,8 @@
 #include "tools/spectral/Registerspectraltools.h"
 
 #include "project/Toolregistry.h"
+#include "tools/spectral/Graphcalculator.h"
 
 void RegisterSpectralTools(TToolRegistry& registry) {
-  (void)registry; // each tool of this folder adds one line here
+  RegisterGraphCalculator(registry);
 }
