@@ -33,6 +33,14 @@ void Tell(const std::string& text, const std::string& caption, bool nonBlocking)
       TBlockingNotification::CreateAndInit(text, caption, kSeverityInformation), nonBlocking);
 }
 
+// What went wrong, in the words of the first cause: a calculation thread's error comes wrapped.
+std::string CauseOf(const std::exception& e) {
+  const auto* orvex = dynamic_cast<const OrvexException*>(&e);
+  if (orvex && orvex->ExceptionHistory() && !orvex->ExceptionHistory()->empty())
+    return orvex->ExceptionHistory()->back();
+  return e.what();
+}
+
 TUserParameter* FindParameter(const TUserParameterAdministrator& parameters, const std::string& name,
                               const char* operation) {
   TUserParameter* parameter = parameters.GetUserParameterByName(name);
@@ -73,12 +81,16 @@ bool GetXYCoordinateFromGraphCursor(TProject& project, int32_t& x, int32_t& y, i
 TProjectDialogForm::TProjectDialogForm(std::string dialogName, TParameterTable& declaration)
     : FDialogName(std::move(dialogName)), FDeclaration(declaration) {
   FParameters.CreateParameters(&FDeclaration);
+  // A button or a changed value of the window: what fails is told to the user here, as no caller waits.
   FParameters.OnParameterChanged = [this](const TUserParameterList& changed, bool /*internal*/) {
-    if (changed.size() == 1 && changed.front()->GetKind() == TUserParameterKind::Trigger) {
-      ExecuteCommand(changed.front()->GetName());
-      return;
+    try {
+      if (changed.size() == 1 && changed.front()->GetKind() == TUserParameterKind::Trigger)
+        ExecuteCommand(changed.front()->GetName());
+      else
+        DoParameterChanged(changed);
+    } catch (const std::exception& e) {
+      Tell(FDialogName + ":\n\n" + CauseOf(e), FDialogName, false);
     }
-    DoParameterChanged(changed);
   };
 }
 
