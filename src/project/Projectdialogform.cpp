@@ -86,7 +86,8 @@ TProjectDialogForm::TProjectDialogForm(std::string dialogName, TParameterTable& 
     try {
       if (changed.size() == 1 && changed.front()->GetKind() == TUserParameterKind::Trigger)
         ExecuteCommand(changed.front()->GetName());
-      else
+      else if (FParameters.ValidateParameters()
+                   .empty()) // a refused set is taken back at once: no preview of it
         DoParameterChanged(changed);
     } catch (const std::exception& e) {
       Tell(FDialogName + ":\n\n" + CauseOf(e), FDialogName, false);
