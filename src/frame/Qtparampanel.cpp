@@ -118,6 +118,13 @@ void TQtParamPanel::Build() {
   Refresh();
 }
 
+void TQtParamPanel::RefreshStates() {
+  for (const auto& [parameter, control] : FControls) {
+    control->setEnabled(parameter->GetEnabled());
+    control->setVisible(parameter->GetVisible());
+  }
+}
+
 void TQtParamPanel::Refresh() {
   FUpdating = true;
   for (const TUserParameterInfo& info : FAdministrator.DescribeParameters()) {

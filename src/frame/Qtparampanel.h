@@ -17,6 +17,8 @@ public:
   ~TQtParamPanel() override;
   /// Shows every value again (after a change that didn't come from this panel).
   void Refresh();
+  /// Shows only which parameters are enabled and visible, leaving what the controls hold.
+  void RefreshStates();
   /// The control of the parameter named name (tests), null when none.
   QWidget* ControlOf(const std::string& name) const;
   /// Told after each value the user enters: the problem when it was refused (the control shows red and

@@ -84,6 +84,8 @@ TEST_F(ToolWindowTest, GraphCalculatorRefusesAWrongFormulaThenExtracts) {
   EXPECT_NE(window->MessageLine()->text().toStdString().find("Formula"), std::string::npos)
       << window->MessageLine()->text().toStdString();
   EXPECT_FALSE(tool->Parameters().GetUserParameterByName("Extract")->GetEnabled());
+  ASSERT_NE(ButtonOf(*window, "Extract"), nullptr);
+  EXPECT_FALSE(ButtonOf(*window, "Extract")->isEnabled());
   EXPECT_EQ(tool->GetStringParameter("Formula"), "x1");
   Save(*window, "graph_calculator_refused.png");
   EXPECT_TRUE(HasRefusedRed(window->grab().toImage()));
