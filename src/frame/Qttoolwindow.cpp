@@ -80,6 +80,7 @@ TQtToolWindow::TQtToolWindow(TProjectDialogForm& tool, QWidget* parent)
   FPanel->OnProblem = [this](const std::string& problem) {
     FMessage->setText(QString::fromStdString(problem));
     if (FTool.GetIsActive()) FTool.EnableDisableCalculations(problem.empty(), problem.empty(), nullptr);
+    FPanel->RefreshStates();
   };
   connect(FDataSet, &QComboBox::activated, this, [this](int index) {
     if (TDataSetChanger* changer = DataSetChangerOf(FTool))
