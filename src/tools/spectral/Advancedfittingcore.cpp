@@ -175,6 +175,8 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
     inBlock = 0;
   };
 
+  const int spanFirst = input.FitPoints > 0 ? input.FitPointIndex[0] : 0;
+  const int spanCount = input.FitPoints > 0 ? input.FitPointIndex[input.FitPoints - 1] - spanFirst + 1 : 0;
   std::string message;
   int64_t done = 0;
   for (int64_t e = first; e <= last; ++e) {
@@ -182,7 +184,8 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
     const size_t offset = static_cast<size_t>(inBlock * np);
     TFitFunctionErrorInfo& info = infos[static_cast<size_t>(inBlock)];
     bool ok = false;
-    if (input.ReadSpectrum(e, s.Spectrum.data())) {
+    // Only the span of the fit points is read; FitOneSpectrum takes them by their spectral index.
+    if (input.ReadSpectrum(e, spanFirst, spanCount, s.Spectrum.data() + spanFirst)) {
       ok = FitOneSpectrum(input, data.Data, s.Spectrum.data(), s, info, message);
       std::copy(s.Start.begin(), s.Start.end(), start.begin() + std::ptrdiff_t(offset));
       std::copy(s.Values.begin(), s.Values.end(), values.begin() + std::ptrdiff_t(offset));
@@ -427,12 +430,13 @@ bool TAdvancedFittingCore::RunMultiCore(const std::string& caption, int64_t elem
 
 TAdvancedFitStatus TAdvancedFittingCore::FitAll(const TDGraph& graph, std::string& message) {
   const TDGraph* g = &graph;
-  FLastSizeX = graph.GetSizeX();
   return FitAll(
       graph.GetNumberOfSpectra(), graph.GetSizeGraph(),
-      [g](int64_t element, float* values) {
-        if (!g->GetLineValid(static_cast<int32_t>(element / g->GetSizeX()))) return false;
-        g->GetSpectrumOfElement(element, values, true);
+      [g](int64_t element, int first, int count, float* values) {
+        const auto x = static_cast<int32_t>(element % g->GetSizeX());
+        const auto y = static_cast<int32_t>(element / g->GetSizeX());
+        if (!g->GetLineValid(y)) return false;
+        g->GetPartOfSpectrum(x, y, first, count, values, true);
         return true;
       },
       message);

@@ -70,9 +70,9 @@ public:
   TPartialMemoryArray<bool> FitGood;
 };
 
-/// Reads spectrum element e (e = x + y SizeX) of the stack into values; false when its line isn't valid.
-/// Called from several threads at once.
-using TAdvancedFitSpectrumReader = std::function<bool(int64_t element, float* values)>;
+/// Reads the points first .. first + count - 1 of spectrum element e (e = x + y SizeX) of the stack into
+/// values[0 .. count - 1]; false when its line isn't valid. Called from several threads at once.
+using TAdvancedFitSpectrumReader = std::function<bool(int64_t element, int first, int count, float* values)>;
 
 /// What every thread of a run shares, read-only.
 struct TAdvancedFitInput {
@@ -255,5 +255,4 @@ private:
   std::vector<double> FFitX;
   std::unique_ptr<TAdvancedFitResultArrays> FResults;
   std::string FLastMessage;
-  int64_t FLastSizeX = 0;
 };
