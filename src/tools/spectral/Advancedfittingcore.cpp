@@ -308,7 +308,10 @@ int TAdvancedFittingCore::GetNumberOfVariedParameters() const {
 }
 
 void TAdvancedFittingCore::CalculateReducedMask() {
-  FReducedMask = ::CalculateReducedMask(FFitMask, DataReduction);
+  FReducedMask = ::CalculateReducedMask(
+      FFitMask.empty() ? std::vector<bool>(static_cast<size_t>(std::max(FSpectrumLength, 0)), true)
+                       : FFitMask,
+      DataReduction);
   FFitPointIndex = MaskPointIndices(FReducedMask);
 }
 
@@ -452,7 +455,7 @@ TAdvancedFitStatus TAdvancedFittingCore::FitAll(int64_t spectra, int spectrumLen
               std::to_string(spectrumLength) + " !";
     return TAdvancedFitStatus::Refused;
   }
-  if (FFitMask.empty()) FFitMask.assign(static_cast<size_t>(std::max(spectrumLength, 0)), true);
+  FSpectrumLength = spectrumLength;
   if (!Prepare(message)) return TAdvancedFitStatus::Refused;
   if (spectra <= 0 || spectra > INT_MAX) {
     message = "Error: " + std::to_string(spectra) + " spectra can't be fitted !";
@@ -498,7 +501,7 @@ TAdvancedFitStatus TAdvancedFittingCore::FitSpectrum(const TDGraph& graph, int64
               std::to_string(length) + " !";
     return TAdvancedFitStatus::Refused;
   }
-  if (FFitMask.empty()) FFitMask.assign(static_cast<size_t>(std::max(length, 0)), true);
+  FSpectrumLength = length;
   if (!Prepare(message)) return TAdvancedFitStatus::Refused;
   if (element < 0 || element >= graph.GetNumberOfSpectra()) {
     message = "Error: spectrum " + std::to_string(element) + " is not in the graph !";

@@ -165,7 +165,7 @@ public:
   void SetFitMask(std::vector<bool> mask) { FFitMask = std::move(mask); }
   const std::vector<bool>& GetFitMask() const { return FFitMask; }
   int DataReduction = 1; ///< 1..10000
-  /// The reduced mask, fit point indices and fit x from mask, reduction and axis.
+  /// The reduced mask, fit point indices and fit x from mask, reduction and axis (a run calls them).
   void CalculateReducedMask();
   void CalculateCalcFieldX();
   int GetNumberOfFitPoints() const { return static_cast<int>(FFitPointIndex.size()); }
@@ -250,6 +250,7 @@ private:
   std::vector<TAdvancedFitParamSettings> FRows;
   std::vector<double> FAxis;
   std::vector<bool> FFitMask;
+  int FSpectrumLength = 0; ///< of the stack being fitted; an empty mask means all its points
   std::vector<bool> FReducedMask;
   std::vector<int> FFitPointIndex;
   std::vector<double> FFitX;

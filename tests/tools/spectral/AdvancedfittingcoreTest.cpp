@@ -67,6 +67,10 @@ protected:
 
   void SetUpGauss(TAdvancedFittingCore& core) {
     core.SetFunction(std::make_unique<TNLFitGauss>());
+    SetUpAxisOnly(core);
+  }
+
+  static void SetUpAxisOnly(TAdvancedFittingCore& core) {
     std::vector<double> axis(kLength);
     for (int g = 0; g < kLength; ++g) axis[g] = AxisAt(g);
     core.SetAxis(axis);
@@ -500,6 +504,87 @@ TEST_F(AdvancedFittingCoreTest, SingleSpectrumMatchesTheStackRunAndGivesItsStati
   EXPECT_GT(point.RSquared, 0.99);
   EXPECT_LT(point.RSquared, 1.0);
   EXPECT_EQ(core.FitSpectrum(*graph, 9, point, message), TAdvancedFitStatus::Refused);
+}
+
+TEST_F(AdvancedFittingCoreTest, FormulaFunctionOnTwoThreadsMatchesOneThread) {
+  // The formula's parser is shared by the threads, each with its own argument block.
+  TDGraph* graph = AddGaussStack(5, 3, 1.0, 3);
+  auto run = [&](int threads) {
+    auto formula = std::make_unique<TNLFitUserDefined>();
+    formula->NumberOfParams = 4;
+    formula->FitFunctionString = "x2 + x5 * exp(-0.5 * ((x1 - x3) / x4) ^ 2)";
+    formula->CreateParameters();
+    EXPECT_TRUE(formula->UserFitFunctionChanged());
+    TAdvancedFittingCore core;
+    core.SetFunction(std::move(formula));
+    SetUpAxisOnly(core);
+    const double start[4] = {12.0, 145.0, 3.5, 130.0};
+    for (int p = 0; p < 4; ++p) core.Rows()[p].StartValue = start[p];
+    core.NumberOfThreads = threads;
+    std::string message;
+    EXPECT_EQ(core.FitAll(*graph, message), TAdvancedFitStatus::Done) << message;
+    std::vector<double> values(4 * 15);
+    if (core.GetResults())
+      core.GetResults()->TransformedValues.GetValueArray(0, values.data(), values.size());
+    EXPECT_EQ(core.GetNumberOfFailedFits(), 0);
+    return values;
+  };
+  const std::vector<double> one = run(1), two = run(2);
+  EXPECT_EQ(std::memcmp(one.data(), two.data(), one.size() * sizeof(double)), 0);
+  EXPECT_NEAR(one[4 * 7 + 1], TruthAt(2, 1).Center, 0.1);
+  EXPECT_NEAR(one[4 * 7 + 3], TruthAt(2, 1).Amp, 3.0);
+}
+
+TEST_F(AdvancedFittingCoreTest, LorentzScatterOverPixelsMatchesTheReportedErrors) {
+  // One Lorentzian everywhere, independent noise per pixel: the spread of the fitted values over the map
+  // is what the errors of the single fits say.
+  const int sx = 16, sy = 16;
+  const double x0 = 160.0, w = 8.0, area = 3000.0, offset = 20.0, noise = 3.0;
+  auto graph = std::make_unique<TDGraph>();
+  graph->SetID(FProject.GetNewDataID());
+  graph->SetFieldSize(sx, sy, TDataFieldKind::Float, kLength);
+  std::mt19937 gen(4242);
+  std::normal_distribution<double> n(0.0, noise);
+  std::vector<float> s(kLength);
+  for (int e = 0; e < sx * sy; ++e) {
+    for (int g = 0; g < kLength; ++g) {
+      const double d = AxisAt(g) - x0;
+      s[g] = static_cast<float>(offset + 2.0 * area / std::acos(-1.0) * w / (4.0 * d * d + w * w) + n(gen));
+    }
+    graph->SetSpectrumOfElement(e, s.data());
+  }
+  graph->SetAllLinesValid();
+  TDGraph* raw = graph.get();
+  FProject.AddData(std::move(graph));
+
+  TAdvancedFittingCore core;
+  core.SetFunction(std::make_unique<TNLFitLorentz>());
+  SetUpAxisOnly(core);
+  std::string message;
+  ASSERT_EQ(core.FitAll(*raw, message), TAdvancedFitStatus::Done) << message;
+  ASSERT_EQ(core.GetNumberOfFailedFits(), 0);
+  const TAdvancedFitResultArrays& r = *core.GetResults();
+  const int count = sx * sy;
+  for (int p = 0; p < 4; ++p) {
+    double mean = 0;
+    std::vector<double> errors;
+    for (int e = 0; e < count; ++e) {
+      mean += r.TransformedValues.GetValue(p, e);
+      errors.push_back(r.TransformedErrors.GetValue(p, e));
+    }
+    mean /= count;
+    double scatter = 0;
+    for (int e = 0; e < count; ++e) scatter += std::pow(r.TransformedValues.GetValue(p, e) - mean, 2);
+    scatter = std::sqrt(scatter / (count - 1));
+    std::nth_element(errors.begin(), errors.begin() + count / 2, errors.end());
+    const double median = errors[count / 2];
+    EXPECT_GT(scatter / median, 1.0 / 1.5) << "parameter " << p;
+    EXPECT_LT(scatter / median, 1.5) << "parameter " << p;
+  }
+  for (int e = 0; e < count; e += 17) {
+    const TFitFunctionErrorInfo info = r.ErrorInfo.GetValue(e);
+    EXPECT_NEAR(info.ChiSqr, info.ResidualSumOfSquares, 1e-9 * info.ResidualSumOfSquares);
+  }
 }
 
 } // namespace
