@@ -6,6 +6,7 @@
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Registerdata.h"
+#include "project/Demodataset.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestProgress.h"
@@ -584,6 +585,62 @@ TEST_F(AdvancedFittingCoreTest, LorentzScatterOverPixelsMatchesTheReportedErrors
   for (int e = 0; e < count; e += 17) {
     const TFitFunctionErrorInfo info = r.ErrorInfo.GetValue(e);
     EXPECT_NEAR(info.ChiSqr, info.ResidualSumOfSquares, 1e-9 * info.ResidualSumOfSquares);
+  }
+}
+
+TEST_F(AdvancedFittingCoreTest, DemoMapBandsAreFoundWhereTheirComponentDominates) {
+  // Lorentz fits of the silicon, polystyrene and calcite bands on the demo map, in the pixels where that
+  // component's true abundance is the largest: the median centre and width match the bands it was made of.
+  TDemoOptions options;
+  options.SizeX = 32;
+  options.SizeY = 32;
+  const TDemoModel model = MakeDemoModel(options);
+  const int sx = options.SizeX, sy = options.SizeY, sg = options.SizeGraph, count = sx * sy;
+  TDGraph graph;
+  graph.SetFieldSize(sx, sy, TDataFieldKind::Float, sg);
+  std::vector<float> spectrum(sg);
+  for (int y = 0; y < sy; ++y)
+    for (int x = 0; x < sx; ++x) {
+      SynthesizeDemoSpectrum(model, x, y, spectrum.data());
+      graph.SetSpectrum(x, y, spectrum.data());
+    }
+  graph.SetAllLinesValid();
+  const size_t components = DemoComponents().size();
+  std::vector<std::vector<float>> abundance(components, std::vector<float>(count));
+  for (size_t c = 0; c < components; ++c)
+    SynthesizeDemoAbundance(model, static_cast<int>(c), abundance[c].data());
+
+  struct TCase {
+    int Component;
+    TDemoBand Band;
+  };
+  const TCase cases[] = {{0, DemoComponents()[0].Bands[0]},
+                         {1, DemoComponents()[1].Bands[0]},
+                         {3, DemoComponents()[3].Bands[0]}};
+  for (const TCase& c : cases) {
+    TAdvancedFittingCore core;
+    core.SetFunction(std::make_unique<TNLFitLorentz>());
+    core.SetAxis(model.Shift);
+    std::vector<bool> mask(sg);
+    for (int g = 0; g < sg; ++g) mask[g] = std::fabs(model.Shift[g] - c.Band.Shift) < 20.0;
+    core.SetFitMask(mask);
+    std::string message;
+    ASSERT_EQ(core.FitAll(graph, message), TAdvancedFitStatus::Done) << message;
+    const TAdvancedFitResultArrays& r = *core.GetResults();
+    std::vector<double> centres, widths;
+    for (int e = 0; e < count; ++e) {
+      bool dominant = true;
+      for (size_t k = 0; k < components; ++k)
+        dominant = dominant && abundance[k][e] <= abundance[c.Component][e];
+      if (!dominant || !r.FitGood.GetValue(e)) continue;
+      centres.push_back(r.TransformedValues.GetValue(1, e));
+      widths.push_back(r.TransformedValues.GetValue(2, e));
+    }
+    ASSERT_GE(centres.size(), 20u) << c.Band.Shift;
+    std::nth_element(centres.begin(), centres.begin() + centres.size() / 2, centres.end());
+    std::nth_element(widths.begin(), widths.begin() + widths.size() / 2, widths.end());
+    EXPECT_NEAR(centres[centres.size() / 2], c.Band.Shift, 0.3);
+    EXPECT_NEAR(widths[widths.size() / 2], c.Band.Width, 0.05 * c.Band.Width) << c.Band.Shift;
   }
 }
 
