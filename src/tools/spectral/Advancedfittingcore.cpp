@@ -3,6 +3,7 @@
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
 #include "common/memory/Memorymanagement.h"
+#include "common/numerics/Numerics.h"
 #include "common/threads/Multicorecalc.h"
 #include "common/threads/Progressandcancel.h"
 #include "data/Datafield.h"
@@ -13,6 +14,8 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <iomanip>
+#include <sstream>
 
 namespace {
 
@@ -542,6 +545,26 @@ TAdvancedFitStatus TAdvancedFittingCore::FitSpectrum(const TDGraph& graph, int64
                         ? 1.0 - info.ResidualSumOfSquares / info.TotalSumOfSquares
                         : 0.0;
   return TAdvancedFitStatus::Done;
+}
+
+std::vector<std::pair<std::string, std::string>> AdvancedFitStatisticsText(const TAdvancedFitPointResult& r,
+                                                                           int precision) {
+  const int digits = std::clamp(precision, 2, 12);
+  auto number = [digits](double v) {
+    std::ostringstream text;
+    text << std::setprecision(digits) << v;
+    return text.str();
+  };
+  std::vector<std::pair<std::string, std::string>> lines;
+  lines.emplace_back("Chi^2 / DoF:", r.FitOK && r.DegreesOfFreedom >= 1
+                                         ? number(RoundToSignificantDigit(r.ChiSqrPerDoF, digits - 1))
+                                         : std::string("--------"));
+  lines.emplace_back("Data Points / DoF:",
+                     std::to_string(r.DataPoints) + " / " + std::to_string(r.DegreesOfFreedom));
+  lines.emplace_back("Average Error:", r.FitOK ? number(r.AverageError) : std::string("--------"));
+  lines.emplace_back("R^2:", r.FitOK ? number(std::round(r.RSquared * 100000.0) / 100000.0)
+                                     : std::string("--------"));
+  return lines;
 }
 
 int64_t TAdvancedFittingCore::GetNumberOfFailedFits() const {

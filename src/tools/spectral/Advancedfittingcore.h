@@ -13,6 +13,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class IDataProject;
@@ -125,6 +126,11 @@ struct TAdvancedFitPointResult {
   double RSquared = 0;     ///< 1 - residual / total sum of squares; 0 when the total is about 0
   double ResidualSumOfSquares = 0;
 };
+
+/// The statistics lines shown beside a fit, label and text: "Chi^2 / DoF:" (rounded to precision digits,
+/// "--------" without degrees of freedom), "Data Points / DoF:", "Average Error:" and "R^2:" (five decimals).
+std::vector<std::pair<std::string, std::string>>
+AdvancedFitStatisticsText(const TAdvancedFitPointResult& result, int precision);
 
 /// The whole-stack fitting: settings, the run under a calculation controller, and the result objects.
 class TAdvancedFittingCore {

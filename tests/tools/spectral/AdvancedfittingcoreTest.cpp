@@ -507,6 +507,28 @@ TEST_F(AdvancedFittingCoreTest, SingleSpectrumMatchesTheStackRunAndGivesItsStati
   EXPECT_EQ(core.FitSpectrum(*graph, 9, point, message), TAdvancedFitStatus::Refused);
 }
 
+TEST(AdvancedFitStatistics, TextsOfTheStatisticsLines) {
+  TAdvancedFitPointResult r;
+  r.FitOK = true;
+  r.DataPoints = 80;
+  r.DegreesOfFreedom = 76;
+  r.ChiSqrPerDoF = 2.3456789;
+  r.AverageError = 1.5;
+  r.RSquared = 0.9876543;
+  auto lines = AdvancedFitStatisticsText(r, 3);
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0], std::make_pair(std::string("Chi^2 / DoF:"), std::string("2.35")));
+  EXPECT_EQ(AdvancedFitStatisticsText(r, 6)[0].second, "2.34568");
+  EXPECT_EQ(lines[1].second, "80 / 76");
+  EXPECT_EQ(lines[2].second, "1.5");
+  EXPECT_EQ(lines[3], std::make_pair(std::string("R^2:"), std::string("0.988")));
+  EXPECT_EQ(AdvancedFitStatisticsText(r, 6)[3].second, "0.98765");
+  r.DegreesOfFreedom = 0; // as many varied parameters as points
+  EXPECT_EQ(AdvancedFitStatisticsText(r, 6)[0].second, "--------");
+  r.FitOK = false;
+  EXPECT_EQ(AdvancedFitStatisticsText(r, 6)[2].second, "--------");
+}
+
 TEST_F(AdvancedFittingCoreTest, FormulaFunctionOnTwoThreadsMatchesOneThread) {
   // The formula's parser is shared by the threads, each with its own argument block.
   TDGraph* graph = AddGaussStack(5, 3, 1.0, 3);
