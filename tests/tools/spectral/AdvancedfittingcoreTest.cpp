@@ -10,6 +10,7 @@
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestProgress.h"
+#include "support/TestSupport.h"
 
 #include <algorithm>
 #include <cmath>
@@ -664,6 +665,46 @@ TEST_F(AdvancedFittingCoreTest, DemoMapBandsAreFoundWhereTheirComponentDominates
     EXPECT_NEAR(centres[centres.size() / 2], c.Band.Shift, 0.3);
     EXPECT_NEAR(widths[widths.size() / 2], c.Band.Width, 0.05 * c.Band.Width) << c.Band.Shift;
   }
+}
+
+TEST(AdvancedFitMemory, SmallMemoryMappedStrategyRefusesTheRunBeforeAllocating) {
+  // The process's strategy is swapped for a quarter gigabyte of mapped file, and back afterwards.
+  oxtest::TempDir dir;
+  TMemoryManagement::DestroyMemoryStrategy();
+  TMemoryOptionsOverride options;
+  options.Strategy = "mmf";
+  options.MemoryMappedFilePath = dir.Path().string() + "/";
+  options.FileSizeGB = 0.25;
+  options.MapSizeMB = 16;
+  ASSERT_EQ(TMemoryManagement::ApplyOptionsOverride(options), "");
+  TMemoryManagement::CreateMemoryStrategy();
+  EXPECT_EQ(TMemoryManagement::CurrentStrategy, 1);
+  {
+    TDGraph large; // a million spectra of 16 points: 64 MB, results of about 230 MB
+    large.SetFieldSize(1000, 1000, TDataFieldKind::Float, 16);
+    large.SetAllLinesValid();
+    TAdvancedFittingCore core;
+    core.SetFunction(std::make_unique<TNLFitGauss>());
+    std::string message;
+    EXPECT_EQ(core.FitAll(large, message), TAdvancedFitStatus::Refused);
+    EXPECT_EQ(message.rfind("Not enough memory for the fit results (223 MB needed, ", 0), 0u) << message;
+    EXPECT_EQ(core.GetResults(), nullptr);
+
+    TDGraph small;
+    small.SetFieldSize(4, 4, TDataFieldKind::Float, 16);
+    std::vector<float> s(16);
+    for (int g = 0; g < 16; ++g)
+      s[g] = static_cast<float>(5.0 + 50.0 * std::exp(-0.5 * (g - 7.5) * (g - 7.5) / 4.0));
+    for (int e = 0; e < 16; ++e) small.SetSpectrumOfElement(e, s.data());
+    small.SetAllLinesValid();
+    EXPECT_EQ(core.FitAll(small, message), TAdvancedFitStatus::Done) << message;
+    EXPECT_EQ(core.GetNumberOfFailedFits(), 0);
+    core.DeleteMCI();
+  }
+  TMemoryManagement::DestroyMemoryStrategy();
+  TMemoryManagement::ClearOptionsOverride();
+  TMemoryManagement::CurrentStrategy = 0;
+  TMemoryManagement::CreateMemoryStrategy();
 }
 
 } // namespace
