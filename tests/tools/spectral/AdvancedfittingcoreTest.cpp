@@ -430,6 +430,27 @@ TEST_F(AdvancedFittingCoreTest, UserFormAndSortingOfATwoGaussFunction) {
   TAdvancedFitStatus status;
   auto images = core.MultiCoreFillImages(FProject, raw->GetID(), status);
   EXPECT_NE(Find(images, "Pair (Fit Gauss: FWHM_0)"), nullptr);
+
+  // The curves of the parts: each is the offset plus one peak, so together they give the whole curve.
+  core.ExtractFitCurves = true;
+  core.ExtractReplica = true;
+  auto curves = core.MultiCoreExtractFitCurve(FProject, raw->GetID(), status);
+  ASSERT_EQ(status, TAdvancedFitStatus::Done);
+  ASSERT_EQ(curves.size(), 3u);
+  EXPECT_EQ(curves[1]->GetCaption(), "Pair (Fit Gauss: Curves Gauss Function 0)");
+  EXPECT_EQ(curves[2]->GetCaption(), "Pair (Fit Gauss: Curves Gauss Function 1)");
+  std::vector<float> whole(kLength), part0(kLength), part1(kLength), data(kLength);
+  curves[0]->GetSpectrumOfElement(4, whole.data());
+  curves[1]->GetSpectrumOfElement(4, part0.data());
+  curves[2]->GetSpectrumOfElement(4, part1.data());
+  raw->GetSpectrumOfElement(4, data.data());
+  const double y0 = r.Values.GetValue(0, 4);
+  for (int g = 0; g < kLength; g += 7) {
+    EXPECT_NEAR(whole[g], part0[g] + part1[g] - y0, 1e-3);
+    EXPECT_NEAR(whole[g], data[g], 1e-2);
+  }
+  EXPECT_NEAR(part0[std::lround((184.0 - 100.0) / 0.5)], 5.0 + 84.0,
+              0.1); // the part of the first start values
 }
 
 TEST_F(AdvancedFittingCoreTest, StartValuesComeFromEachSpectrumOrFromTheRow) {
