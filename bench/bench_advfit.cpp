@@ -70,7 +70,8 @@ std::unique_ptr<TFitFunction> MakeFunction(bool lorentz) {
   return std::make_unique<TNLFitGauss>();
 }
 
-// (a): CalculateThread on windows held as doubles, one minimizer per thread; fits per second.
+// (a): CalculateThread on windows held as doubles, one minimizer per thread, at the calculation threads'
+// default priority as the stack run; fits per second.
 double BareCore(const TStack& s, bool lorentz, int first, int count, int threads, long& failed,
                 double& perCpu) {
   std::unique_ptr<TFitFunction> f = MakeFunction(lorentz);
@@ -101,7 +102,6 @@ double BareCore(const TStack& s, bool lorentz, int first, int count, int threads
         f->ThreadPostpare(data);
       },
       threads);
-  mcc.SetThreadPriorityForAllThreads(0);
   mcc.PrepareThreads();
   const double cpu = oxbench::ProcessCpuSeconds();
   const auto start = oxbench::Clock::now();

@@ -174,6 +174,9 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
     results.Errors.SetValueArray(index, errors.data(), count);
     results.ErrorInfo.SetValueArray(uint64_t(blockFirst), infos.data(), uint64_t(inBlock));
     results.FitGood.SetValueArray(uint64_t(blockFirst), good.get(), uint64_t(inBlock));
+    // Counted per block: a shared counter touched by every thread after every spectrum costs more than a
+    // short fit can afford.
+    if (progress) progress->fetch_add(inBlock, std::memory_order_relaxed);
     blockFirst += inBlock;
     inBlock = 0;
   };
@@ -204,7 +207,6 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
     good[static_cast<size_t>(inBlock)] = ok;
     ++inBlock;
     ++done;
-    if (progress) progress->fetch_add(1, std::memory_order_relaxed);
     if (inBlock == kResultBlock) flush();
   }
   flush();

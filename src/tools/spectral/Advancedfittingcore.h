@@ -103,7 +103,8 @@ bool FitOneSpectrum(const TAdvancedFitInput& input, void* threadData, const floa
 /// The fit loop of one thread: elements first..last, each from its own start values (no seeding from
 /// neighbours, so a result never depends on the split). Results go to the disjoint entries of these
 /// elements in results. cancelled (may be empty) is asked before each spectrum; after a cancel the entries
-/// of the elements not reached keep what they held. progress (may be null) counts the finished elements.
+/// of the elements not reached keep what they held. progress (may be null) counts the finished elements,
+/// a block of them at a time.
 /// Returns the number of elements handled; lastMessage (may be null) gets the last status text.
 int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t last,
                          TAdvancedFitResultArrays& results, const std::function<bool()>& cancelled,
