@@ -728,4 +728,36 @@ TEST(AdvancedFitMemory, SmallMemoryMappedStrategyRefusesTheRunBeforeAllocating) 
   TMemoryManagement::CreateMemoryStrategy();
 }
 
+TEST_F(AdvancedFittingCoreTest, SingleSpectrumOnTwoThreadsAndAnAllNaNMap) {
+  // Fewer spectra than threads: the idle thread does nothing, the one spectrum is fitted.
+  TDGraph* single = AddGaussStack(1, 1, 0.0);
+  TAdvancedFittingCore core;
+  SetUpGauss(core);
+  core.NumberOfThreads = 2;
+  std::string message;
+  ASSERT_EQ(core.FitAll(*single, message), TAdvancedFitStatus::Done) << message;
+  TAdvancedFitStatus status;
+  auto images = core.MultiCoreFillImages(FProject, single->GetID(), status);
+  TDImage* center = Find(images, "Stack (Fit Gauss: x0)");
+  ASSERT_NE(center, nullptr);
+  EXPECT_EQ(center->GetSizeX(), 1);
+  EXPECT_NEAR(center->GetField(0, 0), TruthAt(0, 0).Center, 1e-3);
+
+  // Every spectrum not a number: every fit fails, the run still ends with its images.
+  TDGraph* nan = AddGaussStack(3, 2, 0.0);
+  nan->FillField(std::numeric_limits<float>::quiet_NaN());
+  ASSERT_EQ(core.FitAll(*nan, message), TAdvancedFitStatus::Done) << message;
+  EXPECT_EQ(core.GetNumberOfFailedFits(), 6);
+  images = core.MultiCoreFillImages(FProject, nan->GetID(), status);
+  ASSERT_EQ(status, TAdvancedFitStatus::Done);
+  TDImage* fail = Find(images, "Stack (Fit Gauss: Fit Fail Mask)");
+  TDImage* error = Find(images, "Stack (Fit Gauss: s Error)");
+  ASSERT_TRUE(fail && error);
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 3; ++x) {
+      EXPECT_EQ(fail->GetField(x, y), 1.0f);
+      EXPECT_EQ(error->GetField(x, y), -1.0f);
+    }
+}
+
 } // namespace
