@@ -378,6 +378,11 @@ bool TAdvancedFittingCore::IsCancelRequested() const {
   return ExternalCancel && ExternalCancel->IsCancelled();
 }
 
+bool TAdvancedFittingCore::ShouldStop(TMCC& mcc) const {
+  if (IsCancelRequested()) mcc.CancelThreads();
+  return mcc.GetCancel();
+}
+
 bool TAdvancedFittingCore::Prepare(std::string& message) {
   if (!FFunction) {
     message = "Error: No fit function is selected !";
@@ -482,8 +487,7 @@ TAdvancedFitStatus TAdvancedFittingCore::FitAll(int64_t spectra, int spectrumLen
         input, first, last, *results,
         [&] {
           mcc.ThreadProgress[static_cast<size_t>(thread)].store(asked++, std::memory_order_relaxed);
-          if (IsCancelRequested()) mcc.CancelThreads();
-          return mcc.GetCancel();
+          return ShouldStop(mcc);
         },
         &mcc.OverallProgress, &threadMessage);
     if (thread == 0) lastMessage = threadMessage;
@@ -603,7 +607,7 @@ void TAdvancedFittingCore::CopyTransformSortResults(bool transform, bool sort) {
           inBlock = 0;
         };
         for (int e = first; e <= last; ++e) {
-          if (mcc.GetCancel()) return;
+          if (ShouldStop(mcc)) return;
           double* v = outValues.data() + inBlock * np;
           double* er = outErrors.data() + inBlock * np;
           for (int p = 0; p < np; ++p) {
@@ -725,7 +729,7 @@ std::vector<std::unique_ptr<TDImage>> TAdvancedFittingCore::MultiCoreFillImages(
     std::unique_ptr<bool[]> good(new bool[static_cast<size_t>(sizeX)]);
     std::vector<float> line(static_cast<size_t>(sizeX));
     for (int y = first; y <= last; ++y) {
-      if (mcc.GetCancel()) return;
+      if (ShouldStop(mcc)) return;
       const uint64_t e0 = uint64_t(y) * uint64_t(sizeX);
       r.TransformedValues.GetValueArray(e0 * uint64_t(np), values.data(), values.size());
       r.TransformedErrors.GetValueArray(e0 * uint64_t(np), errors.data(), errors.size());
@@ -819,7 +823,7 @@ TAdvancedFittingCore::MultiCoreExtractFitCurve(IDataProject& project, int32_t gr
         std::vector<double> values(static_cast<size_t>(np));
         std::vector<float> curve(static_cast<size_t>(length));
         for (int e = first; e <= last; ++e) {
-          if (mcc.GetCancel()) return;
+          if (ShouldStop(mcc)) return;
           const bool good = r.FitGood.GetValue(uint64_t(e));
           r.Values.GetValueArray(uint64_t(e) * uint64_t(np), values.data(), uint64_t(np));
           for (size_t c = 0; c < curves.size(); ++c) {

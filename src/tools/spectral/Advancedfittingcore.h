@@ -252,6 +252,8 @@ private:
   bool RunMultiCore(const std::string& caption, int64_t elements,
                     const std::function<void(TMCC&, int thread, int first, int last)>& function);
   bool IsCancelRequested() const;
+  /// Passes an outside cancel on to the controller; true when the threads should end.
+  bool ShouldStop(TMCC& mcc) const;
 
   std::unique_ptr<TFitFunction> FFunction;
   std::vector<TAdvancedFitParamSettings> FRows;

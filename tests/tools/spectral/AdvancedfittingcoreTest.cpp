@@ -312,6 +312,18 @@ TEST_F(AdvancedFittingCoreTest, CancelledRunKeepsNoResultAndAddsNothing) {
   // The same core runs to the end once the cancel is gone.
   core.ExternalCancel = nullptr;
   EXPECT_EQ(core.FitAll(*graph, message), TAdvancedFitStatus::Done);
+  // A cancel while the images or the curves are made drops them, and keeps the fit results.
+  oxtest::TRecordingProgress late(3);
+  core.ExternalCancel = &late;
+  EXPECT_TRUE(core.MultiCoreFillImages(FProject, graph->GetID(), status).empty());
+  EXPECT_EQ(status, TAdvancedFitStatus::Cancelled);
+  EXPECT_TRUE(core.MultiCoreExtractFitCurve(FProject, graph->GetID(), status).empty());
+  EXPECT_EQ(status, TAdvancedFitStatus::Cancelled);
+  EXPECT_EQ(ObjectCount(), before);
+  ASSERT_NE(core.GetResults(), nullptr);
+  core.ExternalCancel = nullptr;
+  EXPECT_EQ(core.MultiCoreFillImages(FProject, graph->GetID(), status).size(), 10u);
+  EXPECT_EQ(status, TAdvancedFitStatus::Done);
 }
 
 TEST_F(AdvancedFittingCoreTest, RefusalsNameTheirCause) {
