@@ -94,10 +94,10 @@ struct TAdvancedFitScratch {
 };
 
 /// Fits the fit points of one spectrum (spectrum holds the whole spectrum, or at least the span of the fit
-/// points) with threadData from Function->ThreadPrepare. A spectrum with a
-/// non-finite value among its fit points fails without a fit, a fit with non-finite results fails after
-/// it; warnings (the iteration limit) count as failures. On failure values and errors are zero and the
-/// chi-square in info is NaN. message gets the function's status text.
+/// points) with threadData from Function->ThreadPrepare. A spectrum with a non-finite value among its fit
+/// points fails without a fit, a fit with non-finite results fails after it; warnings (the iteration limit)
+/// count as failures. On failure values and errors are zero and the chi-square in info is NaN. message gets
+/// the function's status text.
 bool FitOneSpectrum(const TAdvancedFitInput& input, void* threadData, const float* spectrum,
                     TAdvancedFitScratch& scratch, TFitFunctionErrorInfo& info, std::string& message);
 
