@@ -891,3 +891,18 @@ void TCustomMessageUserFeedback::SetFeedbackHandler(std::function<void(const TSn
   std::lock_guard guard(FeedbackHandlerLock());
   FeedbackHandler() = std::move(handler);
 }
+
+bool AskUserYesNo(const std::string& text, const std::string& caption,
+                  TStandardMessageSeverityCategory severity) {
+  auto* message =
+      TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, severity, kProgressionInterrupt);
+  std::unique_ptr<IStandardMessageReply> reply(
+      TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
+  return reply && reply->GetAnswer().first == kAnswerYes;
+}
+
+void NotifyUser(const std::string& text, const std::string& caption,
+                TStandardMessageSeverityCategory severity, bool nonBlocking) {
+  TMessageProxy::MsgProxySingleton()->IssueMessage(
+      TBlockingNotification::CreateAndInit(text, caption, severity), nonBlocking);
+}

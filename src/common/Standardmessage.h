@@ -305,6 +305,13 @@ private:
 
 /// Answers each message with its first answer that continues (Yes for Yes/No, Ok for Ok/Cancel), or the
 /// default answer when none continues.
+/// A Yes/No question through the proxy: true only for Yes (no reply is no confirmation).
+bool AskUserYesNo(const std::string& text, const std::string& caption,
+                  TStandardMessageSeverityCategory severity);
+/// A notification through the proxy; with nonBlocking the caller goes on at once.
+void NotifyUser(const std::string& text, const std::string& caption,
+                TStandardMessageSeverityCategory severity, bool nonBlocking);
+
 class TContinueAllMessages_MessagingStrategy : public IMessagingStrategy {
 public:
   TMessageAnswerFunction GetAnswerStrategyForMessage(IStandardMessage* message) override;

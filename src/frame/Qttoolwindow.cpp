@@ -30,8 +30,7 @@ TDataSetChanger* DataSetChangerOf(TProjectDialogForm& tool) {
 }
 
 void Tell(const std::string& text, const std::string& caption) {
-  TMessageProxy::MsgProxySingleton()->IssueMessage(
-      TBlockingNotification::CreateAndInit(text, caption, kSeverityWarning), false);
+  NotifyUser(text, caption, kSeverityWarning, false);
 }
 
 std::string FolderCaption(const std::string& folder) {

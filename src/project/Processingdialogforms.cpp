@@ -145,7 +145,7 @@ void TProjectGraphProcessingDialogForm::Init(const TIntList* ids, const TIntList
 }
 
 void TProjectGraphProcessingDialogForm::CleanUp() {
-  DropOwnedResults();
+  FOwnedResults.Drop();
   FInputIDs.clear();
   FCurrentID = FPreviewGraphID = FOriginalGraphID = 0;
   FPreviewViewer = nullptr;
@@ -250,7 +250,7 @@ void TProjectGraphProcessingDialogForm::StartCalculationSequence(std::unique_ptr
     FRunInputs = FRunResults = nullptr;
     if (FMCC) FMCC->WaitForThreadsFinished(~0UL);
     for (TDGraph* result : results) result->SetAutoDataChange(true);
-    DropOwnedResults();
+    FOwnedResults.Drop();
     project.ReleaseTypedList(inputs);
     throw;
   }
@@ -263,11 +263,11 @@ void TProjectGraphProcessingDialogForm::StartCalculationSequence(std::unique_ptr
   try {
     PostCalculate(inputs, results);
   } catch (...) {
-    DropOwnedResults();
+    FOwnedResults.Drop();
     project.ReleaseTypedList(inputs);
     throw;
   }
-  DropOwnedResults();
+  FOwnedResults.Drop();
   project.ReleaseTypedList(inputs);
 }
 
@@ -281,30 +281,17 @@ void TProjectGraphProcessingDialogForm::CalculateThread(TMCC* /*mcc*/, int /*thr
 void TProjectGraphProcessingDialogForm::PostCalculate(TGraphList& /*inputs*/, TGraphList& /*results*/) {}
 
 TDGraph* TProjectGraphProcessingDialogForm::OwnResult(std::unique_ptr<TDGraph> result) {
-  if (!result) return nullptr;
-  FOwnedResults.push_back(std::move(result));
-  return FOwnedResults.back().get();
+  return FOwnedResults.Own(std::move(result));
 }
 
 void TProjectGraphProcessingDialogForm::HandOverResults(TGraphList& results) {
   if (FIsPreview) return;
   if (FLastRunCancelled) {
-    DropOwnedResults();
+    FOwnedResults.Drop();
     results.clear();
     return;
   }
-  for (TDGraph* result : results) {
-    auto it = std::find_if(FOwnedResults.begin(), FOwnedResults.end(),
-                           [result](const auto& owned) { return owned.get() == result; });
-    if (it == FOwnedResults.end()) continue;
-    std::unique_ptr<TDGraph> owned = std::move(*it);
-    FOwnedResults.erase(it);
-    AddResult(std::move(owned));
-  }
-}
-
-void TProjectGraphProcessingDialogForm::DropOwnedResults() {
-  FOwnedResults.clear();
+  FOwnedResults.HandOver(results, [this](std::unique_ptr<TDGraph> result) { AddResult(std::move(result)); });
 }
 
 // --- Image frame ---------------------------------------------------------------------------------------
@@ -361,7 +348,7 @@ void TProjectImageProcessingDialogForm::Init(const TIntList* ids, const TIntList
 }
 
 void TProjectImageProcessingDialogForm::CleanUp() {
-  DropOwnedResults();
+  FOwnedResults.Drop();
   FPreviewImages.clear();
   FInputIDs.clear();
   FCurrentID = 0;
@@ -497,7 +484,7 @@ void TProjectImageProcessingDialogForm::StartCalculationSequence(std::unique_ptr
     FRunInputs = FRunResults = nullptr;
     if (FMCC) FMCC->WaitForThreadsFinished(~0UL);
     for (TDImage* result : results) result->SetAutoDataChange(true);
-    DropOwnedResults();
+    FOwnedResults.Drop();
     project.ReleaseTypedList(inputs);
     throw;
   }
@@ -511,11 +498,11 @@ void TProjectImageProcessingDialogForm::StartCalculationSequence(std::unique_ptr
     if (FIsPreview && Interactive) ShowPreviewImageForms();
     PostCalculate(inputs, results);
   } catch (...) {
-    DropOwnedResults();
+    FOwnedResults.Drop();
     project.ReleaseTypedList(inputs);
     throw;
   }
-  DropOwnedResults();
+  FOwnedResults.Drop();
   project.ReleaseTypedList(inputs);
 }
 
@@ -527,28 +514,15 @@ void TProjectImageProcessingDialogForm::CalculateThread(TMCC* /*mcc*/, int /*thr
 void TProjectImageProcessingDialogForm::PostCalculate(TImageList& /*inputs*/, TImageList& /*results*/) {}
 
 TDImage* TProjectImageProcessingDialogForm::OwnResult(std::unique_ptr<TDImage> result) {
-  if (!result) return nullptr;
-  FOwnedResults.push_back(std::move(result));
-  return FOwnedResults.back().get();
+  return FOwnedResults.Own(std::move(result));
 }
 
 void TProjectImageProcessingDialogForm::HandOverResults(TImageList& results) {
   if (FIsPreview) return;
   if (FLastRunCancelled) {
-    DropOwnedResults();
+    FOwnedResults.Drop();
     results.clear();
     return;
   }
-  for (TDImage* result : results) {
-    auto it = std::find_if(FOwnedResults.begin(), FOwnedResults.end(),
-                           [result](const auto& owned) { return owned.get() == result; });
-    if (it == FOwnedResults.end()) continue;
-    std::unique_ptr<TDImage> owned = std::move(*it);
-    FOwnedResults.erase(it);
-    AddResult(std::move(owned));
-  }
-}
-
-void TProjectImageProcessingDialogForm::DropOwnedResults() {
-  FOwnedResults.clear();
+  FOwnedResults.HandOver(results, [this](std::unique_ptr<TDImage> result) { AddResult(std::move(result)); });
 }

@@ -6,6 +6,7 @@
 
 #include "project/Projectdialogform.h"
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -30,6 +31,34 @@ private:
   TIntList FIDs;
   int32_t FCurrentID = 0;
   std::function<void(int32_t)> FOnChange;
+};
+
+/// The new results of a run: kept by the frame until they are handed over, dropped after a failure or a
+/// cancel.
+template <class T>
+class TRunResults {
+public:
+  T* Own(std::unique_ptr<T> result) {
+    if (!result) return nullptr;
+    FOwned.push_back(std::move(result));
+    return FOwned.back().get();
+  }
+  /// Gives each owned result of list to add, in list order; the others of list (previews) stay.
+  template <class Add>
+  void HandOver(const std::vector<T*>& list, Add&& add) {
+    for (T* result : list) {
+      auto it = std::find_if(FOwned.begin(), FOwned.end(),
+                             [result](const auto& owned) { return owned.get() == result; });
+      if (it == FOwned.end()) continue;
+      std::unique_ptr<T> owned = std::move(*it);
+      FOwned.erase(it);
+      add(std::move(owned));
+    }
+  }
+  void Drop() { FOwned.clear(); }
+
+private:
+  std::vector<std::unique_ptr<T>> FOwned;
 };
 
 /// Graph tools: one result graph per input graph.
@@ -101,8 +130,6 @@ protected:
   TMCC* GetMCC() const { return FMCC.get(); }
 
 private:
-  void DropOwnedResults();
-
   TIntList FInputIDs;
   int32_t FCurrentID = 0;
   int32_t FPreviewGraphID = 0;
@@ -117,7 +144,7 @@ private:
   std::unique_ptr<TMCC> FMCC;
   TGraphList* FRunInputs = nullptr;
   TGraphList* FRunResults = nullptr;
-  std::vector<std::unique_ptr<TDGraph>> FOwnedResults;
+  TRunResults<TDGraph> FOwnedResults;
 };
 
 /// One preview slot of an image tool.
@@ -187,8 +214,6 @@ protected:
   TMCC* GetMCC() const { return FMCC.get(); }
 
 private:
-  void DropOwnedResults();
-
   TIntList FInputIDs;
   int32_t FCurrentID = 0;
   std::vector<TImageProcessingPreviewImage> FPreviewImages;
@@ -200,5 +225,5 @@ private:
   std::unique_ptr<TMCC> FMCC;
   TImageList* FRunInputs = nullptr;
   TImageList* FRunResults = nullptr;
-  std::vector<std::unique_ptr<TDImage>> FOwnedResults;
+  TRunResults<TDImage> FOwnedResults;
 };

@@ -17,17 +17,11 @@ namespace {
 
 bool AskYesNo(const std::string& text, const std::string& caption,
               TStandardMessageSeverityCategory severity) {
-  auto* message =
-      TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, severity, kProgressionInterrupt);
-  std::unique_ptr<IStandardMessageReply> reply(
-      TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
-  // No reply is no confirmation.
-  return reply && reply->GetAnswer().first == kAnswerYes;
+  return AskUserYesNo(text, caption, severity);
 }
 
 void Notify(const std::string& text, const std::string& caption, TStandardMessageSeverityCategory severity) {
-  TMessageProxy::MsgProxySingleton()->IssueMessage(
-      TBlockingNotification::CreateAndInit(text, caption, severity), true);
+  NotifyUser(text, caption, severity, true);
 }
 
 // Runs job on one calculation worker while the calling thread keeps the user interface alive; the

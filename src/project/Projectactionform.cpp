@@ -20,11 +20,7 @@ void Notify(const std::string& text) {
 }
 
 bool AskYes(const std::string& text, const std::string& caption) {
-  auto* message = TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, kSeverityWarning,
-                                                                      kProgressionInterrupt);
-  std::unique_ptr<IStandardMessageReply> reply(
-      TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
-  return reply && reply->GetAnswer().first == kAnswerYes;
+  return AskUserYesNo(text, caption, kSeverityWarning);
 }
 
 // No exception leaves a command: it is logged with its record and the user hears of it.

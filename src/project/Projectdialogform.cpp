@@ -21,16 +21,11 @@
 namespace {
 
 bool AskYes(const std::string& text, const std::string& caption) {
-  auto* message = TBlockingMultipleChoiceMessage::CreateAndInit_YesNo(text, caption, kSeverityQuestion,
-                                                                      kProgressionInterrupt);
-  std::unique_ptr<IStandardMessageReply> reply(
-      TMessageProxy::MsgProxySingleton()->IssueMessage(message, false));
-  return reply && reply->GetAnswer().first == kAnswerYes;
+  return AskUserYesNo(text, caption, kSeverityQuestion);
 }
 
 void Tell(const std::string& text, const std::string& caption, bool nonBlocking) {
-  TMessageProxy::MsgProxySingleton()->IssueMessage(
-      TBlockingNotification::CreateAndInit(text, caption, kSeverityInformation), nonBlocking);
+  NotifyUser(text, caption, kSeverityInformation, nonBlocking);
 }
 
 // What went wrong, in the words of the first cause: a calculation thread's error comes wrapped.

@@ -73,7 +73,7 @@ void TImageBackgroundSubtractionForm::PreCalculate(TImageList& inputs, TImageLis
 }
 
 void TImageBackgroundSubtractionForm::CalculateThread(TMCC* mcc, int threadIndex, TImageList& inputs,
-                                                      TImageList& results) {
+                                                      TImageList& /*results*/) {
   const int threads = mcc->GetNumberOfThreads();
   for (size_t i = 0; i < inputs.size(); ++i) {
     const TDImage& input = *inputs[i];
@@ -98,13 +98,20 @@ void TImageBackgroundSubtractionForm::CalculateThread(TMCC* mcc, int threadIndex
     }
     if (mcc->GetCancel()) return;
     if (first <= last) Check(job.Kernel.Subtract(values, values, first, last), input, GetDialogName());
-    for (int y = first; y <= last; ++y)
-      if (job.Kernel.IsLineValid(y)) results[i]->SetLine(y, values + static_cast<size_t>(y) * sizeX);
     if (threadIndex == 0) mcc->OverallProgress.fetch_add(1);
   }
 }
 
 void TImageBackgroundSubtractionForm::PostCalculate(TImageList& /*inputs*/, TImageList& results) {
+  // The lines go in here, on one thread: an image keeps per-line flags that threads must not share.
+  if (!GetLastRunCancelled())
+    for (size_t i = 0; i < FJobs.size() && i < results.size(); ++i) {
+      const TJob& job = FJobs[i];
+      const size_t sizeX = static_cast<size_t>(job.Kernel.SizeX());
+      for (int y = 0; y < job.Kernel.SizeY(); ++y)
+        if (job.Kernel.IsLineValid(y))
+          results[i]->SetLine(y, job.Values.data() + static_cast<size_t>(y) * sizeX);
+    }
   FJobs.clear();
   HandOverResults(results);
 }
