@@ -67,6 +67,17 @@ TEST(ImageBackground, SurfaceRemovesExactPolynomialsOfEveryOrder) {
   }
 }
 
+TEST(ImageBackground, WideLinesSummedInBlocksKeepTheirAccuracy) {
+  // Lines are summed in blocks of 256 pixels with a scalar tail: 1029 = 4 blocks + 5 pixels.
+  for (auto mode : {TImageBackgroundMode::Surface, TImageBackgroundMode::Lines}) {
+    Image img(1029, 9,
+              [](int x, int y) { return 40.0 + 0.02 * x - 3e-5 * x * x + 2e-8 * x * x * x + 0.5 * y; });
+    std::vector<float> out(img.data.size());
+    ASSERT_TRUE(SubtractImageBackground(img.data.data(), out.data(), nullptr, img.nx, img.ny, mode, 3).Ok());
+    EXPECT_LT(MaxAbs(out), 1e-4 * MaxAbs(img.data));
+  }
+}
+
 TEST(ImageBackground, SurfaceOfLowerOrderLeavesTheHigherTerm) {
   // x*y is outside the order-1 space: the residual must keep it (minus its best plane), not vanish.
   Image img(20, 20, [](int x, int y) { return double(x) * y; });
