@@ -73,7 +73,7 @@ bool GetGraphMaskAxis(IDataProject& project, int32_t graphID, const std::string&
       dynamic_cast<const TDTransformation*>(project.FindData(graph->GetXTransformationID()));
   const int count = graph->GetSizeGraph();
   if (!transformation || count <= 0) {
-    if (!unit.empty() && unit != "px") {
+    if (!unit.empty()) {
       error = "graph " + std::to_string(graphID) + " has no spectral axis to give '" + unit + "' values";
       return false;
     }
@@ -141,10 +141,13 @@ bool ParseGraphMaskText(const std::string& text, const TGraphMaskAxis& axis, IDa
         error = "mask item '" + item + "': no graph with ID " + std::to_string(id);
         return false;
       }
-      if (graph->GetSizeGraph() != static_cast<int32_t>(size) || graph->GetNumberOfSpectra() < 1 ||
-          !graph->GetLineValid(0)) {
+      if (graph->GetSizeGraph() != static_cast<int32_t>(size)) {
         error = "mask item '" + item + "': the graph has " + std::to_string(graph->GetSizeGraph()) +
                 " points, the mask " + std::to_string(size);
+        return false;
+      }
+      if (graph->GetNumberOfSpectra() < 1 || !graph->GetLineValid(0)) {
+        error = "mask item '" + item + "': the graph holds no valid spectrum";
         return false;
       }
       std::vector<float> values(size);
@@ -476,7 +479,7 @@ bool TGraphMask::SetMaskFromText(const std::string& text, std::string& error, co
   IDataProject* project = Project();
   if (project && FGraphID != 0) {
     if (!GetGraphMaskAxis(*project, FGraphID, unit, axis, error)) return false;
-  } else if (!unit.empty() && unit != "px") {
+  } else if (!unit.empty()) {
     error = "the mask has no graph whose axis could give '" + unit + "' values";
     return false;
   }

@@ -480,6 +480,7 @@ TEST_F(GraphMaskTest, BadTextIsRefusedWithAReasonAndChangesNothing) {
       {"graph:0", &rel, "positive ID"},
       {"graph:9999", &rel, "no graph with ID 9999"},
       {"graph:" + std::to_string(OtherID), &rel, "no graph"},
+      {"graph:" + std::to_string(PlainGraphID), &rel, "no valid spectrum"},
   };
   for (const TCase& c : cases) {
     std::vector<bool> mask = before;
