@@ -240,6 +240,21 @@ std::string FormatGraphMaskText(const bool* mask, int size, const TGraphMaskAxis
   return text;
 }
 
+bool ReadGraphMaskForGraph(IDataProject& project, int32_t graphID, const std::string& text,
+                           const std::string& unit, std::vector<bool>& mask, std::string& error) {
+  TGraphMaskAxis axis;
+  if (!GetGraphMaskAxis(project, graphID, unit, axis, error)) return false;
+  const auto* graph = dynamic_cast<const TDGraph*>(project.FindData(graphID));
+  std::vector<bool> result(static_cast<size_t>(std::max(graph->GetSizeGraph(), 0)), false);
+  if (result.empty()) {
+    error = "graph " + std::to_string(graphID) + " has no spectral points";
+    return false;
+  }
+  if (!ParseGraphMaskText(text, axis, &project, result, error)) return false;
+  mask = std::move(result);
+  return true;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 
 TGraphMask::TGraphMask(IGraphMaskOwner* dialog, int maskSize, int numberOfMasks, int32_t graphID)

@@ -64,6 +64,13 @@ bool ParseGraphMaskText(const std::string& text, const TGraphMaskAxis& axis, IDa
 /// mask.
 std::string FormatGraphMaskText(const bool* mask, int size, const TGraphMaskAxis& axis);
 
+/// The mask a tool's mask parameter gives for input graph graphID: text read over the graph's axis in unit
+/// (empty: the axis's current unit), one flag per spectral point. This is the check a tool runs on its mask
+/// parameter before a calculation: false with a one-line reason when the graph, the unit or the text is
+/// unusable.
+bool ReadGraphMaskForGraph(IDataProject& project, int32_t graphID, const std::string& text,
+                           const std::string& unit, std::vector<bool>& mask, std::string& error);
+
 /// The masks of one tool.
 class TGraphMask {
 public:

@@ -416,6 +416,31 @@ TEST_F(GraphMaskTest, TextInEitherUnitSelectsThePointsTheAxisSays) {
   EXPECT_EQ(Bits(m, 0), expected);
 }
 
+TEST_F(GraphMaskTest, AToolsMaskParameterIsReadForItsInputGraph) {
+  std::vector<bool> mask, expected(kPoints, false);
+  std::string error;
+  for (int p = 30; p <= 35; ++p) expected[p] = true;
+  const std::string nm = std::to_string(0.5 * (Wavelength(29) + Wavelength(30))) + ":" +
+                         std::to_string(0.5 * (Wavelength(35) + Wavelength(36)));
+  ASSERT_TRUE(ReadGraphMaskForGraph(Project, GraphID, nm, "nm", mask, error)) << error;
+  EXPECT_EQ(mask, expected);
+  // The same numbers read in the axis's current unit (rel. 1/cm) mean other points.
+  std::vector<bool> other;
+  ASSERT_TRUE(ReadGraphMaskForGraph(Project, GraphID, nm, "", other, error)) << error;
+  EXPECT_NE(other, expected);
+  // Failures leave the mask alone.
+  other = expected;
+  EXPECT_FALSE(ReadGraphMaskForGraph(Project, GraphID, "-5:-4", "", other, error));
+  EXPECT_NE(error.find("selects no point"), std::string::npos) << error;
+  EXPECT_EQ(other, expected);
+  EXPECT_FALSE(ReadGraphMaskForGraph(Project, PlainGraphID, nm, "", other, error));
+  EXPECT_NE(error.find("no spectral axis"), std::string::npos) << error;
+  ASSERT_TRUE(ReadGraphMaskForGraph(Project, PlainGraphID, "2:3 px", "", mask, error)) << error;
+  EXPECT_EQ(mask, Pattern(kPoints, {2, 3}));
+  EXPECT_FALSE(ReadGraphMaskForGraph(Project, OtherID, "all", "", mask, error));
+  EXPECT_NE(error.find("no graph with ID"), std::string::npos) << error;
+}
+
 TEST_F(GraphMaskTest, TextFormsRoundTrip) {
   TGraphMaskAxis rel, none;
   std::string error;
