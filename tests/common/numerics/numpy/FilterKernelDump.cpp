@@ -5,9 +5,9 @@
 //   x_rising.f64, x_falling.f64   N positions of two axes (a falling one as a Raman shift axis is)
 //   spectra.f32                   COUNT x N spectra: sloped backgrounds, a Lorentzian band, noise
 //   cases.i32                     CASES x 5: axis (0 rising, 1 falling), start, stop, lower, upper pixels
-//   results.f64                   CASES x COUNT x 12: sum, average, minimum, minimum x, maximum, maximum x,
+//   results.f64                   CASES x COUNT x 13: sum, average, minimum, minimum x, maximum, maximum x,
 //                                 centre of mass, width at 50 %, average - minimum, std. deviation,
-//                                 regression offset, regression slope
+//                                 regression offset, regression slope, correlation
 #include "Rawarrays.h"
 #include "common/numerics/Filterreductions.h"
 
@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
       SetLowerAndUpperBackground(f, c[3], c[4]);
       const TFilterMinMax m = FilterMinMax(f);
       const TFilterLine line = FilterLinearRegression(f);
-      const double values[12] = {FilterSum(f),
+      const double values[13] = {FilterSum(f),
                                  FilterAverage(f),
                                  m.Minimum,
                                  m.MinimumX,
@@ -71,8 +71,9 @@ int main(int argc, char** argv) {
                                  FilterAverageMinusMinimum(f),
                                  FilterStandardDeviation(f),
                                  line.Offset,
-                                 line.Slope};
-      results.insert(results.end(), values, values + 12);
+                                 line.Slope,
+                                 line.Correlation};
+      results.insert(results.end(), values, values + 13);
     }
   }
   const bool ok = WriteRawArray(dir + "/x_rising.f64", rising) &&

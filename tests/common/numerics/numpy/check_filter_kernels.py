@@ -8,7 +8,8 @@ range) and every spectrum it recomputes with numpy:
   side first), the straight line through both means when both sides have pixels, else the mean of the sides;
 - sum and average of the raw values less the mean background; extrema of the values less background and
   their x (first of equal values); centre of mass; the width at half the maximum from linear crossings over
-  the whole field; average less minimum (in float); standard deviation; the regression line.
+  the whole field; average less minimum (in float); standard deviation; the regression line and the
+  correlation (numpy.polyfit, numpy.corrcoef).
 Within 1e-9 relative (1e-6 for the value that passes through float). Prints one line per check and
 "N passed, N failed" at the end; exit code 1 on any failure.
 """
@@ -67,14 +68,17 @@ def reference(x, y, start, stop, lower, upper):
     com = (xr * vr).sum() / s if s != 0 else 0.0
     if n > 1:
         slope, offset = np.polyfit(xr, vr, 1)
+        correlation = np.corrcoef(xr, vr)[0, 1]
     else:
-        slope, offset = 0.0, 0.0
+        slope, offset, correlation = 0.0, 0.0, 0.0
     return np.array([yr.sum() - n * mean, yr.mean() - mean, vr[imin], xr[imin], vr[imax], xr[imax], com,
-                     width(x, v, start, stop, 0.5), np.float32(vr.mean() - vr.min()), vr.std(), offset, slope])
+                     width(x, v, start, stop, 0.5), np.float32(vr.mean() - vr.min()), vr.std(), offset, slope,
+                     correlation])
 
 
 NAMES = ["sum", "average", "minimum", "minimum x", "maximum", "maximum x", "centre of mass", "width",
-         "average - minimum", "std. deviation", "regression offset", "regression slope"]
+         "average - minimum", "std. deviation", "regression offset", "regression slope",
+         "correlation"]
 
 
 def main():
