@@ -159,6 +159,8 @@ std::string TDFilter::GetZUnit(int32_t i) const {
     return FAxisUnit;
   case TFilterOutputUnit::Percent:
     return "%";
+  case TFilterOutputUnit::IntensityTimesAxis:
+    return FIntensityUnit + "*" + FAxisUnit;
   case TFilterOutputUnit::IntensityPerAxis:
     return FIntensityUnit + "/" + FAxisUnit;
   case TFilterOutputUnit::IntensityPerAxisSquared:
@@ -567,7 +569,7 @@ TDLorentzFilter::TDLorentzFilter() {
   AddFloatInput("Tolerance:", 1e-4, 1e-8, 1);
   AddIntegerInput("Iterations:", 200, 1, 200);
   DefineOutputs({"Area", "Center", "Width (FWHM)", "Offset", "Error"},
-                {U::IntensityPerAxis, U::Axis, U::Axis, U::Intensity, U::Intensity});
+                {U::IntensityTimesAxis, U::Axis, U::Axis, U::Intensity, U::Intensity});
 }
 
 void TDLorentzFilter::PrepareCalculation(int32_t start, int32_t stop, const std::string& intensityUnit,

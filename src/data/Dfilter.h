@@ -33,7 +33,15 @@ struct TFilterInputParameter {
 };
 
 /// What an output's value measures, which decides its unit.
-enum class TFilterOutputUnit { Intensity, Axis, Percent, IntensityPerAxis, IntensityPerAxisSquared, None };
+enum class TFilterOutputUnit {
+  Intensity,
+  Axis,
+  Percent,
+  IntensityTimesAxis,
+  IntensityPerAxis,
+  IntensityPerAxisSquared,
+  None
+};
 
 /// Base of the filter objects: range, unit, inputs, outputs with their target objects, and the working
 /// state of one run.

@@ -135,6 +135,10 @@ TEST(DfilterTest, ZUnitsFollowTheLabelsOfTheRun) {
   EXPECT_EQ(minmax.GetZUnit(0), "CCD cts");
   EXPECT_EQ(minmax.GetZUnit(1), "rel. 1/cm");
   EXPECT_EQ(minmax.GetZUnit(9), "");
+  TDLorentzFilter lorentz;
+  Prepare(lorentz, s, 2, 5);
+  EXPECT_EQ(lorentz.GetZUnit(0), "CCD cts*rel. 1/cm"); // an area
+  EXPECT_EQ(lorentz.GetZUnit(2), "rel. 1/cm");
 }
 
 TEST(DfilterTest, PrepareClampsAndOrdersTheRangeAndPostpareFreesTheField) {
