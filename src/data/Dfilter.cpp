@@ -4,6 +4,8 @@
 #include "common/OrvexException.h"
 #include "common/numerics/Chisqrminimizer.h"
 #include "common/numerics/Fitfunctions.h"
+#include "data/Dgraph.h"
+#include "data/Graphfilter.h"
 
 #include <algorithm>
 #include <cmath>
@@ -203,6 +205,26 @@ void TDFilter::PrepareCalculation(int32_t start, int32_t stop, const std::string
   FIntensityUnit = intensityUnit;
   FAxisUnit = axisUnit;
   FPrepared = true;
+}
+
+TGraphFilterRangeStatus TDFilter::PrepareCalculationForGraph(const TDGraph& graph) {
+  FPrepared = false;
+  TGraphAxisPositions axis;
+  if (!GetGraphAxisPositions(graph, 0, FUnitIndex, axis))
+    return graph.GetSizeGraph() < 1 || !graph.GetProject() ? TGraphFilterRangeStatus::NoInput
+                                                           : TGraphFilterRangeStatus::BadUnit;
+  if (!std::isfinite(FRange[0]) || !std::isfinite(FRange[1])) return TGraphFilterRangeStatus::BadSettings;
+  int32_t start = 0, stop = 0;
+  const auto status =
+      FindRangePixels(axis.X.data(), static_cast<int32_t>(axis.X.size()), std::min(FRange[0], FRange[1]),
+                      std::max(FRange[0], FRange[1]), start, stop);
+  if (status != TGraphFilterRangeStatus::Inside && status != TGraphFilterRangeStatus::NarrowerThanStep)
+    return status;
+  SetFieldSize(static_cast<int32_t>(axis.X.size()));
+  FX = std::move(axis.X);
+  FInputID = graph.GetID();
+  PrepareCalculation(start, stop, axis.ValueUnit, axis.AxisUnit);
+  return status;
 }
 
 void TDFilter::PostpareCalculation() {

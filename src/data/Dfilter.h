@@ -16,6 +16,8 @@
 #include <vector>
 
 class TChiSqrMinimizer;
+class TDGraph;
+enum class TGraphFilterRangeStatus;
 
 /// The group of filter objects in the project's lists.
 inline constexpr int32_t kFilterDataCategory = 1;
@@ -80,6 +82,12 @@ public:
   /// Throws when no field is set.
   virtual void PrepareCalculation(int32_t start, int32_t stop, const std::string& intensityUnit,
                                   const std::string& axisUnit);
+  /// The whole set-up for the spectra of a graph: the field from its length, the x positions on its axis in
+  /// the filter's unit, start and stop from the range (the pixels whose position lies inside it, or the one
+  /// nearest its centre when it is narrower than a step), the units of values and axis, and the graph as
+  /// input. Prepares nothing when the range lies wholly off the axis or the axis can't express the unit;
+  /// the status says which.
+  TGraphFilterRangeStatus PrepareCalculationForGraph(const TDGraph& graph);
   /// Frees the x positions, sets the field length 0 and clears the changed flag.
   virtual void PostpareCalculation();
   /// Clears every target link.

@@ -91,6 +91,67 @@ double StandardValueOfPixel(const TDTransformation& transformation, int32_t pixe
 
 } // namespace
 
+bool GetGraphAxisPositions(const TDGraph& graph, int32_t unitKind, int32_t unitIndex,
+                           TGraphAxisPositions& out) {
+  out = TGraphAxisPositions();
+  IDataProject* project = graph.GetProject();
+  const TAxis axis = FindAxis(project, graph.GetID());
+  const int32_t n = graph.GetSizeGraph();
+  if (!axis.Graph || n < 1) return false;
+  TGraphFilterInfo info;
+  info.UnitKind = unitKind;
+  const int32_t unit = ResolveUnit(axis, info, unitIndex);
+  if (unit == -2) return false;
+  out.X.resize(static_cast<size_t>(n));
+  for (int32_t i = 0; i < n; ++i) {
+    double x = i; // an uncalibrated axis counts pixels
+    if (axis.Transformation) {
+      x = StandardValueOfPixel(*axis.Transformation, i);
+      if (axis.Interpretation) x = axis.Interpretation->StandardTo(x, unit);
+    }
+    out.X[static_cast<size_t>(i)] = x;
+  }
+  if (axis.Interpretation)
+    out.AxisUnit = axis.Interpretation->UnitString(unit);
+  else
+    out.AxisUnit = axis.Transformation ? axis.Transformation->GetStandardUnit() : "Pixel";
+  if (const auto* z = dynamic_cast<const TDInterpretation*>(project->FindData(graph.GetZInterpretationID())))
+    out.ValueUnit = z->UnitString(z->GetUnitIndex());
+  return true;
+}
+
+TGraphFilterRangeStatus FindRangePixels(const double* x, int32_t length, double lower, double upper,
+                                        int32_t& start, int32_t& stop) {
+  start = stop = 0;
+  if (length < 1) return TGraphFilterRangeStatus::NoInput;
+  if (!(lower <= upper)) return TGraphFilterRangeStatus::BadSettings;
+  const double centre = 0.5 * (lower + upper);
+  int32_t first = -1, last = -1, nearest = 0;
+  double nearestDistance = INFINITY, minimum = INFINITY, maximum = -INFINITY;
+  for (int32_t i = 0; i < length; ++i) {
+    const double v = x[i];
+    minimum = std::min(minimum, v);
+    maximum = std::max(maximum, v);
+    if (v >= lower && v <= upper) {
+      if (first < 0) first = i;
+      last = i;
+    }
+    const double distance = std::fabs(v - centre);
+    if (distance < nearestDistance) {
+      nearestDistance = distance;
+      nearest = i;
+    }
+  }
+  if (first >= 0) {
+    start = first;
+    stop = last;
+    return TGraphFilterRangeStatus::Inside;
+  }
+  start = stop = nearest;
+  return (upper < minimum || lower > maximum) ? TGraphFilterRangeStatus::OffAxis
+                                              : TGraphFilterRangeStatus::NarrowerThanStep;
+}
+
 TGraphFilter::TGraphFilter(int32_t kind) {
   FInfo.FilterKind = kind;
   FInfo.FilterCaption = ::GetFilterKindCaption(kind);
@@ -107,30 +168,13 @@ void TGraphFilter::SetNewInputGraph(TDGraph* graph) {
 }
 
 bool TGraphFilter::CalculateXPositions() {
-  FX.clear();
-  FAxisUnit = FZUnit = "Unknown";
-  const TAxis axis = FindAxis(FProject, FGraphID);
-  if (!axis.Graph || axis.Graph->GetSizeGraph() < 1) return false;
-  const int32_t n = axis.Graph->GetSizeGraph();
-  const int32_t unit = ResolveUnit(axis, FThreadInfo, FThreadInfo.UnitIndex);
-  if (unit == -2) return false;
-  FX.resize(static_cast<size_t>(n));
-  for (int32_t i = 0; i < n; ++i) {
-    double x = i; // an uncalibrated axis counts pixels
-    if (axis.Transformation) {
-      x = StandardValueOfPixel(*axis.Transformation, i);
-      if (axis.Interpretation) x = axis.Interpretation->StandardTo(x, unit);
-    }
-    FX[static_cast<size_t>(i)] = x;
-  }
-  if (axis.Interpretation)
-    FAxisUnit = axis.Interpretation->UnitString(unit);
-  else
-    FAxisUnit = axis.Transformation ? axis.Transformation->GetStandardUnit() : "Pixel";
-  if (const auto* z =
-          dynamic_cast<const TDInterpretation*>(FProject->FindData(axis.Graph->GetZInterpretationID())))
-    FZUnit = z->UnitString(z->GetUnitIndex());
-  return true;
+  TGraphAxisPositions axis;
+  const TDGraph* graph = FProject ? dynamic_cast<const TDGraph*>(FProject->FindData(FGraphID)) : nullptr;
+  const bool ok = graph && GetGraphAxisPositions(*graph, FThreadInfo.UnitKind, FThreadInfo.UnitIndex, axis);
+  FX = std::move(axis.X);
+  FAxisUnit = axis.AxisUnit;
+  FZUnit = axis.ValueUnit;
+  return ok;
 }
 
 TGraphFilterRangeStatus TGraphFilter::CalculateStartStopRanges() {
@@ -139,30 +183,7 @@ TGraphFilterRangeStatus TGraphFilter::CalculateStartStopRanges() {
   if (FX.empty()) return TGraphFilterRangeStatus::NoInput;
   const double lo = FThreadInfo.FilterPosition - 0.5 * FThreadInfo.FilterWidth;
   const double hi = FThreadInfo.FilterPosition + 0.5 * FThreadInfo.FilterWidth;
-  int32_t first = -1, last = -1, nearest = 0;
-  double nearestDistance = INFINITY, minimum = INFINITY, maximum = -INFINITY;
-  for (int32_t i = 0; i < GetFieldLength(); ++i) {
-    const double x = FX[static_cast<size_t>(i)];
-    minimum = std::min(minimum, x);
-    maximum = std::max(maximum, x);
-    if (x >= lo && x <= hi) {
-      if (first < 0) first = i;
-      last = i;
-    }
-    const double distance = std::fabs(x - FThreadInfo.FilterPosition);
-    if (distance < nearestDistance) {
-      nearestDistance = distance;
-      nearest = i;
-    }
-  }
-  if (first >= 0) {
-    FStart = first;
-    FStop = last;
-    return TGraphFilterRangeStatus::Inside;
-  }
-  FStart = FStop = nearest;
-  return (hi < minimum || lo > maximum) ? TGraphFilterRangeStatus::OffAxis
-                                        : TGraphFilterRangeStatus::NarrowerThanStep;
+  return FindRangePixels(FX.data(), GetFieldLength(), lo, hi, FStart, FStop);
 }
 
 TGraphFilterRangeStatus TGraphFilter::CopyParamsForThread() {

@@ -68,6 +68,24 @@ enum class TGraphFilterRangeStatus {
   BadSettings,      ///< see TGraphFilterInfo::Problem
 };
 
+/// The positions of a graph's pixels on its spectral axis in one unit, with the units of axis and values.
+struct TGraphAxisPositions {
+  std::vector<double> X;
+  std::string AxisUnit = "Unknown";
+  std::string ValueUnit = "Unknown";
+};
+/// Positions from the graph's spectral transformation in unitIndex of its interpretation (-1: the current
+/// unit); an axis without interpretation gives its standard unit, one without transformation pixel
+/// indices. False (X empty) for a graph without spectra or outside a project, or when the axis can't
+/// express the unit: an index outside its list, or a unitKind (0: any) other than the axis's.
+bool GetGraphAxisPositions(const TDGraph& graph, int32_t unitKind, int32_t unitIndex,
+                           TGraphAxisPositions& out);
+/// The first and last pixel whose position lies in [lower, upper] (closed; the axis may rise or fall).
+/// None inside: the pixel nearest the centre, as NarrowerThanStep when the range lies within the axis and
+/// OffAxis when it lies wholly beyond one end.
+TGraphFilterRangeStatus FindRangePixels(const double* x, int32_t length, double lower, double upper,
+                                        int32_t& start, int32_t& stop);
+
 /// One graph filter on one input graph. Settings are edited in the working record (Info); CopyParamsForThread
 /// commits them for the calculation, which is const and reentrant: any number of threads may run
 /// Calculation at once, each with its own spectrum buffer. Another engine takes a CloneForCalculation.

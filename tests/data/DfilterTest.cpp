@@ -3,6 +3,10 @@
 #include "data/Dfilter.h"
 
 #include "common/OrvexException.h"
+#include "data/Dgraph.h"
+#include "data/Dinterpretation.h"
+#include "data/Dtransformation.h"
+#include "data/Graphfilter.h"
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/DataRoundTrip.h"
@@ -489,4 +493,97 @@ TEST(DfilterTest, ClonesOnSeveralThreadsCalculateAsTheOriginal) {
       EXPECT_EQ(got[k % threads][k], expected[k]) << filter->GetClassNameA() << " spectrum " << k;
     filter->PostpareCalculation();
   }
+}
+
+TEST(DfilterTest, PreparedForAGraphTheRangeSelectsByTheAxisAndALoadedFilterCalculatesAlike) {
+  oxtest::EnsureMemoryStrategy();
+  RegisterDataClasses();
+  TProject project;
+  auto interpretation = std::make_unique<TDSpectralInterpretation>();
+  interpretation->SetID(project.GetNewDataID());
+  interpretation->SetExcitationWaveLength(532);
+  interpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
+  const int32_t interpretationID = interpretation->GetID();
+  project.AddData(std::move(interpretation));
+  auto transformation = std::make_unique<TDSpectralTransformation>();
+  transformation->SetID(project.GetNewDataID());
+  transformation->SetPolynom(538, 0.07, 2e-5);
+  transformation->SetInterpretationID(interpretationID);
+  const TDSpectralTransformation* axis = transformation.get();
+  project.AddData(std::move(transformation));
+  const int n = 200;
+  auto graph = std::make_unique<TDGraph>();
+  graph->SetID(project.GetNewDataID());
+  graph->SetFieldSize(2, 1, TDataFieldKind::Float, n);
+  graph->SetXTransformationID(axis->GetID());
+  graph->SetXInterpretationID(interpretationID);
+  for (int x = 0; x < 2; ++x) {
+    std::vector<float> y(n);
+    for (int i = 0; i < n; ++i) y[i] = static_cast<float>(40 + 0.2 * i + 700 * Gauss(i, 90 + 20 * x, 4));
+    graph->SetSpectrum(x, 0, y.data());
+  }
+  graph->SetAllLinesValid();
+  const TDGraph* graphPointer = graph.get();
+  const int32_t graphID = graph->GetID();
+  project.AddData(std::move(graph));
+
+  // A sum over a range in nm on an axis shown in rel. 1/cm: the pixels whose wavelength lies inside.
+  auto sum = std::make_unique<TDSumFilter>();
+  sum->SetID(project.GetNewDataID());
+  sum->SetUnitIndex(TDSpectralInterpretation::suNanometer);
+  const double lo = axis->PixelToWaveLength(80.4), hi = axis->PixelToWaveLength(101.6);
+  sum->SetRange(hi, lo); // either order
+  ASSERT_EQ(sum->PrepareCalculationForGraph(*graphPointer), TGraphFilterRangeStatus::Inside);
+  EXPECT_EQ(sum->GetStartIndex(), 81);
+  EXPECT_EQ(sum->GetStopIndex(), 101);
+  EXPECT_EQ(sum->GetZUnit(0), "Unknown"); // the graph has no value interpretation
+  int32_t input = 0, source = 0;
+  sum->GetIDs(input, source);
+  EXPECT_EQ(input, graphID);
+
+  // A centre of mass in the axis's current unit, and one whose range lies off the axis.
+  auto com = std::make_unique<TDCenterOfMassFilter>();
+  com->SetID(project.GetNewDataID());
+  TGraphAxisPositions positions;
+  ASSERT_TRUE(GetGraphAxisPositions(*graphPointer, 0, -1, positions));
+  com->SetRange(positions.X[60], positions.X[140]);
+  ASSERT_EQ(com->PrepareCalculationForGraph(*graphPointer), TGraphFilterRangeStatus::Inside);
+  EXPECT_EQ(com->GetZUnit(0), "rel. 1/cm");
+  TDAverageFilter off;
+  off.SetRange(positions.X[n - 1] + 50, positions.X[n - 1] + 80);
+  EXPECT_EQ(off.PrepareCalculationForGraph(*graphPointer), TGraphFilterRangeStatus::OffAxis);
+  EXPECT_THROW(off.Calculation(std::vector<float>(n).data()), OrvexException);
+  TDAverageFilter badUnit;
+  badUnit.SetUnitIndex(40);
+  EXPECT_EQ(badUnit.PrepareCalculationForGraph(*graphPointer), TGraphFilterRangeStatus::BadUnit);
+
+  auto results = [n](TDFilter& filter, const TDGraph& g) {
+    std::vector<double> out;
+    std::vector<float> y(n);
+    EXPECT_EQ(filter.PrepareCalculationForGraph(g), TGraphFilterRangeStatus::Inside);
+    for (int x = 0; x < 2; ++x) {
+      g.GetSpectrum(x, 0, y.data());
+      filter.Calculation(y.data());
+      out.push_back(filter.GetParameter(0));
+    }
+    filter.PostpareCalculation();
+    return out;
+  };
+  const auto sumBefore = results(*sum, *graphPointer), comBefore = results(*com, *graphPointer);
+  EXPECT_NEAR(comBefore[0], positions.X[90], 0.5);
+  EXPECT_NEAR(comBefore[1], positions.X[110], 0.5);
+  project.AddData(std::move(sum));
+  project.AddData(std::move(com));
+  oxtest::TempDir dir;
+  ASSERT_EQ(project.SaveProjectToFile(dir.File("graph.oxp")), 1);
+  TProject loaded;
+  ASSERT_EQ(loaded.LoadProjectFromFile(dir.File("graph.oxp")), 1);
+  const auto* loadedGraph = dynamic_cast<const TDGraph*>(loaded.FindData(graphID));
+  ASSERT_NE(loadedGraph, nullptr);
+  std::vector<TDFilter*> filters;
+  for (const auto& object : loaded.DataList())
+    if (auto* f = dynamic_cast<TDFilter*>(object.get())) filters.push_back(f);
+  ASSERT_EQ(filters.size(), 2u);
+  EXPECT_EQ(results(*filters[0], *loadedGraph), sumBefore);
+  EXPECT_EQ(results(*filters[1], *loadedGraph), comBefore);
 }
