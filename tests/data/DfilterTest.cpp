@@ -557,7 +557,7 @@ TEST(DfilterTest, PreparedForAGraphTheRangeSelectsByTheAxisAndALoadedFilterCalcu
   badUnit.SetUnitIndex(40);
   EXPECT_EQ(badUnit.PrepareCalculationForGraph(*graphPointer), TGraphFilterRangeStatus::BadUnit);
 
-  auto results = [n](TDFilter& filter, const TDGraph& g) {
+  auto results = [&](TDFilter& filter, const TDGraph& g) {
     std::vector<double> out;
     std::vector<float> y(n);
     EXPECT_EQ(filter.PrepareCalculationForGraph(g), TGraphFilterRangeStatus::Inside);
