@@ -5,9 +5,13 @@
 // whole stack, with the ratio to the first.
 //   bench_filters [SPECTRA]      default 65536 spectra (256 x 256)
 #include "Benchsupport.h"
+#include "common/memory/Memorymanagement.h"
 #include "common/numerics/Filterreductions.h"
 #include "data/Dfilter.h"
+#include "data/Dgraph.h"
+#include "data/Dtransformation.h"
 #include "data/Graphfilter.h"
+#include "project/Project.h"
 
 #include <algorithm>
 #include <cmath>
@@ -72,8 +76,22 @@ int main(int argc, char** argv) {
   }
   const std::vector<float> stack = MakeSpectra(count);
   std::vector<float> copy(stack.size());
+  // A graph of one spectrum carries the axis the graph filters read: a falling table, as rel. 1/cm runs.
+  TMemoryManagement::CreateMemoryStrategy();
+  TProject project;
   std::vector<double> x(kPoints);
-  for (int i = 0; i < kPoints; ++i) x[i] = 1800 - 1.7 * i; // a falling axis, as rel. 1/cm runs
+  for (int i = 0; i < kPoints; ++i) x[i] = 1800 - 1.7 * i;
+  auto lut = std::make_unique<TDLUTTransformation>();
+  lut->SetID(project.GetNewDataID());
+  lut->SetLUT(x.data(), kPoints);
+  const int32_t lutID = lut->GetID();
+  project.AddData(std::move(lut));
+  auto graph = std::make_unique<TDGraph>();
+  graph->SetID(project.GetNewDataID());
+  graph->SetFieldSize(1, 1, TDataFieldKind::Float, kPoints);
+  graph->SetXTransformationID(lutID);
+  TDGraph* input = graph.get();
+  project.AddData(std::move(graph));
   std::vector<double> results(static_cast<size_t>(count));
 
   // The pixels a graph filter reads for the band: the range and the background pixels beside it.
@@ -103,28 +121,24 @@ int main(int argc, char** argv) {
     line("floor: read of the band's bytes", band);
     line("floor: memcpy of the stack", copyTime);
     for (int32_t kind : {gfkSum, gfkPosition, gfkWidth}) {
+      TGraphFilter filter(kind);
+      filter.SetNewInputGraph(input);
+      filter.Info().FilterPosition = 0.5 * (x[kBandStart] + x[kBandStop]);
+      filter.Info().FilterWidth = x[kBandStart] - x[kBandStop] + 0.5; // half a step beyond each end
+      filter.Info().LowerBGPixels = filter.Info().UpperBGPixels = kBackground;
+      if (filter.CopyParamsForThread() != TGraphFilterRangeStatus::Inside ||
+          filter.GetNumberOfPixels() != kBandStop - kBandStart + 1) {
+        std::fprintf(stderr, "bench_filters: the band's range doesn't select its pixels\n");
+        return 1;
+      }
+      int32_t part = 0, partCount = 0;
+      filter.GetPixelRangeNeededByFilter(part, partCount);
       const double seconds = Best(count, threads, [&](int a, int b) {
-        // The reductions as TGraphFilter::CalculationOfPart (sum, position) and Calculation (width) run
-        // them, on the stack's pixels in place.
+        // Only the pixels the filter needs are read, in place; the width needs the whole spectrum.
         for (int s = a; s < b; ++s) {
           const float* y = stack.data() + static_cast<size_t>(s) * kPoints;
-          TFilterField f;
-          f.X = x.data();
-          f.Y = y;
-          f.Length = kPoints;
-          f.Start = kBandStart;
-          f.Stop = kBandStop;
-          if (kind != gfkWidth) { // only the needed part, seen as a field of its own
-            f.X += first;
-            f.Y += first;
-            f.Length = needed;
-            f.Start -= first;
-            f.Stop -= first;
-          }
-          SetLowerAndUpperBackground(f, kBackground, kBackground);
-          results[static_cast<size_t>(s)] = kind == gfkSum        ? FilterSum(f)
-                                            : kind == gfkPosition ? FilterCenterOfMass(f, 1e-30, 0)
-                                                                  : FilterWidth(f, 0.5, false);
+          results[static_cast<size_t>(s)] =
+              kind == gfkWidth ? filter.Calculation(y) : filter.CalculationOfPart(y + part, part, partCount);
         }
       });
       line((std::string("graph filter ") + GetFilterKindCaption(kind)).c_str(), seconds);
