@@ -304,7 +304,9 @@ void TDFilter::ExchangeID(int32_t oldID, int32_t newID) {
 
 std::vector<std::pair<std::string, int32_t>> TDFilter::GetReferencedIDs() const {
   std::vector<std::pair<std::string, int32_t>> ids;
-  for (int32_t id : FTargetIDs) ids.emplace_back("TargetIDs", id);
+  // One name per output, so that listings keyed by name keep them all.
+  for (size_t i = 0; i < FTargetIDs.size(); ++i)
+    ids.emplace_back("TargetID" + std::to_string(i), FTargetIDs[i]);
   return ids;
 }
 

@@ -410,6 +410,18 @@ TEST(DfilterTest, FiltersLoadedFromAProjectCalculateAsTheSavedOnes) {
     ASSERT_NE(filter, nullptr);
     EXPECT_EQ(Outputs(*filter, s, 160, 240), before[k]) << filter->GetClassNameA();
   }
+  // Saved again, the file is the same but for the system information.
+  ASSERT_EQ(loaded.SaveProjectToFile(dir.File("again.oxp")), 1);
+  auto withoutSystemInformation = [&](const std::string& fileName) {
+    TTagControl tree;
+    EXPECT_EQ(tree.LoadTagListByFileName(fileName, TProject::kProjectIdentification), 1);
+    std::erase_if(*tree.Children(), [](const auto& child) { return child->Name() == "SystemInformation"; });
+    const auto copy = dir.File("stripped.tmp");
+    tree.SaveTagListToFileByName(copy, TProject::kProjectIdentification);
+    return oxtest::ReadFileBytes(copy);
+  };
+  EXPECT_EQ(withoutSystemInformation(dir.File("filters.oxp")),
+            withoutSystemInformation(dir.File("again.oxp")));
 }
 
 TEST(DfilterTest, TargetLinksFollowRemovalRenumberingAndTheMenuCommand) {
@@ -434,6 +446,9 @@ TEST(DfilterTest, TargetLinksFollowRemovalRenumberingAndTheMenuCommand) {
   filter->SetTargetID(3, 999); // nothing of that ID
   filter->SetIDs(textID, imageID);
   EXPECT_EQ(filter->GetLinkedFilterData(), (TIntList{imageID, imageID}));
+  const auto references = filter->GetReferencedIDs();
+  ASSERT_EQ(references.size(), 4u);
+  EXPECT_EQ(references[1], (std::pair<std::string, int32_t>{"TargetID1", textID}));
   EXPECT_TRUE(filter->IsDataUsed(textID));
   filter->CleanWrongDataConnections();
   EXPECT_EQ(filter->GetTargetID(3), 0);
