@@ -317,7 +317,7 @@ TTagError TDFilter::SaveDataToTagFile(TFileHandle file) {
   const auto n = static_cast<int64_t>(FInputs.size());
   std::vector<int32_t> types, ints, minInts, maxInts;
   std::vector<double> floats, minFloats, maxFloats;
-  std::unique_ptr<bool[]> booleans(new bool[static_cast<size_t>(std::max<int64_t>(n, 1))]);
+  std::unique_ptr<bool[]> booleans(new bool[static_cast<size_t>(std::max<int64_t>(n, 1))]());
   for (int64_t i = 0; i < n; ++i) {
     const TFilterInputParameter& p = FInputs[static_cast<size_t>(i)];
     types.push_back(static_cast<int32_t>(p.FIPType));
@@ -365,7 +365,7 @@ TTagError TDFilter::LoadDataFromTagFile(TFileHandle file, const TTagControl& par
   if (n > 0) {
     std::vector<int32_t> types(static_cast<size_t>(n)), ints(static_cast<size_t>(n));
     std::vector<double> floats(static_cast<size_t>(n));
-    std::unique_ptr<bool[]> booleans(new bool[static_cast<size_t>(n)]);
+    std::unique_ptr<bool[]> booleans(new bool[static_cast<size_t>(n)]());
     const int64_t haveTypes = LoadArrayPrefix(file, "FIPType", own, types.data(), n);
     const int64_t haveFloats = LoadArrayPrefix(file, "FIPFloat", own, floats.data(), n);
     const int64_t haveInts = LoadArrayPrefix(file, "FIPInteger", own, ints.data(), n);
