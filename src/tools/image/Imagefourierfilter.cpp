@@ -172,12 +172,15 @@ void TImageFourierFilterForm::Init(const TIntList* ids, const TIntList* extra, T
   FSourceID = ids && !ids->empty() ? ids->front() : 0;
   FSpectrumValid = false;
   FN = 0;
-  FMCC = std::make_unique<TMCC>(GetDialogName(), [this](TMCC* mcc, int thread) {
-    if (FPass == TPass::Forward)
-      DoFFT(mcc, thread);
-    else
-      DoBackFFT(mcc, thread);
-  });
+  FMCC = std::make_unique<TMCC>(
+      GetDialogName(),
+      [this](TMCC* mcc, int thread) {
+        if (FPass == TPass::Forward)
+          DoFFT(mcc, thread);
+        else
+          DoBackFFT(mcc, thread);
+      },
+      NumberOfThreads);
   FMCC->PrepareThreads();
   if (!Interactive || ConfigurationOnly || FSourceID == 0) return;
   // The preview and the amplitude image stay in the project while the tool is open.

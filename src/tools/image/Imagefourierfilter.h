@@ -75,6 +75,9 @@ public:
   void DoDataChange(TData* data) override;
   bool IsDataUsed(int32_t id) const override;
 
+  /// Threads of the transforms from the next Init; -1: one per processor.
+  int NumberOfThreads = -1;
+
   /// The working size N of the open tool (0 before the first transform).
   int GetN() const { return FN; }
   /// The hand-drawn marks, N x N in display order (frequency 0 at (N/2, N/2)); non-zero removes the
