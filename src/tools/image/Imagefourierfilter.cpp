@@ -30,6 +30,21 @@ inline size_t DisplayIndex(int i, int j, int n) {
   return static_cast<size_t>(j + half) * static_cast<size_t>(n) + static_cast<size_t>(i + half);
 }
 
+// A line of the result from a calculation thread. TDImage::SetLine also flags the line as changed, in a bit
+// array shared by neighbouring lines; threads write the values only and the flags are set after the run.
+void StoreLine(TDImage& image, int32_t y, const float* values) {
+  TDataField* field = image.GetDataField();
+  if (image.IsInverted()) {
+    const int32_t index[2] = {y, 0};
+    field->SetValueArray(index, values, image.GetSizeX());
+  } else {
+    for (int32_t x = 0; x < image.GetSizeX(); ++x) {
+      const int32_t index[2] = {x, y};
+      field->SetValue(index, values[x]);
+    }
+  }
+}
+
 std::string Describe(const TDImage& image) {
   return "\"" + image.GetCaption() + "\" (ID " + std::to_string(image.GetID()) + ")";
 }
@@ -252,6 +267,7 @@ bool TImageFourierFilterForm::DoCommand(const std::string& name) {
   if (!result) throw OrvexException(GetDialogName() + ": no image for the result of " + Describe(Source()));
   result->SetFieldSize(FSizeX, FSizeY);
   if (!CalculateBackFFTMultiCore(*result)) return false;
+  result->DoDataChange(TDataChangeInfo::DataChanged); // line statistics
   AddResult(std::move(result));
   return true;
 }
@@ -367,7 +383,10 @@ bool TImageFourierFilterForm::CalculateBackFFTMultiCore(TDImage& result) {
   RunThreads(TPass::Backward, &result);
   if (FLastRunCancelled) return false;
   const TDImage& source = Source();
-  for (int32_t y = 0; y < FSizeY; ++y) result.SetLineValid(y, source.GetLineValid(y));
+  for (int32_t y = 0; y < FSizeY; ++y) {
+    result.SetLineChanged(y, true);
+    result.SetLineValid(y, source.GetLineValid(y));
+  }
   return true;
 }
 
@@ -483,7 +502,7 @@ void TImageFourierFilterForm::DoBackFFT(TMCC* mcc, int threadIndex) {
       if (direct) {
         for (int x = 0; x < n; ++x)
           work.Out[static_cast<size_t>(x)] = static_cast<float>(work.Column[x].real());
-        result.SetLine(y, work.Out.data());
+        StoreLine(result, y, work.Out.data());
       } else {
         FWork->SetValueArrayDim1(static_cast<uint64_t>(y), work.Column.data());
       }
@@ -512,7 +531,7 @@ void TImageFourierFilterForm::DoBackFFT(TMCC* mcc, int threadIndex) {
     readReal(j1, work.Line1);
     SampleFourierRow(work.Line0.data(), work.Line1.data(), position - j, n, 1.0 / FStepX, FSizeX, row.data());
     for (int u = 0; u < FSizeX; ++u) work.Out[static_cast<size_t>(u)] = static_cast<float>(row[u].real());
-    result.SetLine(v, work.Out.data());
+    StoreLine(result, v, work.Out.data());
   }
   if (threadIndex == 0) mcc->OverallProgress.fetch_add(1);
 }
@@ -560,6 +579,7 @@ void TImageFourierFilterForm::ExtractFFTAmplitudeImage() {
   image->SetSpaceTransformationID(inverse->GetID());
   image->SetZInterpretationID(GetOrMakeStandardZInterpretation(project, "Amplitude", "Amplitude"));
   image->SetAutoDataChange(true);
+  image->DoDataChange(TDataChangeInfo::DataChanged);
   AddResult(std::move(image));
   AddResult(std::move(inverse));
 }
