@@ -191,6 +191,13 @@ TEST_F(PcaCoreTest, OneAndTwoThreadsAgreeOverSeveralBlocks) {
     EXPECT_NEAR(one.EigenValueOfPC(k), two.EigenValueOfPC(k), 1e-10 * scale) << k;
     EXPECT_NEAR(one.Average()[k], two.Average()[k], 1e-10 * std::fabs(one.Average()[k]));
   }
+  // Every vector has its element of largest magnitude positive.
+  for (int k = 0; k < 37; ++k) {
+    int at = 0;
+    for (int i = 1; i < 37; ++i)
+      if (std::fabs(two.EigenVectorOfPC(i, k)) > std::fabs(two.EigenVectorOfPC(at, k))) at = i;
+    EXPECT_GT(two.EigenVectorOfPC(at, k), 0.0) << "component " << k;
+  }
   // The vectors of well separated eigenvalues (the first two) agree element by element.
   for (int k = 0; k < 2; ++k)
     for (int i = 0; i < 37; ++i) EXPECT_NEAR(one.EigenVectorOfPC(i, k), two.EigenVectorOfPC(i, k), 1e-10);
