@@ -23,12 +23,26 @@
 #include <cmath>
 #include <random>
 
+#include <time.h>
+
 namespace {
 
 using TClock = std::chrono::steady_clock;
 
-double SecondsSince(TClock::time_point start) {
-  return std::chrono::duration<double>(TClock::now() - start).count();
+double ProcessSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+// A point in time by the wall clock and by the processor time of the process.
+struct TStamp {
+  TClock::time_point Wall = TClock::now();
+  double Processor = ProcessSeconds();
+};
+
+TPCACore::TStageTime Since(const TStamp& start, const TStamp& end = TStamp()) {
+  return {std::chrono::duration<double>(end.Wall - start.Wall).count(), end.Processor - start.Processor};
 }
 
 // Spectra read in one go by a reading thread.
@@ -167,7 +181,7 @@ TPCAStatus TPCACore::Prepare(const TDGraph& graph, const TPCASettings& settings,
   FStop = false;
   FCancelled = false;
   FFailed = false;
-  AverageSeconds = NormSeconds = CovarianceSeconds = ReductionSeconds = QLSeconds = 0;
+  AverageTime = NormTime = CovarianceTime = ReductionTime = QLTime = TStageTime();
   return TPCAStatus::Ok;
 }
 
@@ -200,7 +214,7 @@ void TPCACore::CalculateThread(TMCC* mcc, int t) {
     last = count * (t + 1) / threads - 1;
   };
   std::int64_t first, last;
-  TClock::time_point stepStart = TClock::now();
+  TStamp stepStart;
 
   // Step 1: average, and the check for values that would spoil every sum.
   if (t == 0) {
@@ -238,8 +252,8 @@ void TPCACore::CalculateThread(TMCC* mcc, int t) {
         for (int i = 0; i < m; ++i) FAverage[i] += FThreadSums[k][i];
       for (double& a : FAverage) a /= static_cast<double>(n);
     }
-    AverageSeconds = SecondsSince(stepStart);
-    stepStart = TClock::now();
+    AverageTime = Since(stepStart);
+    stepStart = TStamp();
   }
   barrier();
   if (FStop) return;
@@ -263,8 +277,8 @@ void TPCACore::CalculateThread(TMCC* mcc, int t) {
     barrier();
     if (t == 0) {
       if (CancelRequested(mcc)) FStop = true;
-      NormSeconds = SecondsSince(stepStart);
-      stepStart = TClock::now();
+      NormTime = Since(stepStart);
+      stepStart = TStamp();
     }
     barrier();
     if (FStop) return;
@@ -315,7 +329,7 @@ void TPCACore::CalculateThread(TMCC* mcc, int t) {
   for (int r = 0; r < m; ++r)
     for (int c = 0; c <= r; ++c) FCovariance[static_cast<std::size_t>(r) * m + c] *= scale;
   TSymmetricRankUpdate::MirrorLowerToUpper(FCovariance.data(), m, m);
-  CovarianceSeconds = SecondsSince(stepStart);
+  CovarianceTime = Since(stepStart);
 
   // Step 4: the eigen-solve on this thread, the others' processors helping through the parallel-for.
   if (FProgress) {
@@ -328,8 +342,8 @@ void TPCACore::CalculateThread(TMCC* mcc, int t) {
 
 void TPCACore::EigenStep(TMCC* mcc, int threadCount) {
   const int m = FM;
-  const TClock::time_point start = TClock::now();
-  TClock::time_point reductionEnd = start;
+  const TStamp start;
+  TStamp reductionEnd = start;
   bool inQL = false;
   std::vector<double> d(m);
   TEigenHooks hooks;
@@ -341,7 +355,7 @@ void TPCACore::EigenStep(TMCC* mcc, int threadCount) {
     const long long reduction = 3LL * m;
     if (!inQL && done >= reduction) {
       inQL = true;
-      reductionEnd = TClock::now();
+      reductionEnd = TStamp();
       if (sub) sub->SetProgressCaption("Determining Eigenvalues and Eigenvectors");
     }
     if (!sub) return;
@@ -351,9 +365,9 @@ void TPCACore::EigenStep(TMCC* mcc, int threadCount) {
       sub->SetProgress(done, reduction);
   };
   const TEigenStatus status = SymmetricEigensystem(FCovariance.data(), m, m, d.data(), hooks);
-  if (!inQL) reductionEnd = TClock::now();
-  ReductionSeconds = std::chrono::duration<double>(reductionEnd - start).count();
-  QLSeconds = SecondsSince(reductionEnd);
+  if (!inQL) reductionEnd = TStamp();
+  ReductionTime = Since(start, reductionEnd);
+  QLTime = Since(reductionEnd);
   if (status == TEigenStatus::Cancelled) {
     FStop = true;
     return;
@@ -439,27 +453,32 @@ public:
   TPCProjection(const TPCACore& core, const std::vector<int>& pcs)
       : M(core.ComponentCount()), K(static_cast<int>(pcs.size())), Selected(core.SelectedIndex()),
         Mask(core.CalculationMask()), Average(core.Average()) {
-    Vectors.resize(static_cast<std::size_t>(K) * M);
+    ByPoint.resize(static_cast<std::size_t>(K) * M);
+    ByComponent.resize(static_cast<std::size_t>(K) * M);
     for (int k = 0; k < K; ++k)
-      for (int i = 0; i < M; ++i)
-        Vectors[static_cast<std::size_t>(k) * M + i] = core.EigenVectorOfPC(i, pcs[k]);
+      for (int i = 0; i < M; ++i) {
+        const double v = core.EigenVectorOfPC(i, pcs[k]);
+        ByPoint[static_cast<std::size_t>(i) * K + k] = v;
+        ByComponent[static_cast<std::size_t>(k) * M + i] = v;
+      }
   }
 
-  void Scores(const float* x, double* centred, double* scores) const {
-    for (int i = 0; i < M; ++i) centred[i] = x[Selected[i]] - Average[i];
-    for (int k = 0; k < K; ++k) {
-      const double* v = Vectors.data() + static_cast<std::size_t>(k) * M;
-      double s = 0.0;
-      for (int i = 0; i < M; ++i) s += centred[i] * v[i];
-      scores[k] = s;
+  // scores[k] = sum over i of (x[sel(i)] - a_i) v_k[i]; the inner loop runs over the components, so that it
+  // has no chain of additions and goes to the vector units. scores needs K values.
+  void Scores(const float* x, double* scores) const {
+    std::fill(scores, scores + K, 0.0);
+    for (int i = 0; i < M; ++i) {
+      const double c = x[Selected[i]] - Average[i];
+      const double* v = ByPoint.data() + static_cast<std::size_t>(i) * K;
+      for (int k = 0; k < K; ++k) scores[k] += c * v[k];
     }
   }
 
-  // out gets P values: the reconstruction at the selected points, held across the others.
+  // out gets P values: the reconstruction at the selected points, held across the others. y needs M values.
   void Reconstruct(const double* scores, double* y, float* out, int p) const {
     std::copy(Average.begin(), Average.end(), y);
     for (int k = 0; k < K; ++k) {
-      const double* v = Vectors.data() + static_cast<std::size_t>(k) * M;
+      const double* v = ByComponent.data() + static_cast<std::size_t>(k) * M;
       const double s = scores[k];
       for (int i = 0; i < M; ++i) y[i] += s * v[i];
     }
@@ -478,7 +497,8 @@ private:
   const std::vector<int>& Selected;
   const std::vector<bool>& Mask;
   const std::vector<double>& Average;
-  std::vector<double> Vectors;
+  std::vector<double> ByPoint;     // M rows of K
+  std::vector<double> ByComponent; // K rows of M
 };
 
 // Fills a graph of the source's scan pixel by pixel on threadCount threads: write(x, y, spectrum, out) gives
@@ -602,12 +622,11 @@ TPCAExtractResult ExtractPCAResults(IDataProject& project, int32_t sourceID, con
     const bool finished = FillPerPixel(
         *source, *transformed, " (Extract Transformed Spectra)", "Calculating Transformed Spectra", progress,
         threadCount,
-        [&](const float* x, float* out, double* scratch) {
-          double* scores = scratch + m;
-          projection.Scores(x, scratch, scores);
+        [&](const float* x, float* out, double* scores) {
+          projection.Scores(x, scores);
           for (int n = 0; n < k; ++n) out[n] = SafeDoubleToFloat(scores[n]);
         },
-        m + k);
+        k);
     if (!finished) {
       result.Status = TPCAStatus::Cancelled;
       return result;
@@ -619,12 +638,10 @@ TPCAExtractResult ExtractPCAResults(IDataProject& project, int32_t sourceID, con
         *source, *reconstructed, " (Extract Reconstructed Spectra)", "Calculating Reconstructed Spectra",
         progress, threadCount,
         [&](const float* x, float* out, double* scratch) {
-          double* scores = scratch + m;
-          double* y = scores + k;
-          projection.Scores(x, scratch, scores);
-          projection.Reconstruct(scores, y, out, p);
+          projection.Scores(x, scratch);
+          projection.Reconstruct(scratch, scratch + k, out, p);
         },
-        2 * m + k);
+        m + k);
     if (!finished) {
       result.Status = TPCAStatus::Cancelled;
       return result;

@@ -113,12 +113,17 @@ public:
   /// it, and points before the first selected one hold the first selected value.
   void Reconstruct(const float* spectrum, const std::vector<int>& pcs, float* out) const;
 
-  ///@{ Wall-clock seconds of the stages of the last calculation (for benchmarks).
-  double AverageSeconds = 0;
-  double NormSeconds = 0;
-  double CovarianceSeconds = 0;
-  double ReductionSeconds = 0;
-  double QLSeconds = 0;
+  /// Wall-clock and processor seconds (of the whole process) of one stage of the last calculation.
+  struct TStageTime {
+    double Wall = 0;
+    double Processor = 0;
+  };
+  ///@{ The stages of the last calculation, for benchmarks.
+  TStageTime AverageTime;
+  TStageTime NormTime;
+  TStageTime CovarianceTime;
+  TStageTime ReductionTime;
+  TStageTime QLTime;
   ///@}
 
 private:
