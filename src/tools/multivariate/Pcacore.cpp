@@ -11,6 +11,7 @@
 #include "common/Saveandload.h"
 #include "common/numerics/Eigensystem.h"
 #include "common/numerics/Rankupdate.h"
+#include "common/numerics/Vectorunits.h"
 #include "common/threads/Multicorecalc.h"
 #include "common/threads/Progressandcancel.h"
 #include "data/Datafield.h"
@@ -24,6 +25,11 @@
 #include <random>
 
 #include <time.h>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define OX_PCA_X86 1
+#endif
 
 namespace {
 
@@ -448,37 +454,98 @@ namespace {
 
 // The components of the PC list as rows of contiguous vectors, and the average: scores and reconstructions
 // of many pixels without reaching across the eigenvector matrix's columns.
+// out[r] = c . v_r for the k rows v_r of m values (row stride m). Four partial sums per row keep the adds
+// apart.
+void DotRowsPlain(const double* c, const double* v, int m, int k, double* out) {
+  for (int r = 0; r < k; ++r) {
+    const double* row = v + static_cast<std::size_t>(r) * m;
+    double s0 = 0, s1 = 0, s2 = 0, s3 = 0;
+    int i = 0;
+    for (; i + 4 <= m; i += 4) {
+      s0 += c[i] * row[i];
+      s1 += c[i + 1] * row[i + 1];
+      s2 += c[i + 2] * row[i + 2];
+      s3 += c[i + 3] * row[i + 3];
+    }
+    for (; i < m; ++i) s0 += c[i] * row[i];
+    out[r] = (s0 + s1) + (s2 + s3);
+  }
+}
+
+#ifdef OX_PCA_X86
+__attribute__((target("avx2,fma"))) inline double Sum4(__m256d v) {
+  const __m128d s = _mm_add_pd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1));
+  return _mm_cvtsd_f64(_mm_add_sd(s, _mm_unpackhi_pd(s, s)));
+}
+
+// The same on 256-bit vectors, four rows at a time, so that every load of c serves four multiply-adds.
+__attribute__((target("avx2,fma"))) void DotRowsVector(const double* c, const double* v, int m, int k,
+                                                       double* out) {
+  int r = 0;
+  for (; r + 4 <= k; r += 4) {
+    const double* v0 = v + static_cast<std::size_t>(r) * m;
+    const double* v1 = v0 + m;
+    const double* v2 = v1 + m;
+    const double* v3 = v2 + m;
+    __m256d a0 = _mm256_setzero_pd(), a1 = _mm256_setzero_pd(), a2 = _mm256_setzero_pd(),
+            a3 = _mm256_setzero_pd();
+    int i = 0;
+    for (; i + 4 <= m; i += 4) {
+      const __m256d x = _mm256_loadu_pd(c + i);
+      a0 = _mm256_fmadd_pd(x, _mm256_loadu_pd(v0 + i), a0);
+      a1 = _mm256_fmadd_pd(x, _mm256_loadu_pd(v1 + i), a1);
+      a2 = _mm256_fmadd_pd(x, _mm256_loadu_pd(v2 + i), a2);
+      a3 = _mm256_fmadd_pd(x, _mm256_loadu_pd(v3 + i), a3);
+    }
+    double s0 = Sum4(a0), s1 = Sum4(a1), s2 = Sum4(a2), s3 = Sum4(a3);
+    for (; i < m; ++i) {
+      s0 += c[i] * v0[i];
+      s1 += c[i] * v1[i];
+      s2 += c[i] * v2[i];
+      s3 += c[i] * v3[i];
+    }
+    out[r] = s0;
+    out[r + 1] = s1;
+    out[r + 2] = s2;
+    out[r + 3] = s3;
+  }
+  if (r < k) DotRowsPlain(c, v + static_cast<std::size_t>(r) * m, m, k - r, out + r);
+}
+#endif
+
+// The components of the PC list as rows of contiguous vectors, and the average: scores and reconstructions
+// of many pixels without reaching across the eigenvector matrix's columns.
 class TPCProjection {
 public:
   TPCProjection(const TPCACore& core, const std::vector<int>& pcs)
       : M(core.ComponentCount()), K(static_cast<int>(pcs.size())), Selected(core.SelectedIndex()),
-        Mask(core.CalculationMask()), Average(core.Average()) {
-    ByPoint.resize(static_cast<std::size_t>(K) * M);
-    ByComponent.resize(static_cast<std::size_t>(K) * M);
+        Mask(core.CalculationMask()), Average(core.Average()), Vector(UseVectorPath(TKernelPath::Auto)) {
+    Vectors.resize(static_cast<std::size_t>(K) * M);
     for (int k = 0; k < K; ++k)
-      for (int i = 0; i < M; ++i) {
-        const double v = core.EigenVectorOfPC(i, pcs[k]);
-        ByPoint[static_cast<std::size_t>(i) * K + k] = v;
-        ByComponent[static_cast<std::size_t>(k) * M + i] = v;
-      }
+      for (int i = 0; i < M; ++i)
+        Vectors[static_cast<std::size_t>(k) * M + i] = core.EigenVectorOfPC(i, pcs[k]);
   }
 
-  // scores[k] = sum over i of (x[sel(i)] - a_i) v_k[i]; the inner loop runs over the components, so that it
-  // has no chain of additions and goes to the vector units. scores needs K values.
-  void Scores(const float* x, double* scores) const {
-    std::fill(scores, scores + K, 0.0);
-    for (int i = 0; i < M; ++i) {
-      const double c = x[Selected[i]] - Average[i];
-      const double* v = ByPoint.data() + static_cast<std::size_t>(i) * K;
-      for (int k = 0; k < K; ++k) scores[k] += c * v[k];
+  /// Scratch values Scores and Reconstruct need.
+  int ScratchSize() const { return 2 * M + K; }
+
+  // scores[k] = sum over i of (x[sel(i)] - a_i) v_k[i]. Uses scratch[0..M-1].
+  void Scores(const float* x, double* scratch, double* scores) const {
+    for (int i = 0; i < M; ++i) scratch[i] = x[Selected[i]] - Average[i];
+#ifdef OX_PCA_X86
+    if (Vector) {
+      DotRowsVector(scratch, Vectors.data(), M, K, scores);
+      return;
     }
+#endif
+    DotRowsPlain(scratch, Vectors.data(), M, K, scores);
   }
 
   // out gets P values: the reconstruction at the selected points, held across the others. y needs M values.
   void Reconstruct(const double* scores, double* y, float* out, int p) const {
     std::copy(Average.begin(), Average.end(), y);
     for (int k = 0; k < K; ++k) {
-      const double* v = ByComponent.data() + static_cast<std::size_t>(k) * M;
+      const double* v = Vectors.data() + static_cast<std::size_t>(k) * M;
       const double s = scores[k];
       for (int i = 0; i < M; ++i) y[i] += s * v[i];
     }
@@ -497,8 +564,8 @@ private:
   const std::vector<int>& Selected;
   const std::vector<bool>& Mask;
   const std::vector<double>& Average;
-  std::vector<double> ByPoint;     // M rows of K
-  std::vector<double> ByComponent; // K rows of M
+  const bool Vector;
+  std::vector<double> Vectors; // K rows of M
 };
 
 // Fills a graph of the source's scan pixel by pixel on threadCount threads: write(x, y, spectrum, out) gives
@@ -622,11 +689,12 @@ TPCAExtractResult ExtractPCAResults(IDataProject& project, int32_t sourceID, con
     const bool finished = FillPerPixel(
         *source, *transformed, " (Extract Transformed Spectra)", "Calculating Transformed Spectra", progress,
         threadCount,
-        [&](const float* x, float* out, double* scores) {
-          projection.Scores(x, scores);
+        [&](const float* x, float* out, double* scratch) {
+          double* scores = scratch + m;
+          projection.Scores(x, scratch, scores);
           for (int n = 0; n < k; ++n) out[n] = SafeDoubleToFloat(scores[n]);
         },
-        k);
+        projection.ScratchSize());
     if (!finished) {
       result.Status = TPCAStatus::Cancelled;
       return result;
@@ -638,10 +706,11 @@ TPCAExtractResult ExtractPCAResults(IDataProject& project, int32_t sourceID, con
         *source, *reconstructed, " (Extract Reconstructed Spectra)", "Calculating Reconstructed Spectra",
         progress, threadCount,
         [&](const float* x, float* out, double* scratch) {
-          projection.Scores(x, scratch);
-          projection.Reconstruct(scratch, scratch + k, out, p);
+          double* scores = scratch + m;
+          projection.Scores(x, scratch, scores);
+          projection.Reconstruct(scores, scratch, out, p);
         },
-        m + k);
+        projection.ScratchSize());
     if (!finished) {
       result.Status = TPCAStatus::Cancelled;
       return result;
