@@ -322,14 +322,16 @@ __attribute__((target("avx2,fma"))) void RotateColumns16Vector(double* zt, std::
     const __m256d vc = _mm256_set1_pd(rot[r].C), vs = _mm256_set1_pd(rot[r].S);
     const __m256d x0 = _mm256_loadu_pd(x), x1 = _mm256_loadu_pd(x + 4), x2 = _mm256_loadu_pd(x + 8),
                   x3 = _mm256_loadu_pd(x + 12);
-    _mm256_storeu_pd(y, _mm256_fmadd_pd(vs, x0, _mm256_mul_pd(vc, k0)));
-    _mm256_storeu_pd(y + 4, _mm256_fmadd_pd(vs, x1, _mm256_mul_pd(vc, k1)));
-    _mm256_storeu_pd(y + 8, _mm256_fmadd_pd(vs, x2, _mm256_mul_pd(vc, k2)));
-    _mm256_storeu_pd(y + 12, _mm256_fmadd_pd(vs, x3, _mm256_mul_pd(vc, k3)));
-    k0 = _mm256_fmsub_pd(vc, x0, _mm256_mul_pd(vs, k0));
-    k1 = _mm256_fmsub_pd(vc, x1, _mm256_mul_pd(vs, k1));
-    k2 = _mm256_fmsub_pd(vc, x2, _mm256_mul_pd(vs, k2));
-    k3 = _mm256_fmsub_pd(vc, x3, _mm256_mul_pd(vs, k3));
+    // The products with the row just loaded go first, so the carried row passes through one multiply-add
+    // per rotation: the chain from rotation to rotation is one multiply-add long.
+    _mm256_storeu_pd(y, _mm256_fmadd_pd(vc, k0, _mm256_mul_pd(vs, x0)));
+    _mm256_storeu_pd(y + 4, _mm256_fmadd_pd(vc, k1, _mm256_mul_pd(vs, x1)));
+    _mm256_storeu_pd(y + 8, _mm256_fmadd_pd(vc, k2, _mm256_mul_pd(vs, x2)));
+    _mm256_storeu_pd(y + 12, _mm256_fmadd_pd(vc, k3, _mm256_mul_pd(vs, x3)));
+    k0 = _mm256_fnmadd_pd(vs, k0, _mm256_mul_pd(vc, x0));
+    k1 = _mm256_fnmadd_pd(vs, k1, _mm256_mul_pd(vc, x1));
+    k2 = _mm256_fnmadd_pd(vs, k2, _mm256_mul_pd(vc, x2));
+    k3 = _mm256_fnmadd_pd(vs, k3, _mm256_mul_pd(vc, x3));
     carriedRow = i;
   }
   if (carriedRow >= 0) {
