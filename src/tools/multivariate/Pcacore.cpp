@@ -69,6 +69,12 @@ std::string PixelText(std::int64_t e, int sizeY) {
 
 } // namespace
 
+bool IsPCAInputIDListOkay(const IDataProject& project, const TIntList& ids) {
+  if (ids.size() != 1 || project.GetClassNameByID(ids[0]) != TDGraph::kClassName) return false;
+  const auto* graph = dynamic_cast<const TDGraph*>(project.FindData(ids[0]));
+  return graph && graph->GetSizeX() > 1;
+}
+
 std::vector<bool> RandomizeDrawField(int sizeX, int sizeY, int count, std::uint32_t seed) {
   const std::int64_t pixels = static_cast<std::int64_t>(std::max(0, sizeX)) * std::max(0, sizeY);
   if (count < 0 || count > pixels)

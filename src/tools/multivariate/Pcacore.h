@@ -39,6 +39,10 @@ enum class TPCAStatus : int {
                 ///< Error() says why
 };
 
+/// True when ids holds exactly one ID and it is a graph (class "TDGraph" itself) with more than one pixel in
+/// x; a single line (size Y 1) is accepted.
+bool IsPCAInputIDListOkay(const IDataProject& project, const TIntList& ids);
+
 /// Seed of the draw-field command, so that runs repeat.
 inline constexpr std::uint32_t kPCADrawFieldSeed = 19;
 

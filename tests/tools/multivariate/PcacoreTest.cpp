@@ -446,6 +446,23 @@ TEST_F(PcaCoreTest, ResultGraphsCarryCaptionsSizesAxesAndMaskedValues) {
   EXPECT_NE(y[3], y[4]);
 }
 
+TEST_F(PcaCoreTest, InputIsOneGraphWiderThanOnePixel) {
+  TStack line{4, 1, 3, std::vector<float>(12, 1.0f), std::vector<bool>(1, true)};
+  TStack column{1, 5, 3, std::vector<float>(15, 1.0f), std::vector<bool>(5, true)};
+  const int32_t a = AddGraph(line)->GetID(), b = AddGraph(column)->GetID();
+  auto other = std::make_unique<oxtest::TDTestObject>();
+  oxtest::RegisterTestDataObjects();
+  other->SetID(Project.GetNewDataID());
+  const int32_t c = other->GetID();
+  Project.AddData(std::move(other));
+  EXPECT_TRUE(IsPCAInputIDListOkay(Project, {a}));
+  EXPECT_FALSE(IsPCAInputIDListOkay(Project, {b})); // one pixel wide
+  EXPECT_FALSE(IsPCAInputIDListOkay(Project, {a, a}));
+  EXPECT_FALSE(IsPCAInputIDListOkay(Project, {}));
+  EXPECT_FALSE(IsPCAInputIDListOkay(Project, {c}));
+  EXPECT_FALSE(IsPCAInputIDListOkay(Project, {999}));
+}
+
 TEST(PcaCoreSizes, MemoryFiguresAsTheToolAsks) {
   // Y squared on purpose: a 100 x 1 line asks only for the matrix term and 8 bytes.
   EXPECT_EQ(PCAStartMemoryBytes(100, 1, 50), 8 + 60 * 50 * 8);
