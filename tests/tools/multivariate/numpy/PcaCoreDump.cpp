@@ -41,8 +41,8 @@ std::vector<float> ReadAll(const TDGraph& graph) {
   std::vector<float> out(static_cast<std::size_t>(sx) * sy * p);
   for (int y = 0; y < sy; ++y)
     for (int x = 0; x < sx; ++x)
-      graph.GetSpectrum(x, y, out.data() + (static_cast<std::size_t>(x) + static_cast<std::size_t>(y) * sx) * p,
-                        true);
+      graph.GetSpectrum(
+          x, y, out.data() + (static_cast<std::size_t>(x) + static_cast<std::size_t>(y) * sx) * p, true);
   return out;
 }
 
@@ -92,7 +92,8 @@ int main(int argc, char** argv) {
   source->SetFieldSize(sx, sy, TDataFieldKind::Float, p);
   for (int y = 0; y < sy; ++y) {
     for (int x = 0; x < sx; ++x)
-      source->SetSpectrum(x, y, stack.data() + (static_cast<std::size_t>(x) + static_cast<std::size_t>(y) * sx) * p);
+      source->SetSpectrum(
+          x, y, stack.data() + (static_cast<std::size_t>(x) + static_cast<std::size_t>(y) * sx) * p);
     source->SetLineValid(y, y != junkLine);
   }
   TDGraph* graph = source.get();
@@ -124,8 +125,9 @@ int main(int argc, char** argv) {
   const TDGraph* transformed = find(first.TransformedID);
   std::vector<std::uint8_t> mask(p);
   for (int g = 0; g < p; ++g) mask[g] = settings.SpectrumMask[g] ? 1 : 0;
-  const bool ok = WriteRaw(dir + "/stack.f32", ReadAll(*graph)) && WriteRaw(dir + "/lines.u8", Lines(*graph)) &&
-                  WriteRaw(dir + "/mask.u8", mask) && WriteRaw(dir + "/evals.f32", ReadAll(*find(first.EigenValuesID))) &&
+  const bool ok = WriteRaw(dir + "/stack.f32", ReadAll(*graph)) &&
+                  WriteRaw(dir + "/lines.u8", Lines(*graph)) && WriteRaw(dir + "/mask.u8", mask) &&
+                  WriteRaw(dir + "/evals.f32", ReadAll(*find(first.EigenValuesID))) &&
                   WriteRaw(dir + "/evecs.f32", ReadAll(*find(first.EigenVectorsID))) &&
                   WriteRaw(dir + "/average.f32", ReadAll(*find(first.AverageID))) &&
                   WriteRaw(dir + "/transformed.f32", ReadAll(*transformed)) &&
