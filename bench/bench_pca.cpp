@@ -1,20 +1,23 @@
-// Principal component analysis kernels: the machine's multiply-add rate, the covariance of a large stack by
-// the blocked rank-k update, and the eigen-decomposition of the resulting matrix.
+// Principal component analysis on the demo map: the machine's double multiply-add rate, one read pass over
+// the stack, and each stage of Calculate (average, covariance, reduction, QL) and of the extraction of ten
+// transformed spectra, set against its floor.
 //
-// bench_pca [N [M [threads [plain]]]]   defaults: 65536 spectra of 1024 points on all processors, vector
-// units when the processor has them; "plain" runs the portable loops instead.
+// bench_pca [XxYxN [threads]]   defaults: the 256x256x1024 demo map on all processors.
 #include "Benchsupport.h"
-#include "common/numerics/Eigensystem.h"
+#include "common/memory/Memorymanagement.h"
 #include "common/numerics/Rankupdate.h"
 #include "common/numerics/Vectorunits.h"
+#include "data/Datafield.h"
+#include "data/Dgraph.h"
+#include "data/Registerdata.h"
+#include "project/Demodataset.h"
+#include "project/Project.h"
+#include "tools/multivariate/Pcacore.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,7 +31,6 @@ namespace {
 
 using TClock = oxbench::Clock;
 using oxbench::Seconds;
-// Processor time of the whole process (all threads), to set against the wall time on a shared machine.
 inline double ProcessSeconds() {
   return oxbench::ProcessCpuSeconds();
 }
@@ -101,142 +103,111 @@ TRate MeasureDoubleFmaRate(int threads) {
   return {fma / secs, fma / cpu};
 }
 
+// One pass over the stack in storage order, a run of 32 spectra at a time, as the analysis reads it.
+double ReadPass(const TDGraph& graph, double& sum) {
+  TDataField* field = const_cast<TDGraph&>(graph).GetDataField();
+  const std::int64_t spectra = graph.GetNumberOfSpectra(), p = graph.GetSizeGraph();
+  const int sizeY = graph.GetSizeY();
+  std::vector<float> buffer(static_cast<std::size_t>(32 * p));
+  sum = 0;
+  const auto start = TClock::now();
+  for (std::int64_t e = 0; e < spectra; e += 32) {
+    const int run = static_cast<int>(std::min<std::int64_t>(32, spectra - e));
+    const int32_t index[2] = {static_cast<int32_t>(e / sizeY), static_cast<int32_t>((e % sizeY) * p)};
+    field->GetValueArray(index, buffer.data(), run * p);
+    for (int i = 0; i < run * p; ++i) sum += buffer[i];
+  }
+  return Seconds(start);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-  const int n = argc > 1 ? std::atoi(argv[1]) : 65536;
-  const int m = argc > 2 ? std::atoi(argv[2]) : 1024;
+  TDemoOptions demo;
+  demo.SizeX = demo.SizeY = 256;
+  demo.SizeGraph = 1024;
+  if (argc > 1 && std::sscanf(argv[1], "%dx%dx%d", &demo.SizeX, &demo.SizeY, &demo.SizeGraph) != 3) {
+    std::fprintf(stderr, "usage: bench_pca [XxYxN [threads]]\n");
+    return 2;
+  }
   const int threads =
-      argc > 3 ? std::atoi(argv[3]) : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
-  const TKernelPath path =
-      argc > 4 && std::string(argv[4]) == "plain" ? TKernelPath::Plain : TKernelPath::Auto;
-  const int blockLength = 2000;
-  std::printf("PCA kernels: N=%d spectra x M=%d points, %d threads, vector units %s, kernels %s\n", n, m,
-              threads, HasVectorFMA() ? "AVX2+FMA" : "none", UseVectorPath(path) ? "vector" : "plain");
+      argc > 2 ? std::atoi(argv[2]) : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  TMemoryManagement::CurrentStrategy = 0;
+  TMemoryManagement::CreateMemoryStrategy();
+  RegisterDataClasses();
 
-  const TRate rates = MeasureDoubleFmaRate(threads);
-  const double rate = rates.Wall;
+  const long long n = static_cast<long long>(demo.SizeX) * demo.SizeY;
+  const int m = demo.SizeGraph;
+  std::printf("PCA on the %dx%dx%d demo map, %d threads, vector units %s; products in single precision, "
+              "partial sums of <= %d spectra into double\n",
+              demo.SizeX, demo.SizeY, m, threads, HasVectorFMA() ? "AVX2+FMA" : "none",
+              TSymmetricRankUpdate::MaxSpectraPerPartialSum);
+  const TRate rate = MeasureDoubleFmaRate(threads);
   std::printf(
       "double FMA rate (register-only loop, %d threads): %.1f GFMA/s (%.1f GFMA per processor-second)\n",
-      threads, rate * 1e-9, rates.PerProcessorSecond * 1e-9);
+      threads, rate.Wall * 1e-9, rate.PerProcessorSecond * 1e-9);
 
-  // A stack with some structure: a few broad components plus noise, as float like the data fields.
-  std::vector<float> stack(static_cast<std::size_t>(n) * m);
-  {
-    std::mt19937 gen(1);
-    std::normal_distribution<float> noise(0.0f, 0.05f);
-    std::uniform_real_distribution<float> amp(0.0f, 1.0f);
-    for (int s = 0; s < n; ++s) {
-      const float a1 = amp(gen), a2 = amp(gen), a3 = amp(gen);
-      float* x = stack.data() + static_cast<std::size_t>(s) * m;
-      for (int i = 0; i < m; ++i) {
-        const float t = static_cast<float>(i) / m;
-        x[i] = 1.0f + a1 * std::exp(-50.0f * (t - 0.3f) * (t - 0.3f)) +
-               a2 * std::exp(-80.0f * (t - 0.6f) * (t - 0.6f)) + a3 * t + noise(gen);
-      }
-    }
-  }
+  TProject project;
+  const TDemoIDs ids = CreateDemoProject(project, demo);
+  const auto* graph = dynamic_cast<const TDGraph*>(project.FindData(ids.Map));
+  double sum = 0;
+  ReadPass(*graph, sum); // warm
+  double cpu = ProcessSeconds();
+  const double read = ReadPass(*graph, sum);
+  const double readCpu = ProcessSeconds() - cpu;
+  std::printf("one read pass over the stack (%.0f MB): %.3f s (%.3f s processor time; sum %.6g)\n",
+              n * m * 4.0 / 1e6, read, readCpu, sum);
 
+  TPCACore core;
+  cpu = ProcessSeconds();
   auto start = TClock::now();
-  double readSum = 0;
-  for (float x : stack) readSum += x;
-  const double readTime = Seconds(start);
-  std::printf("one read pass over the stack (%.0f MB): %.3f s (sum %.6g)\n", stack.size() * 4.0 / 1e6,
-              readTime, readSum);
-
-  start = TClock::now();
-  std::vector<double> average(m, 0.0);
-  for (int s = 0; s < n; ++s) {
-    const float* x = stack.data() + static_cast<std::size_t>(s) * m;
-    for (int i = 0; i < m; ++i) average[i] += x[i];
+  const TPCAStatus status = core.Calculate(*graph, {}, nullptr, threads);
+  const double whole = Seconds(start), wholeCpu = ProcessSeconds() - cpu;
+  if (status != TPCAStatus::Ok) {
+    std::fprintf(stderr, "calculation failed: %s\n", core.Error().c_str());
+    return 1;
   }
-  for (double& a : average) a /= n;
-  const double averageTime = Seconds(start);
-  std::printf("average (one thread): %.3f s = %.2f x one read\n", averageTime, averageTime / readTime);
-
-  std::vector<double> c(static_cast<std::size_t>(m) * m, 0.0);
-  TSymmetricRankUpdate update(m, blockLength, path);
-  double loadTime = 0, tileTime = 0, loadCpu = 0, tileCpu = 0;
-  double cpuStart = ProcessSeconds();
-  start = TClock::now();
-  for (int s0 = 0; s0 < n; s0 += blockLength) {
-    const int k = std::min(blockLength, n - s0);
-    const auto t0 = TClock::now();
-    const double c0 = ProcessSeconds();
-    update.SetBlockLength(k);
-    // Each thread centres and loads its share of the block, as the workers of a calculation would.
-    std::vector<std::thread> loaders;
-    for (int t = 0; t < threads; ++t)
-      loaders.emplace_back([&, t]() {
-        std::vector<double> centred(m);
-        for (int s = k * t / threads; s < k * (t + 1) / threads; ++s) {
-          const float* x = stack.data() + static_cast<std::size_t>(s0 + s) * m;
-          for (int i = 0; i < m; ++i) centred[i] = x[i] - average[i];
-          update.LoadSpectrum(s, centred.data());
-        }
-      });
-    for (std::thread& t : loaders) t.join();
-    const auto t1 = TClock::now();
-    const double c1 = ProcessSeconds();
-    update.UpdateAllTiles(c.data(), m, threads);
-    loadCpu += c1 - c0;
-    tileCpu += ProcessSeconds() - c1;
-    loadTime += std::chrono::duration<double>(t1 - t0).count();
-    tileTime += Seconds(t1);
-  }
-  for (double& x : c) x /= n;
-  TSymmetricRankUpdate::MirrorLowerToUpper(c.data(), m, m);
-  const double covTime = Seconds(start);
-  const double covCpu = ProcessSeconds() - cpuStart;
   const double floorFma = static_cast<double>(n) * m * (m + 1) / 2.0;
-  const double floorTime = floorFma / rate;
+  // Floors by the wall clock (the rate both threads reached together) and by processor time (the rate of one
+  // processor-second): on a shared machine the second pair shows what the code costs.
+  const double floorDouble = floorFma / rate.Wall, floorSingle = floorDouble / 2.0;
+  const double floorDoubleCpu = floorFma / rate.PerProcessorSecond, floorSingleCpu = floorDoubleCpu / 2.0;
+  const TPCACore::TStageTime& av = core.AverageTime;
+  const TPCACore::TStageTime& cov = core.CovarianceTime;
+  const TPCACore::TStageTime& red = core.ReductionTime;
+  const TPCACore::TStageTime& ql = core.QLTime;
+  std::printf("Calculate, all %d points: %.3f s (target 1.1 s; %.3f s processor time)\n", m, whole, wholeCpu);
+  std::printf("  average     %.3f s = %.2f x one read (target 3 x); processor %.3f s = %.2f x\n", av.Wall,
+              av.Wall / read, av.Processor, av.Processor / readCpu);
+  std::printf("  covariance  %.3f s (target 0.5 s); floor N M (M+1)/2 = %.3g FMA at the double rate %.3f s, "
+              "ratio %.2f; at twice that rate (single precision) %.3f s, ratio %.2f\n",
+              cov.Wall, floorFma, floorDouble, cov.Wall / floorDouble, floorSingle, cov.Wall / floorSingle);
   std::printf(
-      "covariance: %.3f s (loading blocks %.3f s, tiles %.3f s; processor time %.3f s and %.3f s); floor "
-      "N*M(M+1)/2 = %.3g FMA at the "
-      "double rate = %.3f s; ratio %.2f; by processor time %.3f s against %.3f s, ratio %.2f; products in "
-      "single precision (%s), partial sums of <= %d spectra into double\n",
-      covTime, loadTime, tileTime, loadCpu, tileCpu, floorFma, floorTime, covTime / floorTime, covCpu,
-      floorFma / rates.PerProcessorSecond, covCpu / (floorFma / rates.PerProcessorSecond),
-      update.UsesVectorPath() ? "vector" : "plain", TSymmetricRankUpdate::MaxSpectraPerPartialSum);
+      "              processor %.3f s against %.3f s (double) and %.3f s (single), ratios %.2f and %.2f\n",
+      cov.Processor, floorDoubleCpu, floorSingleCpu, cov.Processor / floorDoubleCpu,
+      cov.Processor / floorSingleCpu);
+  std::printf("  reduction   %.3f s, QL %.3f s: together %.3f s (target 0.5 s) = %.2f x the double floor; "
+              "processor %.3f s and %.3f s\n",
+              red.Wall, ql.Wall, red.Wall + ql.Wall, (red.Wall + ql.Wall) / floorDouble, red.Processor,
+              ql.Processor);
 
-  // Eigen-decomposition of the covariance; the progress hook stamps the stage boundaries.
-  std::vector<double> a = c, d(m);
-  double reductionEnd = 0, accumulationEnd = 0;
-  cpuStart = ProcessSeconds();
-  const auto eigenStart = TClock::now();
-  TEigenHooks hooks;
-  hooks.ParallelFor = MakeThreadParallelFor(threads);
-  hooks.Path = path;
-  hooks.Progress = [&](long long done, long long) {
-    if (done == 2LL * (m - 1) && reductionEnd == 0) reductionEnd = Seconds(eigenStart);
-    if (done == 3LL * m && accumulationEnd == 0) accumulationEnd = Seconds(eigenStart);
-  };
-  const TEigenStatus status = SymmetricEigensystem(a.data(), m, m, d.data(), hooks);
-  const double eigenTime = Seconds(eigenStart);
-  const double eigenCpu = ProcessSeconds() - cpuStart;
-  std::printf("reduction %.3f s, accumulation %.3f s, QL + sort + transpose %.3f s; reduction + QL %.3f s "
-              "(%.3f s processor time; %.2f x the covariance floor by wall clock) (status %d)\n",
-              reductionEnd, accumulationEnd - reductionEnd, eigenTime - accumulationEnd, eigenTime, eigenCpu,
-              eigenTime / floorTime, static_cast<int>(status));
+  TPCAExtractOptions options;
+  options.PCAResult = false;
+  options.TransformedSpectra = true;
+  for (int k = 0; k < 10; ++k) options.PCs.push_back(k);
+  cpu = ProcessSeconds();
+  start = TClock::now();
+  const TPCAExtractResult extracted = ExtractPCAResults(project, ids.Map, core, options, nullptr, threads);
+  const double extraction = Seconds(start), extractionCpu = ProcessSeconds() - cpu;
+  std::printf("extraction of 10 transformed spectra: %.3f s = %.2f x one read (target 3 x; %.3f s processor "
+              "time, status %d)\n",
+              extraction, extraction / read, extractionCpu, static_cast<int>(extracted.Status));
+  std::printf("largest eigenvalues %.6g %.6g %.6g; N = %lld pixels\n", core.EigenValueOfPC(0),
+              core.EigenValueOfPC(1), core.EigenValueOfPC(2), static_cast<long long>(core.PixelCount()));
   const TRate after = MeasureDoubleFmaRate(threads);
   std::printf(
       "double FMA rate again at the end: %.1f GFMA/s (%.1f per processor-second); the figures above are "
       "only as steady as these two\n",
       after.Wall * 1e-9, after.PerProcessorSecond * 1e-9);
-
-  // Accuracy of the largest pairs: |C v - lambda v| / |C|.
-  double worst = 0;
-  for (int k = m - 1; k >= std::max(0, m - 10); --k) {
-    double r2 = 0;
-    for (int i = 0; i < m; ++i) {
-      double s = -d[k] * a[static_cast<std::size_t>(i) * m + k];
-      for (int j = 0; j < m; ++j)
-        s += c[static_cast<std::size_t>(i) * m + j] * a[static_cast<std::size_t>(j) * m + k];
-      r2 += s * s;
-    }
-    worst = std::max(worst, std::sqrt(r2) / std::fabs(d[m - 1]));
-  }
-  std::printf("largest eigenvalues %.6g %.6g %.6g; worst relative residual of the ten largest %.2g\n",
-              d[m - 1], d[m - 2], d[m - 3], worst);
-  return status == TEigenStatus::Ok ? 0 : 1;
+  return 0;
 }

@@ -32,6 +32,9 @@ namespace {
 constexpr int kGroupRows = 8;
 // Columns of the transposed eigenvector matrix in one strip of the rotation pass.
 constexpr int kStripColumns = 16;
+// Rows of the trailing matrix from which a step of the reduction runs as two tasks (below, the cost of a
+// thread start outweighs the gain).
+constexpr int kSplitRows = 320;
 // Rotations recorded before they are applied to the eigenvectors.
 constexpr std::size_t kRotationBatch = 65536;
 
@@ -319,14 +322,16 @@ __attribute__((target("avx2,fma"))) void RotateColumns16Vector(double* zt, std::
     const __m256d vc = _mm256_set1_pd(rot[r].C), vs = _mm256_set1_pd(rot[r].S);
     const __m256d x0 = _mm256_loadu_pd(x), x1 = _mm256_loadu_pd(x + 4), x2 = _mm256_loadu_pd(x + 8),
                   x3 = _mm256_loadu_pd(x + 12);
-    _mm256_storeu_pd(y, _mm256_fmadd_pd(vs, x0, _mm256_mul_pd(vc, k0)));
-    _mm256_storeu_pd(y + 4, _mm256_fmadd_pd(vs, x1, _mm256_mul_pd(vc, k1)));
-    _mm256_storeu_pd(y + 8, _mm256_fmadd_pd(vs, x2, _mm256_mul_pd(vc, k2)));
-    _mm256_storeu_pd(y + 12, _mm256_fmadd_pd(vs, x3, _mm256_mul_pd(vc, k3)));
-    k0 = _mm256_fmsub_pd(vc, x0, _mm256_mul_pd(vs, k0));
-    k1 = _mm256_fmsub_pd(vc, x1, _mm256_mul_pd(vs, k1));
-    k2 = _mm256_fmsub_pd(vc, x2, _mm256_mul_pd(vs, k2));
-    k3 = _mm256_fmsub_pd(vc, x3, _mm256_mul_pd(vs, k3));
+    // The products with the row just loaded go first, so the carried row passes through one multiply-add
+    // per rotation: the chain from rotation to rotation is one multiply-add long.
+    _mm256_storeu_pd(y, _mm256_fmadd_pd(vc, k0, _mm256_mul_pd(vs, x0)));
+    _mm256_storeu_pd(y + 4, _mm256_fmadd_pd(vc, k1, _mm256_mul_pd(vs, x1)));
+    _mm256_storeu_pd(y + 8, _mm256_fmadd_pd(vc, k2, _mm256_mul_pd(vs, x2)));
+    _mm256_storeu_pd(y + 12, _mm256_fmadd_pd(vc, k3, _mm256_mul_pd(vs, x3)));
+    k0 = _mm256_fnmadd_pd(vs, k0, _mm256_mul_pd(vc, x0));
+    k1 = _mm256_fnmadd_pd(vs, k1, _mm256_mul_pd(vc, x1));
+    k2 = _mm256_fnmadd_pd(vs, k2, _mm256_mul_pd(vc, x2));
+    k3 = _mm256_fnmadd_pd(vs, k3, _mm256_mul_pd(vc, x3));
     carriedRow = i;
   }
   if (carriedRow >= 0) {
@@ -419,11 +424,28 @@ TEigenStatus Reduce(double* a, int n, std::ptrdiff_t lda, double* d, double* e, 
     return FusedRowPlain(row, j, u, qq, w, pp);
   };
 
+  // The fused pass over rows 0..count-1 adds A w to p. From kSplitRows rows on it runs as two tasks of about
+  // equal work (the rows below split, and the rest), each with its own sum, added in a fixed order, so the
+  // result is the same on any number of threads.
+  std::vector<double> pHigh(n, 0.0);
+  auto fusedPass = [&](int count, const double* uu, const double* qq, const double* w) {
+    const int split = count >= kSplitRows ? static_cast<int>(count / std::sqrt(2.0)) : count;
+    auto range = [&](int task) {
+      double* sum = task == 0 ? p.data() : pHigh.data();
+      const int j0 = task == 0 ? 0 : split, j1 = task == 0 ? split : count;
+      if (task == 1) std::fill(pHigh.begin(), pHigh.begin() + count, 0.0);
+      for (int j = j0; j < j1; ++j) sum[j] += fusedRow(a + j * lda, j, uu, qq, w, sum);
+    };
+    if (split == count) {
+      range(0);
+      return;
+    }
+    RunTasks(hooks, 2, range);
+    for (int k = 0; k < count; ++k) p[k] += pHigh[k];
+  };
+
   bool reflector = prepare(n - 1);
-  if (reflector) {
-    const double* w = vectors.data() + VectorOffset(n - 1);
-    for (int j = 0; j < n - 1; ++j) p[j] += fusedRow(a + j * lda, j, zero.data(), zero.data(), w, p.data());
-  }
+  if (reflector) fusedPass(n - 1, zero.data(), zero.data(), vectors.data() + VectorOffset(n - 1));
   for (int i = n - 1; i >= 1; --i) {
     if (IsCancelled(hooks)) return TEigenStatus::Cancelled;
     const int l = i - 1;
@@ -446,7 +468,7 @@ TEigenStatus Reduce(double* a, int n, std::ptrdiff_t lda, double* d, double* e, 
       const double* w = next ? vectors.data() + VectorOffset(l) : zero.data();
       const double* uu = reflector ? u : zero.data();
       const double* qq = reflector ? q.data() : zero.data();
-      for (int j = 0; j < l; ++j) p[j] += fusedRow(a + j * lda, j, uu, qq, w, p.data());
+      fusedPass(l, uu, qq, w);
     }
     reflector = next;
     progress.Report(2LL * (n - i));

@@ -40,9 +40,10 @@ enum class TEigenStatus : int {
 /// Householder reduction of the symmetric n x n matrix a (rows of stride lda; only the lower triangle,
 /// column <= row, is read) to tridiagonal form, from the last row up, with accumulation: on return a holds
 /// the orthogonal Q with A = Q T Q^T, d the diagonal of T and e its sub-diagonal with e[i] = T[i][i-1],
-/// e[0] = 0. Progress counts 3 n steps in all (two per reduced row, then the accumulation). The reduction
-/// runs on the calling thread; the accumulation uses hooks.ParallelFor. Allocates n (n + 3) / 2 + 3 n
-/// doubles and frees them on every path. On cancel a, d and e are left part-way.
+/// e[0] = 0. Progress counts 3 n steps in all (two per reduced row, then the accumulation). Each step of the
+/// reduction on 320 rows or more runs as two tasks, the accumulation as many, through hooks.ParallelFor.
+/// Allocates n (n + 3) / 2 + 3 n doubles and frees them on every path. On cancel a, d and e are left
+/// part-way.
 TEigenStatus tred2(double* a, int n, std::ptrdiff_t lda, double* d, double* e, const TEigenHooks& hooks = {});
 
 /// Implicit QL with the shift from the leading 2 x 2 block on the tridiagonal matrix (d, e as tred2 leaves

@@ -50,9 +50,10 @@ std::vector<double> RunUpdate(const std::vector<float>& b, int k, int m, TKernel
 
 TEST(SymmetricRankUpdate, MatchesPlainLoopAtTileAndPanelEdges) {
   // Point counts around the micro-tile edges (4, 24) and the tile edge (96); block lengths around the
-  // length of the float partial sums (64) and its multiples.
-  const int sizes[][2] = {{1, 1},  {3, 3},    {4, 256}, {5, 257},  {23, 63}, {24, 64}, {25, 65},
-                          {16, 1}, {49, 300}, {95, 20}, {96, 513}, {97, 64}, {193, 9}, {250, 260}};
+  // length of the float partial sums (32) and its multiples.
+  const int sizes[][2] = {{1, 1},   {3, 3},     {4, 256},  {5, 257},  {23, 63},  {24, 64},
+                          {25, 65}, {16, 1},    {49, 300}, {95, 20},  {96, 513}, {97, 64},
+                          {193, 9}, {250, 260}, {7, 31},   {191, 95}, {98, 33}};
   for (TKernelPath path : {TKernelPath::Auto, TKernelPath::Plain}) {
     for (const auto& size : sizes) {
       const int m = size[0], k = size[1];
