@@ -717,9 +717,9 @@ bool TExportFilterMatlab::ExportGraph(const TDGraph& graph, TMatlabLayout layout
       elements.push_back(x + static_cast<int64_t>(y) * variable.SizeX);
   variable.WriteValues = [&graph, &elements, mcc](TMatFileWriter& w) {
     TGraphPointReader reader(graph, elements);
-    return reader.Run(
-        [&w](int32_t, const float* values, int64_t count) {
-          return w.Put(values, count * static_cast<int64_t>(sizeof(float)));
+    return reader.RunBlocks(
+        [&w](int32_t, int32_t points, const float* values, int64_t count) {
+          return w.Put(values, points * count * static_cast<int64_t>(sizeof(float)));
         },
         mcc);
   };

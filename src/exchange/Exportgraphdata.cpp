@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 const TDInterpretation* AxisInterpretation(const IDataProject& project, int32_t transformationID,
                                            int32_t interpretationID) {
@@ -74,35 +75,50 @@ TGraphPointReader::TGraphPointReader(const TDGraph& graph, std::vector<int64_t> 
     : FGraph(graph), FElements(std::move(elements)), FTileBytes(tileBytes) {}
 
 bool TGraphPointReader::Run(const TStorePoint& store, IProgressAndCancel* progress) {
-  constexpr int32_t kGroup = 16; // points transposed together: one cache line of a spectrum
+  return RunBlocks(
+      [&store](int32_t firstPoint, int32_t points, const float* values, int64_t count) {
+        for (int32_t k = 0; k < points; ++k)
+          if (!store(firstPoint + k, values + k * count, count)) return false;
+        return true;
+      },
+      progress);
+}
+
+bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel* progress) {
+  constexpr int64_t kBlock = 16; // the transposition works on blocks of 16 × 16 values: cache lines both ways
   const int64_t rows = static_cast<int64_t>(FElements.size());
   const int32_t points = FGraph.GetSizeGraph();
   if (rows == 0 || points <= 0) return true;
-  int64_t tilePoints = FTileBytes / (rows * static_cast<int64_t>(sizeof(float)));
-  tilePoints = std::max<int64_t>(kGroup, tilePoints / kGroup * kGroup);
+  // Two buffers of a tile each: the spectra's parts as read, and the same values point after point.
+  int64_t tilePoints = FTileBytes / 2 / (rows * static_cast<int64_t>(sizeof(float)));
+  tilePoints = std::max<int64_t>(kBlock, tilePoints / kBlock * kBlock);
   const int32_t tile = static_cast<int32_t>(std::min<int64_t>(tilePoints, points));
-  std::vector<float> buffer(static_cast<size_t>(rows * tile));
-  std::vector<float> group(static_cast<size_t>(rows * std::min(kGroup, tile)));
+  // Not value-initialised: every value is read before it is used.
+  const std::unique_ptr<float[]> spectra(new float[static_cast<size_t>(rows * tile)]);
+  const std::unique_ptr<float[]> byPoint(new float[static_cast<size_t>(rows * tile)]);
   const int32_t sizeX = FGraph.GetSizeX();
 
   for (int32_t first = 0; first < points; first += tile) {
     if (progress && progress->IsCancelled()) return false;
-    const int32_t count = std::min(tile, points - first);
+    const int64_t count = std::min(tile, points - first);
     for (int64_t r = 0; r < rows; ++r) {
       const int64_t e = FElements[static_cast<size_t>(r)];
-      FGraph.GetPartOfSpectrum(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first, count,
-                               buffer.data() + r * count, true);
+      FGraph.GetPartOfSpectrum(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first,
+                               static_cast<int32_t>(count), spectra.get() + r * count, true);
     }
     if (progress) progress->AddProgress(rows * count);
-    for (int32_t g0 = 0; g0 < count; g0 += kGroup) {
-      const int32_t n = std::min(kGroup, count - g0);
-      for (int64_t r = 0; r < rows; ++r) {
-        const float* source = buffer.data() + r * count + g0;
-        for (int32_t k = 0; k < n; ++k) group[static_cast<size_t>(k * rows + r)] = source[k];
+    // spectra[r][k] -> byPoint[k][r], block by block.
+    for (int64_t r0 = 0; r0 < rows; r0 += kBlock) {
+      const int64_t r1 = std::min(rows, r0 + kBlock);
+      for (int64_t k0 = 0; k0 < count; k0 += kBlock) {
+        const int64_t k1 = std::min(count, k0 + kBlock);
+        for (int64_t r = r0; r < r1; ++r) {
+          const float* source = spectra.get() + r * count;
+          for (int64_t k = k0; k < k1; ++k) byPoint[static_cast<size_t>(k * rows + r)] = source[k];
+        }
       }
-      for (int32_t k = 0; k < n; ++k)
-        if (!store(first + g0 + k, group.data() + k * rows, rows)) return false;
     }
+    if (!store(first, static_cast<int32_t>(count), byPoint.get(), rows)) return false;
   }
   return true;
 }

@@ -38,10 +38,15 @@ class TGraphPointReader {
 public:
   /// store(point, values, count): the values of all elements at one point.
   using TStorePoint = std::function<bool(int32_t point, const float* values, int64_t count)>;
+  /// store(firstPoint, points, values, count): consecutive points at once, point after point, each with
+  /// the values of all count elements; lets a writer take them in one block.
+  using TStorePoints =
+      std::function<bool(int32_t firstPoint, int32_t points, const float* values, int64_t count)>;
 
-  /// tileBytes bounds the buffer of one tile (at least 16 points are read at once).
-  TGraphPointReader(const TDGraph& graph, std::vector<int64_t> elements, int64_t tileBytes = 16 << 20);
+  /// tileBytes bounds the two buffers of one tile together (at least 16 points are read at once).
+  TGraphPointReader(const TDGraph& graph, std::vector<int64_t> elements, int64_t tileBytes = 32 << 20);
   bool Run(const TStorePoint& store, IProgressAndCancel* progress);
+  bool RunBlocks(const TStorePoints& store, IProgressAndCancel* progress);
 
 private:
   const TDGraph& FGraph;
