@@ -210,6 +210,13 @@ void TExportFilter::Initialize(IDataProject* project, const std::string& setting
   FParameters->ClearParameters();
   CFICreateParameters(*FParameters);
   FParameters->AllParameterListChanged();
+  // The parameter panel's questions and news reach the filter.
+  FParameters->OnIsNewParameterOk = [this](const TUserParameterList& changed) {
+    return CFIParameterIsNewValueAllowed(changed);
+  };
+  FParameters->OnParameterChanged = [this](const TUserParameterList& changed, bool internalChange) {
+    CFIParameterChanged(changed, internalChange);
+  };
   if (settingsFolder.empty()) {
     FSettingsFileName.clear();
   } else {
