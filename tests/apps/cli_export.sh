@@ -107,5 +107,17 @@ check "short write message" "Could not write data (not enough disk space availab
 check "short write: older file unchanged" "same" "$(cmp -s "$dir/map.mat" "$dir/old.mat" && echo same)"
 check "nothing left behind" "" "$(ls "$dir" | grep -E '\.temp$')"
 
+# Ctrl-C during a long export: "Export canceled.", exit 1, neither the file nor a temporary remains. The text
+# export of 32 million values takes seconds; the signal comes after a fraction of one.
+"$orvex" demo -o "$dir/big.oxp" --size 256x128x1024 >/dev/null
+"$orvex" export "$dir/big.oxp" 5 --format "graph ascii" -o "$dir/big.txt" >/dev/null 2>"$dir/cancel.err" &
+pid=$!
+sleep 0.5
+kill -INT "$pid"
+wait "$pid"
+check "Ctrl-C exit" 1 $?
+check "Ctrl-C message" "Export canceled." "$(tail -n 1 "$dir/cancel.err")"
+check "Ctrl-C leaves nothing" "" "$(ls "$dir" | grep -E '^big\.txt')"
+
 if [ "$fails" -ne 0 ]; then echo "$fails check(s) failed"; exit 1; fi
 echo "cli_export: all checks passed"
