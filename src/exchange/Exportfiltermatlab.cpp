@@ -741,6 +741,39 @@ bool TExportFilterMatlab::ExportGraph(const TDGraph& graph, TMatlabLayout layout
   return !(mcc && mcc->GetCancel());
 }
 
+bool TExportFilterMatlab::LockDataObjects(const TIntList& ids) {
+  if (!TExportFilter::LockDataObjects(ids)) return false;
+  IDataProject& project = *GetProject();
+  auto lock = [&project](int32_t id) { return id != 0 ? project.LockData(id) : nullptr; };
+  auto interpretationOf = [&project](int32_t transformationID) {
+    const auto* t = dynamic_cast<const TDTransformation*>(project.FindData(transformationID));
+    return t ? t->GetInterpretationID() : 0;
+  };
+  for (TData* data : FLockedObjects) {
+    TAxisObjects objects;
+    if (const auto* graph = dynamic_cast<const TDGraph*>(data)) {
+      objects.SpectralTransformation = lock(graph->GetXTransformationID());
+      objects.SpectralInterpretation =
+          lock(graph->GetXInterpretationID() != 0 ? graph->GetXInterpretationID()
+                                                  : interpretationOf(graph->GetXTransformationID()));
+      objects.SpaceTransformation = lock(graph->GetSpaceTransformationID());
+      objects.SpaceInterpretation = lock(interpretationOf(graph->GetSpaceTransformationID()));
+    }
+    FAxisObjects.push_back(objects);
+  }
+  return true;
+}
+
+void TExportFilterMatlab::UnlockDataObjects() {
+  if (IDataProject* project = GetProject())
+    for (const TAxisObjects& objects : FAxisObjects)
+      for (TData* data : {objects.SpectralTransformation, objects.SpectralInterpretation,
+                          objects.SpaceTransformation, objects.SpaceInterpretation})
+        if (data) project->UnlockData(data);
+  FAxisObjects.clear();
+  TExportFilter::UnlockDataObjects();
+}
+
 void TExportFilterMatlab::DoExport(TMCC* mcc) {
   const auto layout = static_cast<TMatlabLayout>(GetIntParameter("MatlabExportTypeIndex"));
   int64_t total = 0;

@@ -134,10 +134,14 @@ private:
 class TExportFilterMatlab : public TExportFilter {
 public:
   TExportFilterMatlab();
+  ~TExportFilterMatlab() override { UnlockDataObjects(); }
 
   bool IsIDListOkay(const TIntList& ids) override;
   void DoExport(TMCC* mcc) override;
   void GetFileFilter(std::string& filter, std::string& extension) const override;
+  /// Locks each graph and the transformations and interpretations of its axes for the whole export.
+  bool LockDataObjects(const TIntList& ids) override;
+  void UnlockDataObjects() override;
   void CFIGetStyle(std::vector<std::string>& style) const override;
   std::vector<std::string> GetAcceptedClasses() const override { return {"TDGraph"}; }
   const TParameterTable& GetParameterTable() const override;
@@ -158,5 +162,14 @@ public:
   static std::string TooLargeMessage(const std::string& caption, int64_t bytes);
 
 private:
+  /// The axis objects of each locked graph (null where it has none), indexed like the graphs.
+  struct TAxisObjects {
+    TData* SpectralTransformation = nullptr;
+    TData* SpectralInterpretation = nullptr;
+    TData* SpaceTransformation = nullptr;
+    TData* SpaceInterpretation = nullptr;
+  };
+  std::vector<TAxisObjects> FAxisObjects;
+
   bool ExportGraph(const TDGraph& graph, TMatlabLayout layout, TBufferedWriting& buffer, TMCC* mcc);
 };

@@ -411,8 +411,19 @@ TEST_F(ExportFrameworkTest, MatlabFilesOfSeveralGraphsWithPatchedSizes) {
     std::string problem;
     return form.CreateFileInfo(filter, list, captions, problem);
   };
+  // A graph and its axis objects are locked for an export, and given back after it.
+  std::vector<int32_t> locksDuringExport;
+  auto& matlab = dynamic_cast<TExportFilterMatlab&>(*manager.GetFilters()[2]);
+  ASSERT_TRUE(matlab.LockDataObjects({ids.Map}));
+  for (int32_t id : {ids.Map, ids.SpectralTransformation, ids.SpectralInterpretation, ids.SpaceTransformation,
+                     ids.SpaceInterpretation})
+    locksDuringExport.push_back(FProject.FindData(id)->GetLockNumber());
+  matlab.UnlockDataObjects();
+  EXPECT_EQ(locksDuringExport, (std::vector<int32_t>{1, 1, 1, 1, 1}));
   const TExportResult result = manager.DoExport(2, {ids.Map, ids.TrueComponents[0], ids.TrueComponents[1]});
   ASSERT_TRUE(result.Errors.empty()) << result.Errors.front();
+  for (int32_t id : {ids.Map, ids.SpectralTransformation, ids.SpaceInterpretation})
+    EXPECT_EQ(FProject.FindData(id)->GetLockNumber(), 0);
   ASSERT_EQ(result.Files.size(), 3u);
   for (const TExportedFile& file : result.Files) {
     const std::string bytes = oxtest::ReadFileBytes(file.FileName);
