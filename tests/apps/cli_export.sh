@@ -108,11 +108,14 @@ check "short write: older file unchanged" "same" "$(cmp -s "$dir/map.mat" "$dir/
 check "nothing left behind" "" "$(ls "$dir" | grep -E '\.temp$')"
 
 # Ctrl-C during a long export: "Export canceled.", exit 1, neither the file nor a temporary remains. The text
-# export of 32 million values takes seconds; the signal comes after a fraction of one.
+# export of 32 million values takes seconds; the signal comes as soon as its temporary file is there.
 "$orvex" demo -o "$dir/big.oxp" --size 256x128x1024 >/dev/null
 "$orvex" export "$dir/big.oxp" 5 --format "graph ascii" -o "$dir/big.txt" >/dev/null 2>"$dir/cancel.err" &
 pid=$!
-sleep 0.5
+for _ in $(seq 600); do
+  ls "$dir" | grep -q -E '^big\.txt\..*\.temp$' && break
+  sleep 0.05
+done
 kill -INT "$pid"
 wait "$pid"
 check "Ctrl-C exit" 1 $?
