@@ -83,5 +83,6 @@ void AddConfigCommands(CLI::App& app, CliContext& ctx);
 void AddViewerCommands(CLI::App& app, CliContext& ctx);
 void AddMaskCommands(CLI::App& app, CliContext& ctx);
 void AddToolCommands(CLI::App& app, CliContext& ctx);
+void AddExportCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

@@ -219,6 +219,7 @@ int main(int argc, char** argv) {
   AddViewerCommands(app, ctx);
   AddMaskCommands(app, ctx);
   AddToolCommands(app, ctx);
+  AddExportCommands(app, ctx);
 
   // The application goes down on every path, after the command's projects are gone.
   struct TStopAtExit {
