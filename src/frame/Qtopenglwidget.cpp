@@ -61,9 +61,8 @@ void TQtOpenGLWidget::DetachView() {
 
 void TQtOpenGLWidget::initializeGL() {
   // The context goes before the widget in some cases (reparenting, closing): give up its names then.
-  QObject::connect(
-      context(), &QOpenGLContext::aboutToBeDestroyed, this, [this] { ReleaseContextResources(); },
-      Qt::UniqueConnection);
+  QObject::connect(context(), &QOpenGLContext::aboutToBeDestroyed, this,
+                   [this] { ReleaseContextResources(); });
   if (!FView) return;
   FView->InitOpenGL(this);
   FView->SetViewportSize(GetWidth(), GetHeight());
