@@ -295,6 +295,9 @@ void TOpenGLAxis::RenderData() {
     gluDeleteQuadric(q);
     glPopMatrix();
   }
+  // Labels and caption follow the axis's colour.
+  for (int i = 0; i < GetObjectCount(); ++i)
+    if (GetObject(i)->GetColor() != GetColor()) GetObject(i)->SetColor(GetColor());
   // The font may have arrived since the last layout (the axis joined a view): lay out again then.
   if (GetView()) {
     TOpenGLFont* font = FUse3DLabels ? GetView()->GetFont3D() : GetView()->GetFont2D();

@@ -585,9 +585,7 @@ std::vector<TOpenGLHit> TOpenGLView::GetObjectsByCoordinates(int x, int y) {
   gluPickMatrix(ox, oy, FPickAreaSize, FPickAreaSize, viewport);
   glMultMatrixd(ProjectionMatrix().M.data());
   glMatrixMode(GL_MODELVIEW);
-  const double savedScale = FReferenceScale;
   RenderScene();
-  FReferenceScale = savedScale;
   const GLint count = glRenderMode(GL_RENDER);
   // Records: name count, min depth, max depth, names; the deepest name is the object drawn.
   size_t at = 0;
@@ -611,6 +609,7 @@ std::vector<TOpenGLHit> TOpenGLView::GetObjectsByCoordinates(int x, int y) {
       hits.push_back({object, minDepth, maxDepth});
     }
   }
+  FContext->DoneCurrent();
   std::stable_sort(hits.begin(), hits.end(),
                    [](const TOpenGLHit& a, const TOpenGLHit& b) { return a.MinDepth < b.MinDepth; });
   return hits;
