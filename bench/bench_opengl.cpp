@@ -8,11 +8,10 @@
 #include "opengl/Openglview.h"
 
 #ifdef ORVEX_BENCH_WITH_GL
+#include "frame/Qtapplication.h"
 #include "frame/Qtopenglwidget.h"
 
-#include <QApplication>
-#include <QOpenGLContext>
-#include <QOpenGLFunctions>
+#include <GL/gl.h>
 #endif
 
 #include <algorithm>
@@ -33,13 +32,12 @@ double Milliseconds(std::chrono::steady_clock::duration d) {
 double FrameMilliseconds(TQtOpenGLWidget& widget, TOpenGLView& view, int frames) {
   double best = 1e300;
   widget.BeginOffscreen(view.GetWidth(), view.GetHeight());
-  QOpenGLFunctions* gl = QOpenGLContext::currentContext()->functions();
   view.Paint(); // first frame: display lists and glyphs
-  gl->glFinish();
+  glFinish();
   for (int run = 0; run < 3; ++run) {
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < frames; ++i) view.Paint();
-    gl->glFinish();
+    glFinish();
     best = std::min(best, Milliseconds(std::chrono::steady_clock::now() - start) / frames);
   }
   widget.EndOffscreen();
@@ -51,16 +49,15 @@ void DrawScenes(int argc, char** argv) {
     std::printf("drawing: skipped (no display; run under xvfb-run)\n");
     return;
   }
-  QApplication app(argc, argv);
+  TOrvexQtApplication app(argc, argv);
   TOpenGLView view;
   TQtOpenGLWidget widget(&view);
   widget.resize(1000, 600);
   widget.show();
-  while (widget.FrameCount() == 0) QApplication::processEvents();
+  while (widget.FrameCount() == 0) TOrvexQtApplication::processEvents();
   view.SetViewportSize(1000, 600);
   widget.MakeCurrent();
-  const auto* renderer =
-      reinterpret_cast<const char*>(QOpenGLContext::currentContext()->functions()->glGetString(GL_RENDERER));
+  const auto* renderer = reinterpret_cast<const char*>(glGetString(GL_RENDERER));
   std::printf("drawing at 1000 x 600 on %s\n", renderer ? renderer : "?");
   widget.DoneCurrent();
   std::printf("  empty frame:                          %8.2f ms\n", FrameMilliseconds(widget, view, 50));

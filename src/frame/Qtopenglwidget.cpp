@@ -39,6 +39,8 @@ TQtOpenGLWidget::TQtOpenGLWidget(TOpenGLView* view, QWidget* parent) : QOpenGLWi
 
 TQtOpenGLWidget::~TQtOpenGLWidget() {
   ReleaseContextResources();
+  // The base class destroys the context after this part of the widget is gone: no call back into it then.
+  if (context()) QObject::disconnect(context(), nullptr, this, nullptr);
 }
 
 void TQtOpenGLWidget::ReleaseContextResources() {
