@@ -4,6 +4,7 @@
 #include "frame/Projectmanager.h"
 #include "frame/Qtapplication.h"
 #include "frame/Qtmessages.h"
+#include "frame/Qtopenglwidget.h"
 #include "frame/Qttoolwindow.h"
 #include "project/Orvexapplication.h"
 #include "tools/Registertools.h"
@@ -69,6 +70,9 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  // Every window's rendering context is of one format (compatibility profile, depth 24, stencil 8, no
+  // multisampling), set before the first window exists.
+  QSurfaceFormat::setDefaultFormat(OpenGLViewSurfaceFormat());
   TOrvexQtApplication app(argc, argv);
   app.InstallServices();
 

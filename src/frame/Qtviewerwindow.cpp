@@ -1,7 +1,9 @@
 // The window of a viewer.
 #include "frame/Qtviewerwindow.h"
 
+#include "frame/Qtopenglwidget.h"
 #include "frame/Qtparampanel.h"
+#include "opengl/Openglview.h"
 #include "project/Project.h"
 #include "viewers/Vtext.h"
 
@@ -31,6 +33,10 @@ TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
     FText = new QPlainTextEdit(splitter);
     FText->setReadOnly(true);
     FText->setObjectName("TextView");
+  } else if (auto* owner = dynamic_cast<IOpenGLViewOwner*>(viewer)) {
+    // A graphic viewer draws its scene in a rendering widget.
+    FGLWidget = new TQtOpenGLWidget(&owner->GetOpenGLView(), splitter);
+    FGLWidget->setObjectName("OpenGLView");
   } else {
     auto* label = new QLabel(QString::fromStdString(viewer->GetClassNameA()), splitter);
     label->setAlignment(Qt::AlignCenter);
@@ -45,6 +51,7 @@ TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
 }
 
 TQtViewerWindow::~TQtViewerWindow() {
+  if (FGLWidget) FGLWidget->DetachView();
   if (FViewer) FViewer->AttachWindow(nullptr);
 }
 
@@ -116,6 +123,7 @@ void TQtViewerWindow::SetViewerPlacement(const TWindowPlacement& placement) {
 void TQtViewerWindow::RequestRedraw() {
   UpdateView();
   update();
+  if (FGLWidget) FGLWidget->update();
 }
 
 void TQtViewerWindow::CloseViewerWindow() {
@@ -131,6 +139,7 @@ void TQtViewerWindow::SetCloseEnabled(bool enabled) {
 }
 
 void TQtViewerWindow::ViewerDestroyed() {
+  // A view that belonged to the viewer has already told the rendering widget that it is gone.
   TVCustomForm* gone = FViewer;
   FViewer = nullptr;
   if (OnViewerGone) OnViewerGone(gone);

@@ -1,5 +1,6 @@
-// The window of a viewer: a top-level window transient for the main window, with the viewer's view and
-// its settings panel; it takes dropped object IDs for the viewer.
+// The window of a viewer: a top-level window transient for the main window, with the viewer's view (a text
+// view, or the rendering widget of a viewer that draws a scene) and its settings panel; it takes dropped
+// object IDs for the viewer.
 #pragma once
 
 #include "project/Viewerwindow.h"
@@ -9,6 +10,7 @@
 
 class TVCustomForm;
 class TQtParamPanel;
+class TQtOpenGLWidget;
 class QPlainTextEdit;
 
 class TQtViewerWindow : public QWidget, public IViewerWindow {
@@ -18,6 +20,8 @@ public:
   ~TQtViewerWindow() override;
 
   TVCustomForm* Viewer() const { return FViewer; }
+  /// The rendering widget of a viewer that draws a scene (IOpenGLViewOwner); null for others.
+  TQtOpenGLWidget* OpenGLWidget() const { return FGLWidget; }
 
   // IViewerWindow
   void ShowViewerWindow(bool activate) override;
@@ -50,5 +54,6 @@ private:
 
   TVCustomForm* FViewer;
   QPlainTextEdit* FText = nullptr;
+  TQtOpenGLWidget* FGLWidget = nullptr;
   TQtParamPanel* FPanel = nullptr;
 };

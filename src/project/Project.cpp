@@ -53,6 +53,7 @@ TProject::~TProject() {
   // Viewers first: they may hold IDs of objects.
   FViewerList.clear();
   FDataList.clear();
+  FChangeListeners.clear();
 }
 
 std::string TProject::GetVersionStringForFileVersion(int32_t version) {
@@ -107,6 +108,7 @@ void TProject::ClearProject() {
   if (OnClear) OnClear();
   FCursorLocks.ReleaseAllLocks();
   FDataList.clear();
+  FChangeListeners.clear();
   FClosingViewers = true;
   while (!FViewerList.empty()) FViewerList.erase(FViewerList.begin());
   FClosingViewers = false;
@@ -194,6 +196,7 @@ void TProject::AppendProject(TProject& source) {
   FNextDataID += source.FNextDataID;
   std::vector<std::unique_ptr<TData>> taken = std::move(source.FDataList);
   source.FDataList.clear();
+  source.FChangeListeners.clear();
   for (auto& data : taken) AddData(std::move(data));
   while (!source.FViewerList.empty()) {
     std::unique_ptr<TVCustomForm> viewer = std::move(source.FViewerList.front());
@@ -481,6 +484,7 @@ TTagError TProject::LoadDataListFromTagFile(TFileHandle file, std::vector<std::u
     list.push_back(std::move(data));
   }
   temporary.FDataList.clear();
+  temporary.FChangeListeners.clear();
   return result;
 }
 
@@ -600,10 +604,31 @@ void TProject::DataChange(TData* data, TDataChangeInfo info) {
   data->Lock();
   FCursorLocks.DataChange(data, info); // a cursor being removed releases its lock holder
   for (size_t i = 0; i < FViewerList.size(); ++i) FViewerList[i]->DataChanged(data, info);
-  for (size_t i = 0; i < FDataList.size(); ++i)
-    if (FDataList[i].get() != data) FDataList[i]->DataChanged(data, info);
+  if (info == TDataChangeInfo::Removed) {
+    // A removal concerns every object that may refer to the removed one.
+    for (size_t i = 0; i < FDataList.size(); ++i)
+      if (FDataList[i].get() != data) FDataList[i]->DataChanged(data, info);
+  } else {
+    // Other changes concern only the objects that pass them on (connectors to their tools): data objects
+    // act on nothing but removals, and telling each of them of each addition made building a project of n
+    // objects cost n² calls. A listener may add or remove objects while it is told, so the walk is over a
+    // copy.
+    const std::vector<TData*> listeners = FChangeListeners;
+    for (TData* listener : listeners)
+      if (listener != data &&
+          std::find(FChangeListeners.begin(), FChangeListeners.end(), listener) != FChangeListeners.end())
+        listener->DataChanged(data, info);
+  }
   if (OnDataChange) OnDataChange(data, info);
   data->Unlock();
+}
+
+void TProject::TrackAddedData(TData* data) {
+  if (data->InheritsFrom("TDConnector")) FChangeListeners.push_back(data);
+}
+
+void TProject::TrackRemovedData(TData* data) {
+  std::erase(FChangeListeners, data);
 }
 
 void TProject::ExchangeID(int32_t oldID, int32_t newID) {
@@ -655,9 +680,16 @@ bool TProject::UniqueIDTest(int32_t& highest) const {
 }
 
 void TProject::AddDataSortedToList(std::unique_ptr<TData> data, std::vector<std::unique_ptr<TData>>& list) {
-  // In front of the first higher ID; equal IDs stay in insertion order.
+  // In front of the first higher ID; equal IDs stay in insertion order. The list is sorted by ID (it only
+  // grows here, and renumbering shifts all IDs alike), so a binary search finds the place, and an object with
+  // the highest ID so far, the usual case, goes to the end at once.
   const int32_t id = data->GetID();
-  auto it = std::find_if(list.begin(), list.end(), [id](const auto& other) { return other->GetID() > id; });
+  if (list.empty() || list.back()->GetID() <= id) {
+    list.push_back(std::move(data));
+    return;
+  }
+  auto it = std::upper_bound(list.begin(), list.end(), id,
+                             [](int32_t value, const auto& other) { return value < other->GetID(); });
   list.insert(it, std::move(data));
 }
 
@@ -669,6 +701,7 @@ void TProject::AddData(std::unique_ptr<TData> data) {
     Notify("TProject::AddData:\n\nID of Data Object \"" + raw->GetCaption() + "\" is 0!", "Error",
            kSeverityError);
   AddDataSortedToList(std::move(data), FDataList);
+  TrackAddedData(raw);
   raw->SetOnDataChange([this](TData* d, TDataChangeInfo info) { DataChange(d, info); });
   raw->DoDataChange(TDataChangeInfo::Added);
 }
@@ -679,6 +712,7 @@ void TProject::OwnData(std::unique_ptr<TData> data) {
   raw->SetProject(this);
   raw->SetOnDataChange([this](TData* d, TDataChangeInfo info) { DataChange(d, info); });
   AddDataSortedToList(std::move(data), FDataList);
+  TrackAddedData(raw);
   raw->DoDataChange(TDataChangeInfo::Added);
 }
 
@@ -907,6 +941,7 @@ bool TProject::DeleteData(int32_t id) {
   auto it =
       std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
   if (it != FDataList.end()) FDataList.erase(it);
+  TrackRemovedData(data);
   return true;
 }
 
@@ -918,6 +953,7 @@ std::unique_ptr<TData> TProject::DeleteDataAndReturnPointer(int32_t id) {
       std::find_if(FDataList.begin(), FDataList.end(), [data](const auto& d) { return d.get() == data; });
   std::unique_ptr<TData> owned = std::move(*it);
   FDataList.erase(it);
+  TrackRemovedData(owned.get());
   UnOwnData(owned.get());
   return owned;
 }

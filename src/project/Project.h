@@ -306,6 +306,11 @@ private:
   int32_t FFileVersion = 0;
   std::string FFileName;
   std::vector<std::unique_ptr<TData>> FDataList;
+  /// The objects of FDataList that act on other objects' changes of every kind (connectors); the rest act
+  /// only on removals. Kept beside the list so that a change costs the listeners, not the whole project.
+  std::vector<TData*> FChangeListeners;
+  void TrackAddedData(TData* data);
+  void TrackRemovedData(TData* data);
   std::vector<std::unique_ptr<TVCustomForm>> FViewerList;
   std::vector<TVCustomForm*> FViewersToReposition;
   bool FWithoutProjectManager = false;

@@ -1,0 +1,196 @@
+// The rendering widget of a scene.
+#include "frame/Qtopenglwidget.h"
+
+#include "frame/Qtglyphrasterizer.h"
+#include "opengl/Openglview.h"
+
+#include <QMouseEvent>
+#include <QOpenGLContext>
+#include <QOpenGLFramebufferObject>
+#include <QOpenGLFunctions>
+#include <QWheelEvent>
+#include <cmath>
+
+QSurfaceFormat OpenGLViewSurfaceFormat() {
+  QSurfaceFormat format;
+  format.setRenderableType(QSurfaceFormat::OpenGL);
+  format.setProfile(QSurfaceFormat::CompatibilityProfile);
+  format.setVersion(2, 1);
+  format.setDepthBufferSize(24);
+  format.setStencilBufferSize(8);
+  format.setSamples(0);
+  format.setRedBufferSize(8);
+  format.setGreenBufferSize(8);
+  format.setBlueBufferSize(8);
+  format.setAlphaBufferSize(8);
+  return format;
+}
+
+TQtOpenGLWidget::TQtOpenGLWidget(TOpenGLView* view, QWidget* parent) : QOpenGLWidget(parent), FView(view) {
+  setFormat(OpenGLViewSurfaceFormat());
+  setMouseTracking(true);
+  setMinimumSize(50, 50);
+  // Changes within the delay make one repaint.
+  FRepaintTimer.setSingleShot(true);
+  QObject::connect(&FRepaintTimer, &QTimer::timeout, this, [this] { update(); });
+  FContinuousTimer.setInterval(16);
+  QObject::connect(&FContinuousTimer, &QTimer::timeout, this, [this] { update(); });
+}
+
+TQtOpenGLWidget::~TQtOpenGLWidget() {
+  ReleaseContextResources();
+  // The base class destroys the context after this part of the widget is gone: no call back into it then.
+  if (context()) QObject::disconnect(context(), nullptr, this, nullptr);
+}
+
+void TQtOpenGLWidget::ReleaseContextResources() {
+  if (!FView) return;
+  if (context() && context()->isValid()) {
+    makeCurrent();
+    FOffscreen.reset();
+    if (FView->GetContext() == this) FView->ReleaseOpenGL();
+    doneCurrent();
+  } else if (FView->GetContext() == this) {
+    FView->Deactivate();
+  }
+}
+
+void TQtOpenGLWidget::DetachView() {
+  ReleaseContextResources();
+  FView = nullptr;
+  update();
+}
+
+void TQtOpenGLWidget::initializeGL() {
+  // The context goes before the widget in some cases (reparenting, closing): give up its names then.
+  QObject::connect(context(), &QOpenGLContext::aboutToBeDestroyed, this,
+                   [this] { ReleaseContextResources(); });
+  if (!FView) return;
+  FView->InitOpenGL(this);
+  FView->SetViewportSize(GetWidth(), GetHeight());
+  FView->Activate();
+}
+
+void TQtOpenGLWidget::resizeGL(int, int) {
+  if (FView) FView->SetViewportSize(GetWidth(), GetHeight());
+}
+
+void TQtOpenGLWidget::paintGL() {
+  ++FFrames;
+  if (!FView) {
+    QOpenGLFunctions* f = context()->functions();
+    f->glClearColor(1, 1, 1, 1);
+    f->glClear(GL_COLOR_BUFFER_BIT);
+    return;
+  }
+  FView->SetViewportSize(GetWidth(), GetHeight());
+  FView->Paint();
+}
+
+bool TQtOpenGLWidget::MakeCurrent() {
+  if (!context() || !context()->isValid()) return false;
+  makeCurrent();
+  return true;
+}
+
+void TQtOpenGLWidget::DoneCurrent() {
+  doneCurrent();
+}
+
+int TQtOpenGLWidget::GetWidth() const {
+  return std::max(1, static_cast<int>(std::lround(width() * devicePixelRatioF())));
+}
+
+int TQtOpenGLWidget::GetHeight() const {
+  return std::max(1, static_cast<int>(std::lround(height() * devicePixelRatioF())));
+}
+
+void TQtOpenGLWidget::ScheduleRepaint(int delayMs) {
+  if (FRepaintTimer.isActive()) return;
+  FRepaintTimer.start(std::max(0, delayMs));
+}
+
+void TQtOpenGLWidget::SetContinuousRepaint(bool on) {
+  on ? FContinuousTimer.start() : FContinuousTimer.stop();
+}
+
+bool TQtOpenGLWidget::BeginOffscreen(int width, int height) {
+  if (!MakeCurrent()) return false;
+  QOpenGLFramebufferObjectFormat format;
+  format.setAttachment(QOpenGLFramebufferObject::CombinedDepthStencil);
+  format.setInternalTextureFormat(GL_RGBA8);
+  format.setSamples(0);
+  FOffscreen = std::make_unique<QOpenGLFramebufferObject>(width, height, format);
+  if (!FOffscreen->isValid() || !FOffscreen->bind()) {
+    FOffscreen.reset();
+    doneCurrent();
+    return false;
+  }
+  return true;
+}
+
+void TQtOpenGLWidget::EndOffscreen() {
+  if (FOffscreen) {
+    FOffscreen->release();
+    FOffscreen.reset();
+  }
+  context()->functions()->glBindFramebuffer(GL_FRAMEBUFFER, defaultFramebufferObject());
+  doneCurrent();
+}
+
+void TQtOpenGLWidget::ViewDestroyed() {
+  FView = nullptr;
+  FOffscreen.reset();
+  update();
+}
+
+IGlyphRasterizer* TQtOpenGLWidget::GetGlyphRasterizer() {
+  return &TQtGlyphRasterizer::Instance();
+}
+
+namespace {
+
+TOpenGLMouseButton ButtonOf(Qt::MouseButton button) {
+  switch (button) {
+  case Qt::RightButton:
+    return TOpenGLMouseButton::Right;
+  case Qt::MiddleButton:
+    return TOpenGLMouseButton::Middle;
+  default:
+    return TOpenGLMouseButton::Left;
+  }
+}
+
+TOpenGLShiftState ShiftOf(Qt::KeyboardModifiers m) {
+  return {m.testFlag(Qt::ShiftModifier), m.testFlag(Qt::ControlModifier), m.testFlag(Qt::AltModifier)};
+}
+
+} // namespace
+
+void TQtOpenGLWidget::mousePressEvent(QMouseEvent* event) {
+  if (!FView) return;
+  const qreal r = devicePixelRatioF();
+  FView->MouseDown(static_cast<int>(event->position().x() * r), static_cast<int>(event->position().y() * r),
+                   ButtonOf(event->button()), ShiftOf(event->modifiers()));
+}
+
+void TQtOpenGLWidget::mouseMoveEvent(QMouseEvent* event) {
+  if (!FView) return;
+  const qreal r = devicePixelRatioF();
+  FView->MouseMove(static_cast<int>(event->position().x() * r), static_cast<int>(event->position().y() * r),
+                   ShiftOf(event->modifiers()));
+}
+
+void TQtOpenGLWidget::mouseReleaseEvent(QMouseEvent* event) {
+  if (!FView) return;
+  const qreal r = devicePixelRatioF();
+  FView->MouseUp(static_cast<int>(event->position().x() * r), static_cast<int>(event->position().y() * r),
+                 ButtonOf(event->button()), ShiftOf(event->modifiers()));
+}
+
+void TQtOpenGLWidget::wheelEvent(QWheelEvent* event) {
+  if (!FView) return;
+  const qreal r = devicePixelRatioF();
+  FView->MouseWheel(static_cast<int>(event->position().x() * r), static_cast<int>(event->position().y() * r),
+                    event->angleDelta().y() / 120.0, ShiftOf(event->modifiers()));
+}
