@@ -81,6 +81,7 @@ void AddPathsCommands(CLI::App& app, CliContext& ctx);
 void AddBitmapCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
 void AddViewerCommands(CLI::App& app, CliContext& ctx);
+void AddMaskCommands(CLI::App& app, CliContext& ctx);
 void AddToolCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli
