@@ -322,6 +322,8 @@ bool TAdvancedFittingToolForm::FitGraph(const TDGraph& graph, bool images, bool 
   std::string error;
   if (!ConfigureCore(core, error)) throw OrvexException(GetDialogName() + ": " + error);
   core.ExternalCancel = ExternalCancel;
+  // The memory check counts the curves only when they are made.
+  core.ExtractFitCurves = curves;
 
   TGraphMaskAxis axis;
   if (!GetGraphMaskAxis(project, graph.GetID(), "", axis, error))
