@@ -1,8 +1,10 @@
 #include "tools/spectral/Registerspectraltools.h"
 
 #include "project/Toolregistry.h"
+#include "tools/spectral/Advancedfittingtool.h"
 #include "tools/spectral/Graphcalculator.h"
 
 void RegisterSpectralTools(TToolRegistry& registry) {
   RegisterGraphCalculator(registry);
+  RegisterAdvancedFittingTool(registry);
 }

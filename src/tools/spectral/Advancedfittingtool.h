@@ -1,0 +1,65 @@
+// Advanced Fitting Tool: one fit function fitted to every spectrum of a graph stack on all cores, giving
+// images of the fitted parameters and their errors, chi-square and a fail mask, and on request the fitted
+// curves. The window, --set and the stored defaults all go through the parameters declared here.
+//
+// The function's own settings and the fit parameter rows depend on the chosen function, so they are held
+// as text parameters read when the tool runs:
+//   Function Settings  "NumberOfFunctions=2; WidthKind=FWHM"   (the function's settings, by name)
+//   Fit Parameters     "x0|Start Value=520; x0|Auto=false; y0|Vary=false; s|Lower Limit=none"
+// Columns of a row: Start Value, Value, Vary, Lower Limit, Upper Limit (a number or "none"), Auto,
+// Extract Value, Extract Error, Value if Fit Fails. The settings always apply before the rows.
+#pragma once
+
+#include "project/Projectdialogform.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class TAdvancedFittingCore;
+class IProgressAndCancel;
+class TDGraph;
+class TToolRegistry;
+
+/// Applies the row assignments of a "Fit Parameters" text to the core's rows. False with one line naming
+/// the row or column when an assignment can't be read or names no row of the current function.
+bool ApplyFitParameterText(const std::string& text, TAdvancedFittingCore& core, std::string& error);
+
+class TAdvancedFittingToolForm : public TProjectDialogForm {
+public:
+  static constexpr const char* kClassName = "TAdvancedFittingToolForm";
+  /// The command that makes only the fitted curves.
+  static constexpr const char* kExtractCurves = "Extract Curves";
+
+  TAdvancedFittingToolForm();
+  ~TAdvancedFittingToolForm() override;
+  std::string GetClassNameA() const override { return kClassName; }
+
+  /// The parameters of the tool, declared once.
+  static TParameterTable& Declaration();
+
+  /// Only graphs are fitted; reason names the first input that isn't one.
+  bool IsInputIDListOkay(TProject* project, const TIntList* ids, const TIntList* extra,
+                         std::string* reason = nullptr) override;
+
+  /// Sets up core from the current parameters: function, its settings, rows, extraction options, data
+  /// reduction. False with one line naming the parameter at fault.
+  bool ConfigureCore(TAdvancedFittingCore& core, std::string& error) const;
+
+  /// Failed fits of the last run, summed over its inputs.
+  int64_t GetNumberOfFailedFits() const { return FFailedFits; }
+
+  /// Asked before every spectrum besides the run's own cancel (may be null).
+  const IProgressAndCancel* ExternalCancel = nullptr;
+
+protected:
+  bool DoCommand(const std::string& name) override;
+
+private:
+  /// Fits one input graph and hands its images (and curves) to the frame; false after a cancel.
+  bool FitGraph(const TDGraph& graph, bool images, bool curves, std::string& report);
+
+  int64_t FFailedFits = 0;
+};
+
+void RegisterAdvancedFittingTool(TToolRegistry& registry);
