@@ -1,6 +1,7 @@
 #include "common/numerics/Golayfilter.h"
 
 #include "common/OrvexException.h"
+#include "common/numerics/Floatvector.h"
 #include "common/numerics/Numerics.h"
 #include "common/numerics/Savgol.h"
 
@@ -42,6 +43,46 @@ void Convolve(const std::vector<double>& kernel, int left, int right, const TIn*
   for (int i = std::max(innerLast + 1, innerFirst); i < n; ++i) out[i] = edge(i);
 }
 
+// The float form: pixels left .. n-1-right summed in single precision, sixteen or four at a time on vector
+// registers,
+// taps in window order (the few pixels past the last block the same way, one at a time).
+template <typename TEdge>
+void ConvolveFloat(const std::vector<float>& kernel, int left, int right, const float* in, float* out, int n,
+                   TEdge edge) {
+  const int taps = static_cast<int>(kernel.size());
+  const int innerFirst = left, innerLast = n - 1 - right;
+  int i = innerFirst;
+  // Four independent sums per block keep the adds of consecutive taps from waiting on each other.
+  for (; i + 15 <= innerLast; i += 16) {
+    oxvec::TFloat4 a0 = oxvec::Splat(0.0f), a1 = a0, a2 = a0, a3 = a0;
+    const float* p = in + i - left;
+    for (int t = 0; t < taps; ++t) {
+      const oxvec::TFloat4 c = oxvec::Splat(kernel[t]);
+      a0 += c * oxvec::Load(p + t);
+      a1 += c * oxvec::Load(p + t + 4);
+      a2 += c * oxvec::Load(p + t + 8);
+      a3 += c * oxvec::Load(p + t + 12);
+    }
+    oxvec::Store(out + i, a0);
+    oxvec::Store(out + i + 4, a1);
+    oxvec::Store(out + i + 8, a2);
+    oxvec::Store(out + i + 12, a3);
+  }
+  for (; i + 3 <= innerLast; i += 4) {
+    oxvec::TFloat4 a0 = oxvec::Splat(0.0f);
+    const float* p = in + i - left;
+    for (int t = 0; t < taps; ++t) a0 += oxvec::Splat(kernel[t]) * oxvec::Load(p + t);
+    oxvec::Store(out + i, a0);
+  }
+  for (; i <= innerLast; ++i) {
+    float s = 0.0f;
+    for (int t = 0; t < taps; ++t) s += kernel[t] * in[i - left + t];
+    out[i] = s;
+  }
+  for (int j = 0; j < std::min(innerFirst, n); ++j) out[j] = edge(j);
+  for (int j = std::max(innerLast + 1, innerFirst); j < n; ++j) out[j] = edge(j);
+}
+
 } // namespace
 
 TGolayFilter::TGolayFilter() {
@@ -72,6 +113,7 @@ bool TGolayFilter::SetFilterOptions(int nl, int nr, int ld, int m) {
   FDerivative = ld;
   FOrder = m;
   FKernel = std::move(kernel);
+  FKernelFloat.assign(FKernel.begin(), FKernel.end());
   return true;
 }
 
@@ -81,8 +123,8 @@ double TGolayFilter::GetSortedFilter(int k) const {
 }
 
 void TGolayFilter::Faltung(const float* in, float* out, int n) const {
-  Convolve(FKernel, FLeft, FRight, in, out, n,
-           [&](int i) { return ShortSum<float, float>(FKernel, FLeft, in, n, i); });
+  ConvolveFloat(FKernelFloat, FLeft, FRight, in, out, n,
+                [&](int i) { return ShortSum<float, float>(FKernel, FLeft, in, n, i); });
 }
 
 void TGolayFilter::Faltung(const double* in, double* out, int n) const {
@@ -96,10 +138,17 @@ void TGolayFilter::Faltung(const int* in, double* out, int n) const {
 }
 
 void TGolayFilter::FaltungWithMirrorPeriodicInterval(const float* in, float* out, int n) const {
-  Convolve(FKernel, FLeft, FRight, in, out, n, [&](int i) {
+  // When the window is shorter than the spectrum an index leaves it by less than one length, so a single
+  // reflection at the nearer end finds it; otherwise the periodic mirror does.
+  const bool once = FLeft + FRight < n;
+  ConvolveFloat(FKernelFloat, FLeft, FRight, in, out, n, [&](int i) {
     double s = 0.0;
-    for (int k = -FLeft; k <= FRight; ++k)
-      s += FKernel[k + FLeft] * static_cast<double>(in[ConvertIndexToMirrorPeriodicInterval(i + k, n)]);
+    for (int k = -FLeft; k <= FRight; ++k) {
+      const int j = i + k;
+      const int m =
+          once ? (j < 0 ? -1 - j : (j >= n ? 2 * n - 1 - j : j)) : ConvertIndexToMirrorPeriodicInterval(j, n);
+      s += FKernel[k + FLeft] * static_cast<double>(in[m]);
+    }
     return static_cast<float>(s);
   });
 }

@@ -34,7 +34,10 @@ public:
   const std::vector<double>& Kernel() const { return FKernel; }
 
   /// out[i] = sum over k of GetSortedFilter(k) in[i + k]; near the ends only the terms inside the array are
-  /// summed (a shorter sum, not renormalised). in and out must not overlap.
+  /// summed (a shorter sum, not renormalised). in and out must not overlap. The float forms sum the pixels
+  /// whose window lies inside the array in single precision on vector registers (the error bound of a sum of
+  /// window-length float terms, a few units of the data's own rounding); the ends, and the double and integer
+  /// forms, sum in double.
   void Faltung(const float* in, float* out, int n) const;
   void Faltung(const double* in, double* out, int n) const;
   void Faltung(const int* in, double* out, int n) const;
@@ -46,4 +49,5 @@ public:
 private:
   int FLeft = 0, FRight = 0, FDerivative = 0, FOrder = 0;
   std::vector<double> FKernel; ///< weight of offset k at k + FLeft
+  std::vector<float> FKernelFloat;
 };

@@ -4,10 +4,10 @@
 Runs the dump program given as the only argument into a temporary folder, then compares:
 - Savitzky-Golay (smoothing and derivatives, symmetric and one-sided windows, mirrored ends) with
   scipy.signal.savgol_coeffs(use='dot', pos=left) applied by scipy.ndimage.correlate1d(mode='reflect'), in
-  double, within float precision plus what scipy's coefficients themselves are off by (their least squares
+  double, within the rounding bound of a float sum of window-length terms plus what scipy's coefficients themselves are off by (their least squares
   on raw offset powers loses digits for long windows of high order: about 3e-7 for 65 points, order 9);
-  the same correlation with coefficients from a QR least squares on offsets scaled to [-1, 1] within float
-  precision alone; on a cubic, every setting of order 3 and up against the exact values and derivatives at
+  the same correlation with coefficients from a QR least squares on offsets scaled to [-1, 1] within that
+  bound alone; on a cubic, every setting of order 3 and up against the exact values and derivatives at
   every pixel whose window needs no mirroring;
 - binomial averages: normalised binomial weights (rows of Pascal's triangle) summed over the channels and
   spectra that exist, divided by the weights used; spectra outside the map or on an invalid line left out;
@@ -141,7 +141,8 @@ def main():
         coeffs = savgol_coeffs(w, m, deriv=ld, pos=nl, use="dot")
         qr = qr_coefficients(nl, nr, ld, m)
         ref = correlate1d(x64, coeffs, axis=-1, mode="reflect", origin=nl - w // 2)
-        limit = 4e-7 * scale * np.abs(coeffs).sum()
+        # Float data summed in float over w terms: the bound of w + 2 roundings of the terms' magnitudes.
+        limit = (w + 2) * 2.0**-24 * scale * np.abs(coeffs).sum()
         scipy_off = np.abs(coeffs - qr).sum() * scale
         err = np.abs(data[name + "sg"] - ref).max()
         check(f"savgol {nl},{nr} order {m} derivative {ld}", err <= limit + scipy_off,
@@ -153,7 +154,7 @@ def main():
         if m >= 3:
             inner = slice(nl, n - nr)
             err = np.abs(polysg[name][inner] - exact[ld][inner]).max()
-            limit = 4e-7 * np.abs(poly).max() * np.abs(coeffs).sum()
+            limit = (w + 2) * 2.0**-24 * np.abs(poly).max() * np.abs(coeffs).sum()
             check(f"savgol {nl},{nr} order {m} derivative {ld} on a cubic", err <= limit,
                   f"max |ours - exact| = {err:.2e} (limit {limit:.2e})")
 
