@@ -152,13 +152,15 @@ TRollingCircleSubtraction* TBackgroundScratch::ShapeCircle(const TShapeSettings&
   if (FCircleTried && same) return FCircle.get();
   FCircle.reset();
   FCircleSettings = settings;
-  FCircleTried = true;
+  FCircleTried = false;
   try {
     FCircle = std::make_unique<TRollingCircleSubtraction>(FLength, settings.ShapeSize, settings.NoiseFactor,
                                                           0.01, settings.KeepBorderPeaks);
   } catch (const OrvexExceptionWavelet&) {
-    return nullptr; // too few points for the noise filter
+    FCircleTried = true; // too few points for the noise filter: refused until the settings change
+    return nullptr;
   }
+  FCircleTried = true;
   return FCircle.get();
 }
 

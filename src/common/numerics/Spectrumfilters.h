@@ -43,7 +43,8 @@ public:
   /// Writes y with its spikes repaired to out (which may be y) and returns the number of spike points.
   /// With the median setting and both neighbours given, each spike point takes the median of its value and
   /// the neighbours' values at that channel; otherwise runs of spikes are bridged linearly (see
-  /// ReplaceSpikesLinear).
+  /// ReplaceSpikesLinear). Detection always reads y as given, so repeating the pass on the same input
+  /// changes nothing: one pass is the final outcome.
   int Filter(const float* y, float* out, const float* neighbourA = nullptr,
              const float* neighbourB = nullptr);
 

@@ -502,6 +502,11 @@ TEST(BackgroundShape, EmptyMaskNonFiniteValuesAndShortSpectra) {
   EXPECT_EQ(ShapeBackground(m, ys.data(), fits, changes, small, bs.data(), rs.data(), scratchs),
             TBackgroundStatus::Done);
   EXPECT_GT(rs[2], 5.0f);
+  // Settings the circle refuses are programming errors, every time they are given.
+  small.NoiseFactor = -1;
+  for (int k = 0; k < 2; ++k)
+    EXPECT_THROW(ShapeBackground(m, ys.data(), fits, changes, small, bs.data(), rs.data(), scratchs),
+                 OrvexException);
 }
 
 TEST(BackgroundShape, LinearGraphInterpolationClosesGaps) {
