@@ -81,5 +81,6 @@ void AddPathsCommands(CLI::App& app, CliContext& ctx);
 void AddBitmapCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
 void AddViewerCommands(CLI::App& app, CliContext& ctx);
+void AddToolCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

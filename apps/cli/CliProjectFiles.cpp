@@ -154,23 +154,7 @@ std::vector<std::pair<std::string, int64_t>> DescribeObjectSizes(const TData& da
 
 bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count,
                 int axis, std::vector<double>& values, std::string& unit) {
-  const auto* transformation = dynamic_cast<const TDTransformation*>(project.FindData(transformationID));
-  if (!transformation || count <= 0) return false;
-  const TDInterpretation* interpretation = dynamic_cast<const TDInterpretation*>(
-      project.FindData(interpretationID != 0 ? interpretationID : transformation->GetInterpretationID()));
-  values.resize(static_cast<size_t>(count));
-  const int dimension = std::max<int>(transformation->GetDim(), 1);
-  std::vector<double> bin(static_cast<size_t>(std::max(dimension, 3)), 0.0), real(bin.size(), 0.0);
-  for (int32_t i = 0; i < count; ++i) {
-    std::fill(bin.begin(), bin.end(), 0.0);
-    bin[static_cast<size_t>(std::min(axis, dimension - 1))] = i;
-    transformation->BinToReal(bin.data(), real.data());
-    const double standard = real[static_cast<size_t>(std::min(axis, dimension - 1))];
-    values[static_cast<size_t>(i)] = interpretation ? interpretation->StandardTo(standard) : standard;
-  }
-  unit = interpretation ? interpretation->UnitString(interpretation->GetUnitIndex())
-                        : transformation->GetStandardUnit();
-  return true;
+  return GetAxisValues(project, transformationID, interpretationID, count, axis, values, unit);
 }
 
 std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData& data) {

@@ -7,6 +7,7 @@
 #include "common/threads/ConsoleProgressView.h"
 #include "common/threads/Multicorecalc.h"
 #include "project/Orvexapplication.h"
+#include "tools/Registertools.h"
 #include "viewers/Viewershow.h"
 
 namespace orvexcli {
@@ -25,6 +26,7 @@ void StartRuntime(CliContext& ctx) {
   // The command line may run many times at once: no single-instance guard.
   options.SingleInstance = false;
   options.RegisterViewers = &RegisterViewers;
+  options.RegisterTools = &RegisterAllTools;
   const TStartResult result = TOrvexApplication::InitializeApplication(options);
   if (result != TStartResult::Started) {
     TOrvexApplication::CleanupApplication();

@@ -217,6 +217,7 @@ int main(int argc, char** argv) {
   AddBitmapCommands(app, ctx);
   AddConfigCommands(app, ctx);
   AddViewerCommands(app, ctx);
+  AddToolCommands(app, ctx);
 
   // The application goes down on every path, after the command's projects are gone.
   struct TStopAtExit {

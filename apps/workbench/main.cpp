@@ -1,9 +1,12 @@
 // orvex-project [FILE]: the workbench. Without a display it says so in one line and ends with 2 before the
 // window toolkit is touched; --version and --help need no display.
 #include "frame/Mainwindow.h"
+#include "frame/Projectmanager.h"
 #include "frame/Qtapplication.h"
 #include "frame/Qtmessages.h"
+#include "frame/Qttoolwindow.h"
 #include "project/Orvexapplication.h"
+#include "tools/Registertools.h"
 #include "viewers/Viewershow.h"
 
 #include <QPointer>
@@ -77,6 +80,7 @@ int main(int argc, char** argv) {
   options.EmptyTemporaryFolder = true;
   options.ProgressView = app.ProgressView();
   options.RegisterViewers = &RegisterViewers;
+  options.RegisterTools = &RegisterAllTools;
   // The file of the command line: opened at the end of the start; a second start hands it to the first.
   options.CommandLineFile = file;
   options.OnFileFromLaterStart = [&mainWindow](const std::string& fileName) {
@@ -100,6 +104,9 @@ int main(int argc, char** argv) {
     TOrvexMainWindow window(*TOrvexApplication::ActionForm(), TOrvexApplication::SessionID());
     mainWindow = &window;
     SetMessageBoxParent(&window);
+    // The Tools menu: every registered tool, opened on the project manager's selection.
+    TQtToolHost::Instance().RegisterMenuEntries([] { return &TOrvexApplication::ActionForm()->Project(); },
+                                                [&window] { return window.ProjectManager()->SelectedIDs(); });
     window.show();
 
     // Termination signals: a recovery copy of a changed project, then a shutdown without questions.
@@ -117,6 +124,7 @@ int main(int argc, char** argv) {
     window.OfferRecoveryCopies();
     exitCode = app.exec();
     for (int s : {SIGTERM, SIGINT, SIGHUP}) std::signal(s, SIG_DFL);
+    TQtToolHost::Instance().CloseAll();
     SetMessageBoxParent(nullptr);
     mainWindow = nullptr;
   }

@@ -1008,3 +1008,24 @@ void RegisterTransformationClasses() {
   TData::RegisterDataObject(TDLinearTransformation::kClassName, &TDLinearTransformation::CreateDataObject);
   TData::RegisterDataObject(TDLUTTransformation::kClassName, &TDLUTTransformation::CreateDataObject);
 }
+
+bool GetAxisValues(const IDataProject& project, int32_t transformationID, int32_t interpretationID,
+                   int32_t count, int axis, std::vector<double>& values, std::string& unit) {
+  const auto* transformation = dynamic_cast<const TDTransformation*>(project.FindData(transformationID));
+  if (!transformation || count <= 0) return false;
+  const TDInterpretation* interpretation = dynamic_cast<const TDInterpretation*>(
+      project.FindData(interpretationID != 0 ? interpretationID : transformation->GetInterpretationID()));
+  values.resize(static_cast<size_t>(count));
+  const int dimension = std::max<int>(transformation->GetDim(), 1);
+  std::vector<double> bin(static_cast<size_t>(std::max(dimension, 3)), 0.0), real(bin.size(), 0.0);
+  for (int32_t i = 0; i < count; ++i) {
+    std::fill(bin.begin(), bin.end(), 0.0);
+    bin[static_cast<size_t>(std::min(axis, dimension - 1))] = i;
+    transformation->BinToReal(bin.data(), real.data());
+    const double standard = real[static_cast<size_t>(std::min(axis, dimension - 1))];
+    values[static_cast<size_t>(i)] = interpretation ? interpretation->StandardTo(standard) : standard;
+  }
+  unit = interpretation ? interpretation->UnitString(interpretation->GetUnitIndex())
+                        : transformation->GetStandardUnit();
+  return true;
+}

@@ -314,3 +314,9 @@ int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t 
 
 /// Registers the transformation classes in the fixed order of the registry.
 void RegisterTransformationClasses();
+
+/// The values of an axis (0 x, 1 y of a space transformation; 0 of a one-dimensional one) at pixels
+/// 0 .. count-1, in the current unit of its interpretation (interpretationID, or the transformation's own
+/// when 0), and that unit's name. False without transformation.
+bool GetAxisValues(const IDataProject& project, int32_t transformationID, int32_t interpretationID,
+                   int32_t count, int axis, std::vector<double>& values, std::string& unit);

@@ -1,6 +1,8 @@
 // The generic parameter panel.
 #include "frame/Qtparampanel.h"
 
+#include "common/parameters/Parametertext.h"
+
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
@@ -27,9 +29,18 @@ QWidget* TQtParamPanel::ControlOf(const std::string& name) const {
 
 void TQtParamPanel::Apply(TUserParameter* parameter, const std::string& text) {
   if (FUpdating) return;
-  std::string problem;
-  parameter->SetParameterFromText(text, problem);
-  Refresh();
+  // Through the administrator, so that the checks across parameters apply too.
+  const TUserParameterProblems problems =
+      FAdministrator.SetParameterValuesFromText({parameter->GetName() + "=" + text});
+  for (const auto& [each, control] : FControls) control->setStyleSheet(QString());
+  if (problems.empty()) {
+    Refresh();
+    if (OnProblem) OnProblem(std::string());
+    return;
+  }
+  if (QWidget* control = FControls.count(parameter) ? FControls.at(parameter) : nullptr)
+    control->setStyleSheet("background-color: #ffc0c0");
+  if (OnProblem) OnProblem(ParameterProblemsMessage(problems));
 }
 
 void TQtParamPanel::Build() {

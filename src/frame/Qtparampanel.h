@@ -5,6 +5,7 @@
 #include "common/parameters/Userparameteradministrator.h"
 
 #include <QWidget>
+#include <functional>
 #include <map>
 
 class QFormLayout;
@@ -18,6 +19,9 @@ public:
   void Refresh();
   /// The control of the parameter named name (tests), null when none.
   QWidget* ControlOf(const std::string& name) const;
+  /// Told after each value the user enters: the problem when it was refused (the control shows red and
+  /// the parameter keeps its value), empty when it was taken.
+  std::function<void(const std::string& problem)> OnProblem;
 
 private:
   void Build();

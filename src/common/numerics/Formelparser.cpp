@@ -621,6 +621,56 @@ void TFormelParser::MakeExpr() {
   FValid = true;
 }
 
+namespace {
+
+// One binary operator; undefined is set (and 0 returned) where the operation has no value.
+inline double ApplyOperator(int code, double a, double b, bool& undefined) {
+  switch (code) {
+  case opMinus:
+    return a - b;
+  case opPlus:
+    return a + b;
+  case opMultiply:
+    return a * b;
+  case opDivide:
+    if (b == 0.0) {
+      undefined = true;
+      return 0.0;
+    }
+    return a / b;
+  case opModulo: {
+    const double ta = std::trunc(a), tb = std::trunc(b);
+    if (tb == 0.0) {
+      undefined = true;
+      return 0.0;
+    }
+    return std::fmod(ta, tb);
+  }
+  case opPower:
+    if (a < 0.0 && b != std::trunc(b)) {
+      undefined = true;
+      return 0.0;
+    }
+    return std::pow(a, b);
+  case opOr:
+    return (a != 0.0 || b != 0.0) ? 1.0 : 0.0;
+  case opAnd:
+    return (a != 0.0 && b != 0.0) ? 1.0 : 0.0;
+  case opGreater:
+    return a > b ? 1.0 : 0.0;
+  case opLess:
+    return a < b ? 1.0 : 0.0;
+  case opEqual:
+    return a == b ? 1.0 : 0.0;
+  case opNotEqual:
+    return a != b ? 1.0 : 0.0;
+  default:
+    return 0.0;
+  }
+}
+
+} // namespace
+
 double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& stack) const {
   undefined = false;
   if (!FValid) {
@@ -649,69 +699,89 @@ double TFormelParser::MulticoreFunc(const double* x, bool& undefined, double*& s
         break;
       }
       const double b = stack[top--];
-      const double a = stack[top];
-      double r = 0.0;
-      switch (it->Code) {
-      case opMinus:
-        r = a - b;
-        break;
-      case opPlus:
-        r = a + b;
-        break;
-      case opMultiply:
-        r = a * b;
-        break;
-      case opDivide:
-        if (b == 0.0) {
-          undefined = true;
-          return 0.0;
-        }
-        r = a / b;
-        break;
-      case opModulo: {
-        const double ta = std::trunc(a), tb = std::trunc(b);
-        if (tb == 0.0) {
-          undefined = true;
-          return 0.0;
-        }
-        r = std::fmod(ta, tb);
-        break;
-      }
-      case opPower:
-        if (a < 0.0 && b != std::trunc(b)) {
-          undefined = true;
-          return 0.0;
-        }
-        r = std::pow(a, b);
-        break;
-      case opOr:
-        r = (a != 0.0 || b != 0.0) ? 1.0 : 0.0;
-        break;
-      case opAnd:
-        r = (a != 0.0 && b != 0.0) ? 1.0 : 0.0;
-        break;
-      case opGreater:
-        r = a > b ? 1.0 : 0.0;
-        break;
-      case opLess:
-        r = a < b ? 1.0 : 0.0;
-        break;
-      case opEqual:
-        r = a == b ? 1.0 : 0.0;
-        break;
-      case opNotEqual:
-        r = a != b ? 1.0 : 0.0;
-        break;
-      default:
-        break;
-      }
-      stack[top] = r;
+      stack[top] = ApplyOperator(it->Code, stack[top], b, undefined);
+      if (undefined) return 0.0;
       break;
     }
     default:
       return 0.0;
     }
   }
+}
+
+void TFormelParser::BlockFunc(const double* const* x, int count, double* out, bool* undefined,
+                              std::vector<double>& scratch) const {
+  if (count <= 0) return;
+  std::fill(undefined, undefined + count, !FValid);
+  if (!FValid) {
+    std::fill(out, out + count, 0.0);
+    return;
+  }
+  // The deepest the stack gets, so that the scratch holds one row of count values per level.
+  int depth = 0, maxDepth = 1;
+  for (const TParserItem& item : FProgram) {
+    if (item.Kind == TParserItem::Constant || item.Kind == TParserItem::Variable)
+      maxDepth = std::max(maxDepth, ++depth);
+    if (item.Kind == TParserItem::Operator && item.Code != opNegate) --depth;
+  }
+  const size_t n = static_cast<size_t>(count);
+  if (scratch.size() < n * static_cast<size_t>(maxDepth)) scratch.resize(n * static_cast<size_t>(maxDepth));
+  int top = -1;
+  auto row = [&](int level) { return scratch.data() + static_cast<size_t>(level) * n; };
+  for (const TParserItem* it = FProgram.data(); it->Kind != TParserItem::End; ++it) {
+    switch (it->Kind) {
+    case TParserItem::Constant:
+      ++top;
+      std::fill(row(top), row(top) + n, it->Value);
+      break;
+    case TParserItem::Variable:
+      ++top;
+      std::copy(x[it->Code], x[it->Code] + n, row(top));
+      break;
+    case TParserItem::Function: {
+      double* values = row(top);
+      for (size_t k = 0; k < n; ++k) {
+        bool failed = false;
+        values[k] = it->FunctionPtr->Func(values[k], failed);
+        undefined[k] = undefined[k] || failed;
+      }
+      break;
+    }
+    case TParserItem::Operator: {
+      double* a = row(top);
+      if (it->Code == opNegate) {
+        for (size_t k = 0; k < n; ++k) a[k] = -a[k];
+        break;
+      }
+      const double* b = row(top);
+      a = row(--top);
+      // The common operators as plain loops the compiler vectorises; the rest one by one.
+      switch (it->Code) {
+      case opPlus:
+        for (size_t k = 0; k < n; ++k) a[k] += b[k];
+        break;
+      case opMinus:
+        for (size_t k = 0; k < n; ++k) a[k] -= b[k];
+        break;
+      case opMultiply:
+        for (size_t k = 0; k < n; ++k) a[k] *= b[k];
+        break;
+      default:
+        for (size_t k = 0; k < n; ++k) {
+          bool failed = false;
+          a[k] = ApplyOperator(it->Code, a[k], b[k], failed);
+          undefined[k] = undefined[k] || failed;
+        }
+        break;
+      }
+      break;
+    }
+    default:
+      break;
+    }
+  }
+  const double* result = top >= 0 ? row(top) : nullptr;
+  for (size_t k = 0; k < n; ++k) out[k] = (undefined[k] || !result) ? 0.0 : result[k];
 }
 
 double TFormelParser::Func(const double* x) {

@@ -97,6 +97,11 @@ public:
   /// caller, who frees it with ReleaseStack.
   double MulticoreFunc(const double* x, bool& undefined, double*& stack) const;
   static void ReleaseStack(double*& stack);
+  /// Evaluates count sets of variables at once, x[i][k] being variable i (1..N) of set k: out[k] gets the
+  /// value, undefined[k] whether it has none (then out[k] is 0). scratch belongs to the caller (one per
+  /// thread) and is grown as needed; like MulticoreFunc it writes nothing of the parser.
+  void BlockFunc(const double* const* x, int count, double* out, bool* undefined,
+                 std::vector<double>& scratch) const;
 
   bool HasError() const { return FHasError; }
   /// 1-based position in the formula without blanks at which the error was found (0: none).

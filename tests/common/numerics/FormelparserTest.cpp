@@ -217,3 +217,35 @@ TEST(FormelParser, FunctionTableIsSortedLongestFirstAndRebuilds) {
 }
 
 } // namespace
+
+// The block evaluation gives for every set exactly what the one-by-one evaluation gives, undefined
+// places included.
+TEST(FormelParser, BlockEvaluationEqualsScalar) {
+  const char* formulas[] = {"2*x1+3", "x1/(x2-3)", "sqrt(x1)-x3^2", "-x1*(x2>2)+x3%2", "loge(x1-x2)", "7"};
+  constexpr int count = 37;
+  std::vector<double> x1(count), x2(count), x3(count);
+  for (int k = 0; k < count; ++k) {
+    x1[k] = k * 0.75 - 10.0;
+    x2[k] = k % 7;
+    x3[k] = k;
+  }
+  const double* columns[] = {nullptr, x1.data(), x2.data(), x3.data()};
+  for (const char* formula : formulas) {
+    TFormelParser p;
+    p.SetXDimension(3);
+    p.SetExpress(formula);
+    ASSERT_TRUE(p.IsValid()) << formula;
+    std::vector<double> out(count), scratch;
+    bool undefined[count];
+    p.BlockFunc(columns, count, out.data(), undefined, scratch);
+    double* stack = nullptr;
+    for (int k = 0; k < count; ++k) {
+      const double x[] = {0, x1[k], x2[k], x3[k]};
+      bool scalarUndefined = false;
+      const double expected = p.MulticoreFunc(x, scalarUndefined, stack);
+      EXPECT_EQ(undefined[k], scalarUndefined) << formula << " at " << k;
+      EXPECT_EQ(out[k], scalarUndefined ? 0.0 : expected) << formula << " at " << k;
+    }
+    TFormelParser::ReleaseStack(stack);
+  }
+}

@@ -1,0 +1,70 @@
+// The windows of the tools: each tool's window is made from its parameter declaration (the generic
+// parameter panel with its commands as buttons), with the data set choice, a message line for refused
+// values and the default-settings menu. The tool host keeps one tool object per registered tool for the
+// whole run and fills the Tools menu from the registry.
+#pragma once
+
+#include "project/Projectdialogform.h"
+
+#include <QWidget>
+#include <map>
+#include <memory>
+
+class QComboBox;
+class QLabel;
+class TQtParamPanel;
+class TProject;
+
+class TQtToolWindow : public QWidget, public IToolWindow {
+public:
+  explicit TQtToolWindow(TProjectDialogForm& tool, QWidget* parent = nullptr);
+  ~TQtToolWindow() override;
+
+  void SetTitle(const std::string& title) override;
+  void ShowWindow() override;
+  void HideWindow() override;
+  void BringToFront() override;
+  void CenterOnPrimaryMonitor() override;
+
+  TQtParamPanel* Panel() const { return FPanel; }
+  /// The line that names a refused value (empty when all values are accepted).
+  QLabel* MessageLine() const { return FMessage; }
+  QComboBox* DataSetBox() const { return FDataSet; }
+
+protected:
+  void closeEvent(class QCloseEvent* event) override;
+
+private:
+  void FillDataSetBox();
+
+  TProjectDialogForm& FTool;
+  TQtParamPanel* FPanel = nullptr;
+  QLabel* FMessage = nullptr;
+  QComboBox* FDataSet = nullptr;
+};
+
+/// The tools of the workbench: one object and window per registered tool, opened from the Tools menu on
+/// the project manager's selection.
+class TQtToolHost {
+public:
+  static TQtToolHost& Instance();
+
+  /// Adds an entry per registered tool to the Tools menu; selection gives the IDs to open a tool on.
+  void RegisterMenuEntries(std::function<TProject*()> project,
+                           std::function<std::vector<int32_t>()> selection);
+  /// Opens the tool of key on ids (the user hears why when the tool refuses them); with ctrlDown it runs
+  /// at once without window. Returns the tool, null when it didn't open.
+  TProjectDialogForm* OpenTool(const std::string& key, TProject& project, const std::vector<int32_t>& ids,
+                               bool ctrlDown = false);
+  /// The window of an opened tool (tests).
+  TQtToolWindow* WindowOf(const std::string& key) const;
+  /// Closes every tool (at shutdown, before the project goes).
+  void CloseAll();
+
+private:
+  struct TEntry {
+    std::unique_ptr<TProjectDialogForm> Tool;
+    std::unique_ptr<TQtToolWindow> Window;
+  };
+  std::map<std::string, TEntry> FTools;
+};
