@@ -6,6 +6,7 @@
 #include "data/Dcolorprofile.h"
 #include "data/Dcursor.h"
 #include "data/Dcustom.h"
+#include "data/Dfilter.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
@@ -21,4 +22,5 @@ void RegisterDataClasses() {
   RegisterTextClasses();
   RegisterBitmapClasses();
   RegisterInterpretationClasses();
+  RegisterFilterClasses();
 }
