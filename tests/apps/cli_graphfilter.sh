@@ -233,6 +233,8 @@ bad "manager range off the axis" "lies off the axis" run FilterManagerExtract "$
   --set RangeLower=-900 --set RangeUpper=-800 -o "$dir/keep.oxp"
 bad "image as input" "is a TDImage" run FilterViewerExtract "$dir/keep.oxp" --input "$topo" -o "$dir/keep.oxp"
 bad "image into the graph filter" "TDImage" run GraphFilterDialog "$dir/keep.oxp" --input "$topo" -o "$dir/keep.oxp"
+bad "not a quick filter file" "Wrong Identification - Is this a Quick Filter file ?" run FilterViewerExtract \
+  "$dir/keep.oxp" --input "$map" --set "QuickFilterFile=$dir/d.oxp" -o "$dir/keep.oxp"
 bad "no input" "--input" run FilterViewerExtract "$dir/keep.oxp" -o "$dir/keep.oxp"
 bad "window order" "SGOrder" run GraphFilterDialog "$dir/keep.oxp" --input "$map" --set SGLeft=1 --set SGRight=1 \
   --set SGOrder=4 -o "$dir/keep.oxp"

@@ -8,6 +8,7 @@
 #include "project/Project.h"
 #include "project/Toolregistry.h"
 #include "tools/spectral/Filterextraction.h"
+#include "tools/spectral/Quickfilterfile.h"
 
 #include <sstream>
 
@@ -105,6 +106,8 @@ TParameterTable& TFilterViewerExtractForm::Declaration() {
     t.AddInt("UnitIndex", "Unit of the range (-1: the axis's current unit)", -1).SetLowerLimit(-1);
     t.AddFloat("WidthFilterLevelPercentage", "Width level (%)", 50).SetLimits(0, 100);
     t.AddString("FilterCaption", "Filter Name", "");
+    t.AddString("QuickFilterFile", "Quick filter file", "")
+        .SetDescription("when set, the filters of this file replace the one above");
     t.AddTrigger(kExtract, "Extract");
     t.AddTrigger(kExtractAll, "Extract All");
     return t;
@@ -121,6 +124,18 @@ TFilterViewerExtractForm::~TFilterViewerExtractForm() = default;
 
 std::vector<std::unique_ptr<TGraphFilter>> TFilterViewerExtractForm::MakeFilters() const {
   std::vector<std::unique_ptr<TGraphFilter>> filters;
+  const std::string quickFile = GetStringParameter("QuickFilterFile");
+  if (!quickFile.empty()) {
+    const std::string problem = LoadQuickFilters(quickFile, filters);
+    if (!problem.empty())
+      throw OrvexException(GetDialogName() + ": QuickFilterFile '" + quickFile + "': " + problem);
+    if (filters.empty())
+      throw OrvexException(GetDialogName() + ": QuickFilterFile '" + quickFile + "' holds no filters");
+    for (const auto& filter : filters)
+      if (const std::string bad = filter->Info().Problem(); !bad.empty())
+        throw OrvexException(GetDialogName() + ": QuickFilterFile '" + quickFile + "': " + bad);
+    return filters;
+  }
   auto filter = std::make_unique<TGraphFilter>(GetIntParameter("FilterKind"));
   TGraphFilterInfo& info = filter->Info();
   info.FilterPosition = GetFloatParameter("FilterPosition");

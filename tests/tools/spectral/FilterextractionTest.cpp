@@ -3,6 +3,8 @@
 // result shapes (image, line profile, values), filter objects with their target links, and bad input.
 #include "tools/spectral/Filterextraction.h"
 
+#include "common/Saveandload.h"
+#include "common/Tagcontrol.h"
 #include "common/threads/Multicorecalc.h"
 #include "data/Dfilter.h"
 #include "data/Dgraph.h"
@@ -13,9 +15,12 @@
 #include "project/Demodataset.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "support/TestSupport.h"
 #include "tools/spectral/Filterextracttools.h"
+#include "tools/spectral/Quickfilterfile.h"
 
 #include <cmath>
+#include <filesystem>
 #include <limits>
 
 #include <gtest/gtest.h>
@@ -244,6 +249,72 @@ TEST_F(FilterExtractionTest, FilterManagerExtractLinksAnImagePerOutput) {
   EXPECT_NEAR(maximum->GetField(3, 2), 50.0, 1e-3);
   const auto* at = dynamic_cast<const TDImage*>(FProject.FindData(ids[3]));
   EXPECT_NEAR(at->GetField(3, 2), FAxis.X[128], 1e-3);
+}
+
+TEST_F(FilterExtractionTest, QuickFilterFilesRoundTripAndReplaceTheSingleFilter) {
+  SetShapes(128, 6, 50.0f);
+  oxtest::TempDir dir;
+  TGraphFilter position(gfkPosition), maximum(gfkMaximum);
+  position.Info().FilterCaption = "centre";
+  position.Info().FilterPosition = FAxis.X[128];
+  position.Info().FilterWidth = std::abs(FAxis.X[140] - FAxis.X[116]);
+  maximum.Info().FilterCaption = "height";
+  maximum.Info().FilterPosition = FAxis.X[128];
+  maximum.Info().FilterWidth = std::abs(FAxis.X[136] - FAxis.X[120]);
+  maximum.Info().LowerBGPixels = 2;
+  maximum.Info().UpperBGPixels = 0;
+  const std::string file = dir.File("two.oxf");
+  ASSERT_EQ(SaveQuickFilters(file, {&position, &maximum}), "");
+  std::vector<std::unique_ptr<TGraphFilter>> back;
+  ASSERT_EQ(LoadQuickFilters(file, back), "");
+  ASSERT_EQ(back.size(), 2u);
+  EXPECT_EQ(back[0]->Info(), position.Info());
+  EXPECT_EQ(back[1]->Info(), maximum.Info());
+
+  // The file's filters replace the parameters' one: an image each, in file order, with their captions.
+  TFilterViewerExtractForm tool;
+  ASSERT_TRUE(
+      tool.Parameters().SetParameterValuesFromText({"FilterKind=Sum", "QuickFilterFile=" + file}).empty());
+  const TIntList ids = tool.RunNonInteractive(FProject, {FIDs.Map}, "Extract", false);
+  ASSERT_EQ(ids.size(), 2u);
+  EXPECT_EQ(FProject.FindData(ids[0])->GetCaption(), "centre");
+  EXPECT_EQ(FProject.FindData(ids[1])->GetCaption(), "height");
+  EXPECT_NEAR(dynamic_cast<TDImage*>(FProject.FindData(ids[0]))->GetField(1, 1), TriangleCentre(128, 6),
+              2e-4 * std::abs(FAxis.X[128]));
+  EXPECT_NEAR(dynamic_cast<TDImage*>(FProject.FindData(ids[1]))->GetField(1, 1), 50.0, 1e-3);
+
+  // Wrong identification, wrong version, truncated: the texts of each, and a run adds nothing.
+  const std::string other = dir.File("other.oxf");
+  TFileHandle out = CreateTagFile(other, "ORX_PROJ");
+  TTagControl root;
+  root.WriteTag(out, "OrvexFilterViewerFilters", TTagKind::TagList);
+  root.CloseWriteTag(out);
+  CloseFile(out);
+  EXPECT_EQ(LoadQuickFilters(other, back), kQuickFilterWrongIdentification);
+  const std::string version = dir.File("version.oxf");
+  out = CreateTagFile(version, "ORX_FILT");
+  root.WriteTag(out, "OrvexFilterViewerFilters", TTagKind::TagList);
+  TTagControl value;
+  value.SaveIntTag(out, "QuickFilterFileVersion", ThisQuickFilterFileVersion + 1);
+  value.SaveIntTag(out, "NumberOfFilters", 0);
+  root.CloseWriteTag(out);
+  CloseFile(out);
+  EXPECT_EQ(LoadQuickFilters(version, back), kQuickFilterWrongVersion);
+  const std::string cut = dir.File("cut.oxf");
+  std::filesystem::copy_file(file, cut);
+  std::filesystem::resize_file(cut, std::filesystem::file_size(file) * 2 / 3);
+  EXPECT_EQ(LoadQuickFilters(cut, back), kQuickFilterLoadFailed);
+  EXPECT_TRUE(back.empty());
+  EXPECT_EQ(LoadQuickFilters(dir.File("missing.oxf"), back), kQuickFilterLoadFailed);
+  const size_t before = ObjectCount();
+  ASSERT_TRUE(tool.Parameters().SetParameterValuesFromText({"QuickFilterFile=" + version}).empty());
+  try {
+    tool.RunNonInteractive(FProject, {FIDs.Map}, "Extract", false);
+    FAIL() << "a file of another version was read";
+  } catch (const std::exception& e) {
+    EXPECT_NE(std::string(e.what()).find(kQuickFilterWrongVersion), std::string::npos) << e.what();
+  }
+  EXPECT_EQ(ObjectCount(), before);
 }
 
 } // namespace
