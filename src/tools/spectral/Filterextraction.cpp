@@ -128,9 +128,23 @@ void TFilterExtraction::CalculateThread(TMCC* mcc, int threadIndex) {
     if (FItems[i].Data) clones[i] = FItems[i].Data->CloneForCalculation();
   std::vector<float> buffer(static_cast<size_t>(FReadPart ? std::max(1, FReadCount) : FLength));
   const int32_t checkFrom = FCheckFirst - (FReadPart ? FReadFirst : 0);
+  // Pixels done are counted per line here and added to the shared count when the line changes, and the
+  // progress is published now and then: shared counters written per pixel would bounce between the cores.
+  int32_t countedLine = first / FSizeX, counted = 0;
+  auto flush = [&]() {
+    if (counted > 0) FLineDone[static_cast<size_t>(countedLine)].fetch_add(counted);
+    counted = 0;
+  };
   for (int e = first; e <= last; ++e) {
-    if (mcc->GetCancel()) return;
+    if (((e - first) & 255) == 0) {
+      if (mcc->GetCancel()) return;
+      mcc->ThreadProgress[static_cast<size_t>(threadIndex)].store(e - first);
+    }
     const int32_t x = e % FSizeX, y = e / FSizeX;
+    if (y != countedLine) {
+      flush();
+      countedLine = y;
+    }
     if (FInput.GetLineValid(y)) {
       if (FReadPart)
         FInput.GetPartOfSpectrum(x, y, FReadFirst, FReadCount, buffer.data());
@@ -161,9 +175,10 @@ void TFilterExtraction::CalculateThread(TMCC* mcc, int threadIndex) {
         }
       }
     }
-    FLineDone[static_cast<size_t>(y)].fetch_add(1);
-    mcc->ThreadProgress[static_cast<size_t>(threadIndex)].store(e - first + 1);
+    ++counted;
   }
+  flush();
+  mcc->ThreadProgress[static_cast<size_t>(threadIndex)].store(last - first + 1);
   for (auto& clone : clones)
     if (clone) clone->PostpareCalculation();
 }
