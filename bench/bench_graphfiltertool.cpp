@@ -14,8 +14,10 @@
 #include "tools/spectral/Graphfilterdialog.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -102,5 +104,23 @@ int main(int argc, char** argv) {
     std::printf("%s of a %d-point band into an image: %.4f s, band read %.4f s, ratio %.1f\n",
                 GetFilterKindCaption(kind).c_str(), count, seconds, band, seconds / band);
   }
+  // Ten filters of every kind over the whole spectra in one pass, as a full recalculation of a filter list.
+  std::vector<std::unique_ptr<TGraphFilter>> filters;
+  TFilterExtraction ten(*map);
+  for (int32_t kind = 0; kind < kGraphFilterKindCount; ++kind) {
+    auto filter = std::make_unique<TGraphFilter>(kind);
+    filter->Info().FilterPosition = axis.X[static_cast<size_t>(100 + 80 * kind)];
+    filter->Info().FilterWidth = std::abs(axis.X[130] - axis.X[100]);
+    filter->SetNewInputGraph(map);
+    filter->CopyParamsForThread();
+    ten.AddGraphFilter(*filter);
+    filters.push_back(std::move(filter));
+  }
+  const auto start = Clock::now();
+  ten.Run();
+  const double seconds = Seconds(start);
+  std::printf(
+      "10 filters (one of each kind) over whole spectra: %.3f s, memcpy of the stack %.3f s, ratio %.1f\n",
+      seconds, copy, seconds / copy);
   return 0;
 }
