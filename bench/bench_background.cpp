@@ -114,6 +114,13 @@ int main(int argc, char** argv) {
     for (long long f : fits) totalFits += f;
     report("auto polynomial order 7", autoPoly);
     std::printf("  %-36s %.1f\n", "  mean fits per spectrum", double(totalFits) / count);
+    report("shape, size 100, noise factor 1", Run(count, threads, [&](int a, int b, int) {
+             TBackgroundScratch scratch(kPoints);
+             std::vector<float> bg(kPoints);
+             for (int s = a; s < b; ++s)
+               ShapeBackground(kPoints, spectrum(s), all.get(), all.get(), TShapeSettings{}, bg.data(),
+                               result(s), scratch);
+           }));
     report("average, size 5", Run(count, threads, [&](int a, int b, int) {
              TBackgroundScratch scratch(kPoints);
              std::vector<float> bg(kPoints);

@@ -3,6 +3,7 @@
 #include "common/OrvexException.h"
 #include "common/numerics/Linalg.h"
 #include "common/numerics/Numerics.h"
+#include "common/numerics/Rollingcircle.h"
 #include "common/numerics/Splines.h"
 #include "common/numerics/Wavelets.h"
 
@@ -29,6 +30,28 @@ void CheckScratch(const TBackgroundScratch& scratch, int length, const char* ope
   if (scratch.Length() != length)
     throw OrvexException(std::string(operation) + ": scratch made for " + std::to_string(scratch.Length()) +
                          " pixels, spectrum has " + std::to_string(length));
+}
+
+// Copies in to out with every run of points where keep(i) is false replaced by the straight line between
+// the kept points around it, or by the nearest kept value at an end; out = 0 when no point is kept.
+template <typename TKeep>
+void BridgeGaps(const float* in, float* out, int n, TKeep keep) {
+  int previous = -1; // last kept point
+  for (int i = 0; i <= n; ++i) {
+    if (i < n && !keep(i)) continue;
+    // Points previous + 1 .. i - 1 are a gap between kept points previous and i (either may be missing).
+    const float left = previous >= 0 ? in[previous] : (i < n ? in[i] : 0.0f);
+    const float right = i < n ? in[i] : left;
+    for (int k = previous + 1; k < i; ++k) {
+      if (previous < 0 || i >= n)
+        out[k] = previous < 0 ? right : left;
+      else
+        out[k] =
+            static_cast<float>(left + (static_cast<double>(right) - left) * (k - previous) / (i - previous));
+    }
+    if (i < n) out[i] = in[i];
+    previous = i;
+  }
 }
 
 } // namespace
@@ -121,6 +144,25 @@ TBackgroundScratch::TBackgroundScratch(int length) : FLength(length) {
 }
 
 TBackgroundScratch::~TBackgroundScratch() = default;
+
+TRollingCircleSubtraction* TBackgroundScratch::ShapeCircle(const TShapeSettings& settings) {
+  const bool same = FCircleSettings.ShapeSize == settings.ShapeSize &&
+                    FCircleSettings.NoiseFactor == settings.NoiseFactor &&
+                    FCircleSettings.KeepBorderPeaks == settings.KeepBorderPeaks;
+  if (FCircleTried && same) return FCircle.get();
+  FCircle.reset();
+  FCircleSettings = settings;
+  FCircleTried = false;
+  try {
+    FCircle = std::make_unique<TRollingCircleSubtraction>(FLength, settings.ShapeSize, settings.NoiseFactor,
+                                                          0.01, settings.KeepBorderPeaks);
+  } catch (const OrvexExceptionWavelet&) {
+    FCircleTried = true; // too few points for the noise filter: refused until the settings change
+    return nullptr;
+  }
+  FCircleTried = true;
+  return FCircle.get();
+}
 
 bool TBackgroundScratch::NoiseSpectrum(const float* y, float* noise) {
   if (FLength < kMinimumAutoBackgroundLength) return false;
@@ -246,6 +288,46 @@ TBackgroundStatus AutoPolynomialBackground(const TPolynomialBackgroundFit& fit, 
   if (rounds) *rounds = r;
   std::copy(p, p + n, background);
   ApplyBackground(n, y, changeMask, background, result);
+  return TBackgroundStatus::Done;
+}
+
+void LinearGraphInterpolation(const bool* ignore, const float* in, float* out, int n) {
+  if (out == in) {
+    const std::vector<float> copy(in, in + n);
+    BridgeGaps(copy.data(), out, n, [&](int i) { return !ignore[i]; });
+  } else {
+    BridgeGaps(in, out, n, [&](int i) { return !ignore[i]; });
+  }
+}
+
+TBackgroundStatus ShapeBackground(int length, const float* y, const bool* fitMask, const bool* changeMask,
+                                  const TShapeSettings& settings, float* background, float* result,
+                                  TBackgroundScratch& scratch) {
+  CheckScratch(scratch, length, "ShapeBackground");
+  if (!FitMaskValuesAreFinite(length, y, fitMask)) {
+    FillNaN(length, background, result);
+    return TBackgroundStatus::NotFinite;
+  }
+  if (std::none_of(fitMask, fitMask + length, [](bool b) { return b; })) {
+    std::fill(background, background + length, 0.0f);
+    ApplyBackground(length, y, changeMask, background, result);
+    return TBackgroundStatus::Done;
+  }
+  TRollingCircleSubtraction* circle = scratch.ShapeCircle(settings);
+  if (circle == nullptr) return TBackgroundStatus::Refused;
+  // A value that is not finite outside the fit mask would spoil the circle's scale: the circle rolls over
+  // the line bridging it instead.
+  const float* rolledOver = y;
+  if (!std::all_of(y, y + length, [](float v) { return std::isfinite(v); })) {
+    BridgeGaps(y, scratch.Mean.data(), length, [&](int i) { return std::isfinite(y[i]); });
+    rolledOver = scratch.Mean.data();
+  }
+  float* rolled = scratch.Fit.data();
+  // The circle rolls over the whole spectrum; its background counts only at the fit-mask pixels, and the
+  // gaps between them are closed by straight lines.
+  circle->Calculate(rolledOver, scratch.Work.data(), rolled);
+  BridgeGaps(rolled, background, length, [&](int i) { return fitMask[i]; });
+  ApplyBackground(length, y, changeMask, background, result);
   return TBackgroundStatus::Done;
 }
 

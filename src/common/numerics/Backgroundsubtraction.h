@@ -3,16 +3,18 @@
 // pixels the result keeps), and writes the background b and the result: y - b inside the change mask,
 // 0 outside. A spectrum with NaN or Inf at a fit-mask pixel is not processed: background and result become
 // NaN everywhere. Work arrays live in a TBackgroundScratch, one per thread; the polynomial fit's matrix
-// lives in a TPolynomialBackgroundFit that several threads share read-only.
+// lives in a TPolynomialBackgroundFit that several threads share read-only; the shape method's rolling
+// circle lives in the scratch as well.
 #pragma once
 
 #include <memory>
 #include <vector>
 
+class TRollingCircleSubtraction;
 class TWaveletTransformation;
 class TWaveletBufferInfo;
 
-/// The methods, by their tag value. Shape (4) is the rolling-circle method and is not among these kernels.
+/// The methods, by their tag value.
 enum class TGraphBackgroundSubtractionKind : int {
   Constant = 0,
   Minimum = 1,
@@ -66,6 +68,13 @@ private:
   std::vector<double> FMaskedBasis; ///< the same, zero outside the fit mask
 };
 
+/// Settings of the shape method.
+struct TShapeSettings {
+  int ShapeSize = 100;         ///< radius of the rolled circle in channels (of the normalised spectrum)
+  float NoiseFactor = 1.0f;    ///< wavelet noise filter applied before rolling; 0 rolls on the raw values
+  bool KeepBorderPeaks = true; ///< the circle stays inside the spectrum, so peaks at the ends are kept
+};
+
 /// Work space of one thread for spectra of one length.
 class TBackgroundScratch {
 public:
@@ -79,6 +88,10 @@ public:
   /// ends, reconstructed without the approximation. False below kMinimumAutoBackgroundLength pixels.
   bool NoiseSpectrum(const float* y, float* noise);
 
+  /// The rolling circle of the shape method for these settings, made on first use and kept while the
+  /// settings stay the same. Null when the spectrum is too short for the circle's noise filter.
+  TRollingCircleSubtraction* ShapeCircle(const TShapeSettings& settings);
+
   std::vector<float> Work, Fit, PreviousFit, Noise, Mean, PointX, PointY, Extended;
   std::vector<long double> Coefficients;
   std::vector<double> DoubleWork;
@@ -87,6 +100,9 @@ private:
   int FLength;
   std::unique_ptr<TWaveletTransformation> FWavelet;
   std::unique_ptr<TWaveletBufferInfo> FWaveletInfo;
+  std::unique_ptr<TRollingCircleSubtraction> FCircle;
+  TShapeSettings FCircleSettings;
+  bool FCircleTried = false;
 };
 
 /// Settings of the automatic polynomial method.
@@ -126,6 +142,17 @@ TBackgroundStatus AutoPolynomialBackground(const TPolynomialBackgroundFit& fit, 
                                            const bool* changeMask, const TAutoPolynomialSettings& settings,
                                            float* background, float* result, TBackgroundScratch& scratch,
                                            int* rounds = nullptr);
+/// Copies in to out, replacing each run of points marked in ignore by the straight line between the kept
+/// points around it; a run at an end takes the nearest kept value. With every point marked, out is 0.
+/// out may be in.
+void LinearGraphInterpolation(const bool* ignore, const float* in, float* out, int n);
+/// Method 4: the background of a circle rolled beneath the (noise-filtered) spectrum; at the pixels outside
+/// the fit mask it is replaced by the straight line between the fit-mask pixels around them. An empty fit
+/// mask gives b = 0. Refused when the spectrum is too short for the noise filter; raises OrvexException for
+/// a shape size below 1 or a negative noise factor.
+TBackgroundStatus ShapeBackground(int length, const float* y, const bool* fitMask, const bool* changeMask,
+                                  const TShapeSettings& settings, float* background, float* result,
+                                  TBackgroundScratch& scratch);
 /// The weights of method 5: row 2 size of Pascal's triangle (2 size + 1 values).
 std::vector<float> AverageWeights(int size);
 /// Method 5: weighted means of each fit-mask pixel with up to size fit-mask neighbours on each side,

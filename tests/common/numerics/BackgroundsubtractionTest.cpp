@@ -423,3 +423,101 @@ TEST(BackgroundThreads, SameResultOnOneAndTwoThreads) {
   t.join();
   EXPECT_EQ(one, two);
 }
+
+TEST(BackgroundShape, RemovesNarrowBandsAndFollowsTheBackground) {
+  const int n = 1024;
+  std::mt19937 g(23);
+  std::normal_distribution<double> noise(0, 1);
+  std::vector<float> truth(n), y(n), b(n), r(n);
+  for (int i = 0; i < n; ++i) {
+    truth[i] = static_cast<float>(200 + 50 * std::cos(i / 300.0) + 0.02 * i);
+    y[i] = static_cast<float>(truth[i] + 80 / (1 + std::pow((i - 300) / 4.0, 2)) +
+                              60 * std::exp(-0.5 * std::pow((i - 700) / 5.0, 2)) + noise(g));
+  }
+  TBoolArray fit(n), change(n);
+  TBackgroundScratch scratch(n);
+  ASSERT_EQ(ShapeBackground(n, y.data(), fit, change, TShapeSettings{}, b.data(), r.data(), scratch),
+            TBackgroundStatus::Done);
+  // Band heights in the result within 5 %.
+  EXPECT_NEAR(r[300], 80.0, 4.0);
+  EXPECT_NEAR(r[700], 60.0, 3.0);
+  // Between and beside the bands the background follows the curve within the noise.
+  EXPECT_LT(Rms(b, truth, 400, 620), 1.0);
+  EXPECT_LT(Rms(b, truth, 100, 250), 1.0);
+  for (int i = 0; i < n; ++i) ASSERT_FLOAT_EQ(r[i], y[i] - b[i]);
+
+  // Pixels outside the fit mask get the straight line between the background of the pixels around them;
+  // elsewhere the background is the one of the full mask (the circle sees the same spectrum).
+  std::vector<float> bGap(n), rGap(n);
+  for (int i = 280; i < 330; ++i) fit[i] = false;
+  for (int i = 0; i < 3; ++i) fit[i] = false;
+  change[10] = false;
+  ASSERT_EQ(ShapeBackground(n, y.data(), fit, change, TShapeSettings{}, bGap.data(), rGap.data(), scratch),
+            TBackgroundStatus::Done);
+  for (int i = 0; i < n; ++i) {
+    if (i < 3)
+      EXPECT_EQ(bGap[i], b[3]) << i;
+    else if (i >= 280 && i < 330)
+      EXPECT_NEAR(bGap[i], b[279] + (b[330] - b[279]) * (i - 279) / 51.0, 1e-3) << i;
+    else
+      EXPECT_EQ(bGap[i], b[i]) << i;
+  }
+  EXPECT_EQ(rGap[10], 0.0f);
+}
+
+TEST(BackgroundShape, EmptyMaskNonFiniteValuesAndShortSpectra) {
+  const int n = 64;
+  std::vector<float> y(n), b(n), r(n);
+  for (int i = 0; i < n; ++i) y[i] = static_cast<float>(5 + std::sin(i * 0.3));
+  TBoolArray none(n, false), fit(n), change(n);
+  TBackgroundScratch scratch(n);
+  ASSERT_EQ(ShapeBackground(n, y.data(), none, change, TShapeSettings{}, b.data(), r.data(), scratch),
+            TBackgroundStatus::Done);
+  EXPECT_EQ(b, std::vector<float>(n, 0.0f));
+  EXPECT_EQ(r, y);
+
+  TShapeSettings small;
+  small.ShapeSize = 10;
+  y[20] = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_EQ(ShapeBackground(n, y.data(), fit, change, small, b.data(), r.data(), scratch),
+            TBackgroundStatus::NotFinite);
+  EXPECT_TRUE(std::isnan(b[0]) && std::isnan(r[40]));
+  // Outside the fit mask a NaN is bridged for the circle; only its own result is NaN.
+  fit[20] = false;
+  ASSERT_EQ(ShapeBackground(n, y.data(), fit, change, small, b.data(), r.data(), scratch),
+            TBackgroundStatus::Done);
+  for (int i = 0; i < n; ++i) {
+    EXPECT_TRUE(std::isfinite(b[i])) << i;
+    EXPECT_EQ(std::isnan(r[i]), i == 20) << i;
+  }
+
+  // Too short for the noise filter: refused; without the filter the circle works.
+  const int m = 4;
+  std::vector<float> ys = {1, 2, 9, 1}, bs(m), rs(m);
+  TBoolArray fits(m), changes(m);
+  TBackgroundScratch scratchs(m);
+  EXPECT_EQ(ShapeBackground(m, ys.data(), fits, changes, small, bs.data(), rs.data(), scratchs),
+            TBackgroundStatus::Refused);
+  small.NoiseFactor = 0;
+  EXPECT_EQ(ShapeBackground(m, ys.data(), fits, changes, small, bs.data(), rs.data(), scratchs),
+            TBackgroundStatus::Done);
+  EXPECT_GT(rs[2], 5.0f);
+  // Settings the circle refuses are programming errors, every time they are given.
+  small.NoiseFactor = -1;
+  for (int k = 0; k < 2; ++k)
+    EXPECT_THROW(ShapeBackground(m, ys.data(), fits, changes, small, bs.data(), rs.data(), scratchs),
+                 OrvexException);
+}
+
+TEST(BackgroundShape, LinearGraphInterpolationClosesGaps) {
+  const bool ignore[7] = {true, false, true, true, false, true, true};
+  const float in[7] = {100, 2, 100, 100, 8, 100, 100};
+  float out[7];
+  LinearGraphInterpolation(ignore, in, out, 7);
+  const float expected[7] = {2, 2, 4, 6, 8, 8, 8};
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(out[i], expected[i]) << i;
+  const bool all[3] = {true, true, true};
+  float same[3] = {1, 2, 3};
+  LinearGraphInterpolation(all, same, same, 3);
+  for (float v : same) EXPECT_EQ(v, 0.0f);
+}
