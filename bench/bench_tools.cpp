@@ -53,10 +53,13 @@ int main(int argc, char** argv) {
     TGraphCalculatorForm tool;
     tool.Parameters().SetParameterValuesFromText({"Formula=2*x1+3"});
     const auto start = Clock::now();
+    const double cpu = ProcessCpuSeconds();
     const TIntList results = tool.RunNonInteractive(project, {ids.Map}, "Extract", false);
     const double seconds = Seconds(start);
-    std::printf("Graph Calculator 2*x1+3, %.0f MB: %.3f s, memcpy %.3f s, ratio %.1f (target <= 5)\n",
-                bytes / 1e6, seconds, copy, seconds / copy);
+    std::printf(
+        "Graph Calculator 2*x1+3, %.0f MB: %.3f s wall (%.3f s processor, all threads), memcpy %.3f s, "
+        "ratio %.1f (target <= 5)\n",
+        bytes / 1e6, seconds, ProcessCpuSeconds() - cpu, copy, seconds / copy);
     for (int32_t id : results) project.DeleteData(id);
   }
 
@@ -101,11 +104,13 @@ int main(int argc, char** argv) {
     TImageBackgroundSubtractionForm tool;
     tool.Parameters().SetParameterValuesFromText({"Mode=Surface", "Order=3"});
     const auto start = Clock::now();
+    const double cpu = ProcessCpuSeconds();
     const TIntList results = tool.RunNonInteractive(project, {imageID}, "Extract", false);
     const double seconds = Seconds(start);
-    std::printf("Image Background Subtraction, surface order 3, 2048x2048: %.3f s, copy %.4f s, ratio %.1f "
-                "(target <= 5)\n",
-                seconds, imageCopy, seconds / imageCopy);
+    std::printf(
+        "Image Background Subtraction, surface order 3, 2048x2048: %.3f s wall (%.3f s processor), copy "
+        "%.4f s, ratio %.1f (target <= 5)\n",
+        seconds, ProcessCpuSeconds() - cpu, imageCopy, seconds / imageCopy);
     for (int32_t id : results) project.DeleteData(id);
   }
   return 0;
