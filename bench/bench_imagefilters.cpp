@@ -77,7 +77,16 @@ int main(int argc, char** argv) {
   smoothing.SetParameter(0.1f, 1.5f, 5.0f, 1.0f, 1);
   smoothing.SetImageData(small.data());
   TMCC mcc("bench anisotropic", nullptr, threads);
-  mcc.MCCInit([&](TMCC* m, int t) { smoothing.Calculate(m, t); }, nullptr, 0);
+  mcc.MCCInit(
+      [&](TMCC* m, int t) {
+        // The controller as the kernel's team: its threads, its barrier, its cancel.
+        TThreadTeam team;
+        team.NumberOfThreads = m->GetNumberOfThreads();
+        team.WaitForNextStep = [m](int thread) { m->WaitForNextStep(thread); };
+        team.Progress = m;
+        smoothing.Calculate(team, t);
+      },
+      nullptr, 0);
   start = TClock::now();
   const double cpu = ProcessCpuSeconds();
   mcc.StartThreadsWait(0);

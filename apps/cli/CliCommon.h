@@ -82,5 +82,6 @@ void AddBitmapCommands(CLI::App& app, CliContext& ctx);
 void AddConfigCommands(CLI::App& app, CliContext& ctx);
 void AddViewerCommands(CLI::App& app, CliContext& ctx);
 void AddToolCommands(CLI::App& app, CliContext& ctx);
+void AddMaskCommands(CLI::App& app, CliContext& ctx);
 
 } // namespace orvexcli

@@ -218,6 +218,7 @@ int main(int argc, char** argv) {
   AddConfigCommands(app, ctx);
   AddViewerCommands(app, ctx);
   AddToolCommands(app, ctx);
+  AddMaskCommands(app, ctx);
 
   // The application goes down on every path, after the command's projects are gone.
   struct TStopAtExit {

@@ -1,7 +1,7 @@
 #include "common/numerics/Anisotropicsmoothing.h"
 
 #include "common/numerics/Numerics.h"
-#include "common/threads/Multicorecalc.h"
+#include "common/threads/Progressandcancel.h"
 
 #include <algorithm>
 #include <cmath>
@@ -69,8 +69,8 @@ void TAnisotropicImageSmoothing::GetImageData(float* data) const {
   std::copy(FImage.begin(), FImage.end(), data);
 }
 
-void TAnisotropicImageSmoothing::Barrier(TMCC* mcc, int thread) {
-  if (mcc != nullptr) mcc->WaitForNextStep(thread);
+void TAnisotropicImageSmoothing::Barrier(const TThreadTeam& team, int thread) {
+  if (team.NumberOfThreads > 1) team.WaitForNextStep(thread);
 }
 
 void TAnisotropicImageSmoothing::ScaleImage() {
@@ -211,11 +211,24 @@ void TAnisotropicImageSmoothing::FinishIteration(int y0, int y1) {
     FImage[i] = FHasMask && FMask[i] ? FOriginal[i] : 0.25f * FOutput[i];
 }
 
-void TAnisotropicImageSmoothing::Calculate(TMCC* mcc, int thread) {
+void TAnisotropicImageSmoothing::Calculate(const TThreadTeam& team, int thread) {
   Check(FSizeX > 0, "Calculate", "CreateArrays first");
-  const int threads = mcc != nullptr ? mcc->GetNumberOfThreads() : 1;
-  const int y0 = mcc != nullptr ? TMCC::GetFirstElementIndex(thread, threads, FSizeY) : 0;
-  const int y1 = mcc != nullptr ? TMCC::GetLastElementIndex(thread, threads, FSizeY) : FSizeY - 1;
+  const int threads = std::max(team.NumberOfThreads, 1);
+  Check(threads == 1 || team.WaitForNextStep, "Calculate", "a team of several threads needs a barrier");
+  Check(thread >= 0 && thread < threads, "Calculate", "thread index outside the team");
+  // Contiguous blocks of lines, split as the calculation controller splits elements; a thread without
+  // lines (more threads than lines) still meets the others at every barrier.
+  int y0 = 0, y1 = FSizeY - 1;
+  if (threads > 1) {
+    if (FSizeY <= thread) {
+      y0 = 0, y1 = -1;
+    } else if (FSizeY < threads) {
+      y0 = y1 = thread;
+    } else {
+      y0 = static_cast<int>(static_cast<long long>(thread) * FSizeY / threads);
+      y1 = static_cast<int>((static_cast<long long>(thread) + 1) * FSizeY / threads) - 1;
+    }
+  }
   if (thread == 0) {
     FScale = 1.0;
     FTime = 0.0;
@@ -227,40 +240,40 @@ void TAnisotropicImageSmoothing::Calculate(TMCC* mcc, int thread) {
     for (int d = -r; d <= r; ++d) sum += FGauss[d + r] = GaussSigma(static_cast<float>(d), FSigma);
     for (float& g : FGauss) g = static_cast<float>(g / sum);
   }
-  Barrier(mcc, thread);
+  Barrier(team, thread);
   for (int iteration = 0; iteration < FIterations; ++iteration) {
     if (thread == 0) {
       ScaleImage();
       std::fill(FOutput.begin(), FOutput.end(), 0.0f);
     }
-    Barrier(mcc, thread);
+    Barrier(team, thread);
     CalculateLx(y0, y1);
     CalculateLy(y0, y1);
     CalculateProdukt(y0, y1);
-    Barrier(mcc, thread);
+    Barrier(team, thread);
     CalculateGaussFilter(0, y0, y1);
-    Barrier(mcc, thread);
+    Barrier(team, thread);
     CalculateGaussFilter(1, y0, y1);
     CalculateTensors(y0, y1);
-    Barrier(mcc, thread);
+    Barrier(team, thread);
     for (int k = 0; k < 4; ++k) {
       CalculateField(k, y0, y1);
-      Barrier(mcc, thread);
+      Barrier(team, thread);
       IntegrateLines(y0, y1);
-      Barrier(mcc, thread);
+      Barrier(team, thread);
     }
     FinishIteration(y0, y1);
     if (thread == 0) {
       FTime += FDeltaT;
       ++FCompleted;
-      FStop = mcc != nullptr && mcc->GetCancel();
+      FStop = IsCancelled(team.Progress);
     }
-    Barrier(mcc, thread);
+    Barrier(team, thread);
     if (FStop) break;
   }
   if (thread == 0 && FScale != 1.0) {
     for (float& v : FImage) v = static_cast<float>(v / FScale);
     for (float& v : FOriginal) v = static_cast<float>(v / FScale);
   }
-  Barrier(mcc, thread);
+  Barrier(team, thread);
 }

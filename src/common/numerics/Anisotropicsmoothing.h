@@ -4,9 +4,21 @@
 
 #include "common/numerics/Imagefilters.h"
 
+#include <functional>
 #include <vector>
 
-class TMCC;
+class IProgressAndCancel;
+
+/// The threads that run one calculation together, as a kernel sees them: how many, a barrier they all meet
+/// at, and where to ask whether to stop. The default is one thread that is never cancelled. A caller on the
+/// calculation controller passes its thread count, its WaitForNextStep and itself as the progress channel.
+struct TThreadTeam {
+  int NumberOfThreads = 1;
+  /// Returns once every thread of the team has called it; may be empty for a team of one.
+  std::function<void(int thread)> WaitForNextStep;
+  /// Asked once per iteration; null: never cancelled.
+  const IProgressAndCancel* Progress = nullptr;
+};
 
 /// Classic fourth-order Runge-Kutta step for a path p(s) in the plane with dp/ds = f(p).
 class TRungeKutta {
@@ -29,8 +41,8 @@ public:
 /// Bilinear value of a SizeX * SizeY field at (x, y); false outside 0..SizeX-1, 0..SizeY-1.
 bool GetInterpolatedValue(const float* field, int sizeX, int sizeY, double x, double y, double& value);
 
-/// Use: CreateArrays, SetParameter, SetImageData (and SetMaskData), then run Calculate in every thread of
-/// a TMCC (or with a null controller in one thread), then GetImageData.
+/// Use: CreateArrays, SetParameter, SetImageData (and SetMaskData), then run Calculate in every thread of a
+/// team (or without a team in one thread), then GetImageData.
 class TAnisotropicImageSmoothing {
 public:
   /// p1: smoothing strength along contours, p2: along the gradient (both 0.001..1000), deltaT: smoothing
@@ -43,10 +55,14 @@ public:
   /// Pixels flagged true keep their original value; null clears the mask.
   void SetMaskData(const bool* mask);
   void GetImageData(float* data) const;
-  /// Runs all iterations. All threads of mcc call it with their index; they meet at barriers between the
-  /// steps and thread 0 alone does the steps over whole arrays. A cancel of mcc ends the loop after the
-  /// iteration in progress.
-  void Calculate(TMCC* mcc, int thread);
+  /// Runs all iterations. All threads of the team call it with their index 0 .. NumberOfThreads - 1 and
+  /// take contiguous blocks of lines; they meet at the team's barrier between the steps, and thread 0 alone
+  /// does the steps over whole arrays. A cancel ends the loop after the iteration in progress: the image
+  /// then holds the iterations completed (CompletedIterations). Raises OrvexExceptionImageFilter before
+  /// CreateArrays, and for a team of several threads without a barrier.
+  void Calculate(const TThreadTeam& team, int thread);
+  /// All iterations on the calling thread alone.
+  void Calculate() { Calculate(TThreadTeam(), 0); }
 
   /// Line integrals use the strengths as they are (set by default); otherwise their square roots.
   bool LineIntegralMode = true;
@@ -55,7 +71,7 @@ public:
   int CompletedIterations() const { return FCompleted; }
 
 private:
-  void Barrier(TMCC* mcc, int thread);
+  static void Barrier(const TThreadTeam& team, int thread);
   void ScaleImage();
   void CalculateLx(int y0, int y1);
   void CalculateLy(int y0, int y1);

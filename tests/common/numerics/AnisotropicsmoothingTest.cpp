@@ -2,12 +2,14 @@
 // masked pixels keep their values, one and two threads agree, and the helpers give known numbers.
 #include "common/numerics/Anisotropicsmoothing.h"
 
-#include "common/threads/Multicorecalc.h"
+#include "support/TestProgress.h"
 
+#include <barrier>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,11 +24,16 @@ std::vector<float> Smooth(const std::vector<float>& in, int nx, int ny, int thre
   smoothing.SetImageData(in.data());
   smoothing.SetMaskData(mask);
   if (threads == 0) {
-    smoothing.Calculate(nullptr, 0);
+    smoothing.Calculate();
   } else {
-    TMCC mcc("anisotropic", nullptr, threads);
-    mcc.MCCInit([&](TMCC* m, int t) { smoothing.Calculate(m, t); }, nullptr, 0);
-    mcc.StartThreadsWait(0);
+    // A team of plain threads: the kernel needs a barrier and nothing else of a calculation controller.
+    std::barrier<> barrier(threads);
+    TThreadTeam team;
+    team.NumberOfThreads = threads;
+    team.WaitForNextStep = [&](int) { barrier.arrive_and_wait(); };
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) pool.emplace_back([&, t] { smoothing.Calculate(team, t); });
+    for (auto& th : pool) th.join();
   }
   std::vector<float> out(in.size());
   smoothing.GetImageData(out.data());
@@ -129,5 +136,28 @@ TEST(AnisotropicSmoothing, ParametersOutOfRangeAreRefused) {
   EXPECT_THROW(s.SetParameter(1.0f, 1.2f, 5.0f, 11.0f, 1), OrvexExceptionImageFilter);
   EXPECT_THROW(s.SetParameter(1.0f, 1.2f, 5.0f, 1.0f, 0), OrvexExceptionImageFilter);
   EXPECT_THROW(s.CreateArrays(1, 5), OrvexExceptionImageFilter);
-  EXPECT_THROW(s.Calculate(nullptr, 0), OrvexExceptionImageFilter);
+  EXPECT_THROW(s.Calculate(), OrvexExceptionImageFilter);
+  s.CreateArrays(4, 4);
+  TThreadTeam withoutBarrier;
+  withoutBarrier.NumberOfThreads = 2;
+  EXPECT_THROW(s.Calculate(withoutBarrier, 0), OrvexExceptionImageFilter);
+}
+
+TEST(AnisotropicSmoothing, CancelEndsAfterTheIterationInProgress) {
+  const int nx = 16, ny = 12;
+  const std::vector<float> in = NoisyStep(nx, ny);
+  TAnisotropicImageSmoothing s;
+  s.CreateArrays(nx, ny);
+  s.SetParameter(0.1f, 5.0f, 5.0f, 1.0f, 5);
+  s.SetImageData(in.data());
+  oxtest::TRecordingProgress progress(1); // the second question is answered with a cancel
+  TThreadTeam team;
+  team.Progress = &progress;
+  s.Calculate(team, 0);
+  EXPECT_EQ(s.CompletedIterations(), 2);
+  // The image holds exactly the two iterations done, as a run of two would leave it.
+  std::vector<float> cancelled(in.size());
+  s.GetImageData(cancelled.data());
+  const std::vector<float> two = Smooth(in, nx, ny, 0, nullptr, 2);
+  EXPECT_EQ(0, std::memcmp(cancelled.data(), two.data(), two.size() * sizeof(float)));
 }
