@@ -255,6 +255,7 @@ void TPeakFindOptionsForm::PostCalculate(TGraphList& inputs, TGraphList& results
       report += "# \"" + input.GetCaption() + "\" (ID " + std::to_string(input.GetID()) + ")\n";
     report += table;
     auto text = std::make_unique<TDText>();
+    text->SetID(GetProject()->GetNewDataID());
     text->SetCaption("Peak Table (" + input.GetCaption() + ")");
     text->SetText(table);
     AddResult(std::move(text));

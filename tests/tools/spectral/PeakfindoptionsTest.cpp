@@ -66,6 +66,8 @@ TEST_F(PeakFindToolTest, SpectrumAtThePixelGivesBothBandsInPixelsAndAxisUnit) {
   TPeakFindOptionsForm tool;
   const TIntList results = Run(tool, {"Pixel X=3", "Pixel Y=2"}, false);
   ASSERT_EQ(results.size(), 1u);
+  ASSERT_NE(results.front(), 0);
+  EXPECT_EQ(FProject.GetIDListOfAllData().back(), results.front());
   const auto* text = dynamic_cast<const TDText*>(FProject.FindData(results.front()));
   ASSERT_NE(text, nullptr);
   EXPECT_EQ(text->GetCaption(), "Peak Table (" + Map().GetCaption() + ")");
