@@ -1,7 +1,8 @@
 // Graph Background Subtraction and Peak Find Options as tools on the demo map (default 256x256x1024):
 // each method's Extract beside a floor measured in the same run, copying every spectrum of the map into a
-// new graph through the same paged arrays on as many threads; the ratio to the floor for methods 0-2 and
-// spectra per second on 1 and 2 threads for the others and for the peak search over every spectrum.
+// new graph through the same paged arrays on as many threads (best of three, as methods 0-2); the ratio to
+// the floor for methods 0-2 and spectra per second on 1 and 2 threads for the others and for the peak search
+// over every spectrum.
 //   bench_graphbackground [SIZE]
 #include "Benchsupport.h"
 #include "common/memory/Memorymanagement.h"
@@ -85,12 +86,16 @@ int main(int argc, char** argv) {
   };
   for (int threads : {1, 2}) {
     TMCC::SetProcessThreadLimit(threads);
-    const double floor = CopySeconds(project, ids.Map, threads);
+    // Best of three, as the fast methods: the first pass also pays for mapping fresh pages.
+    double floor = 1e30;
+    for (int pass = 0; pass < 3; ++pass) floor = std::min(floor, CopySeconds(project, ids.Map, threads));
     std::printf("%d thread(s): floor (copy through the paged arrays) %.3f s\n", threads, floor);
     for (const TCase& c : cases) {
       TGraphBackgroundSubtractionForm tool;
       tool.Parameters().SetParameterValuesFromText(c.Settings);
-      const double seconds = RunSeconds(project, ids.Map, tool, false);
+      double seconds = 1e30;
+      for (int pass = 0; pass < (c.Target > 0 ? 3 : 1); ++pass)
+        seconds = std::min(seconds, RunSeconds(project, ids.Map, tool, false));
       std::printf("  method %-40s %.3f s  %.0f spectra/s  ratio %.1f", c.Name, seconds, spectra / seconds,
                   seconds / floor);
       if (c.Target > 0) std::printf(" (target <= %.0f)", c.Target);
