@@ -7,7 +7,6 @@
 #include "project/Projectdialogform.h"
 #include "project/Toolhistory.h"
 #include "project/Toolregistry.h"
-#include "tools/spectral/Peakfindoptions.h"
 
 #include <algorithm>
 #include <charconv>
@@ -281,9 +280,9 @@ int RunRun(CliContext& ctx, const TRunOptions& o) {
   SaveProjectOrDataFile(project, o.Out, false);
   std::vector<TNewObject> objects;
   for (int32_t id : results) objects.push_back(DescribeNew(project, id, 1));
-  // The peak table is the peak tool's answer: with --json it is printed as data instead of the objects.
-  if (const auto* peaks = dynamic_cast<const TPeakFindOptionsForm*>(tool.get()); peaks && o.Json) {
-    std::cout << FormatPeakTableJson(peaks->GetPeakTable()) << "\n";
+  // A tool whose answer is a table gives it as data: with --json it is printed instead of the objects.
+  if (o.Json && !tool->GetReportJson().empty()) {
+    std::cout << tool->GetReportJson() << "\n";
     return kExitOk;
   }
   if (!tool->GetReport().empty() && !o.Json)

@@ -415,6 +415,7 @@ bool TProjectDialogForm::ExecuteCommand(const std::string& name, bool all) {
   FPendingResults.clear();
   FLastResultIDs.clear();
   FReport.clear();
+  FReportJson.clear();
   bool done = false;
   try {
     done = DoCommand(name);

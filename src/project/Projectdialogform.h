@@ -173,6 +173,8 @@ public:
   TIntList RunNonInteractive(TProject& project, const TIntList& ids, const std::string& command, bool all);
   /// A table or report a run produced instead of (or beside) objects; the command line prints it.
   const std::string& GetReport() const { return FReport; }
+  /// The same report as JSON, when the tool has one: `orvex run --json` prints it instead of the objects.
+  const std::string& GetReportJson() const { return FReportJson; }
 
   /// Hands a finished result to the frame: during a command it is kept and enters the project at the
   /// command's end with the first input's history and the run's entry; outside one it enters at once.
@@ -204,6 +206,7 @@ protected:
   /// The inputs the current command works on (the history's --input); frames set it per run.
   void SetRunInputIDs(const TIntList& ids) { FRunInputIDs = ids; }
   void SetReport(const std::string& report) { FReport = report; }
+  void SetReportJson(const std::string& report) { FReportJson = report; }
   bool IsRunAll() const { return FRunAll; }
 
 private:
@@ -230,4 +233,5 @@ private:
   std::vector<std::unique_ptr<TData>> FPendingResults;
   TIntList FLastResultIDs;
   std::string FReport;
+  std::string FReportJson;
 };

@@ -110,12 +110,13 @@ void TPolynomialBackgroundFit::Fit(const float* values, float* out, long double*
                                    double* work) const {
   if (!FPrepared) throw OrvexException("TPolynomialBackgroundFit::Fit: the fit is not prepared");
   const int m = FOrder + 1, n = FLength;
-  // The right-hand side over the masked basis (zero outside the fit mask), so the loops have no branch;
-  // the sums of at most a few thousand products of magnitude up to |y| stay far inside double precision.
+  // The right-hand side over the masked basis (zero outside the fit mask); a point with a zero basis value
+  // adds nothing, so a NaN outside the fit mask stays out of the fit. The sums of at most a few thousand
+  // products of magnitude up to |y| stay far inside double precision.
   for (int j = 0; j < m; ++j) {
     const double* basis = FMaskedBasis.data() + static_cast<size_t>(j) * n;
     double r = 0.0;
-    for (int i = 0; i < n; ++i) r += basis[i] * values[i];
+    for (int i = 0; i < n; ++i) r += basis[i] != 0.0 ? basis[i] * values[i] : 0.0;
     coefficients[j] = r;
   }
   lubksb(FMatrix.data(), m, FIndex.data(), coefficients);

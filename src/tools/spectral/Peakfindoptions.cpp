@@ -262,6 +262,7 @@ void TPeakFindOptionsForm::PostCalculate(TGraphList& inputs, TGraphList& results
     FRows.insert(FRows.end(), rows.begin(), rows.end());
   }
   SetReport(report);
+  SetReportJson(FormatPeakTableJson(FRows));
   if (FNotFinite.load() > 0)
     TMessageProxy::MsgProxySingleton()->IssueMessage(
         TBlockingNotification::CreateAndInit(GetDialogName() + ": " + std::to_string(FNotFinite.load()) +

@@ -521,3 +521,19 @@ TEST(BackgroundShape, LinearGraphInterpolationClosesGaps) {
   LinearGraphInterpolation(all, same, same, 3);
   for (float v : same) EXPECT_EQ(v, 0.0f);
 }
+
+// A NaN where the fit mask is off takes no part in the polynomial: the line is fitted from the rest.
+TEST(BackgroundNonFinite, NaNOutsideTheFitMaskStaysOutOfThePolynomial) {
+  const int n = 30;
+  std::vector<float> y(n), b(n), r(n);
+  for (int i = 0; i < n; ++i) y[i] = 2.0f + 0.5f * static_cast<float>(i);
+  y[4] = std::numeric_limits<float>::quiet_NaN();
+  TBoolArray fit(n), change(n);
+  fit.Values[4] = false;
+  TBackgroundScratch scratch(n);
+  TPolynomialBackgroundFit poly;
+  ASSERT_TRUE(poly.Prepare(n, fit.Values, 1));
+  PolynomialBackground(poly, y.data(), change.Values, b.data(), r.data(), scratch);
+  for (int i : {0, 4, 10, 29}) EXPECT_NEAR(b[i], 2.0f + 0.5f * static_cast<float>(i), 1e-4f) << i;
+  EXPECT_NEAR(r[10], 0.0f, 1e-4f);
+}
