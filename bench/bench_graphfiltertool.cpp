@@ -25,17 +25,6 @@ using namespace oxbench;
 
 namespace {
 
-double CopySeconds(size_t bytes) {
-  std::vector<char> from(bytes, 1), to(bytes, 0);
-  double best = 1e30;
-  for (int pass = 0; pass < 3; ++pass) {
-    const auto start = Clock::now();
-    std::memcpy(to.data(), from.data(), bytes);
-    best = std::min(best, Seconds(start));
-  }
-  return best;
-}
-
 double BandReadSeconds(const TDGraph& graph, int32_t first, int32_t count) {
   std::vector<float> part(static_cast<size_t>(count));
   double best = 1e30, sink = 0;
@@ -65,7 +54,7 @@ int main(int argc, char** argv) {
   std::printf("making the %dx%dx1024 demo map...\n", size, size);
   const TDemoIDs ids = CreateDemoProject(project, options);
   const size_t bytes = static_cast<size_t>(size) * size * 1024 * sizeof(float);
-  const double copy = CopySeconds(bytes);
+  const double copy = BestMemcpySeconds(bytes);
 
   const std::vector<std::pair<std::string, std::vector<std::string>>> runs = {
       {"SG 5,5 order 3 smoothing", {"Mode=Savitzky-Golay", "SGOrder=3", "SGDerivative=0"}},

@@ -19,22 +19,6 @@
 
 using namespace oxbench;
 
-namespace {
-
-// Fastest of a few memcpy passes over bytes.
-double CopySeconds(size_t bytes) {
-  std::vector<char> from(bytes, 1), to(bytes, 0);
-  double best = 1e30;
-  for (int pass = 0; pass < 3; ++pass) {
-    const auto start = Clock::now();
-    std::memcpy(to.data(), from.data(), bytes);
-    best = std::min(best, Seconds(start));
-  }
-  return best;
-}
-
-} // namespace
-
 int main(int argc, char** argv) {
   const int32_t size = argc > 1 ? std::atoi(argv[1]) : 256;
   TMemoryManagement::CreateMemoryStrategy();
@@ -47,7 +31,7 @@ int main(int argc, char** argv) {
   std::printf("making the %dx%dx1024 demo map...\n", size, size);
   const TDemoIDs ids = CreateDemoProject(project, options);
   const size_t bytes = static_cast<size_t>(size) * size * 1024 * sizeof(float);
-  const double copy = CopySeconds(bytes);
+  const double copy = BestMemcpySeconds(bytes);
 
   for (int pass = 0; pass < 3; ++pass) {
     TGraphCalculatorForm tool;
@@ -99,7 +83,7 @@ int main(int argc, char** argv) {
   }
   const int32_t imageID = image->GetID();
   project.AddData(std::move(image));
-  const double imageCopy = CopySeconds(static_cast<size_t>(side) * side * sizeof(float));
+  const double imageCopy = BestMemcpySeconds(static_cast<size_t>(side) * side * sizeof(float));
   for (int pass = 0; pass < 3; ++pass) {
     TImageBackgroundSubtractionForm tool;
     tool.Parameters().SetParameterValuesFromText({"Mode=Surface", "Order=3"});

@@ -2,21 +2,7 @@
 # orvex tools / run AdvancedFittingTool: its parameter listing, a Lorentz fit of the demo map's silicon band
 # against the known band position, the curves command, the replayable history, and bad input (exit 1, one
 # line naming the culprit, nothing written).
-set -u
-orvex="$1"
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-export XDG_DATA_HOME="$dir/data" XDG_CACHE_HOME="$dir/cache"
-fails=0
-check() { # description, expected, actual
-  if [ "$2" != "$3" ]; then echo "FAIL: $1: expected [$2], got [$3]"; fails=$((fails + 1)); fi
-}
-contains() { # description, needle, haystack
-  case "$3" in *"$2"*) ;; *) echo "FAIL: $1: [$2] not in [$3]"; fails=$((fails + 1)) ;; esac
-}
-py() { python3 -c "import json,sys; d=json.load(sys.stdin); $1"; }
-numpy=/usr/bin/python3
-$numpy -c "import numpy" 2>/dev/null || numpy=python3
+source "$(dirname "$0")/clitest.sh" "$1"
 
 "$orvex" demo -o "$dir/d.oxp" --size 16x12x1024 --seed 3 >/dev/null
 objects() { "$orvex" info "$1" --json | py "print(' '.join(str(o['id']) for o in d['objects'] if $2))"; }

@@ -2,21 +2,7 @@
 # orvex run GraphBackgroundSubtraction and PeakFindOptions: results checked with numpy through orvex data,
 # the peak table as text, JSON and text object, bad input (exit 1, one line, nothing written) and a
 # cancelled run writing nothing.
-set -u
-orvex="$1"
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-export XDG_DATA_HOME="$dir/data" XDG_CACHE_HOME="$dir/cache"
-fails=0
-check() { # description, expected, actual
-  if [ "$2" != "$3" ]; then echo "FAIL: $1: expected [$2], got [$3]"; fails=$((fails + 1)); fi
-}
-contains() { # description, needle, haystack
-  case "$3" in *"$2"*) ;; *) echo "FAIL: $1: [$2] not in [$3]"; fails=$((fails + 1)) ;; esac
-}
-py() { python3 -c "import json,sys; d=json.load(sys.stdin); $1"; }
-numpy=/usr/bin/python3
-$numpy -c "import numpy" 2>/dev/null || numpy=python3
+source "$(dirname "$0")/clitest.sh" "$1"
 have_numpy=1
 $numpy -c "import numpy" 2>/dev/null || have_numpy=0
 

@@ -2,21 +2,7 @@
 # orvex run ImageFourierFilter: every pattern against numpy's FFT filtering of the same image (square and
 # not, even and odd working size), the amplitude image and its axes, and bad input (exit 1, one line,
 # nothing written).
-set -u
-orvex="$1"
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-export XDG_DATA_HOME="$dir/data" XDG_CACHE_HOME="$dir/cache"
-fails=0
-check() { # description, expected, actual
-  if [ "$2" != "$3" ]; then echo "FAIL: $1: expected [$2], got [$3]"; fails=$((fails + 1)); fi
-}
-contains() { # description, needle, haystack
-  case "$3" in *"$2"*) ;; *) echo "FAIL: $1: [$2] not in [$3]"; fails=$((fails + 1)) ;; esac
-}
-py() { python3 -c "import json,sys; d=json.load(sys.stdin); $1"; }
-numpy=/usr/bin/python3
-$numpy -c "import numpy" 2>/dev/null || numpy=python3
+source "$(dirname "$0")/clitest.sh" "$1"
 
 # The numpy model of the tool: the image sampled bilinearly (clamped) to N x N, transformed, the marked
 # frequencies set to 0, transformed back and the real part sampled back to the image's size.

@@ -4,19 +4,7 @@
 # sides, one side, none, a range at the field's end), Savitzky-Golay against scipy, binomial average and
 # median over the available neighbours, the silicon band at 520 rel. 1/cm; bad input: exit 1, one line,
 # nothing written. Skipped (77) without scipy.
-set -u
-orvex="$1"
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-export XDG_DATA_HOME="$dir/data" XDG_CACHE_HOME="$dir/cache"
-fails=0
-check() { # description, expected, actual
-  if [ "$2" != "$3" ]; then echo "FAIL: $1: expected [$2], got [$3]"; fails=$((fails + 1)); fi
-}
-contains() { # description, needle, haystack
-  case "$3" in *"$2"*) ;; *) echo "FAIL: $1: [$2] not in [$3]"; fails=$((fails + 1)) ;; esac
-}
-py() { python3 -c "import json,sys; d=json.load(sys.stdin); $1"; }
+source "$(dirname "$0")/clitest.sh" "$1"
 numpy=/usr/bin/python3
 $numpy -c "import numpy, scipy" 2>/dev/null || { echo "numpy/scipy missing: skipped"; exit 77; }
 

@@ -1,22 +1,7 @@
 #!/usr/bin/env bash
 # orvex tools / run / history / replay: listings, runs checked with numpy, stored defaults and their
 # precedence, replayed chains, and bad input (exit codes, one line, the output file untouched).
-set -u
-orvex="$1"
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-export XDG_DATA_HOME="$dir/data" XDG_CACHE_HOME="$dir/cache"
-fails=0
-check() { # description, expected, actual
-  if [ "$2" != "$3" ]; then echo "FAIL: $1: expected [$2], got [$3]"; fails=$((fails + 1)); fi
-}
-contains() { # description, needle, haystack
-  case "$3" in *"$2"*) ;; *) echo "FAIL: $1: [$2] not in [$3]"; fails=$((fails + 1)) ;; esac
-}
-py() { python3 -c "import json,sys; d=json.load(sys.stdin); $1"; }
-# The interpreter with numpy (a python3 earlier on PATH may lack Debian's packages).
-numpy=/usr/bin/python3
-$numpy -c "import numpy" 2>/dev/null || numpy=python3
+source "$(dirname "$0")/clitest.sh" "$1"
 
 "$orvex" demo -o "$dir/d.oxp" --size 12x9x64 --seed 5 >/dev/null
 "$orvex" demo -o "$dir/e.oxp" --size 10x7x64 --seed 9 >/dev/null
