@@ -155,8 +155,10 @@ bool TPCAForm::ReadPCMask(int componentCount, std::vector<int>& pcs, std::string
   std::vector<bool> mask(static_cast<size_t>(componentCount), false);
   std::string reason;
   if (!ParseGraphMaskText(GetStringParameter(kPCMask), axis, nullptr, mask, reason)) {
-    error =
-        std::string(kPCMask) + ": " + reason + " (components 0.." + std::to_string(componentCount - 1) + ")";
+    // The reader names the range itself when nothing was selected; otherwise it is added here.
+    const std::string range = "0.." + std::to_string(componentCount - 1);
+    error = std::string(kPCMask) + ": " + reason +
+            (reason.find(range) == std::string::npos ? " (components " + range + ")" : "");
     return false;
   }
   for (int k = 0; k < componentCount; ++k)
@@ -172,12 +174,12 @@ bool TPCAForm::DoCommand(const std::string& name) {
   if (name != kExtract) return false;
   TProject& project = *GetProject();
   TIntList inputs = GetInitIDs();
+  // The command line names the tool before a message already, and the window is the tool's own.
   std::string reason;
-  if (!IsInputIDListOkay(&project, &inputs, nullptr, &reason))
-    throw OrvexException(GetDialogName() + ": " + reason);
+  if (!IsInputIDListOkay(&project, &inputs, nullptr, &reason)) throw OrvexException(reason);
   SetRunInputIDs(inputs);
   const auto* graph = dynamic_cast<const TDGraph*>(project.FindData(inputs.front()));
-  if (!graph) throw OrvexException(GetDialogName() + ": the input is no graph");
+  if (!graph) throw OrvexException("TPCAForm::DoCommand(): the input is no graph");
   std::string report;
   if (!CalculateAndExtract(*graph, report)) return false;
   SetReport(report);
@@ -186,17 +188,16 @@ bool TPCAForm::DoCommand(const std::string& name) {
 
 bool TPCAForm::CalculateAndExtract(const TDGraph& graph, std::string& report) {
   TProject& project = *GetProject();
-  const std::string tool = GetDialogName() + ": ";
   const int sizeX = graph.GetSizeX(), sizeY = graph.GetSizeY(), points = graph.GetSizeGraph();
 
   TPCASettings settings;
   std::string error;
   if (!ReadGraphMaskForGraph(project, graph.GetID(), GetStringParameter(kSpectrumMask), "",
                              settings.SpectrumMask, error))
-    throw OrvexException(tool + kSpectrumMask + ": " + error);
+    throw OrvexException(std::string(kSpectrumMask) + ": " + error);
   const auto selected = std::count(settings.SpectrumMask.begin(), settings.SpectrumMask.end(), true);
   if (selected < 2)
-    throw OrvexException(tool + kSpectrumMask + ": selects " + std::to_string(selected) +
+    throw OrvexException(std::string(kSpectrumMask) + ": selects " + std::to_string(selected) +
                          " point(s); at least 2 of the " + std::to_string(points) + " points are needed");
 
   settings.UseDrawField = GetBoolParameter(kUseDrawField);
@@ -204,14 +205,14 @@ bool TPCAForm::CalculateAndExtract(const TDGraph& graph, std::string& report) {
     const std::int64_t limit = static_cast<std::int64_t>(sizeX) * sizeY / 2;
     const std::int64_t count = GetIntParameter(kDrawFieldPixels);
     if (limit < 5 || count < 5 || count > limit)
-      throw OrvexException(tool + kDrawFieldPixels + ": " + std::to_string(count) + " is not in 5.." +
+      throw OrvexException(std::string(kDrawFieldPixels) + ": " + std::to_string(count) + " is not in 5.." +
                            std::to_string(limit) + " (half the " + std::to_string(sizeX) + "x" +
                            std::to_string(sizeY) + " pixels)");
     settings.DrawField = RandomizeDrawField(sizeX, sizeY, static_cast<int>(count));
   }
 
   if (!TMemoryManagement::IsEnoughMemoryAvailable(PCAStartMemoryBytes(sizeX, sizeY, points), false, "", true))
-    throw OrvexException(tool + Describe(graph) + ": not enough memory for the calculation");
+    throw OrvexException(Describe(graph) + ": not enough memory for the calculation");
 
   TPCACore core;
   TExternalCancelOnly progress(ExternalCancel);
@@ -221,27 +222,27 @@ bool TPCAForm::CalculateAndExtract(const TDGraph& graph, std::string& report) {
   case TPCAStatus::Cancelled:
     return false;
   case TPCAStatus::NoPixels:
-    throw OrvexException(tool + Describe(graph) +
-                         (settings.UseDrawField ? ": no pixel of the draw field lies on a valid line"
+    throw OrvexException(Describe(graph) + (settings.UseDrawField
+                                                ? ": no pixel of the draw field lies on a valid line"
                                                 : ": all lines are invalid"));
   case TPCAStatus::Failed:
-    throw OrvexException(tool + Describe(graph) + ": " + core.Error());
+    throw OrvexException(Describe(graph) + ": " + core.Error());
   }
 
   // The PC mask is read against the calculated components, before anything is added.
   TPCAExtractOptions options;
-  if (!ReadPCMask(core.ComponentCount(), options.PCs, error)) throw OrvexException(tool + error);
+  if (!ReadPCMask(core.ComponentCount(), options.PCs, error)) throw OrvexException(error);
   options.PCAResult = GetBoolParameter(kPCAResult);
   options.PCGraphs = GetBoolParameter(kPCGraphs);
   options.TransformedSpectra = GetBoolParameter(kTransformedSpectra);
   options.ReconstructedSpectra = GetBoolParameter(kReconstructedSpectra);
   if (!TMemoryManagement::IsEnoughMemoryAvailable(PCAExtractBytes(graph, core, options), false, "", true))
-    throw OrvexException(tool + Describe(graph) + ": not enough memory for the results");
+    throw OrvexException(Describe(graph) + ": not enough memory for the results");
 
   TResultsToFrame target(project, [this](std::unique_ptr<TData> result) { AddResult(std::move(result)); });
   const TPCAExtractResult made = ExtractPCAResults(target, graph.GetID(), core, options, &progress, 0);
   if (made.Status == TPCAStatus::Cancelled) return false;
-  if (made.Status != TPCAStatus::Ok) throw OrvexException(tool + made.Error);
+  if (made.Status != TPCAStatus::Ok) throw OrvexException(made.Error);
 
   report += graph.GetCaption() + ": " + std::to_string(core.PixelCount()) + " spectra, " +
             std::to_string(core.ComponentCount()) + " points, " + std::to_string(options.PCs.size()) +
