@@ -1,7 +1,9 @@
 #include "tools/multivariate/Registermultivariatetools.h"
 
 #include "project/Toolregistry.h"
+#include "tools/multivariate/Pcatool.h"
 
 void RegisterMultivariateTools(TToolRegistry& registry) {
-  (void)registry; // each tool of this folder adds one line here
+  // each tool of this folder adds one line here
+  RegisterPCATool(registry);
 }
