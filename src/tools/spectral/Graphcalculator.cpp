@@ -43,7 +43,7 @@ int64_t CalculateGraphFormula(const TFormelParser& parser, const float* values, 
     scratch.Values.resize(kBlock);
     scratch.Indices.resize(kBlock);
     scratch.Out.resize(kBlock);
-    scratch.Undefined.resize(kBlock);
+    scratch.Undefined = std::make_unique<bool[]>(kBlock);
   }
   int64_t undefined = 0;
   for (int32_t start = 0; start < count; start += kBlock) {
@@ -53,8 +53,7 @@ int64_t CalculateGraphFormula(const TFormelParser& parser, const float* values, 
       scratch.Indices[k] = start + k;
     }
     const double* columns[] = {nullptr, scratch.Values.data(), axis + start, scratch.Indices.data()};
-    parser.BlockFunc(columns, n, scratch.Out.data(), reinterpret_cast<bool*>(scratch.Undefined.data()),
-                     scratch.Stack);
+    parser.BlockFunc(columns, n, scratch.Out.data(), scratch.Undefined.get(), scratch.Stack);
     for (int k = 0; k < n; ++k) {
       undefined += scratch.Undefined[k] ? 1 : 0;
       out[start + k] = ToFloat(scratch.Out[k]);

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 class TFormelParser;
@@ -14,7 +15,7 @@ class TToolRegistry;
 /// Scratch of one thread for CalculateGraphFormula.
 struct TGraphFormulaScratch {
   std::vector<double> Values, Indices, Out, Stack;
-  std::vector<char> Undefined;
+  std::unique_ptr<bool[]> Undefined;
 };
 
 /// The kernel: out[i] = formula(values[i], axis[i], i) for i < count, evaluated in blocks. Values without
