@@ -97,16 +97,16 @@ protected:
     int i = 0;
     for (int y = 0; y < sy; ++y)
       for (int x = 0; x < sx; ++x) {
-        float* spec = s.Spectrum(x, y);
+        float* spectrum = s.Spectrum(x, y);
         if (y == JunkLine) {
-          for (int g = 0; g < p; ++g) spec[g] = static_cast<float>(1e6 * normal(gen));
-          spec[1] = std::numeric_limits<float>::quiet_NaN();
+          for (int g = 0; g < p; ++g) spectrum[g] = static_cast<float>(1e6 * normal(gen));
+          spectrum[1] = std::numeric_limits<float>::quiet_NaN();
           continue;
         }
         for (int g = 0; g < p; ++g) {
           double v = Average[g];
           for (int c = 0; c < r; ++c) v += std::sqrt(variances[c] * n) * q[i * r + c] * Loadings[g * r + c];
-          spec[g] = static_cast<float>(v);
+          spectrum[g] = static_cast<float>(v);
         }
         ++i;
       }
