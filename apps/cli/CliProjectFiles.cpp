@@ -13,6 +13,8 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
+#include <stdexcept>
 
 namespace orvexcli {
 namespace {
@@ -200,6 +202,30 @@ std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData
                       " " + unit + ", " + std::to_string(graph->GetSizeGraph()) + " px");
   }
   return lines;
+}
+
+std::string Joined(const std::vector<std::string>& items) {
+  std::string text;
+  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
+  return text.empty() ? std::string("none") : text;
+}
+
+std::vector<int32_t> ParseObjectIDs(const std::string& text) {
+  std::vector<int32_t> ids;
+  std::stringstream stream(text);
+  std::string part;
+  while (std::getline(stream, part, ',')) {
+    try {
+      size_t used = 0;
+      const long value = std::stol(part, &used);
+      if (used != part.size() || value <= 0 || value > INT32_MAX) throw std::invalid_argument(part);
+      ids.push_back(static_cast<int32_t>(value));
+    } catch (const std::exception&) {
+      throw CliError(kExitUsage, "not an object ID: \"" + part + "\"");
+    }
+  }
+  if (ids.empty()) throw CliError(kExitUsage, "no object IDs given");
+  return ids;
 }
 
 } // namespace orvexcli

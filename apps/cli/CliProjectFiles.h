@@ -45,4 +45,9 @@ std::vector<std::string> DescribeObjectAxes(const TProject& project, const TData
 bool AxisValues(const TProject& project, int32_t transformationID, int32_t interpretationID, int32_t count,
                 int axis, std::vector<double>& values, std::string& unit);
 
+/// Items joined by ", ", "none" for an empty list: the choices a refusal names.
+std::string Joined(const std::vector<std::string>& items);
+/// "ID[,ID...]" of objects; exit 2 with one line for anything else.
+std::vector<int32_t> ParseObjectIDs(const std::string& text);
+
 } // namespace orvexcli

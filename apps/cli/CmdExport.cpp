@@ -31,30 +31,6 @@ struct TExportOptions {
   bool Json = false;
 };
 
-std::string Joined(const std::vector<std::string>& items) {
-  std::string text;
-  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
-  return text.empty() ? std::string("none") : text;
-}
-
-std::vector<int32_t> ParseIDList(const std::string& text) {
-  std::vector<int32_t> ids;
-  std::stringstream stream(text);
-  std::string part;
-  while (std::getline(stream, part, ',')) {
-    try {
-      size_t used = 0;
-      const long value = std::stol(part, &used);
-      if (used != part.size() || value <= 0 || value > INT32_MAX) throw std::invalid_argument(part);
-      ids.push_back(static_cast<int32_t>(value));
-    } catch (const std::exception&) {
-      throw CliError(kExitUsage, "not an object ID: \"" + part + "\"");
-    }
-  }
-  if (ids.empty()) throw CliError(kExitUsage, "no object IDs given");
-  return ids;
-}
-
 // The filters with the settings the user stored for them.
 std::unique_ptr<TExportManager> MakeManager(IDataProject* project) {
   auto manager = std::make_unique<TExportManager>(project, TOrvexDirectories::User.ExportFilterSettings);
@@ -123,7 +99,7 @@ void ApplySettings(TExportFilter& filter, const std::vector<std::string>& settin
 }
 
 int RunExport(const TExportOptions& o) {
-  const std::vector<int32_t> ids = ParseIDList(o.IDs);
+  const std::vector<int32_t> ids = ParseObjectIDs(o.IDs);
   {
     // An unknown format is a usage error, found before the project is read.
     std::unique_ptr<TExportManager> probe = MakeManager(nullptr);

@@ -24,30 +24,6 @@ json DescribeViewer(const TProject& project, size_t index) {
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& items) {
-  std::string text;
-  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
-  return text.empty() ? std::string("none") : text;
-}
-
-std::vector<int32_t> ParseIDs(const std::string& text) {
-  std::vector<int32_t> ids;
-  std::stringstream stream(text);
-  std::string part;
-  while (std::getline(stream, part, ',')) {
-    try {
-      size_t used = 0;
-      const long value = std::stol(part, &used);
-      if (used != part.size() || value <= 0 || value > INT32_MAX) throw std::invalid_argument(part);
-      ids.push_back(static_cast<int32_t>(value));
-    } catch (const std::exception&) {
-      throw CliError(kExitUsage, "not an object ID: \"" + part + "\"");
-    }
-  }
-  if (ids.empty()) throw CliError(kExitUsage, "no object IDs given");
-  return ids;
-}
-
 std::string IDRange(const TProject& project) {
   if (project.DataList().empty()) return "the project holds no objects";
   return "the project holds IDs " + std::to_string(project.DataList().front()->GetID()) + " to " +
@@ -117,7 +93,7 @@ struct TShowOptions {
 };
 
 void RunShow(CliContext& ctx, const TShowOptions& o) {
-  const std::vector<int32_t> ids = ParseIDs(o.IDs);
+  const std::vector<int32_t> ids = ParseObjectIDs(o.IDs);
   StartRuntime(ctx);
   TLoadedFile loaded = LoadProjectOrDataFile(o.File);
   TProject& project = *loaded.Project;
