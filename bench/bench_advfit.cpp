@@ -139,9 +139,14 @@ double StackRun(TProject& project, const TStack& s, bool lorentz, int first, int
 
 } // namespace
 
-// Optional argument: the side of the map (default 64); above 64 only the 64-point window runs.
+// Optional arguments: the side of the map (default 64; above 64 only the 64-point window runs), then to
+// profile one case alone: the function (gauss or lorentz), the window and the threads, run ten times.
 int main(int argc, char** argv) {
   if (argc > 1) gSize = std::clamp(std::atoi(argv[1]), 2, 1024);
+  const bool single = argc > 4;
+  const bool singleLorentz = single && std::string(argv[2]) == "lorentz";
+  const int singleWindow = single ? std::clamp(std::atoi(argv[3]), 4, kPoints) : 0;
+  const int singleThreads = single ? std::max(1, std::atoi(argv[4])) : 0;
   gSpectra = gSize * gSize;
   TMemoryManagement::CurrentStrategy = 0;
   TMemoryManagement::CreateMemoryStrategy();
@@ -155,14 +160,19 @@ int main(int argc, char** argv) {
   {
     TProject project;
     for (bool lorentz : {false, true}) {
+      if (single && lorentz != singleLorentz) continue;
       const TStack s = MakeStack(project, lorentz);
-      for (int count : gSize > 64 ? std::vector<int>{64} : std::vector<int>{64, 256, kPoints}) {
-        const int first = count == kPoints ? 0 : kBand - count / 2;
-        for (int threads : all > 1 ? std::vector<int>{1, all} : std::vector<int>{1}) {
+      std::vector<int> counts = gSize > 64 ? std::vector<int>{64} : std::vector<int>{64, 256, kPoints};
+      if (single) counts = {singleWindow};
+      for (int count : counts) {
+        const int first = count == kPoints ? 0 : std::max(0, kBand - count / 2);
+        std::vector<int> threadCounts = all > 1 ? std::vector<int>{1, all} : std::vector<int>{1};
+        if (single) threadCounts = {singleThreads};
+        for (int threads : threadCounts) {
           long failedA = 0, failedB = 0;
           // The best of several alternating runs each, since the machine is shared.
           double a = 0, b = 0, aCpu = 0, bCpu = 0;
-          for (int round = 0; round < (gSize > 64 ? 3 : 5); ++round) {
+          for (int round = 0; round < (single ? 10 : gSize > 64 ? 3 : 5); ++round) {
             double perCpu = 0;
             a = std::max(a, BareCore(s, lorentz, first, count, threads, failedA, perCpu));
             aCpu = std::max(aCpu, perCpu);

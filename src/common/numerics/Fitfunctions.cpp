@@ -1480,6 +1480,8 @@ TParameterBinding TNLFitUserDefined::Settings() {
 void TNLFitUserDefined::CreateParameters() {
   Settings().ApplyLimits();
   AdjustParameterCount();
+  // A changed formula or parameter count takes effect only once compiled.
+  UserFitFunctionChanged();
 }
 
 void TNLFitUserDefined::AdjustParameterCount() {

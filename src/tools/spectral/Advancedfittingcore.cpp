@@ -24,6 +24,8 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr int64_t kResultBlock = 64;
 /// Elements a sequential reader of the result arrays holds at once.
 constexpr uint64_t kReadBuffer = 4096;
+/// Bytes of spectra a thread reads ahead of its fits.
+constexpr int64_t kReadAheadBytes = 65536;
 
 /// Frees a thread's fit data on every path.
 struct TThreadData {
@@ -78,13 +80,13 @@ std::vector<int> MaskPointIndices(const std::vector<bool>& mask) {
 // ---------------------------------------------------------------------------------------------------------
 // Result arrays
 
-TAdvancedFitResultArrays::TAdvancedFitResultArrays(int64_t spectra, int parameters)
+TAdvancedFitResultArrays::TAdvancedFitResultArrays(int64_t spectra, int parameters, bool zero)
     : Spectra(spectra), Parameters(parameters), StartValues(uint64_t(parameters), uint64_t(spectra)),
       Values(uint64_t(parameters), uint64_t(spectra)), Errors(uint64_t(parameters), uint64_t(spectra)),
       TransformedValues(uint64_t(parameters), uint64_t(spectra)),
       TransformedErrors(uint64_t(parameters), uint64_t(spectra)), ErrorInfo(uint64_t(spectra)),
       FitGood(uint64_t(spectra)) {
-  ZeroMCI();
+  if (zero) ZeroMCI();
 }
 
 int64_t TAdvancedFitResultArrays::BytesNeeded(int64_t spectra, int parameters) {
@@ -183,15 +185,33 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
 
   const int spanFirst = input.FitPoints > 0 ? input.FitPointIndex[0] : 0;
   const int spanCount = input.FitPoints > 0 ? input.FitPointIndex[input.FitPoints - 1] - spanFirst + 1 : 0;
+  // The spans of a group of spectra are read before their fits: one pass over the group's memory lets the
+  // reads overlap, where a read between two fits waits for memory every time.
+  const int64_t readAhead = std::clamp<int64_t>(
+      kReadAheadBytes / (int64_t(std::max(spanCount, 1)) * int64_t(sizeof(float))), 1, kResultBlock);
+  std::vector<float> spans(static_cast<size_t>(readAhead) * static_cast<size_t>(spanCount));
+  std::vector<char> spanRead(static_cast<size_t>(readAhead));
+  int64_t readFirst = first, readCount = 0;
   std::string message;
   int64_t done = 0;
   for (int64_t e = first; e <= last; ++e) {
     if (cancelled && cancelled()) break;
+    if (e >= readFirst + readCount) {
+      readFirst = e;
+      readCount = std::min(readAhead, last - e + 1);
+      for (int64_t k = 0; k < readCount; ++k)
+        spanRead[static_cast<size_t>(k)] =
+            input.ReadSpectrum(e + k, spanFirst, spanCount,
+                               spans.data() + static_cast<size_t>(k) * static_cast<size_t>(spanCount));
+    }
+    const auto k = static_cast<size_t>(e - readFirst);
     const size_t offset = static_cast<size_t>(inBlock * np);
     TFitFunctionErrorInfo& info = infos[static_cast<size_t>(inBlock)];
     bool ok = false;
     // Only the span of the fit points is read; FitOneSpectrum takes them by their spectral index.
-    if (input.ReadSpectrum(e, spanFirst, spanCount, s.Spectrum.data() + spanFirst)) {
+    if (spanRead[k]) {
+      const float* span = spans.data() + k * static_cast<size_t>(spanCount);
+      std::copy(span, span + spanCount, s.Spectrum.begin() + spanFirst);
       ok = FitOneSpectrum(input, data.Data, s.Spectrum.data(), s, info, message);
       std::copy(s.Start.begin(), s.Start.end(), start.begin() + std::ptrdiff_t(offset));
       std::copy(s.Values.begin(), s.Values.end(), values.begin() + std::ptrdiff_t(offset));
@@ -476,7 +496,10 @@ TAdvancedFitStatus TAdvancedFittingCore::FitAll(int64_t spectra, int spectrumLen
     return TAdvancedFitStatus::Refused;
 
   const int np = FFunction->GetNumberOfParameters();
-  auto results = std::make_unique<TAdvancedFitResultArrays>(spectra, np);
+  // Not zeroed: the fit writes every entry of every spectrum and the transformation every transformed one,
+  // and an unfinished run drops the arrays. Zeroing them first would touch all their memory once more, on
+  // this thread alone before the calculation threads start.
+  auto results = std::make_unique<TAdvancedFitResultArrays>(spectra, np, false);
   const TAdvancedFitInput input = MakeInput(spectrumLength, reader);
   std::string lastMessage;
   const bool finished = RunMultiCore("", spectra, [&](TMCC& mcc, int thread, int first, int last) {
@@ -486,7 +509,11 @@ TAdvancedFitStatus TAdvancedFittingCore::FitAll(int64_t spectra, int spectrumLen
     FitSpectrumRange(
         input, first, last, *results,
         [&] {
-          mcc.ThreadProgress[static_cast<size_t>(thread)].store(asked++, std::memory_order_relaxed);
+          // Stored now and then: the threads' counters share a cache line, and a store after every
+          // spectrum would pass it between the processors all the time.
+          if ((asked & 31) == 0)
+            mcc.ThreadProgress[static_cast<size_t>(thread)].store(asked, std::memory_order_relaxed);
+          ++asked;
           return ShouldStop(mcc);
         },
         &mcc.OverallProgress, &threadMessage);

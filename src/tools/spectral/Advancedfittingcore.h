@@ -54,8 +54,10 @@ std::vector<int> MaskPointIndices(const std::vector<bool>& mask);
 /// per-parameter arrays hold parameter p of spectrum e at p + parameters * e.
 class TAdvancedFitResultArrays {
 public:
-  /// Allocates (throws OrvexExceptionMemoryAllocation when the memory strategy refuses) and zeroes.
-  TAdvancedFitResultArrays(int64_t spectra, int parameters);
+  /// Allocates (throws OrvexExceptionMemoryAllocation when the memory strategy refuses) and, with zero,
+  /// zeroes. Without, the entries hold whatever the memory held until written: for a run that writes every
+  /// entry and drops the arrays when it doesn't finish.
+  TAdvancedFitResultArrays(int64_t spectra, int parameters, bool zero = true);
   /// Bytes the arrays of a run take.
   static int64_t BytesNeeded(int64_t spectra, int parameters);
   void ZeroMCI();

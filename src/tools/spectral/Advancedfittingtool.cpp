@@ -1,17 +1,22 @@
 #include "tools/spectral/Advancedfittingtool.h"
 
 #include "common/OrvexException.h"
+#include "common/Saveandload.h"
 #include "common/numerics/Fitfunctionmanager.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
+#include "data/Dtext.h"
 #include "project/Graphmask.h"
 #include "project/Project.h"
 #include "project/Toolregistry.h"
 #include "tools/spectral/Advancedfittingcore.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <limits>
 
 namespace {
@@ -25,6 +30,10 @@ constexpr const char* kExtractChiSqr = "Extract Chi^2";
 constexpr const char* kExtractFitFailMask = "Extract Fit Fail Mask";
 constexpr const char* kExtractFitCurves = "Extract Fit Curves";
 constexpr const char* kExtractReplica = "Extract Replica";
+constexpr const char* kParamPrecision = "Param Precision";
+constexpr const char* kPixelX = "Pixel X";
+constexpr const char* kPixelY = "Pixel Y";
+constexpr const char* kUserFitFunctionsFile = "User Fit Functions File";
 constexpr const char* kNumberOfThreads = "Number of Threads";
 
 // The functions the tool offers, in the manager's order: class name for creation, function name for
@@ -50,6 +59,147 @@ std::string Trim(const std::string& text) {
   if (first == std::string::npos) return {};
   const auto last = text.find_last_not_of(" \t\r\n");
   return text.substr(first, last - first + 1);
+}
+
+// The Function list: the standard functions by number, and by name a function of the user fit functions
+// file. A name that is none of the entries is kept as text and resolved against the file when the tool
+// is configured, so that "Function=MyPeak" may stand before or after the file on a command line (the
+// values of one set are checked before any of them is taken).
+class TFitFunctionListParameter : public TUserListParameter {
+public:
+  using TUserListParameter::TUserListParameter;
+
+  /// The name of a user function chosen; empty when a standard function is.
+  const std::string& GetUserFunctionName() const { return FUserFunctionName; }
+
+  bool CheckValueText(const std::string& text, std::string& problem) const override {
+    if (TUserListParameter::CheckValueText(text, problem)) return true;
+    if (Trim(text).empty()) return false;
+    problem.clear();
+    return true;
+  }
+  bool SetParameterFromText(const std::string& text, std::string& problem) override {
+    std::string ignored;
+    if (TUserListParameter::CheckValueText(text, ignored)) {
+      FUserFunctionName.clear();
+      return TUserListParameter::SetParameterFromText(text, problem);
+    }
+    if (Trim(text).empty()) {
+      problem = "a function name is needed";
+      return false;
+    }
+    FUserFunctionName = Trim(text);
+    return true;
+  }
+  std::string GetValueText() const override {
+    return FUserFunctionName.empty() ? TUserListParameter::GetValueText() : FUserFunctionName;
+  }
+  std::string GetParameterString() const override {
+    return FUserFunctionName.empty() ? TUserListParameter::GetParameterString() : FUserFunctionName;
+  }
+  // Stored settings keep the list's number as any list does, and a chosen user function's name in a tag
+  // of its own beside it; a load without that tag returns to the standard function of the number.
+  TTagError SaveParameter(TFileHandle file) override {
+    TTagError result = TUserListParameter::SaveParameter(file);
+    if (result >= 1 && GetSaveValue() && !FUserFunctionName.empty())
+      result = UserParameterValue::Save(file, NameTag(), FUserFunctionName);
+    return result;
+  }
+  TTagError LoadParameter(TFileHandle file, const TTagControl* parent) override {
+    FUserFunctionName.clear();
+    const TTagError result = TUserListParameter::LoadParameter(file, parent);
+    std::string name;
+    if (result >= 1 && parent && UserParameterValue::Load(file, NameTag(), *parent, name) >= 1)
+      FUserFunctionName = Trim(name);
+    return result;
+  }
+  TTagError SaveParameterToTagControl(TTagControl& parent) override {
+    TTagError result = TUserListParameter::SaveParameterToTagControl(parent);
+    if (result >= 1 && GetSaveValue() && !FUserFunctionName.empty())
+      result = UserParameterValue::Add(parent, NameTag(), FUserFunctionName);
+    return result;
+  }
+  TTagError LoadParameterFromTagControl(const TTagControl* parent) override {
+    FUserFunctionName.clear();
+    const TTagError result = TUserListParameter::LoadParameterFromTagControl(parent);
+    std::string name;
+    if (parent && UserParameterValue::Get(*parent, NameTag(), name)) FUserFunctionName = Trim(name);
+    return result;
+  }
+  TTagError SaveValueTag(TFileHandle file) override {
+    TTagError result = TUserListParameter::SaveValueTag(file);
+    if (result >= 1 && GetSaveValue() && !FUserFunctionName.empty())
+      result = UserParameterValue::Save(file, NameTag(), FUserFunctionName);
+    return result;
+  }
+  TTagError LoadValueTag(TFileHandle file, const TTagControl& parent) override {
+    FUserFunctionName.clear();
+    const TTagError result = TUserListParameter::LoadValueTag(file, parent);
+    std::string name;
+    if (result >= 1 && UserParameterValue::Load(file, NameTag(), parent, name) >= 1)
+      FUserFunctionName = Trim(name);
+    return result;
+  }
+  TTagError AddValueTag(TTagControl& parent) override {
+    TTagError result = TUserListParameter::AddValueTag(parent);
+    if (result >= 1 && GetSaveValue() && !FUserFunctionName.empty())
+      result = UserParameterValue::Add(parent, NameTag(), FUserFunctionName);
+    return result;
+  }
+  TTagError ReadValueTag(const TTagControl& parent) override {
+    FUserFunctionName.clear();
+    const TTagError result = TUserListParameter::ReadValueTag(parent);
+    std::string name;
+    if (UserParameterValue::Get(parent, NameTag(), name)) FUserFunctionName = Trim(name);
+    return result;
+  }
+
+private:
+  std::string NameTag() const { return GetName() + " User Function"; }
+  std::string FUserFunctionName;
+};
+
+// The tool's declaration: the Function list is made as the parameter above.
+class TAdvancedFittingDeclaration : public TParameterTable {
+public:
+  void CreateParameters(TUserParameterAdministrator& administrator) override {
+    int32_t id = GetFirstId();
+    for (const TParameterDeclaration& d : GetDeclarations()) {
+      std::unique_ptr<TUserParameter> parameter = CreateParameter(d, id++);
+      if (d.Name == kFunction) {
+        const auto& list = static_cast<const TUserListParameter&>(*parameter);
+        auto function = std::make_unique<TFitFunctionListParameter>(
+            list.GetId(), list.GetName(), list.GetCaption(), list.GetDescription(), list.GetDefaultValue());
+        for (const auto& [text, number] : list.GetDescriptionsAndNumbers())
+          function->AddListEntry(text, number);
+        function->SetHasLowerLimit(list.GetHasLowerLimit());
+        function->SetHasUpperLimit(list.GetHasUpperLimit());
+        function->SetLowerLimit(list.GetLowerLimit());
+        function->SetUpperLimit(list.GetUpperLimit());
+        parameter = std::move(function);
+      }
+      administrator.AddParameter(std::move(parameter));
+    }
+  }
+};
+
+// The functions of a user fit functions file; false with one line saying why it can't be used.
+bool LoadUserFitFunctions(const std::string& fileName, TFitFunctionManager& manager, std::string& error) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(fileName, ec)) {
+    error = "\"" + fileName + "\" is no file";
+    return false;
+  }
+  const TTagError e = manager.LoadUserFitFunctionsFromTagFile(fileName);
+  if (e == teWrongFileIdentification) {
+    error = "\"" + fileName + "\" is no user fit functions file (ORX_UFIT with OrvexUserFitFunctions)";
+    return false;
+  }
+  if (e < 1) {
+    error = "\"" + fileName + "\" can't be read (" + GetTagErrorName(e) + ")";
+    return false;
+  }
+  return true;
 }
 
 // Items of a list separated by ';' or line breaks, trimmed, empty ones dropped.
@@ -154,21 +304,59 @@ bool Configure(const TUserParameterAdministrator& parameters, TAdvancedFittingCo
   if (!function || !settings || !rows)
     throw OrvexException("TAdvancedFittingToolForm::Configure(): parameters are missing");
   const auto& offered = OfferedFunctions();
-  const int index = function->GetParameter();
+  std::unique_ptr<TFitFunction> fit;
+  // The user's functions, when a file is given; they join the list after the standard ones.
+  TFitFunctionManager user;
+  std::string fileName;
+  if (const auto* file = Find<TUserStringParameter>(parameters, kUserFitFunctionsFile))
+    fileName = Trim(file->GetParameter());
+  parameter = kUserFitFunctionsFile;
+  if (!fileName.empty() && !LoadUserFitFunctions(fileName, user, error)) return false;
   parameter = kFunction;
-  if (index < 0 || index >= static_cast<int>(offered.size())) {
-    error = "no function number " + std::to_string(index);
-    return false;
-  }
-  auto fit = TFitFunctionManager::CreateFitFunctionByClassName(offered[static_cast<size_t>(index)].ClassName);
-  if (!fit) {
-    error = "the function \"" + offered[static_cast<size_t>(index)].FunctionName + "\" can't be made";
-    return false;
+  const auto* list = dynamic_cast<const TFitFunctionListParameter*>(function);
+  const std::string userName = list ? list->GetUserFunctionName() : std::string();
+  if (!userName.empty()) {
+    std::string known;
+    for (const TOfferedFunction& f : offered) known += (known.empty() ? "" : ", ") + f.FunctionName;
+    for (int i = 0; i < user.GetCount() && !fit; ++i) {
+      const TFitFunction& f = *user.GetFitFunction(i);
+      known += ", " + f.FunctionName;
+      if (f.FunctionName == userName) fit = TFitFunctionManager::CloneFitFunction(f);
+    }
+    if (!fit) {
+      error = "no fit function \"" + userName + "\"" +
+              (fileName.empty() ? std::string(" (no User Fit Functions File is given)") : std::string()) +
+              " (known: " + known + ")";
+      return false;
+    }
+  } else {
+    const int index = function->GetParameter();
+    if (index < 0 || index >= static_cast<int>(offered.size())) {
+      error = "no function number " + std::to_string(index);
+      return false;
+    }
+    fit = TFitFunctionManager::CreateFitFunctionByClassName(offered[static_cast<size_t>(index)].ClassName);
+    if (!fit) {
+      error = "the function \"" + offered[static_cast<size_t>(index)].FunctionName + "\" can't be made";
+      return false;
+    }
   }
   parameter = kFunctionSettings;
-  const TUserParameterProblems problems = fit->SetSettingsFromText(SplitItems(settings->GetParameter()));
+  // Without settings the function stays as made or loaded: a user function keeps its stored rows.
+  const std::vector<std::string> assignments = SplitItems(settings->GetParameter());
+  const TUserParameterProblems problems =
+      assignments.empty() ? TUserParameterProblems() : fit->SetSettingsFromText(assignments);
   if (!problems.empty()) {
     error = problems.front().Parameter + ": " + problems.front().Message;
+    return false;
+  }
+  if (auto* formula = dynamic_cast<TNLFitUserDefined*>(fit.get()); formula && !formula->IsUsable()) {
+    const TFormelParser& parser = formula->Parser();
+    std::string message = parser.GetMessage();
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
+    error = "the formula \"" + formula->FitFunctionString + "\" of \"" + formula->FunctionName +
+            "\" can't be read" + (message.empty() ? std::string() : ": " + message);
+    parameter = userName.empty() ? kFunctionSettings : kFunction;
     return false;
   }
   core.SetFunction(std::move(fit));
@@ -222,12 +410,13 @@ bool ApplyFitParameterText(const std::string& text, TAdvancedFittingCore& core, 
 }
 
 TParameterTable& TAdvancedFittingToolForm::Declaration() {
-  static TParameterTable table = [] {
-    TParameterTable t;
+  static TAdvancedFittingDeclaration table = [] {
+    TAdvancedFittingDeclaration t;
     std::vector<TParameterChoice> choices;
     int number = 0;
     for (const TOfferedFunction& f : OfferedFunctions()) choices.push_back({f.FunctionName, number++});
-    t.AddList(kFunction, "Function", 0, choices).SetDescription("The fit function");
+    t.AddList(kFunction, "Function", 0, choices)
+        .SetDescription("The fit function; or by name one of the User Fit Functions File");
     t.AddString(kFunctionSettings, "Function Settings", "")
         .SetDescription("The function's own settings: \"name=value\" items separated by ';'");
     t.AddString(kFitParameters, "Fit Parameters", "")
@@ -246,6 +435,14 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
         .SetDescription("Extract also makes the fitted curves");
     t.AddBool(kExtractReplica, "Extract Replica", false)
         .SetDescription("With the curves, one more curve graph per part of a composite function");
+    t.AddInt(kParamPrecision, "Param Precision:", 6)
+        .SetLimits(2, 12)
+        .SetDescription("Significant digits of the values in the text of a fitted spectrum");
+    t.AddInt(kPixelX, "Pixel X", 0).SetLowerLimit(0).SetDescription("The spectrum fitted by Extract");
+    t.AddInt(kPixelY, "Pixel Y", 0).SetLowerLimit(0);
+    t.AddString(kUserFitFunctionsFile, "User Fit Functions File", "")
+        .SetDescription(
+            "A user fit functions file (ORX_UFIT) whose functions join the Function list by name");
     t.AddInt(kNumberOfThreads, "Number of Threads", -1)
         .SetLimits(-1, 1024)
         .SetDescription("-1: as many as allowed")
@@ -298,33 +495,47 @@ bool TAdvancedFittingToolForm::DoCommand(const std::string& name) {
   const bool curvesOnly = name == kExtractCurves;
   if (!curvesOnly && name != kExtract && name != kExtractAll) return false;
   TProject& project = *GetProject();
-  // Extract fits the first input, Extract All every input.
+  // Extract fits the spectrum at Pixel X, Pixel Y of the first input; Extract All (or a run on all) every
+  // spectrum of every input, a graph of one spectrum by the same route as Extract. Extract Curves makes the
+  // curves of every spectrum of the first input.
+  const bool allSpectra = name == kExtractAll || IsRunAll();
   TIntList inputs = GetInitIDs();
-  if (!IsRunAll() && inputs.size() > 1) inputs.resize(1);
+  if (!allSpectra && inputs.size() > 1) inputs.resize(1);
   SetRunInputIDs(inputs);
   FFailedFits = 0;
   std::string report;
+  std::vector<std::string> json;
   for (int32_t id : inputs) {
     const auto* graph = dynamic_cast<const TDGraph*>(project.FindData(id));
     if (!graph)
       throw OrvexException(GetDialogName() + ": the object of ID " + std::to_string(id) + " is no graph");
+    if (!curvesOnly && (!allSpectra || graph->GetNumberOfSpectra() == 1)) {
+      const int32_t x = allSpectra ? 0 : GetIntParameter(kPixelX);
+      const int32_t y = allSpectra ? 0 : GetIntParameter(kPixelY);
+      json.push_back(FitPoint(*graph, x, y, report));
+      continue;
+    }
     if (!FitGraph(*graph, !curvesOnly, curvesOnly || GetBoolParameter(kExtractFitCurves), report))
       return false;
   }
   SetReport(report);
+  // One fitted spectrum reports as one object, several as a list.
+  if (json.size() == 1) {
+    SetReportJson(json.front());
+  } else if (!json.empty()) {
+    std::string list;
+    for (const std::string& item : json) list += (list.empty() ? "[" : ",") + item;
+    SetReportJson(list + "]");
+  }
   return true;
 }
 
-bool TAdvancedFittingToolForm::FitGraph(const TDGraph& graph, bool images, bool curves, std::string& report) {
+void TAdvancedFittingToolForm::ConfigureForGraph(const TDGraph& graph, TAdvancedFittingCore& core) const {
   TProject& project = *GetProject();
   const std::string name = "\"" + graph.GetCaption() + "\" (ID " + std::to_string(graph.GetID()) + ")";
-  TAdvancedFittingCore core;
   std::string error;
   if (!ConfigureCore(core, error)) throw OrvexException(GetDialogName() + ": " + error);
   core.ExternalCancel = ExternalCancel;
-  // The memory check counts the curves only when they are made.
-  core.ExtractFitCurves = curves;
-
   TGraphMaskAxis axis;
   if (!GetGraphMaskAxis(project, graph.GetID(), "", axis, error))
     throw OrvexException(GetDialogName() + ": " + name + ": " + error);
@@ -338,6 +549,15 @@ bool TAdvancedFittingToolForm::FitGraph(const TDGraph& graph, bool images, bool 
   }
   core.SetAxis(axis.Values);
   core.SetFitMask(mask);
+}
+
+bool TAdvancedFittingToolForm::FitGraph(const TDGraph& graph, bool images, bool curves, std::string& report) {
+  TProject& project = *GetProject();
+  const std::string name = "\"" + graph.GetCaption() + "\" (ID " + std::to_string(graph.GetID()) + ")";
+  TAdvancedFittingCore core;
+  ConfigureForGraph(graph, core);
+  // The memory check counts the curves only when they are made.
+  core.ExtractFitCurves = curves;
 
   std::string message;
   const TAdvancedFitStatus status = core.FitAll(graph, message);
@@ -362,6 +582,127 @@ bool TAdvancedFittingToolForm::FitGraph(const TDGraph& graph, bool images, bool 
             core.GetFunction()->FunctionName + " on " + std::to_string(core.GetNumberOfFitPoints()) +
             " points, " + std::to_string(core.GetNumberOfFailedFits()) + " failed\n";
   return true;
+}
+
+std::string TAdvancedFittingToolForm::FitPoint(const TDGraph& graph, int32_t x, int32_t y,
+                                               std::string& report) {
+  TProject& project = *GetProject();
+  const std::string name = "\"" + graph.GetCaption() + "\" (ID " + std::to_string(graph.GetID()) + ")";
+  if (x < 0 || y < 0 || x >= graph.GetSizeX() || y >= graph.GetSizeY())
+    throw OrvexException(GetDialogName() + ": Pixel X " + std::to_string(x) + ", Pixel Y " +
+                         std::to_string(y) + " lie outside " + name + " (0.." +
+                         std::to_string(graph.GetSizeX() - 1) + ", 0.." +
+                         std::to_string(graph.GetSizeY() - 1) + ")");
+  TAdvancedFittingCore core;
+  ConfigureForGraph(graph, core);
+  TAdvancedFitPointResult result;
+  std::string message;
+  const int64_t element = int64_t(y) * graph.GetSizeX() + x;
+  if (core.FitSpectrum(graph, element, result, message) == TAdvancedFitStatus::Refused)
+    throw OrvexException(GetDialogName() + ": " + name + ": " + message);
+  FFailedFits += result.FitOK ? 0 : 1;
+
+  std::vector<std::string> names;
+  for (int i = 0; i < core.GetFunction()->GetNumberOfParameters(); ++i)
+    names.push_back(core.UserParameterName(i));
+  const std::string text = FormatAdvancedFitPointResult(names, result, GetIntParameter(kParamPrecision));
+  const std::string where = "Pixel " + std::to_string(x) + ", " + std::to_string(y);
+  if (GetInitIDs().size() > 1 || !report.empty()) report += "# " + name + " " + where + "\n";
+  report += text;
+
+  auto textData = std::make_unique<TDText>();
+  textData->SetID(project.GetNewDataID());
+  textData->SetCaption(graph.GetCaption() + core.CaptionSuffix(where));
+  textData->SetText(text);
+  AddResult(std::move(textData));
+  if (GetBoolParameter(kExtractFitCurves)) {
+    // The fitted curve on the input's axis, NaN when the fit failed.
+    TResultInfo info;
+    info.CaptionSuffix = core.CaptionSuffix("Curve");
+    info.HistoryText = std::string(TAdvancedFittingCore::kToolName) + ": Fit " +
+                       core.GetFunction()->FunctionName + ", " + where;
+    auto curve = TDGraph::CreateResultGraph(project, graph.GetID(), true, TDataFieldKind::Float, info);
+    if (!curve) throw OrvexException(GetDialogName() + ": " + name + ": the curve graph can't be made");
+    const std::vector<double>& axis = core.GetAxis();
+    std::vector<float> values(static_cast<size_t>(graph.GetSizeGraph()),
+                              std::numeric_limits<float>::quiet_NaN());
+    if (result.FitOK)
+      for (size_t g = 0; g < values.size(); ++g)
+        values[g] = SafeDoubleToFloat(core.GetFunction()->GetFunctionValue(
+            result.NativeValues.data(), g < axis.size() ? axis[g] : static_cast<double>(g)));
+    curve->SetSpectrumOfElement(0, values.data());
+    curve->SetAllLinesValid();
+    AddResult(std::move(curve));
+  }
+  return AdvancedFitPointResultJson(names, result);
+}
+
+namespace {
+
+std::string Digits(double value, int digits) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*g", digits, value);
+  return text;
+}
+
+std::string JsonNumber(double value) {
+  return std::isfinite(value) ? Digits(value, 17) : std::string("null");
+}
+
+std::string JsonString(const std::string& text) {
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      out += escaped;
+    } else {
+      out += c;
+    }
+  }
+  return out + "\"";
+}
+
+} // namespace
+
+std::string FormatAdvancedFitPointResult(const std::vector<std::string>& names,
+                                         const TAdvancedFitPointResult& result, int precision) {
+  const int digits = std::clamp(precision, 2, 12);
+  std::string text;
+  for (size_t i = 0; i < names.size(); ++i) {
+    text += names[i] + " ";
+    if (result.FitOK && i < result.Values.size() && i < result.Errors.size())
+      text += Digits(result.Values[i], digits) + " " + Digits(result.Errors[i], digits) + "\n";
+    else
+      text += "-------- --------\n";
+  }
+  text += "chi2 " + (result.FitOK ? Digits(result.ChiSqr, digits) : std::string("--------")) + "\n";
+  for (const auto& [label, value] : AdvancedFitStatisticsText(result, digits))
+    text += label + " " + value + "\n";
+  return text + "status " + result.Message + "\n";
+}
+
+std::string AdvancedFitPointResultJson(const std::vector<std::string>& names,
+                                       const TAdvancedFitPointResult& result) {
+  auto value = [&](const std::vector<double>& v, size_t i) {
+    return result.FitOK && i < v.size() ? JsonNumber(v[i]) : std::string("null");
+  };
+  std::string json = "{\"parameters\":[";
+  for (size_t i = 0; i < names.size(); ++i)
+    json += std::string(i ? "," : "") + "{\"name\":" + JsonString(names[i]) +
+            ",\"value\":" + value(result.Values, i) + ",\"error\":" + value(result.Errors, i) + "}";
+  json += "],\"chi2\":" + (result.FitOK ? JsonNumber(result.ChiSqr) : std::string("null"));
+  json += ",\"chi2PerDoF\":" + (result.FitOK ? JsonNumber(result.ChiSqrPerDoF) : std::string("null"));
+  json += ",\"points\":" + std::to_string(result.DataPoints);
+  json += ",\"dof\":" + std::to_string(result.DegreesOfFreedom);
+  json += ",\"averageError\":" + (result.FitOK ? JsonNumber(result.AverageError) : std::string("null"));
+  json += ",\"r2\":" + (result.FitOK ? JsonNumber(result.RSquared) : std::string("null"));
+  json += ",\"status\":" + JsonString(result.FitOK ? "ok" : "failed");
+  json += ",\"message\":" + JsonString(result.Message) + "}";
+  return json;
 }
 
 void RegisterAdvancedFittingTool(TToolRegistry& registry) {

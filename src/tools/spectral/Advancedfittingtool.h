@@ -21,6 +21,18 @@ class IProgressAndCancel;
 class TDGraph;
 class TToolRegistry;
 
+struct TAdvancedFitPointResult;
+
+/// The text of one fitted spectrum, as `orvex fit` prints a fit: "name value error" per parameter (user
+/// form, precision significant digits), "chi2", the statistics lines and "status" with the fit's message.
+std::string FormatAdvancedFitPointResult(const std::vector<std::string>& names,
+                                         const TAdvancedFitPointResult& result, int precision);
+/// The same as JSON: {"parameters":[{"name","value","error"}],"chi2","chi2PerDoF","points","dof",
+/// "averageError","r2","status","message"}; full precision, null for numbers that aren't finite; status
+/// "ok" or "failed".
+std::string AdvancedFitPointResultJson(const std::vector<std::string>& names,
+                                       const TAdvancedFitPointResult& result);
+
 /// Applies the row assignments of a "Fit Parameters" text to the core's rows. False with one line naming
 /// the row or column when an assignment can't be read or names no row of the current function.
 bool ApplyFitParameterText(const std::string& text, TAdvancedFittingCore& core, std::string& error);
@@ -56,8 +68,13 @@ protected:
   bool DoCommand(const std::string& name) override;
 
 private:
+  /// ConfigureCore, then the fit mask and the spectral axis of graph; throws naming what is wrong.
+  void ConfigureForGraph(const TDGraph& graph, TAdvancedFittingCore& core) const;
   /// Fits one input graph and hands its images (and curves) to the frame; false after a cancel.
   bool FitGraph(const TDGraph& graph, bool images, bool curves, std::string& report);
+  /// Fits the spectrum at x, y alone: its values, errors and statistics as a text object (and the fitted
+  /// curve with Extract Fit Curves); appends the text to report and returns it as JSON.
+  std::string FitPoint(const TDGraph& graph, int32_t x, int32_t y, std::string& report);
 
   int64_t FFailedFits = 0;
 };

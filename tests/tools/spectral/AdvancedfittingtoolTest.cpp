@@ -76,7 +76,7 @@ TEST_F(AdvancedFittingToolTest, GaussStackGivesItsMapsWithAReplayableHistory) {
           .SetParameterValuesFromText({"Fit Mask=20:110 px", "Data Reduction=2",
                                        "Fit Parameters=y0|Extract Error=false; Amp|Extract Value=false"})
           .empty());
-  const TIntList ids = tool.RunNonInteractive(FProject, {graph->GetID()}, "Extract", false);
+  const TIntList ids = tool.RunNonInteractive(FProject, {graph->GetID()}, "Extract All", false);
   // Four values less one, four errors less one, chi-square and fail mask.
   ASSERT_EQ(ids.size(), 3u + 3u + 2u);
   EXPECT_EQ(tool.GetNumberOfFailedFits(), 0);
@@ -197,7 +197,7 @@ TEST_F(AdvancedFittingToolTest, CancelAddsNothingAndCurvesHaveTheirOwnCommand) {
   tool.ExternalCancel = &cancel;
   const TIntList inputs{graph->GetID()};
   tool.Init(&inputs, nullptr, &FProject);
-  EXPECT_FALSE(tool.ExecuteCommand("Extract"));
+  EXPECT_FALSE(tool.ExecuteCommand("Extract All"));
   EXPECT_TRUE(tool.GetLastResultIDs().empty());
   EXPECT_GT(cancel.Questions(), 0);
   tool.CleanUp();
