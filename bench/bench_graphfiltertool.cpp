@@ -8,8 +8,8 @@
 #include "data/Graphfilter.h"
 #include "data/Registerdata.h"
 #include "project/Demodataset.h"
+#include "project/Filterextraction.h"
 #include "project/Project.h"
-#include "tools/spectral/Filterextraction.h"
 #include "tools/spectral/Filterextracttools.h"
 #include "tools/spectral/Graphfilterdialog.h"
 

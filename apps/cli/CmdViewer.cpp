@@ -144,18 +144,28 @@ void RunViewer(CliContext& ctx, const TViewerOptions& o) {
   if (dynamic_cast<TVStoredViewer*>(viewer))
     throw CliError(kExitFailure, "viewer " + std::to_string(o.Index) + " is of class " +
                                      viewer->GetClassNameA() + ", which this program doesn't build");
-  if (o.Extract)
-    throw CliError(kExitFailure, "nothing to extract from viewer " + std::to_string(o.Index) + " (" +
-                                     viewer->GetClassNameA() + " makes no objects)");
   ApplySettings(*viewer, o.Settings);
+  TIntList extracted;
+  if (o.Extract) {
+    std::string reason;
+    extracted = viewer->ExtractViewerObjects(reason);
+    if (extracted.empty())
+      throw CliError(kExitFailure,
+                     "nothing to extract from viewer " + std::to_string(o.Index) + " (" + reason + ")");
+  }
   if (!o.Out.empty()) SaveProjectOrDataFile(project, o.Out, false);
   json description = DescribeViewer(project, static_cast<size_t>(o.Index));
   description["settings"] = DescribeSettings(*viewer);
+  if (o.Extract) description["extracted"] = extracted;
   if (o.Json) {
     std::cout << description.dump(2) << "\n";
     return;
   }
   PrintViewer(description, false);
+  for (int32_t id : extracted)
+    if (const TData* data = project.FindData(id))
+      std::cout << "  extracted " << id << "  " << data->GetClassNameA() << "  \"" << data->GetCaption()
+                << "\"\n";
   for (const auto& setting : description["settings"]) {
     std::cout << "  " << setting["name"].get<std::string>() << " (" << setting["kind"].get<std::string>()
               << ")";

@@ -43,9 +43,16 @@ void TData::DoDataChange(TDataChangeInfo info) {
     FPendingDataChange = true;
     return;
   }
+  if (FExchange && FExchange->HasReaders() && !FExchange->HasWriter())
+    FExchange->Mark([](TDataExchangeStruct& exchange) { exchange.MarkAll(); });
   if (FOnDataChange) FOnDataChange(this, info);
   FPendingDataChange = false;
   AfterOnDataChange();
+}
+
+TDataExchangeHolder& TData::DataExchange() {
+  if (!FExchange) FExchange = std::make_unique<TDataExchangeHolder>();
+  return *FExchange;
 }
 
 void TData::SetAutoDataChange(bool on) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "common/Tagcontrol.h"
+#include "data/Dataexchange.h"
 
 #include <array>
 #include <cstdint>
@@ -181,6 +182,20 @@ public:
   void SetProgress(IProgressAndCancel* progress) { FProgress = progress; }
   int32_t GetVersion() const { return FVersion; }
 
+  /// @{ Data exchange with a measurement: one writer marks the pixels it changed, readers take the marks
+  /// (see TDataExchangeHolder). A second writer raises OrvexException. A data change (3) of an object with
+  /// readers but no writer marks every pixel changed, since the change doesn't say which pixels it touched.
+  void RegisterDataWriter(const void* writer) { DataExchange().RegisterWriter(writer); }
+  void UnRegisterDataWriter(const void* writer) { DataExchange().UnRegisterWriter(writer); }
+  void RegisterDataReader(const void* reader, std::function<void()> wake) {
+    DataExchange().RegisterReader(reader, std::move(wake));
+  }
+  void UnRegisterDataReader(const void* reader) { DataExchange().UnRegisterReader(reader); }
+  /// The object's exchange, made on first use (on the main thread, before readers' threads run).
+  TDataExchangeHolder& DataExchange();
+  bool HasDataExchange() const { return FExchange != nullptr; }
+  /// @}
+
   /// Adds delta to a referenced ID unless it is 0, so that a missing reference stays missing.
   static void SafeAddToDataID(int32_t& id, int32_t delta) {
     if (id != 0) id += delta;
@@ -213,6 +228,7 @@ private:
   IProgressAndCancel* FProgress = nullptr;
   TDataChangeCallback FOnDataChange;
   int32_t FVersion = 0;
+  std::unique_ptr<TDataExchangeHolder> FExchange;
   std::string FCaption;
   bool FAutoDataChange = true;
   int32_t FID = 0;

@@ -4,6 +4,7 @@
 #include "frame/Qtglyphrasterizer.h"
 #include "opengl/Openglview.h"
 
+#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QOpenGLContext>
 #include <QOpenGLFramebufferObject>
@@ -29,6 +30,7 @@ QSurfaceFormat OpenGLViewSurfaceFormat() {
 TQtOpenGLWidget::TQtOpenGLWidget(TOpenGLView* view, QWidget* parent) : QOpenGLWidget(parent), FView(view) {
   setFormat(OpenGLViewSurfaceFormat());
   setMouseTracking(true);
+  setFocusPolicy(Qt::StrongFocus);
   setMinimumSize(50, 50);
   // Changes within the delay make one repaint.
   FRepaintTimer.setSingleShot(true);
@@ -193,4 +195,57 @@ void TQtOpenGLWidget::wheelEvent(QWheelEvent* event) {
   const qreal r = devicePixelRatioF();
   FView->MouseWheel(static_cast<int>(event->position().x() * r), static_cast<int>(event->position().y() * r),
                     event->angleDelta().y() / 120.0, ShiftOf(event->modifiers()));
+}
+
+void TQtOpenGLWidget::keyPressEvent(QKeyEvent* event) {
+  if (!FView) return QOpenGLWidget::keyPressEvent(event);
+  TOpenGLKey key = TOpenGLKey::Character;
+  switch (event->key()) {
+  case Qt::Key_Left:
+    key = TOpenGLKey::Left;
+    break;
+  case Qt::Key_Right:
+    key = TOpenGLKey::Right;
+    break;
+  case Qt::Key_Up:
+    key = TOpenGLKey::Up;
+    break;
+  case Qt::Key_Down:
+    key = TOpenGLKey::Down;
+    break;
+  case Qt::Key_PageUp:
+    key = TOpenGLKey::PageUp;
+    break;
+  case Qt::Key_PageDown:
+    key = TOpenGLKey::PageDown;
+    break;
+  case Qt::Key_Home:
+    key = TOpenGLKey::Home;
+    break;
+  case Qt::Key_End:
+    key = TOpenGLKey::End;
+    break;
+  case Qt::Key_F5:
+    key = TOpenGLKey::F5;
+    break;
+  case Qt::Key_F6:
+    key = TOpenGLKey::F6;
+    break;
+  case Qt::Key_Delete:
+    key = TOpenGLKey::Delete;
+    break;
+  case Qt::Key_Escape:
+    key = TOpenGLKey::Escape;
+    break;
+  case Qt::Key_Return:
+  case Qt::Key_Enter:
+    key = TOpenGLKey::Return;
+    break;
+  default:
+    break;
+  }
+  const QString text = event->text();
+  const int character = key == TOpenGLKey::Character ? (text.isEmpty() ? 0 : text.at(0).unicode()) : 0;
+  if (key == TOpenGLKey::Character && character == 0) return QOpenGLWidget::keyPressEvent(event);
+  if (!FView->KeyDown(key, character, ShiftOf(event->modifiers()))) QOpenGLWidget::keyPressEvent(event);
 }

@@ -1,10 +1,12 @@
 // The window of a viewer.
 #include "frame/Qtviewerwindow.h"
 
+#include "frame/Qtfilterviewer.h"
 #include "frame/Qtopenglwidget.h"
 #include "frame/Qtparampanel.h"
 #include "opengl/Openglview.h"
 #include "project/Project.h"
+#include "viewers/Vfilter.h"
 #include "viewers/Vtext.h"
 
 #include <QCloseEvent>
@@ -37,6 +39,8 @@ TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
     // A graphic viewer draws its scene in a rendering widget.
     FGLWidget = new TQtOpenGLWidget(&owner->GetOpenGLView(), splitter);
     FGLWidget->setObjectName("OpenGLView");
+  } else if (auto* filters = dynamic_cast<TVFilterForm*>(viewer)) {
+    FFilterPanel = new TQtFilterViewerPanel(*filters, splitter);
   } else {
     auto* label = new QLabel(QString::fromStdString(viewer->GetClassNameA()), splitter);
     label->setAlignment(Qt::AlignCenter);
@@ -65,6 +69,7 @@ void TQtViewerWindow::UpdateView() {
     font.setPointSize(text->GetFontSize());
     FText->setFont(font);
   }
+  if (FFilterPanel) FFilterPanel->Refresh();
   if (FPanel) FPanel->Refresh();
 }
 

@@ -11,6 +11,7 @@
 class TVCustomForm;
 class TQtParamPanel;
 class TQtOpenGLWidget;
+class TQtFilterViewerPanel;
 class QPlainTextEdit;
 
 class TQtViewerWindow : public QWidget, public IViewerWindow {
@@ -56,4 +57,5 @@ private:
   QPlainTextEdit* FText = nullptr;
   TQtOpenGLWidget* FGLWidget = nullptr;
   TQtParamPanel* FPanel = nullptr;
+  TQtFilterViewerPanel* FFilterPanel = nullptr;
 };

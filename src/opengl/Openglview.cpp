@@ -709,8 +709,13 @@ void TOpenGLView::MouseUp(int x, int y, TOpenGLMouseButton button, TOpenGLShiftS
   FDragging = false;
 }
 
-void TOpenGLView::MouseWheel(int x, int y, double steps, TOpenGLShiftState /*shift*/) {
+bool TOpenGLView::KeyDown(TOpenGLKey key, int character, TOpenGLShiftState shift) {
+  return OnKeyDown && OnKeyDown(key, character, shift);
+}
+
+void TOpenGLView::MouseWheel(int x, int y, double steps, TOpenGLShiftState shift) {
   if (steps == 0) return;
+  if (OnMouseWheel && OnMouseWheel(x, y, steps, shift)) return;
   const double factor = std::pow(1.25, -steps); // < 1 zooms in
   if (FProjectionType == TOpenGLProjectionType::Perspective) {
     FCamera.MoveInViewLine(FCamera.LookDistance * (1 - factor));

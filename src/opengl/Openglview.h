@@ -141,6 +141,23 @@ enum TOpenGLFeature : uint32_t {
 
 enum class TOpenGLMouseMode { None, Rotate, Move, Zoom, Select };
 enum class TOpenGLMouseButton { Left, Middle, Right };
+/// The keys a view passes on to its owner; letters and digits come as Character with their code.
+enum class TOpenGLKey {
+  Left,
+  Right,
+  Up,
+  Down,
+  PageUp,
+  PageDown,
+  Home,
+  End,
+  F5,
+  F6,
+  Delete,
+  Escape,
+  Return,
+  Character
+};
 
 /// The shift keys held with a mouse event.
 struct TOpenGLShiftState {
@@ -312,6 +329,12 @@ public:
   std::function<void(int, int, TOpenGLMouseButton, TOpenGLShiftState)> OnMouseUp;
   /// A click in select mode: the objects hit (nearest first).
   std::function<void(const std::vector<TOpenGLHit>&)> OnSelect;
+  /// Asked first about a wheel turn: true when the owner handled it (the camera then stays).
+  std::function<bool(int, int, double, TOpenGLShiftState)> OnMouseWheel;
+  /// A key pressed while the view has the focus; character is the key's code for TOpenGLKey::Character.
+  /// Returns whether the key was used.
+  bool KeyDown(TOpenGLKey key, int character, TOpenGLShiftState shift);
+  std::function<bool(TOpenGLKey, int, TOpenGLShiftState)> OnKeyDown;
   /// @}
 
   /// Draws the scene offscreen at scale times the window's size (line widths, point sizes and 2D text

@@ -8,6 +8,7 @@
 
 #include "common/threads/Multicorecalc.h"
 #include "common/threads/Progressandcancel.h"
+#include "data/Dcursor.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
@@ -380,8 +381,32 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   text->SetText(DemoDescription(model));
   ids.Description = text->GetID();
   project.AddData(std::move(text));
-  // The description opens in a text viewer when the viewer classes are registered.
-  const TRegisteredViewer* viewer = TVCustomForm::GetRegisteredViewer("TVTextForm");
-  if (viewer && viewer->ShowViewer) viewer->ShowViewer(project, {ids.Description});
+  // The shared space cursor stands at the centre pixel of the map, so that the viewers open on a spectrum
+  // in the middle of the scan and the image shows where it comes from.
+  const bool browsable = TVCustomForm::GetRegisteredViewer("TVMultiGraphForm") ||
+                         TVCustomForm::GetRegisteredViewer("TVImageForm");
+  if (auto* cursor = !browsable ? nullptr
+                                : dynamic_cast<TDCursor*>(project.FindData(
+                                      project.MakeOrGetFirstIDByClassName("TDSpaceCursor")))) {
+    const auto* spaceTransformation =
+        dynamic_cast<const TDSpaceTransformation*>(project.FindData(ids.SpaceTransformation));
+    const double bin[3] = {static_cast<double>(model.Options.SizeX / 2),
+                           static_cast<double>(model.Options.SizeY / 2), 0.0};
+    double world[3] = {bin[0], bin[1], 0.0};
+    if (spaceTransformation) spaceTransformation->BinToReal(bin, world);
+    cursor->SetPosition(0, world[0]);
+    cursor->SetPosition(1, world[1]);
+  }
+  // The description opens in a text viewer, the map in a graph viewer and the topography in an image viewer,
+  // when the viewer classes are registered.
+  const auto show = [&project](const char* className, int32_t id) {
+    const TRegisteredViewer* viewer = TVCustomForm::GetRegisteredViewer(className);
+    if (viewer && viewer->ShowViewer && viewer->IsInputIDListOkayForShowViewer &&
+        viewer->IsInputIDListOkayForShowViewer(project, {id}))
+      viewer->ShowViewer(project, {id});
+  };
+  show("TVTextForm", ids.Description);
+  show("TVMultiGraphForm", ids.Map);
+  show("TVImageForm", ids.Topography);
   return ids;
 }

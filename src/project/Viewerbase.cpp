@@ -143,11 +143,19 @@ void TVCustomForm::SetPostCaption(const std::string& caption) {
 
 void TVCustomForm::AttachWindow(IViewerWindow* window) {
   if (FWindow && !window) FPlacement = FWindow->GetViewerPlacement();
+  const bool had = FWindow != nullptr;
   FWindow = window;
-  if (!FWindow) return;
-  FWindow->SetViewerCaption(GetCaption());
-  FWindow->SetViewerPlacement(FPlacement);
-  FWindow->SetCloseEnabled(FCustomFormCanClose);
+  if (FWindow) {
+    FWindow->SetViewerCaption(GetCaption());
+    FWindow->SetViewerPlacement(FPlacement);
+    FWindow->SetCloseEnabled(FCustomFormCanClose);
+  }
+  if (had != (FWindow != nullptr)) WindowAttached(FWindow != nullptr);
+}
+
+TIntList TVCustomForm::ExtractViewerObjects(std::string& reason) {
+  reason = GetClassNameA() + " makes no objects";
+  return {};
 }
 
 TWindowPlacement TVCustomForm::GetPlacement() const {

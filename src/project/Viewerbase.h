@@ -82,6 +82,12 @@ public:
   virtual void DataChanged(TData* /*data*/, TDataChangeInfo /*info*/) {}
   virtual void RecieveViewerMessage(int32_t /*message*/) {}
   virtual bool IsCloseAllowed() { return true; }
+  /// The viewer got a window (attached) or lost it: viewers that calculate while shown start or stop.
+  virtual void WindowAttached(bool /*attached*/) {}
+  /// Makes the objects the viewer offers for extraction (the graph viewer's active spectrum, the image
+  /// viewer's zoom window, the filter viewer's filters), adds them to the project and returns their IDs.
+  /// Empty, with reason set, when it makes none.
+  virtual TIntList ExtractViewerObjects(std::string& reason);
 
   /// Title shown in lists and messages: the window's caption.
   virtual std::string GetTitle() const;

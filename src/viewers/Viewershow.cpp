@@ -2,6 +2,8 @@
 #include "viewers/Viewershow.h"
 
 #include "project/Project.h"
+#include "viewers/Vfilter.h"
+#include "viewers/Vfiltermanager.h"
 #include "viewers/Viewerpositioning.h"
 #include "viewers/Vtext.h"
 
@@ -47,4 +49,6 @@ void RegisterViewers() {
   // "TVProjectManagerForm" (the workbench's docked manager), "TVImageForm", "TVMultiGraphForm",
   // "TVTextForm", "TVFilterManagerForm", "TVFilterForm".
   TVTextForm::RegisterViewer();
+  TVFilterForm::RegisterViewer();
+  TVFilterManagerForm::RegisterViewer();
 }

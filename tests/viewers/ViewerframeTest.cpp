@@ -81,6 +81,7 @@ std::string WriteFrameGroup(const oxtest::TempDir& dir,
 
 class ViewerRegistryTest : public ::testing::Test {
 protected:
+  void SetUp() override { TVCustomForm::DeleteRegisteredViewerList(); }
   void TearDown() override { TVCustomForm::DeleteRegisteredViewerList(); }
 };
 

@@ -5,57 +5,12 @@
 #include "data/Dgraph.h"
 #include "data/Dtext.h"
 #include "data/Graphfilter.h"
+#include "project/Filterextraction.h"
 #include "project/Project.h"
+#include "project/Quickfilterfile.h"
 #include "project/Toolregistry.h"
-#include "tools/spectral/Filterextraction.h"
-#include "tools/spectral/Quickfilterfile.h"
 
 #include <sstream>
-
-namespace {
-
-std::string GraphName(const TDGraph& graph) {
-  return "graph \"" + graph.GetCaption() + "\" (ID " + std::to_string(graph.GetID()) + ")";
-}
-
-std::string NumberText(double value) {
-  std::ostringstream text;
-  text.precision(10);
-  text << value;
-  return text.str();
-}
-
-// Says why a filter can't run on a graph; empty when it can.
-std::string RangeProblem(TGraphFilterRangeStatus status, const TGraphFilter& filter, const TDGraph& graph) {
-  const TGraphFilterInfo& info = filter.Info();
-  switch (status) {
-  case TGraphFilterRangeStatus::Inside:
-  case TGraphFilterRangeStatus::NarrowerThanStep:
-    return {};
-  case TGraphFilterRangeStatus::OffAxis: {
-    const std::vector<double>& x = filter.GetXPositions();
-    return GraphName(graph) + ": the range " + NumberText(info.FilterPosition - info.FilterWidth / 2) +
-           " to " + NumberText(info.FilterPosition + info.FilterWidth / 2) + " " +
-           filter.GetAxisUnitString() + " of FilterPosition and FilterWidth lies off the axis (" +
-           NumberText(x.front()) + " to " + NumberText(x.back()) + ")";
-  }
-  case TGraphFilterRangeStatus::NoInput:
-    return GraphName(graph) + " holds no spectra";
-  case TGraphFilterRangeStatus::BadUnit:
-    return GraphName(graph) + ": its axis has no unit UnitIndex " + std::to_string(info.UnitIndex) +
-           " of UnitKind " + std::to_string(info.UnitKind);
-  case TGraphFilterRangeStatus::BadSettings:
-    return info.Problem();
-  }
-  return "unknown range status";
-}
-
-// The caption of a result when the filter has none of its own: the graph's, with what was reduced where.
-std::string ResultCaption(const TDGraph& graph, const std::string& what, const std::string& where) {
-  return graph.GetCaption() + " (" + what + (where.empty() ? "" : " " + where) + ")";
-}
-
-} // namespace
 
 // --- The graph list --------------------------------------------------------------------------------------
 
@@ -155,37 +110,13 @@ bool TFilterViewerExtractForm::DoCommand(const std::string& name) {
   if (name != kExtract && name != kExtractAll) return false;
   const std::vector<std::unique_ptr<TGraphFilter>> templates = MakeFilters();
   TProject& project = *GetProject();
+  std::vector<const TGraphFilter*> models;
+  for (const auto& model : templates) models.push_back(model.get());
   for (TDGraph* graph : RunInputs()) {
-    std::vector<std::unique_ptr<TGraphFilter>> filters;
-    TFilterExtraction extraction(*graph);
-    for (const auto& model : templates) {
-      auto filter = model->CloneForCalculation();
-      filter->SetNewInputGraph(graph);
-      const std::string problem = RangeProblem(filter->CopyParamsForThread(), *filter, *graph);
-      if (!problem.empty()) throw OrvexException(GetDialogName() + ": " + problem);
-      extraction.AddGraphFilter(*filter);
-      filters.push_back(std::move(filter));
-    }
-    if (!extraction.Run(GetDialogName())) return false;
-    if (GetFilterResultShape(*graph) == TFilterResultShape::Values) {
-      auto text = std::make_unique<TDText>();
-      text->SetID(project.GetNewDataID());
-      text->SetCaption(graph->GetCaption() + " (Filter Values)");
-      text->SetText(extraction.MakeValuesText());
-      SetReport(GetReport() + extraction.MakeValuesText());
-      AddResult(std::move(text));
-      continue;
-    }
-    for (size_t i = 0; i < filters.size(); ++i) {
-      const TGraphFilter& filter = *filters[i];
-      const TGraphFilterInfo& info = filter.Info();
-      const std::string caption =
-          info.FilterCaption != "Unknown" && !info.FilterCaption.empty()
-              ? info.FilterCaption
-              : ResultCaption(*graph, filter.GetFilterKindCaption(),
-                              NumberText(info.FilterPosition) + " " + filter.GetAxisUnitString());
-      AddResult(extraction.CreateResultObject(project, static_cast<int32_t>(i), caption));
-    }
+    TGraphFilterResults results;
+    if (!ExtractGraphFilters(project, *graph, models, GetDialogName(), results)) return false;
+    if (!results.ValuesText.empty()) SetReport(GetReport() + results.ValuesText);
+    for (auto& object : results.Objects) AddResult(std::move(object));
   }
   return true;
 }
@@ -257,8 +188,8 @@ bool TFilterManagerExtractForm::DoCommand(const std::string& name) {
   TProject& project = *GetProject();
   const double lower = GetFloatParameter("RangeLower"), upper = GetFloatParameter("RangeUpper");
   if (!(lower <= upper))
-    throw OrvexException(GetDialogName() + ": RangeLower " + NumberText(lower) + " lies above RangeUpper " +
-                         NumberText(upper));
+    throw OrvexException(GetDialogName() + ": RangeLower " + FilterNumberText(lower) +
+                         " lies above RangeUpper " + FilterNumberText(upper));
   for (TDGraph* graph : RunInputs()) {
     std::unique_ptr<TDFilter> filter = CreateFilterOfClass(GetIntParameter("FilterClass"));
     filter->SetID(project.GetNewDataID());
@@ -269,16 +200,17 @@ bool TFilterManagerExtractForm::DoCommand(const std::string& name) {
     filter->SetIDs(graph->GetID(), graph->GetID());
     const TGraphFilterRangeStatus status = filter->PrepareCalculationForGraph(*graph);
     if (status == TGraphFilterRangeStatus::OffAxis)
-      throw OrvexException(GetDialogName() + ": " + GraphName(*graph) + ": the range " + NumberText(lower) +
-                           " to " + NumberText(upper) + " of RangeLower and RangeUpper lies off the axis");
+      throw OrvexException(GetDialogName() + ": " + FilterGraphName(*graph) + ": the range " +
+                           FilterNumberText(lower) + " to " + FilterNumberText(upper) +
+                           " of RangeLower and RangeUpper lies off the axis");
     if (status == TGraphFilterRangeStatus::BadUnit)
-      throw OrvexException(GetDialogName() + ": " + GraphName(*graph) + ": its axis has no unit UnitIndex " +
-                           std::to_string(filter->GetUnitIndex()));
+      throw OrvexException(GetDialogName() + ": " + FilterGraphName(*graph) +
+                           ": its axis has no unit UnitIndex " + std::to_string(filter->GetUnitIndex()));
     if (status != TGraphFilterRangeStatus::Inside && status != TGraphFilterRangeStatus::NarrowerThanStep)
-      throw OrvexException(GetDialogName() + ": " + GraphName(*graph) + " can't be filtered");
+      throw OrvexException(GetDialogName() + ": " + FilterGraphName(*graph) + " can't be filtered");
     const std::string className = filter->GetClassNameA();
-    filter->SetCaption(graph->GetCaption() + " (" + className.substr(2) + " " + NumberText(lower) + " to " +
-                       NumberText(upper) + ")");
+    filter->SetCaption(graph->GetCaption() + " (" + className.substr(2) + " " + FilterNumberText(lower) +
+                       " to " + FilterNumberText(upper) + ")");
     TFilterExtraction extraction(*graph);
     extraction.AddDataFilter(*filter);
     if (!extraction.Run(GetDialogName())) return false;
@@ -287,7 +219,7 @@ bool TFilterManagerExtractForm::DoCommand(const std::string& name) {
     } else {
       for (int32_t i = 0; i < extraction.GetOutputCount(); ++i) {
         std::unique_ptr<TData> target = extraction.CreateResultObject(
-            project, i, ResultCaption(*graph, extraction.GetOutputCaption(i), ""));
+            project, i, FilterResultCaption(*graph, extraction.GetOutputCaption(i), ""));
         if (!target) continue;
         filter->SetTargetID(i, target->GetID());
         AddResult(std::move(target));

@@ -1,7 +1,7 @@
 // The filter extraction engine and the two extraction tools on a demo map whose spectra are set to known
 // shapes: values per pixel against closed forms, the part-of-spectrum read against the whole read, the
 // result shapes (image, line profile, values), filter objects with their target links, and bad input.
-#include "tools/spectral/Filterextraction.h"
+#include "project/Filterextraction.h"
 
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"
@@ -14,10 +14,10 @@
 #include "data/Registerdata.h"
 #include "project/Demodataset.h"
 #include "project/Project.h"
+#include "project/Quickfilterfile.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "tools/spectral/Filterextracttools.h"
-#include "tools/spectral/Quickfilterfile.h"
 
 #include <cmath>
 #include <filesystem>

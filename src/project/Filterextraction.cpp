@@ -1,4 +1,4 @@
-#include "tools/spectral/Filterextraction.h"
+#include "project/Filterextraction.h"
 
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
@@ -7,6 +7,7 @@
 #include "data/Dfilter.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
+#include "data/Dtext.h"
 #include "data/Graphfilter.h"
 
 #include <algorithm>
@@ -218,4 +219,83 @@ std::string TFilterExtraction::MakeValuesText() const {
   for (int32_t i = 0; i < GetOutputCount(); ++i)
     text << FOutputCaptions[static_cast<size_t>(i)] << '\t' << GetValues(i)[0] << '\n';
   return text.str();
+}
+
+// --- Extraction of graph filters into result objects ------------------------------------------------
+
+std::string FilterGraphName(const TDGraph& graph) {
+  return "graph \"" + graph.GetCaption() + "\" (ID " + std::to_string(graph.GetID()) + ")";
+}
+
+std::string FilterNumberText(double value) {
+  std::ostringstream text;
+  text.precision(10);
+  text << value;
+  return text.str();
+}
+
+std::string GraphFilterRangeProblem(TGraphFilterRangeStatus status, const TGraphFilter& filter,
+                                    const TDGraph& graph) {
+  const TGraphFilterInfo& info = filter.Info();
+  switch (status) {
+  case TGraphFilterRangeStatus::Inside:
+  case TGraphFilterRangeStatus::NarrowerThanStep:
+    return {};
+  case TGraphFilterRangeStatus::OffAxis: {
+    const std::vector<double>& x = filter.GetXPositions();
+    return FilterGraphName(graph) + ": the range " +
+           FilterNumberText(info.FilterPosition - info.FilterWidth / 2) + " to " +
+           FilterNumberText(info.FilterPosition + info.FilterWidth / 2) + " " + filter.GetAxisUnitString() +
+           " of FilterPosition and FilterWidth lies off the axis (" + FilterNumberText(x.front()) + " to " +
+           FilterNumberText(x.back()) + ")";
+  }
+  case TGraphFilterRangeStatus::NoInput:
+    return FilterGraphName(graph) + " holds no spectra";
+  case TGraphFilterRangeStatus::BadUnit:
+    return FilterGraphName(graph) + ": its axis has no unit UnitIndex " + std::to_string(info.UnitIndex) +
+           " of UnitKind " + std::to_string(info.UnitKind);
+  case TGraphFilterRangeStatus::BadSettings:
+    return info.Problem();
+  }
+  return "unknown range status";
+}
+
+std::string FilterResultCaption(const TDGraph& graph, const std::string& what, const std::string& where) {
+  return graph.GetCaption() + " (" + what + (where.empty() ? "" : " " + where) + ")";
+}
+
+bool ExtractGraphFilters(IDataProject& project, TDGraph& graph,
+                         const std::vector<const TGraphFilter*>& models, const std::string& runCaption,
+                         TGraphFilterResults& results) {
+  std::vector<std::unique_ptr<TGraphFilter>> filters;
+  TFilterExtraction extraction(graph);
+  for (const TGraphFilter* model : models) {
+    auto filter = model->CloneForCalculation();
+    filter->SetNewInputGraph(&graph);
+    const std::string problem = GraphFilterRangeProblem(filter->CopyParamsForThread(), *filter, graph);
+    if (!problem.empty()) throw OrvexException(runCaption + ": " + problem);
+    extraction.AddGraphFilter(*filter);
+    filters.push_back(std::move(filter));
+  }
+  if (!extraction.Run(runCaption)) return false;
+  if (GetFilterResultShape(graph) == TFilterResultShape::Values) {
+    auto text = std::make_unique<TDText>();
+    text->SetID(project.GetNewDataID());
+    text->SetCaption(graph.GetCaption() + " (Filter Values)");
+    results.ValuesText = extraction.MakeValuesText();
+    text->SetText(results.ValuesText);
+    results.Objects.push_back(std::move(text));
+    return true;
+  }
+  for (size_t i = 0; i < filters.size(); ++i) {
+    const TGraphFilter& filter = *filters[i];
+    const TGraphFilterInfo& info = filter.Info();
+    const std::string caption =
+        info.FilterCaption != "Unknown" && !info.FilterCaption.empty()
+            ? info.FilterCaption
+            : FilterResultCaption(graph, filter.GetFilterKindCaption(),
+                                  FilterNumberText(info.FilterPosition) + " " + filter.GetAxisUnitString());
+    results.Objects.push_back(extraction.CreateResultObject(project, static_cast<int32_t>(i), caption));
+  }
+  return true;
 }

@@ -1,4 +1,4 @@
-#include "tools/spectral/Quickfilterfile.h"
+#include "project/Quickfilterfile.h"
 
 #include "common/Saveandload.h"
 #include "common/Tagcontrol.h"

@@ -18,6 +18,7 @@ class TDFilter;
 class TDGraph;
 class TGraphFilter;
 class TMCC;
+enum class TGraphFilterRangeStatus;
 
 /// What the values of a graph become.
 enum class TFilterResultShape {
@@ -87,3 +88,29 @@ private:
   std::string FProblem;
   std::mutex FProblemLock;
 };
+
+/// @{ Texts of the extraction's results and messages.
+/// `graph "caption" (ID n)`.
+std::string FilterGraphName(const TDGraph& graph);
+/// A number with up to ten digits.
+std::string FilterNumberText(double value);
+/// The caption of a result whose filter has none of its own: the graph's, with what was reduced where.
+std::string FilterResultCaption(const TDGraph& graph, const std::string& what, const std::string& where);
+/// Why a committed filter can't run on graph (its range off the axis, a unit the axis lacks, bad settings);
+/// empty when it can.
+std::string GraphFilterRangeProblem(TGraphFilterRangeStatus status, const TGraphFilter& filter,
+                                    const TDGraph& graph);
+/// @}
+
+/// The result objects of graph filters over one graph: an image (map) or a profile graph (line scan) per
+/// filter, or for a single spectrum one text of the values (also in ValuesText). Not added to a project.
+struct TGraphFilterResults {
+  std::vector<std::unique_ptr<TData>> Objects;
+  std::string ValuesText;
+};
+/// Runs clones of the filters (their working settings committed) over every spectrum of graph on a team of
+/// threads named runCaption and makes the result objects. A range that can't be used raises OrvexException
+/// with runCaption and the problem; false after a cancel (results then empty).
+bool ExtractGraphFilters(IDataProject& project, TDGraph& graph,
+                         const std::vector<const TGraphFilter*>& filters, const std::string& runCaption,
+                         TGraphFilterResults& results);
