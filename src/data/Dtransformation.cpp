@@ -1001,6 +1001,31 @@ int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t 
   return 0;
 }
 
+void PixelToWorld(const IDataProject& project, int32_t transformationID, double pixelX, double pixelY,
+                  double& worldX, double& worldY) {
+  const double bin[3] = {pixelX, pixelY, 0.0};
+  double real[3] = {pixelX, pixelY, 0.0};
+  if (const auto* space = dynamic_cast<const TDSpaceTransformation*>(project.FindData(transformationID)))
+    space->BinToReal(bin, real);
+  worldX = real[0];
+  worldY = real[1];
+}
+
+bool WorldToPixel(const IDataProject& project, int32_t transformationID, double worldX, double worldY,
+                  int32_t sizeX, int32_t sizeY, int32_t& pixelX, int32_t& pixelY) {
+  const double real[3] = {worldX, worldY, 0.0};
+  double bin[3] = {worldX, worldY, 0.0};
+  if (const auto* space = dynamic_cast<const TDSpaceTransformation*>(project.FindData(transformationID)))
+    space->RealToBin(bin, real);
+  pixelX = pixelY = -1;
+  if (!std::isfinite(bin[0]) || !std::isfinite(bin[1])) return false;
+  const double x = std::round(bin[0]), y = std::round(bin[1]);
+  if (x < 0 || y < 0 || x >= sizeX || y >= sizeY) return false;
+  pixelX = static_cast<int32_t>(x);
+  pixelY = static_cast<int32_t>(y);
+  return true;
+}
+
 void RegisterTransformationClasses() {
   TData::RegisterDataObject(TDSpaceTransformation::kClassName, &TDSpaceTransformation::CreateDataObject);
   TData::RegisterDataObject(TDSpectralTransformation::kClassName,

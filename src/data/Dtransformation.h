@@ -312,6 +312,16 @@ int32_t MakeOrGetInterpretationIDFromTransformationID(IDataProject& project, int
 /// The space transformation of an image, graph or bitmap (by the reference it lists), else 0.
 int32_t GetSpaceTransformationIDFromObject(const IDataProject& project, int32_t id);
 
+/// World position (x, y) of the centre of pixel (x, y) through the space transformation transformationID;
+/// without one the world is the pixel grid. Viewers and tools showing one map all use this pair, so a click
+/// on an image pixel and the spectrum shown for the shared cursor always agree.
+void PixelToWorld(const IDataProject& project, int32_t transformationID, double pixelX, double pixelY,
+                  double& worldX, double& worldY);
+/// The pixel whose centre is nearest to a world position (x, y); false (and -1, -1) when it lies outside a
+/// field of sizeX x sizeY pixels or is not finite.
+bool WorldToPixel(const IDataProject& project, int32_t transformationID, double worldX, double worldY,
+                  int32_t sizeX, int32_t sizeY, int32_t& pixelX, int32_t& pixelY);
+
 /// Registers the transformation classes in the fixed order of the registry.
 void RegisterTransformationClasses();
 

@@ -388,14 +388,11 @@ TDemoIDs CreateDemoProject(TProject& project, const TDemoOptions& options) {
   if (auto* cursor = !browsable ? nullptr
                                 : dynamic_cast<TDCursor*>(project.FindData(
                                       project.MakeOrGetFirstIDByClassName("TDSpaceCursor")))) {
-    const auto* spaceTransformation =
-        dynamic_cast<const TDSpaceTransformation*>(project.FindData(ids.SpaceTransformation));
-    const double bin[3] = {static_cast<double>(model.Options.SizeX / 2),
-                           static_cast<double>(model.Options.SizeY / 2), 0.0};
-    double world[3] = {bin[0], bin[1], 0.0};
-    if (spaceTransformation) spaceTransformation->BinToReal(bin, world);
-    cursor->SetPosition(0, world[0]);
-    cursor->SetPosition(1, world[1]);
+    double worldX = 0.0, worldY = 0.0;
+    PixelToWorld(project, ids.SpaceTransformation, model.Options.SizeX / 2, model.Options.SizeY / 2, worldX,
+                 worldY);
+    cursor->SetPosition(0, worldX);
+    cursor->SetPosition(1, worldY);
   }
   // The description opens in a text viewer, the map in a graph viewer and the topography in an image viewer,
   // when the viewer classes are registered.

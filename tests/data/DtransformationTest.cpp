@@ -480,3 +480,32 @@ TEST_F(DtransformationProjectTest, ProjectFileKeepsUsedTransformations) {
 }
 
 } // namespace
+
+TEST_F(DtransformationProjectTest, PixelAndWorldMeetAtPixelCentres) {
+  auto* space = Add<TDSpaceTransformation>();
+  space->ViewPort().SetScale({0.5, 0.25, 1});
+  space->ViewPort().SetWorldOrigin({10, -3, 0});
+  double worldX = 0, worldY = 0;
+  PixelToWorld(FProject, space->GetID(), 4, 2, worldX, worldY);
+  EXPECT_DOUBLE_EQ(worldX, 12.0);
+  EXPECT_DOUBLE_EQ(worldY, -2.5);
+  int32_t x = 0, y = 0;
+  // Anywhere inside a pixel (less than half a pixel from its centre) finds that pixel.
+  ASSERT_TRUE(WorldToPixel(FProject, space->GetID(), 12.0 + 0.24, -2.5 - 0.12, 8, 8, x, y));
+  EXPECT_EQ(x, 4);
+  EXPECT_EQ(y, 2);
+  ASSERT_TRUE(WorldToPixel(FProject, space->GetID(), 10.0 - 0.2, -3.0 - 0.1, 8, 8, x, y));
+  EXPECT_EQ(x, 0);
+  EXPECT_EQ(y, 0);
+  // Past the last pixel, before the first, or not a number: no pixel.
+  EXPECT_FALSE(WorldToPixel(FProject, space->GetID(), 10.0 + 0.5 * 7.6, -3.0, 8, 8, x, y));
+  EXPECT_EQ(x, -1);
+  EXPECT_FALSE(WorldToPixel(FProject, space->GetID(), 10.0 - 0.3, -3.0, 8, 8, x, y));
+  EXPECT_FALSE(WorldToPixel(FProject, space->GetID(), std::nan(""), -3.0, 8, 8, x, y));
+  // Without a space transformation the world is the pixel grid.
+  PixelToWorld(FProject, 0, 3, 5, worldX, worldY);
+  EXPECT_EQ(worldX, 3.0);
+  ASSERT_TRUE(WorldToPixel(FProject, 0, 2.6, 4.4, 8, 8, x, y));
+  EXPECT_EQ(x, 3);
+  EXPECT_EQ(y, 4);
+}
