@@ -680,18 +680,25 @@ bool TExportFilterMatlab::MakeVariable(const TDGraph& graph, TMatlabLayout layou
     v.SpaceUnit = unitName;
   }
 
-  // Unique in practice: the name, the time to the second and a random number.
+  // Unique in practice: the name, the time to the second and a random number. The random digits fill the
+  // time's digits up to 24, so the identifier (and with it the file) has the same length at every moment and
+  // a size limit found by one export holds for the next.
   static std::mt19937_64 random{std::random_device{}()};
   static std::mutex randomLock;
   uint64_t number = 0;
   {
     std::lock_guard lock(randomLock);
-    number = random() % 1000000000ull;
+    number = random();
   }
   const std::string name = TMatFileWriter::ArrayName(v.Caption);
-  v.UniqueID = (v.Caption.empty() ? std::string("@unnamed@") : name) + std::to_string(1900 + now.tm_year) +
-               std::to_string(1 + now.tm_mon) + std::to_string(now.tm_mday) + std::to_string(now.tm_hour) +
-               std::to_string(now.tm_min) + std::to_string(now.tm_sec) + std::to_string(number);
+  const std::string time = std::to_string(1900 + now.tm_year) + std::to_string(1 + now.tm_mon) +
+                           std::to_string(now.tm_mday) + std::to_string(now.tm_hour) +
+                           std::to_string(now.tm_min) + std::to_string(now.tm_sec);
+  std::string digits = std::to_string(number % 10000000000000000000ull);
+  const size_t wanted = time.size() < 24 ? 24 - time.size() : 0;
+  digits =
+      digits.size() >= wanted ? digits.substr(0, wanted) : std::string(wanted - digits.size(), '0') + digits;
+  v.UniqueID = (v.Caption.empty() ? std::string("@unnamed@") : name) + time + digits;
   return true;
 }
 

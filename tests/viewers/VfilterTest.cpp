@@ -15,6 +15,7 @@
 #include "project/Quickfilterfile.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+#include "viewers/ViewerTestSupport.h"
 #include "viewers/Viewershow.h"
 
 #include <cmath>
@@ -26,27 +27,15 @@ namespace {
 
 constexpr int kWait = 20000;
 
-class VfilterTest : public ::testing::Test {
+class VfilterTest : public oxtest::DemoViewerFixture<TVFilterForm> {
 protected:
   void SetUp() override {
-    RegisterDataClasses();
-    RegisterViewers();
-    oxtest::EnsureMemoryStrategy();
     TMainThreadQueue::Instance().SetMainThread();
-    TDemoOptions options;
-    options.SizeX = 9;
-    options.SizeY = 6;
-    options.SizeGraph = 128;
-    FIDs = CreateDemoProject(FProject, options);
-    auto viewer = std::make_unique<TVFilterForm>();
-    FViewer = viewer.get();
-    FProject.AddViewer(std::move(viewer));
-    ASSERT_TRUE(FViewer->AddDataID(FIDs.Map));
+    MakeDemoWithViewer(9, 6, 128);
   }
   void TearDown() override {
     if (FViewer) FViewer->SetLive(false);
   }
-  TDGraph& Map() { return *dynamic_cast<TDGraph*>(FProject.FindData(FIDs.Map)); }
   // Every spectrum: level (x + 1)(y + 2) plus pixel index / 100, so that sums differ per pixel and range.
   void SetLevels(float extra = 0) {
     std::vector<float> s(static_cast<size_t>(Map().GetSizeGraph()));
@@ -74,11 +63,6 @@ protected:
     for (int32_t g = first; g <= last; ++g) sum += float((x + 1) * (y + 2)) + float(g) / 100 + extra;
     return sum;
   }
-
-  oxtest::TempDir FDir;
-  TProject FProject;
-  TDemoIDs FIDs;
-  TVFilterForm* FViewer = nullptr;
 };
 
 TEST(DataExchangeTest, OneWriterManyReadersAndMarksTakenOnce) {

@@ -11,27 +11,17 @@
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+#include "viewers/ViewerTestSupport.h"
 #include "viewers/Viewershow.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-class VfiltermanagerTest : public ::testing::Test {
+class VfiltermanagerTest : public oxtest::DemoViewerFixture<TVFilterManagerForm> {
 protected:
   void SetUp() override {
-    RegisterDataClasses();
-    RegisterViewers();
-    oxtest::EnsureMemoryStrategy();
-    TDemoOptions options;
-    options.SizeX = 5;
-    options.SizeY = 4;
-    options.SizeGraph = 64;
-    FIDs = CreateDemoProject(FProject, options);
-    auto viewer = std::make_unique<TVFilterManagerForm>();
-    FViewer = viewer.get();
-    FProject.AddViewer(std::move(viewer));
-    ASSERT_TRUE(FViewer->AddDataID(FIDs.Map));
+    MakeDemoWithViewer(5, 4, 64);
     // Every spectrum constant (x + 1) * (y + 1): a sum over n pixels without background is n times that.
     std::vector<float> s(64);
     for (int32_t y = 0; y < 4; ++y)
@@ -40,7 +30,6 @@ protected:
         Map().SetSpectrum(x, y, s.data());
       }
   }
-  TDGraph& Map() { return *dynamic_cast<TDGraph*>(FProject.FindData(FIDs.Map)); }
   // A sum filter over pixels 10..19 of the map's axis (in its current unit), no background.
   TDSumFilter* AddSumFilter(int32_t targetID) {
     TGraphAxisPositions axis;
@@ -56,11 +45,6 @@ protected:
     FProject.AddData(std::move(filter));
     return raw;
   }
-
-  oxtest::TempDir FDir;
-  TProject FProject;
-  TDemoIDs FIDs;
-  TVFilterManagerForm* FViewer = nullptr;
 };
 
 TEST_F(VfiltermanagerTest, ReExtractionWritesLinkedTargetsAndLinksNewOnes) {

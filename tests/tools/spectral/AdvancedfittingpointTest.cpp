@@ -6,6 +6,7 @@
 #include "data/Registerdata.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "tools/spectral/AdvancedfittingTestSupport.h"
 #include "tools/spectral/Advancedfittingcore.h"
 #include "tools/spectral/Advancedfittingtool.h"
 
@@ -32,43 +33,16 @@ double LorentzAt(const TBand& b, double g) {
   return b.Offset + 2.0 * b.Area / M_PI * b.Width / (4.0 * d * d + b.Width * b.Width);
 }
 
-class AdvancedFittingPointTest : public ::testing::Test {
+class AdvancedFittingPointTest : public oxtest::AdvancedFittingFixture {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    oxtest::EnsureMemoryStrategy();
-  }
-
   TDGraph* AddLorentzStack(int sx, int sy, const std::string& caption = "Map") {
-    auto graph = std::make_unique<TDGraph>();
-    graph->SetID(FProject.GetNewDataID());
-    graph->SetCaption(caption);
-    graph->SetFieldSize(sx, sy, TDataFieldKind::Float, kLength);
     std::mt19937 gen(11);
     std::normal_distribution<double> noise(0.0, 1.5);
-    std::vector<float> s(kLength);
-    for (int y = 0; y < sy; ++y)
-      for (int x = 0; x < sx; ++x) {
-        const TBand b = BandAt(x, y);
-        for (int g = 0; g < kLength; ++g) s[g] = static_cast<float>(LorentzAt(b, g) + noise(gen));
-        graph->SetSpectrum(x, y, s.data());
-      }
-    graph->SetAllLinesValid();
-    TDGraph* raw = graph.get();
-    FProject.AddData(std::move(graph));
-    return raw;
+    return AddStack(sx, sy, kLength, caption, [&](int x, int y, std::vector<float>& s) {
+      const TBand b = BandAt(x, y);
+      for (int g = 0; g < kLength; ++g) s[g] = static_cast<float>(LorentzAt(b, g) + noise(gen));
+    });
   }
-
-  template <class T>
-  T* Result(const TIntList& ids, const std::string& caption) {
-    for (int32_t id : ids)
-      if (TData* d = FProject.FindData(id); d && d->GetCaption() == caption) return dynamic_cast<T*>(d);
-    return nullptr;
-  }
-
-  size_t ObjectCount() const { return FProject.GetIDListOfAllData().size(); }
-
-  TProject FProject;
 };
 
 // The value of "label" in the text, the rest of its line.

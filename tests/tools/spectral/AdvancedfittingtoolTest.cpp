@@ -9,6 +9,7 @@
 #include "project/Toolregistry.h"
 #include "support/TestDataObjects.h"
 #include "support/TestProgress.h"
+#include "tools/spectral/AdvancedfittingTestSupport.h"
 #include "tools/spectral/Advancedfittingcore.h"
 
 #include <cmath>
@@ -19,52 +20,16 @@ namespace {
 
 constexpr int kLength = 120;
 
-// True parameters of pixel (x, y) over the point index: a Gauss on an offset.
-struct TTruth {
-  double Offset, Center, Sigma, Amp;
-};
-TTruth TruthAt(int x, int y) {
-  return {4.0 + 0.5 * y, 50.0 + 3.0 * x, 4.0 + 0.5 * y, 80.0 + 5.0 * x + 2.0 * y};
-}
+using oxtest::GaussTruthAt;
+using TTruth = oxtest::TGaussTruth;
 
-class AdvancedFittingToolTest : public ::testing::Test {
+class AdvancedFittingToolTest : public oxtest::AdvancedFittingFixture {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    oxtest::EnsureMemoryStrategy();
-  }
-
   TDGraph* AddGaussStack(int sx, int sy) {
-    auto graph = std::make_unique<TDGraph>();
-    graph->SetID(FProject.GetNewDataID());
-    graph->SetCaption("Stack");
-    graph->SetFieldSize(sx, sy, TDataFieldKind::Float, kLength);
-    std::vector<float> s(kLength);
-    for (int y = 0; y < sy; ++y)
-      for (int x = 0; x < sx; ++x) {
-        const TTruth t = TruthAt(x, y);
-        for (int g = 0; g < kLength; ++g) {
-          const double d = (g - t.Center) / t.Sigma;
-          s[g] = static_cast<float>(t.Offset + t.Amp * std::exp(-0.5 * d * d));
-        }
-        graph->SetSpectrum(x, y, s.data());
-      }
-    graph->SetAllLinesValid();
-    TDGraph* raw = graph.get();
-    FProject.AddData(std::move(graph));
-    return raw;
+    return AddStack(sx, sy, kLength, "Stack", [](int x, int y, std::vector<float>& s) {
+      for (int g = 0; g < kLength; ++g) s[g] = static_cast<float>(oxtest::GaussValue(GaussTruthAt(x, y), g));
+    });
   }
-
-  template <class T>
-  T* Result(const TIntList& ids, const std::string& caption) {
-    for (int32_t id : ids)
-      if (TData* d = FProject.FindData(id); d && d->GetCaption() == caption) return dynamic_cast<T*>(d);
-    return nullptr;
-  }
-
-  size_t ObjectCount() const { return FProject.GetIDListOfAllData().size(); }
-
-  TProject FProject;
 };
 
 TEST_F(AdvancedFittingToolTest, GaussStackGivesItsMapsWithAReplayableHistory) {
@@ -92,7 +57,7 @@ TEST_F(AdvancedFittingToolTest, GaussStackGivesItsMapsWithAReplayableHistory) {
   ASSERT_EQ(center->GetSizeY(), sy);
   for (int y = 0; y < sy; ++y)
     for (int x = 0; x < sx; ++x) {
-      const TTruth t = TruthAt(x, y);
+      const TTruth t = GaussTruthAt(x, y);
       EXPECT_NEAR(center->GetField(x, y), t.Center, 1e-3) << x << " " << y;
       EXPECT_NEAR(sigma->GetField(x, y), t.Sigma, 1e-3) << x << " " << y;
       EXPECT_NEAR(offset->GetField(x, y), t.Offset, 1e-2) << x << " " << y;
@@ -212,7 +177,7 @@ TEST_F(AdvancedFittingToolTest, CancelAddsNothingAndCurvesHaveTheirOwnCommand) {
   for (int y : {0, 5})
     for (int x : {0, 5})
       for (int g : {0, 40, 65, 119}) {
-        const TTruth t = TruthAt(x, y);
+        const TTruth t = GaussTruthAt(x, y);
         const double d = (g - t.Center) / t.Sigma;
         EXPECT_NEAR(curves->GetField(x, y, g), t.Offset + t.Amp * std::exp(-0.5 * d * d), 1e-2)
             << x << " " << y << " " << g;

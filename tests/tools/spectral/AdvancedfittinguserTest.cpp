@@ -10,6 +10,7 @@
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
+#include "tools/spectral/AdvancedfittingTestSupport.h"
 #include "tools/spectral/Advancedfittingcore.h"
 #include "tools/spectral/Advancedfittingtool.h"
 
@@ -25,18 +26,10 @@ constexpr int kLength = 120;
 // The built-in Gauss as a formula: x1 the abscissa, x2 offset, x3 centre, x4 sigma, x5 amplitude.
 constexpr const char* kUserGauss = "x2 + x5 * EXP(-0.5 * ((x1 - x3) / x4)^2)";
 
-struct TTruth {
-  double Offset, Center, Sigma, Amp;
-};
-TTruth TruthAt(int x, int y) {
-  return {4.0 + 0.5 * y, 50.0 + 3.0 * x, 4.0 + 0.5 * y, 80.0 + 5.0 * x + 2.0 * y};
-}
-
-class AdvancedFittingUserTest : public ::testing::Test {
+class AdvancedFittingUserTest : public oxtest::AdvancedFittingFixture {
 protected:
   void SetUp() override {
-    RegisterDataClasses();
-    oxtest::EnsureMemoryStrategy();
+    AdvancedFittingFixture::SetUp();
     FFolder = std::filesystem::temp_directory_path() /
               ("orvex_advfit_user_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
                "_" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
@@ -47,25 +40,12 @@ protected:
   std::string PathOf(const std::string& name) const { return (FFolder / name).string(); }
 
   TDGraph* AddGaussStack(int sx, int sy) {
-    auto graph = std::make_unique<TDGraph>();
-    graph->SetID(FProject.GetNewDataID());
-    graph->SetCaption("Stack");
-    graph->SetFieldSize(sx, sy, TDataFieldKind::Float, kLength);
-    std::vector<float> s(kLength);
-    for (int y = 0; y < sy; ++y)
-      for (int x = 0; x < sx; ++x) {
-        const TTruth t = TruthAt(x, y);
-        for (int g = 0; g < kLength; ++g) {
-          const double d = (g - t.Center) / t.Sigma;
-          // A small deterministic ripple, so that the fits have residuals to agree on.
-          s[g] = static_cast<float>(t.Offset + t.Amp * std::exp(-0.5 * d * d) + 0.3 * std::sin(1.7 * g + x));
-        }
-        graph->SetSpectrum(x, y, s.data());
-      }
-    graph->SetAllLinesValid();
-    TDGraph* raw = graph.get();
-    FProject.AddData(std::move(graph));
-    return raw;
+    return AddStack(sx, sy, kLength, "Stack", [](int x, int y, std::vector<float>& s) {
+      // A small deterministic ripple, so that the fits have residuals to agree on.
+      for (int g = 0; g < kLength; ++g)
+        s[g] = static_cast<float>(oxtest::GaussValue(oxtest::GaussTruthAt(x, y), g) +
+                                  0.3 * std::sin(1.7 * g + x));
+    });
   }
 
   // A user fit functions file with the user Gauss (start values near the bands of the stack) and a second
@@ -94,17 +74,7 @@ protected:
     return file;
   }
 
-  template <class T>
-  T* Result(const TIntList& ids, const std::string& caption) {
-    for (int32_t id : ids)
-      if (TData* d = FProject.FindData(id); d && d->GetCaption() == caption) return dynamic_cast<T*>(d);
-    return nullptr;
-  }
-
-  size_t ObjectCount() const { return FProject.GetIDListOfAllData().size(); }
-
   std::filesystem::path FFolder;
-  TProject FProject;
 };
 
 TEST_F(AdvancedFittingUserTest, UserGaussGivesTheBuiltInGaussMaps) {
@@ -289,7 +259,7 @@ TEST_F(AdvancedFittingUserTest, FormulaOfTheStandardUserFunctionTakesEffect) {
   tool.RunNonInteractive(FProject, {graph->GetID()}, "Extract", false);
   const std::string json = tool.GetReportJson();
   ASSERT_NE(json.find("\"status\":\"ok\""), std::string::npos) << json;
-  const TTruth t = TruthAt(0, 1);
+  const oxtest::TGaussTruth t = oxtest::GaussTruthAt(0, 1);
   auto valueOf = [&](const std::string& name) {
     const size_t at = json.find("{\"name\":\"" + name + "\",\"value\":");
     return at == std::string::npos ? NAN : std::stod(json.substr(at + name.size() + 19));
