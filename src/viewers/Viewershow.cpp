@@ -2,6 +2,7 @@
 #include "viewers/Viewershow.h"
 
 #include "project/Project.h"
+#include "viewers/Toolviewers.h"
 #include "viewers/Vfilter.h"
 #include "viewers/Vfiltermanager.h"
 #include "viewers/Viewerpositioning.h"
@@ -51,4 +52,6 @@ void RegisterViewers() {
   TVTextForm::RegisterViewer();
   TVFilterForm::RegisterViewer();
   TVFilterManagerForm::RegisterViewer();
+  // Tools open their previews in the registered graph and image viewers.
+  InstallToolViewerFactory();
 }
