@@ -82,8 +82,15 @@ TExportResult TExportManager::DoExport(int filterIndex, const TIntList& ids) {
     target->CloseCurrentStream();
 
   filter.UnlockDataObjects();
-  if (target->IsClipboard() && !result.Cancelled && filter.GetErrorList().empty())
+  if (target->IsClipboard() && !result.Cancelled && filter.GetErrorList().empty()) {
     filter.CopyDataToClipboard();
+    if (const TMemoryByteStream* memory = target->GetMemoryStream()) {
+      const std::vector<uint8_t>& bytes = memory->Bytes();
+      const size_t used =
+          std::min(bytes.size(), static_cast<size_t>(std::max<int64_t>(0, target->GetBytesInMemory())));
+      result.ClipboardBytes.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(used));
+    }
+  }
   result.Files = target->GetWrittenFiles();
   filter.SetTarget(nullptr);
   target.reset();

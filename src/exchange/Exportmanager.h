@@ -20,6 +20,8 @@ struct TExportResult {
   std::vector<std::string> Errors;
   std::vector<std::string> Infos;
   int32_t InformationTextID = 0; ///< the "Export Information" text added to the project, 0 for none
+  /// What a clipboard export wrote, for the window to put on the clipboard; empty for files.
+  std::vector<uint8_t> ClipboardBytes;
 };
 
 class TExportManager {

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -394,6 +395,29 @@ TEST_F(ExportFrameworkTest, GraphAndImageAsciiReadBackExactly) {
       EXPECT_EQ(static_cast<float>(lines[static_cast<size_t>(y)][static_cast<size_t>(x)]),
                 line[static_cast<size_t>(x)]);
   }
+}
+
+TEST_F(ExportFrameworkTest, ClipboardExportHandsOverTheBytesAFileWouldHold) {
+  const TDemoIDs ids = MakeDemo(4, 3, 16);
+  TExportManager manager(&FProject, "");
+  RegisterExportFilters(manager);
+  manager.ReportToUser = false;
+  std::vector<std::string> names;
+  manager.OnCreateFileInfo = [&](TExportFilter&, const TIntList&) {
+    return std::make_unique<TExportFilterTarget>(names, 0);
+  };
+  names = {FDir.File("topography.txt")};
+  TExportResult toFile = manager.DoExport(0, {ids.Topography});
+  ASSERT_TRUE(toFile.Errors.empty());
+  EXPECT_TRUE(toFile.ClipboardBytes.empty()) << "a file export leaves the clipboard alone";
+  names.clear(); // no names: the clipboard
+  TExportResult toClipboard = manager.DoExport(0, {ids.Topography});
+  ASSERT_TRUE(toClipboard.Errors.empty());
+  EXPECT_TRUE(toClipboard.Files.empty());
+  std::ifstream in(FDir.File("topography.txt"), std::ios::binary);
+  const std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_FALSE(file.empty());
+  EXPECT_EQ(std::string(toClipboard.ClipboardBytes.begin(), toClipboard.ClipboardBytes.end()), file);
 }
 
 TEST_F(ExportFrameworkTest, MatlabFilesOfSeveralGraphsWithPatchedSizes) {
