@@ -5,6 +5,7 @@
 #include "common/Saveandload.h"
 #include "common/Standardmessage.h"
 #include "frame/Projectmanager.h"
+#include "frame/Qtexportdialog.h"
 #include "frame/Qtviewerwindow.h"
 #include "project/Autosaveproject.h"
 #include "project/Orvexapplication.h"
@@ -221,6 +222,19 @@ void TOrvexMainWindow::BuildMenus() {
     const std::vector<int32_t> ids = FManager->SelectedIDs();
     if (!ids.empty()) FActions.SaveDataList(TIntList(ids.begin(), ids.end()));
   });
+  // Export of the selected objects with each export filter, in list order.
+  QMenu* exportMenu = file->addMenu("Export Selected Data");
+  exportMenu->setObjectName("ExportMenu");
+  {
+    const std::vector<std::string> names = TQtExporter(FActions.Project()).FilterNames();
+    for (size_t i = 0; i < names.size(); ++i)
+      add(exportMenu, QString::fromStdString(names[i] + "..."), {}, [this, i] {
+        const std::vector<int32_t> ids = FManager->SelectedIDs();
+        if (ids.empty()) return;
+        TQtExporter exporter(FActions.Project());
+        exporter.Export(static_cast<int>(i), TIntList(ids.begin(), ids.end()), this);
+      });
+  }
   add(file, "Auto Save Next", {}, [] { TAutoSaveProject::SaveNextMainThread(); });
   file->addSeparator();
   add(file, "Quit", QKeySequence::Quit, [this] { close(); });
