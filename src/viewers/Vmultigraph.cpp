@@ -262,13 +262,13 @@ void TVMultiGraphForm::MakeOwnXInterpretation(const TDGraph& graph) {
   }
 }
 
-void TVMultiGraphForm::ConnectCursors() {
+void TVMultiGraphForm::ConnectCursors(bool make) {
   TProject* project = GetProject();
   // Cursors are found or made for the graphs shown: an empty viewer holds none.
   if (!project || GetGraphCount() == 0) return;
   if (!FSpaceCursorID || !dynamic_cast<TDSpaceCursor*>(project->FindData(FSpaceCursorID))) {
     const bool existed = project->GetFirstIDByClassName(TDSpaceCursor::kClassName) != 0;
-    FSpaceCursorID = project->MakeOrGetFirstIDByClassName(TDSpaceCursor::kClassName);
+    FSpaceCursorID = make || existed ? project->MakeOrGetFirstIDByClassName(TDSpaceCursor::kClassName) : 0;
     // A cursor made here starts at the centre pixel of the first graph, so that the viewer opens on a
     // spectrum in the middle of the scan.
     const TDGraph* graph = FindGraph(0);
@@ -284,7 +284,9 @@ void TVMultiGraphForm::ConnectCursors() {
     }
   }
   if (!FXCursorID || !dynamic_cast<TDCursor*>(project->FindData(FXCursorID))) {
-    if (TDInterpretation* own = FindXInterpretation()) FXCursorID = own->MakeOrGetCursorID();
+    if (TDInterpretation* own = FindXInterpretation())
+      FXCursorID = make ? own->MakeOrGetCursorID()
+                        : project->GetFirstIDByClassName(GetCursorClassNameForUnitKind(own->GetUnitKind()));
   }
 }
 
@@ -313,7 +315,7 @@ bool TVMultiGraphForm::AddGraphID(int32_t id) {
   FScenes.push_back(std::make_unique<TGraphScene>());
   if (first) {
     MakeOwnXInterpretation(*graph);
-    ConnectCursors();
+    ConnectCursors(true);
     FAKGraphIndex = 0;
   }
   RebuildGraphScenes();
@@ -952,7 +954,7 @@ bool TVMultiGraphForm::ChangeSpacePosition(int32_t index, int32_t x, int32_t y, 
   if (!graph || !project || x < 0 || y < 0 || x >= graph->GetSizeX() || y >= graph->GetSizeY()) return false;
   FGraphs[static_cast<size_t>(index)].ColumnIndex = x;
   FGraphs[static_cast<size_t>(index)].LineIndex = y;
-  ConnectCursors();
+  ConnectCursors(true);
   auto* cursor = dynamic_cast<TDCursor*>(project->FindData(FSpaceCursorID));
   if (!cursor) {
     SetSingleGraph(index);
@@ -1073,7 +1075,7 @@ double TVMultiGraphForm::GetCursorX() const {
 void TVMultiGraphForm::SetCursor(double x) {
   TProject* project = GetProject();
   if (!project || !std::isfinite(x)) return;
-  ConnectCursors();
+  ConnectCursors(true);
   auto* cursor = dynamic_cast<TDCursor*>(project->FindData(FXCursorID));
   if (!cursor) return;
   const TDInterpretation* own = FindXInterpretation();
@@ -1713,7 +1715,7 @@ TTagError TVMultiGraphForm::LoadViewerFromTagFile(TFileHandle file, const TTagCo
 void TVMultiGraphForm::DoDataUpdate() {
   // After a load or a renumbering: the ranges stay as stored; the spectra and the scene are made anew.
   TGraphicUpdateGuard guard(*this);
-  ConnectCursors();
+  ConnectCursors(false); // a loaded project is shown as it is: cursors are found, not made
   if (TDInterpretation* own = FindXInterpretation()) {
     if (FLastXUnitIndex >= 0 && FLastXUnitIndex < own->GetNumberOfUnits() &&
         own->GetUnitIndex() != FLastXUnitIndex) {

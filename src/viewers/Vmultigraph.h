@@ -303,7 +303,8 @@ private:
   /// The column and line under the space cursor for graph index; false when outside.
   bool CursorPixel(int32_t index, int32_t& column, int32_t& line) const;
   void ComputeXValues(int32_t index);
-  void ConnectCursors();
+  /// Finds the shared space cursor and the spectral cursor of the x unit; with make, makes those missing.
+  void ConnectCursors(bool make);
   void MakeOwnXInterpretation(const TDGraph& graph);
   /// Positions of axes, frame, cursor and curves for the view's present size.
   void LayoutScene();
