@@ -224,8 +224,11 @@ void TOpenGLView::Deactivate() {
 }
 
 void TOpenGLView::SetViewportSize(int width, int height) {
-  FWidth = std::max(1, width);
-  FHeight = std::max(1, height);
+  const int w = std::max(1, width), h = std::max(1, height);
+  if (w == FWidth && h == FHeight) return;
+  FWidth = w;
+  FHeight = h;
+  if (OnViewportSizeChange) OnViewportSizeChange(w, h);
 }
 
 void TOpenGLView::PrepareObject(TOpenGLObject* object) {

@@ -204,6 +204,9 @@ public:
   IOpenGLContext* GetContext() const { return FContext; }
   /// Size of the window in pixels (the host sets it on resize; the pixel volume follows it).
   void SetViewportSize(int width, int height);
+  /// Called when SetViewportSize changed the size (a viewer that lays its scene out in pixels does it
+  /// again here, before the frame is drawn).
+  std::function<void(int, int)> OnViewportSizeChange;
   int GetWidth() const { return FWidth; }
   int GetHeight() const { return FHeight; }
   /// @}

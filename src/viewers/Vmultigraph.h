@@ -1,0 +1,364 @@
+// The graph viewer: up to twenty graphs (stacks of spectra) as curves over one x axis, each with its own y
+// scale. Each stack shows the spectrum under the shared space cursor: the cursor's world position goes
+// through the stack's space transformation to a column and a line, so an image of the same scan and this
+// viewer always agree on the spectrum. The x axis is shown in the unit of the viewer's own copy of the
+// first graph's x interpretation, so switching units here changes nothing elsewhere. The scene is drawn in
+// window pixels: a plot area with a frame, the x axis below it, the active graph's y axis left of it, the
+// curves clipped to the plot area, and the spectral cursor as a vertical line.
+#pragma once
+
+#include "viewers/Vgraphic.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class TDGraph;
+class TDInterpretation;
+class TOpenGLAxis;
+class TOpenGLGraph;
+class TOpenGLMarker;
+class TOpenGLText;
+
+/// One earlier zoom: x from, x to, y from, y to.
+struct TZoomArea {
+  double XFrom = 0, XTo = 1, YFrom = 0, YTo = 1;
+  bool operator==(const TZoomArea&) const = default;
+};
+
+/// The zoom history of a graph: areas pushed in order, with a position to walk back and forth. A push
+/// after walking back drops the areas ahead.
+class TZoomStack {
+public:
+  void Push(const TZoomArea& area);
+  /// The area before the current one; false at the start.
+  bool Previous(TZoomArea& area);
+  /// The area after the current one; false at the end.
+  bool Next(TZoomArea& area);
+  int Count() const { return static_cast<int>(FAreas.size()); }
+  int Position() const { return FPosition; }
+  void Clear();
+
+private:
+  std::vector<TZoomArea> FAreas;
+  int FPosition = -1;
+};
+
+/// How a graph is drawn.
+enum class TGraphViewerStyle : int32_t { Line = 0, Symbols = 1, LineAndSymbols = 2, Histogram = 3 };
+
+/// The mouse modes: moving the x cursor, a mode a tool sets, zoom by rectangle, and mask drawing (handed
+/// to the mask tool).
+enum class TGraphMouseMode : int32_t { Cursor = 0, Tool = 1, Zoom = 2, Mask = 3 };
+
+/// The default colours taken in turn for each graph added, as 0x00BBGGRR: red, blue, green, magenta, cyan,
+/// orange, then darker ones.
+class TColorList {
+public:
+  static int32_t Count();
+  /// The colour of the index-th graph added (the list repeats).
+  static uint32_t GetColor(int32_t index);
+};
+
+/// What the viewer keeps of one shown graph.
+struct TGraphDrawInformation {
+  int32_t GraphID = 0;
+  float MaxY = 1; ///< y range asked for
+  float MinY = 0;
+  int32_t LineIndex = 0;   ///< line (y) of the spectrum shown
+  int32_t ColumnIndex = 0; ///< column (x) of the spectrum shown
+  float DisplayMaxY = 1;   ///< y range after cascading
+  float DisplayMinY = 0;
+  float Red = 1, Green = 1, Blue = 1, Alpha = 1;
+  float AuxRed = 0, AuxGreen = 0, AuxBlue = 0, AuxAlpha = 0;
+  TGraphViewerStyle GraphStyle = TGraphViewerStyle::Line;
+  uint32_t LineColor = 0x000000FF; ///< 0x00BBGGRR
+  uint32_t AuxColor = 0;
+  float Transparency = 0;
+  float AuxTransparency = 0;
+  int32_t ScaleKindYAxis = 0; ///< 0 linear, 1 logarithmic
+  int32_t PointStyle = 0;
+  int32_t LineStyle = 0;
+  float LineWidth = 1;
+  float PointSize = 1;
+  TZoomStack ZoomStack;
+
+  /// The float colour from the stored colour and transparency (files of the first version kept floats).
+  void OldVersionToCurrent();
+  /// The stored colour and transparency from the float colour.
+  void CurrentToOldVersion();
+};
+
+class TVMultiGraphForm : public TVCustomGraphicForm {
+public:
+  static constexpr const char* kClassName = "TVMultiGraphForm";
+  static constexpr const char* kCaption = "Graph Viewer";
+  static constexpr int32_t ThisVersion = 1;
+  static constexpr int32_t kMaxGraphs = 20;
+  /// Points within this distance of zero relative wavenumber (1/cm) are left out of a y zoom that ignores
+  /// the laser line.
+  static constexpr double kRayleighHalfWidth = 50.0;
+  /// Space above the curve for peak labels, as a fraction of the range.
+  static constexpr double kPeakLabelExtra = 0.1;
+  /// The plot area's distance from the window's edges, in pixels.
+  static constexpr int kMarginLeft = 78, kMarginRight = 18, kMarginTop = 14, kMarginBottom = 48;
+  /// Ids of the control interface's parameters.
+  enum TParameterId : int32_t {
+    kXUnit = 1,
+    kSpectrumX,
+    kSpectrumY,
+    kActiveGraph,
+    kXMinimum,
+    kXMaximum,
+    kYMinimum,
+    kYMaximum,
+    kAutoZoomOutX,
+    kAutoZoomOutY,
+    kScaleKindY,
+    kOnlyOneYAxis,
+    kCascadeGraphs,
+    kCascadeDistance,
+    kGraphStyle,
+    kLineWidth,
+    kPeakLabels,
+  };
+
+  TVMultiGraphForm();
+  ~TVMultiGraphForm() override;
+  /// Registers the class with its show functions.
+  static void RegisterViewer();
+  /// From 1 to 20 ids, all of them graphs.
+  static bool IsInputIDListOkayForShowViewer(TProject& project, const TIntList& ids);
+  std::string GetClassNameA() const override { return kClassName; }
+
+  // --- Graphs --------------------------------------------------------------------------------------
+
+  /// Adds a graph with the next default colour (a histogram by its data category takes the histogram
+  /// style); the first graph's x interpretation is copied as the viewer's own. False when it isn't a graph,
+  /// is shown already or twenty are shown.
+  bool AddGraphID(int32_t id);
+  void DeleteGraphByID(int32_t id);
+  bool IsGraphInViewer(int32_t id) const { return IndexOfGraphID(id) >= 0; }
+  int32_t IndexOfGraphID(int32_t id) const;
+  int32_t GetGraphCount() const { return static_cast<int32_t>(FGraphs.size()); }
+  const TGraphDrawInformation& GetGraphInfo(int32_t index) const;
+  TGraphDrawInformation& GraphInfo(int32_t index);
+  /// True when every graph shown holds one spectrum only (stack navigation is off then).
+  bool CheckForOnlySingleSpectra() const;
+
+  /// @{ Rebuilding: everything (x values, spectra, scene); every spectrum; one spectrum; the axes.
+  void SetAll();
+  void SetAllGraphs();
+  void SetSingleGraph(int32_t index);
+  void SetCoordinateSystem(int32_t index);
+  /// @}
+  /// The spectrum of graph index on view (empty when its position lies outside the stack).
+  const std::vector<float>& GetShownSpectrum(int32_t index) const;
+  /// The x values of graph index in the current x unit.
+  const std::vector<double>& GetXValues(int32_t index) const;
+  /// True when graph index shows a spectrum (the space cursor lies inside its stack).
+  bool HasSpectrum(int32_t index) const;
+
+  // --- Zoom ----------------------------------------------------------------------------------------
+
+  void ZoomOutX();
+  /// Fits the y range of graph index to its spectrum within the x zoom (see GetMinMaxYGraphValue); an
+  /// index out of range or no data leaves it; a logarithmic range outside 1e-31 … 1e36 too.
+  void ZoomOutY(int32_t index, bool ignoreRayleigh);
+  void ZoomOutAndSetAll(bool ignoreRayleigh);
+  void ZoomOutXAndSetAll(bool ignoreRayleigh);
+  void ZoomOutYAndSetAll(bool ignoreRayleigh);
+  /// Runs the automatic zoom that the flags ask for; false when none ran.
+  bool CheckAndDoAutomaticZoom();
+  /// Minimum and maximum of the finite values of graph index inside the x zoom; with ignoreRayleigh,
+  /// points within 50 rel. 1/cm of the laser line are left out (spectral axes only). False without data.
+  bool GetMinMaxYGraphValue(double& minimum, double& maximum, bool ignoreRayleigh, int32_t index) const;
+  /// The extra space above the curve for peak labels (a fraction of the range; 0 without labels).
+  double GetExtraYForPeakLabels(int32_t index) const;
+  /// Sets the x range (current unit); refused (false) when not finite or empty.
+  bool SetXRange(double minimum, double maximum);
+  /// Sets the y range of graph index; refused when not finite, empty, or not positive on a log axis.
+  bool SetYRange(int32_t index, double minimum, double maximum);
+  /// Moves to the new x range (the range is set at once; there is no animation here).
+  void AnimateXZoom(double from, double to);
+  void SetAllMinYandMaxYEqual();
+  /// All graphs share the smallest MinY and the greatest MaxY.
+  void EqualizeMinMaxY();
+  void EqualizeScaleYAxisKind();
+  /// The display ranges from the ranges, with cascading.
+  void CalculateCascadeValues();
+  /// Pushes the present x and y zoom of every graph to its zoom stack.
+  void AddCurrentAreaToZoomStacks();
+  /// Walks the zoom stack of every graph back or forth; false when the active graph's stack can't.
+  bool PreviousZoom();
+  bool NextZoom();
+  double GetMinXInterpretation() const { return FMinXInterpretation; }
+  double GetMaxXInterpretation() const { return FMaxXInterpretation; }
+
+  // --- Active graph, stack position, units ---------------------------------------------------------
+
+  void ChangeAKGraphIndex(int32_t index, bool update = true);
+  int32_t GetAKGraphIndex() const { return FAKGraphIndex; }
+  void ToggleToNextGraphInList();
+  void ToggleToPreviousGraphInList();
+  /// Moves the shared space cursor to the world position of pixel (x, y) of graph index; the graphs
+  /// follow through the cursor's change. False for a bad index or a pixel outside the stack.
+  bool ChangeSpacePosition(int32_t index, int32_t x, int32_t y, int32_t z = 0);
+  /// Steps the active graph's spectrum by whole pixels (the arrow keys), moving the shared cursor.
+  void StepSpectrum(int32_t dx, int32_t dy);
+  /// Switches the viewer's x unit; the range on view is converted so that the same part stays in view.
+  /// False for an index outside the unit list.
+  bool ChangeXUnitIndex(int32_t index);
+  int32_t GetXUnitIndex() const;
+  /// The unit names of the viewer's x interpretation (empty without one).
+  std::vector<std::string> GetXUnitNames() const;
+  std::string GetXUnitName() const;
+  void ChangeGraphColor(int32_t index, uint32_t color);
+  /// A width of 1 becomes 2, one of 2 or more becomes 1 (active graph).
+  void ToggleGraphLineWidth();
+
+  // --- Cursor and mouse ----------------------------------------------------------------------------
+
+  void SetGraphMouseMode(TGraphMouseMode mode) { FMouseMode = mode; }
+  TGraphMouseMode GetGraphMouseMode() const { return FMouseMode; }
+  void ResetGraphMouseMode() { FMouseMode = TGraphMouseMode::Cursor; }
+  /// Moves the spectral cursor to x (current unit).
+  void SetCursor(double x);
+  /// The spectral cursor in the current x unit (NaN without one).
+  double GetCursorX() const;
+  /// The interpreted position of the cursor and the active graph's value there.
+  std::string GetInterpretDataAtCursorPosition() const;
+  const std::string& GetStatusText() const { return FStatusText; }
+  /// The x and y of a window pixel for the active graph (false outside the plot area).
+  bool WindowToData(int windowX, int windowY, double& x, double& y) const;
+  /// The window pixel of x (current unit) and of value y of graph index.
+  double XToWindow(double x) const;
+  double YToWindow(int32_t index, double y) const;
+
+  // --- Extraction and export -----------------------------------------------------------------------
+
+  /// A new graph with the active spectrum alone, added to the project; its ID (0 when there is none).
+  int32_t ExtractGraph();
+  /// The x column and one y column for each graph, tab separated, with a header line.
+  std::vector<std::string> GetASCIIDataStringList() const;
+  TIntList ExtractViewerObjects(std::string& reason) override;
+
+  // --- Settings of the flags -----------------------------------------------------------------------
+
+  bool GetOnlyOneYAxis() const { return FOnlyOneYAxis; }
+  void SetOnlyOneYAxis(bool value);
+  bool GetCascadeGraphs() const { return FCascadeGraphs; }
+  void SetCascadeGraphs(bool value);
+  double GetCascadeDistance() const { return FCascadeDistance; }
+  void SetCascadeDistance(double value);
+  bool GetAutoZoomOutX() const { return FAutoZoomOutX; }
+  bool GetAutoZoomOutY() const { return FAutoZoomOutY; }
+  void SetAutoZoomOut(bool x, bool y);
+  bool GetPeakLabels() const { return FPeakLabels; }
+  void SetPeakLabels(bool value) { FPeakLabels = value; }
+  bool GetChangeGraphSimultaneously() const { return FChangeGraphSimultaneously; }
+  void SetChangeGraphSimultaneously(bool value) { FChangeGraphSimultaneously = value; }
+  int32_t GetXInterpretationID() const { return FXInterpretationID; }
+  int32_t GetXCursorID() const { return FXCursorID; }
+  int32_t GetSpaceCursorID() const { return FSpaceCursorID; }
+
+  // --- Viewer --------------------------------------------------------------------------------------
+
+  void CFICreateParameters(TUserParameterAdministrator& cfi) override;
+  void CFIParameterChanged(const TUserParameterList& changed) override;
+  /// The base group, then "TVMultiGraphForm" with the viewer's fields and one list per graph value.
+  TTagError SaveViewerToTagFile(TFileHandle file) override;
+  TTagError LoadViewerFromTagFile(TFileHandle file, const TTagControl& parent) override;
+  void DoDataUpdate() override;
+  bool IsDataUsed(int32_t id) const override;
+  void AddToID(int32_t delta) override;
+  bool AddDataID(int32_t id) override { return AddGraphID(id); }
+  void ExchangeID(int32_t oldID, int32_t newID) override;
+  void DataChanged(TData* data, TDataChangeInfo info) override;
+  void BeforeClearProject() override;
+
+  /// @{ The scene's parts (tests look at them).
+  TOpenGLAxis* GetXAxis() const { return FXAxis; }
+  TOpenGLAxis* GetYAxis() const { return FYAxis; }
+  TOpenGLMarker* GetCursorMarker() const { return FCursorMarker; }
+  /// The curve segments of graph index (a gap in the data starts a new segment).
+  std::vector<TOpenGLGraph*> GetCurveSegments(int32_t index) const;
+  /// @}
+
+protected:
+  void ViewMouseDown(int x, int y, TOpenGLMouseButton button, TOpenGLShiftState shift) override;
+  void ViewMouseMove(int x, int y, TOpenGLShiftState shift) override;
+  void ViewMouseUp(int x, int y, TOpenGLMouseButton button, TOpenGLShiftState shift) override;
+  bool ViewMouseWheel(int x, int y, double steps, TOpenGLShiftState shift) override;
+  bool ViewKeyDown(TOpenGLKey key, int character, TOpenGLShiftState shift) override;
+
+private:
+  struct TGraphScene;
+
+  TDGraph* FindGraph(int32_t index) const;
+  TDInterpretation* FindXInterpretation() const;
+  bool IsSpectralAxis() const;
+  /// Reads the spectrum of graph index at its indices (from the space cursor when it follows it).
+  void FetchSpectrum(int32_t index);
+  /// The column and line under the space cursor for graph index; false when outside.
+  bool CursorPixel(int32_t index, int32_t& column, int32_t& line) const;
+  void ComputeXValues(int32_t index);
+  /// Finds the shared space cursor and the spectral cursor of the x unit; with make, makes those missing.
+  void ConnectCursors(bool make);
+  void MakeOwnXInterpretation(const TDGraph& graph);
+  /// Positions of axes, frame, cursor and curves for the view's present size.
+  void LayoutScene();
+  void UpdateCurve(int32_t index);
+  void UpdateCursorMarker();
+  void UpdateCaption();
+  void UpdateStatus();
+  /// The control interface shows the present state (silently).
+  void SyncCFI();
+  void Changed();
+  void SpaceCursorChanged();
+  void XInterpretationChanged();
+  void RebuildGraphScenes();
+
+  std::vector<TGraphDrawInformation> FGraphs;
+  std::vector<std::unique_ptr<TGraphScene>> FScenes; ///< parallel to FGraphs
+  int32_t FXInterpretationID = 0;
+  int32_t FXCursorID = 0;
+  int32_t FSpaceCursorID = 0;
+  int32_t FXGraphID = 0;
+  int32_t FLastXUnitIndex = 0;
+  double FMinXInterpretation = 0;
+  double FMaxXInterpretation = 1;
+  int32_t FAKGraphIndex = 0;
+  int32_t FColorCount = 0;
+  bool FOnlyOneYAxis = false;
+  bool FChangeGraphSimultaneously = true;
+  int32_t FScaleKindXAxis = 0;
+  bool FShowAxisArrows = false;
+  bool FPeakLabels = false;
+  bool FHistogramOverlap = false;
+  bool FHistogramShowWireFrame = false;
+  bool FAutoZoomOutX = false;
+  bool FAutoZoomOutY = true;
+  bool FAutoZoomOut = true;
+  bool FSynchronizedZoom = false;
+  bool FCascadeGraphs = false;
+  double FCascadeDistance = 0.2;
+  TGraphMouseMode FMouseMode = TGraphMouseMode::Cursor;
+  std::string FStatusText;
+  bool FSyncingCFI = false;
+  bool FLoaded = false; ///< ranges came from a file: the first update keeps them
+
+  // Scene.
+  TOpenGLObject* FStencilPlane = nullptr;
+  TOpenGLMarker* FFrame = nullptr;
+  TOpenGLAxis* FXAxis = nullptr;
+  TOpenGLAxis* FYAxis = nullptr;
+  TOpenGLMarker* FCursorMarker = nullptr;
+  TOpenGLMarker* FZoomMarker = nullptr;
+  TOpenGLText* FMessageText = nullptr;
+  int FLayoutWidth = 0, FLayoutHeight = 0;
+
+  // Mouse.
+  bool FDragging = false;
+  int FDragStartX = 0, FDragStartY = 0;
+};
