@@ -224,8 +224,10 @@ void TOpenGLView::Deactivate() {
 }
 
 void TOpenGLView::SetViewportSize(int width, int height) {
+  const bool changed = std::max(1, width) != FWidth || std::max(1, height) != FHeight;
   FWidth = std::max(1, width);
   FHeight = std::max(1, height);
+  if (changed && OnViewportSizeChanged) OnViewportSizeChanged(this);
 }
 
 void TOpenGLView::PrepareObject(TOpenGLObject* object) {

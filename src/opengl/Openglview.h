@@ -204,6 +204,8 @@ public:
   IOpenGLContext* GetContext() const { return FContext; }
   /// Size of the window in pixels (the host sets it on resize; the pixel volume follows it).
   void SetViewportSize(int width, int height);
+  /// Called after the window's size changed (viewers that keep an aspect ratio lay their scene out again).
+  std::function<void(TOpenGLView*)> OnViewportSizeChanged;
   int GetWidth() const { return FWidth; }
   int GetHeight() const { return FHeight; }
   /// @}

@@ -5,6 +5,7 @@
 #include "viewers/Vfilter.h"
 #include "viewers/Vfiltermanager.h"
 #include "viewers/Viewerpositioning.h"
+#include "viewers/Vimage.h"
 #include "viewers/Vtext.h"
 
 TVCustomForm* ShowNewViewer(TProject& project, std::unique_ptr<TVCustomForm> viewer, const TIntList& ids) {
@@ -48,6 +49,7 @@ void RegisterViewers() {
   // The start-up order of the viewer classes; those not built yet keep their place in the comment:
   // "TVProjectManagerForm" (the workbench's docked manager), "TVImageForm", "TVMultiGraphForm",
   // "TVTextForm", "TVFilterManagerForm", "TVFilterForm".
+  TVImageForm::RegisterViewer();
   TVTextForm::RegisterViewer();
   TVFilterForm::RegisterViewer();
   TVFilterManagerForm::RegisterViewer();
