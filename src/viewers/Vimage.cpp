@@ -14,7 +14,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <limits>
+#include <type_traits>
 
 namespace {
 const char* kGroup = "TVImageForm";
@@ -29,6 +31,11 @@ constexpr int kScaleBarEntries = 256;
 TOpenGLColor ColorOf(TColor c, float alpha = 1.0f) {
   return TOpenGLColor::FromRGB(static_cast<uint8_t>(c & 0xFF), static_cast<uint8_t>((c >> 8) & 0xFF),
                                static_cast<uint8_t>((c >> 16) & 0xFF), alpha);
+}
+
+/// Integer and list parameters alike.
+TUserIntParameter* IntParameter(const TUserParameterAdministrator& cfi, int32_t id) {
+  return dynamic_cast<TUserIntParameter*>(cfi.GetUserParameter(id));
 }
 
 TUserDoubleParameter* DoubleParameter(const TUserParameterAdministrator& cfi, int32_t id) {
@@ -999,7 +1006,7 @@ void TVImageForm::CFICreateParameters(TUserParameterAdministrator& cfi) {
   cfi.OnValidateParameters = [](const TUserParameterAdministrator& administrator) {
     TUserParameterProblems problems;
     const auto value = [&administrator](int32_t id) {
-      const TUserIntParameter* p = administrator.GetUserIntParameter(id);
+      const TUserIntParameter* p = IntParameter(administrator, id);
       return p ? p->GetParameter() : 0;
     };
     if (value(kZoomStartX) > value(kZoomStopX))
@@ -1031,7 +1038,7 @@ bool TVImageForm::CFIParameterIsNewValueAllowed(const TUserParameterList& change
 void TVImageForm::CFIParameterChanged(const TUserParameterList& changed) {
   if (FSyncingCFI) return;
   TUserParameterAdministrator* cfi = GetCFI();
-  const auto intValue = [cfi](int32_t id) { return cfi->GetUserIntParameter(id)->GetParameter(); };
+  const auto intValue = [cfi](int32_t id) { return IntParameter(*cfi, id)->GetParameter(); };
   const auto boolValue = [cfi](int32_t id) { return cfi->GetUserBoolParameter(id)->GetParameter(); };
   for (const TUserParameter* p : changed) {
     switch (p->GetId()) {
@@ -1093,7 +1100,7 @@ void TVImageForm::SyncCFI() {
   int32_t sizeX, sizeY;
   GetShownSize(sizeX, sizeY);
   const auto setInt = [cfi](int32_t id, int32_t value, int32_t upper) {
-    TUserIntParameter* p = cfi->GetUserIntParameter(id);
+    TUserIntParameter* p = IntParameter(*cfi, id);
     if (upper >= 0) p->SetLimits(0, std::max(0, upper));
     p->SetParameterSilent(value);
   };
