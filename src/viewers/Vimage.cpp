@@ -465,18 +465,13 @@ void TVImageForm::LayoutView() {
   TProject* project = GetProject();
   if (!project) return;
   const int32_t transformation = ShownTransformationID();
-  // The picture: the outer corners of the first and last pixels.
-  double ax, ay, bx, by;
-  PixelToWorld(*project, transformation, -0.5, -0.5, ax, ay);
-  PixelToWorld(*project, transformation, FShownSizeX - 0.5, FShownSizeY - 0.5, bx, by);
-  const TOpenGLVector a = WorldToModel(ax, ay), b = WorldToModel(bx, by);
-  FMesh->SetFlatCorners(a.X, a.Y, b.X, b.Y);
-  FDrawFieldMesh->SetFlatCorners(a.X, a.Y, b.X, b.Y);
-  // The zoom window.
+  // The zoom window: the flat picture covers exactly it.
   double zx0, zy0, zx1, zy1;
   PixelToWorld(*project, transformation, FStartX - 0.5, FStartY - 0.5, zx0, zy0);
   PixelToWorld(*project, transformation, FStopX + 0.5, FStopY + 0.5, zx1, zy1);
   const TOpenGLVector p = WorldToModel(zx0, zy0), q = WorldToModel(zx1, zy1);
+  FMesh->SetFlatCorners(p.X, p.Y, q.X, q.Y);
+  FDrawFieldMesh->SetFlatCorners(p.X, p.Y, q.X, q.Y);
   const double left = std::min(p.X, q.X), right = std::max(p.X, q.X);
   const double bottom = std::min(p.Y, q.Y), top = std::max(p.Y, q.Y);
   const double w = std::max(right - left, 1e-12), h = std::max(top - bottom, 1e-12);
@@ -603,16 +598,25 @@ void TVImageForm::RecolorTexture() {
       bitmap->GetLine(y, FPixelColors.data() + static_cast<size_t>(y) * static_cast<size_t>(sx));
   }
   // Texture row y is line y: the mesh puts texture row 0 at its first corner, the top of the picture.
+  // The flat picture shows only the zoom window, so that nothing of the image reaches the margins; the height
+  // mesh takes the whole image.
+  const bool whole = FDisplayMode == TImageDisplayMode::Display3D;
+  const int32_t x0 = whole ? 0 : FStartX, y0 = whole ? 0 : FStartY;
+  const int32_t w = whole ? sx : FStopX - FStartX + 1, h = whole ? sy : FStopY - FStartY + 1;
+  if (w <= 0 || h <= 0 || x0 + w > sx || y0 + h > sy) return;
   TOpenGLTexture& texture = FMesh->ColorTexture();
-  if (texture.GetWidth() != sx || texture.GetHeight() != sy) texture.SetSize(sx, sy);
+  if (texture.GetWidth() != w || texture.GetHeight() != h) texture.SetSize(w, h);
   std::vector<uint8_t>& bytes = texture.Pixels();
-  for (size_t i = 0; i < FPixelColors.size(); ++i) {
-    const TColor c = FPixelColors[i];
-    bytes[4 * i] = static_cast<uint8_t>(c & 0xFF);
-    bytes[4 * i + 1] = static_cast<uint8_t>((c >> 8) & 0xFF);
-    bytes[4 * i + 2] = static_cast<uint8_t>((c >> 16) & 0xFF);
-    bytes[4 * i + 3] = 255;
-  }
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const TColor c =
+          FPixelColors[static_cast<size_t>(y0 + y) * static_cast<size_t>(sx) + static_cast<size_t>(x0 + x)];
+      uint8_t* texel = &bytes[4 * (static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x))];
+      texel[0] = static_cast<uint8_t>(c & 0xFF);
+      texel[1] = static_cast<uint8_t>((c >> 8) & 0xFF);
+      texel[2] = static_cast<uint8_t>((c >> 16) & 0xFF);
+      texel[3] = 255;
+    }
   FMesh->UpdateColorTexture();
 }
 
@@ -663,18 +667,20 @@ void TVImageForm::UpdateDrawFieldTexture() {
                     FDrawField.GetSizeY() == FShownSizeY && FDisplayMode == TImageDisplayMode::Display2D;
   FDrawFieldMesh->SetVisible(show);
   if (!show) return;
+  const int32_t w = FStopX - FStartX + 1, h = FStopY - FStartY + 1;
+  if (w <= 0 || h <= 0) return;
   TOpenGLTexture& texture = FDrawFieldMesh->ColorTexture();
-  if (texture.GetWidth() != FShownSizeX || texture.GetHeight() != FShownSizeY)
-    texture.SetSize(FShownSizeX, FShownSizeY);
+  if (texture.GetWidth() != w || texture.GetHeight() != h) texture.SetSize(w, h);
   std::vector<uint8_t>& bytes = texture.Pixels();
-  const std::vector<uint8_t>& flags = FDrawField.Flags();
-  for (size_t i = 0; i < flags.size(); ++i) {
-    // Painted pixels: half-transparent red over the picture; the others let it show untouched.
-    bytes[4 * i] = 255;
-    bytes[4 * i + 1] = 0;
-    bytes[4 * i + 2] = 0;
-    bytes[4 * i + 3] = flags[i] ? 128 : 0;
-  }
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      // Painted pixels: half-transparent red over the picture; the others let it show untouched.
+      uint8_t* texel = &bytes[4 * (static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x))];
+      texel[0] = 255;
+      texel[1] = 0;
+      texel[2] = 0;
+      texel[3] = FDrawField.GetPixel(FStartX + x, FStartY + y) ? 128 : 0;
+    }
   FDrawFieldMesh->UpdateColorTexture();
 }
 
@@ -759,6 +765,8 @@ bool TVImageForm::SetZoomWindow(int32_t startX, int32_t startY, int32_t stopX, i
   FStopX = stopX;
   FStopY = stopY;
   SyncCFI();
+  SetMesh();
+  UpdateDrawFieldTexture();
   LayoutView();
   Changed();
   return true;
