@@ -119,6 +119,12 @@ TDColorProfile* TVImageForm::GetOrMakeColorProfile() {
   TProject* project = GetProject();
   if (!project) return nullptr;
   if (auto* profile = dynamic_cast<TDColorProfile*>(project->FindData(FColorProfileID))) return profile;
+  // A load doesn't add objects: until the viewer is used, a profile of its own draws (its ID is dropped).
+  if (project->IsLoading()) {
+    FColorProfileID = 0;
+    if (!FFallbackProfile) FFallbackProfile = std::make_unique<TDColorProfile>();
+    return FFallbackProfile.get();
+  }
   // Every viewer shows through a profile of the project; without one it makes its own.
   auto profile = std::make_unique<TDColorProfile>();
   profile->SetID(project->GetNewDataID());

@@ -6,6 +6,7 @@
 // colour scale bar and the coordinate axes.
 #pragma once
 
+#include "data/Dcolorprofile.h"
 #include "viewers/Vgraphic.h"
 #include "viewers/Vimagedrawfield.h"
 #include "viewers/Vimagescale.h"
@@ -15,7 +16,6 @@
 #include <string>
 #include <vector>
 
-class TDColorProfile;
 class TDImage;
 class TDBitmap;
 class TOpenGLMesh;
@@ -279,6 +279,8 @@ private:
   bool FInterpolatePixelColors = false;
 
   bool FScaleLocked = false;
+  /// Draws while a project loads and the viewer's profile is missing (nothing is added during a load).
+  std::unique_ptr<TDColorProfile> FFallbackProfile;
   TExtremaInfo FColorExtrema, FZExtrema, FBrightnessExtrema;
   TImageMouseMode FMouseMode = TImageMouseMode::Cursor;
   int32_t FPenWidth = 1;
