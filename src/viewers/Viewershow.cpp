@@ -6,6 +6,7 @@
 #include "viewers/Vfilter.h"
 #include "viewers/Vfiltermanager.h"
 #include "viewers/Viewerpositioning.h"
+#include "viewers/Vimage.h"
 #include "viewers/Vmultigraph.h"
 #include "viewers/Vtext.h"
 
@@ -47,9 +48,9 @@ TVCustomForm* ShowIDsInViewer(TProject& project, const TIntList& ids, const std:
 }
 
 void RegisterViewers() {
-  // The start-up order of the viewer classes; those not built yet keep their place in the comment:
-  // "TVProjectManagerForm" (the workbench's docked manager), "TVImageForm", "TVMultiGraphForm",
-  // "TVTextForm", "TVFilterManagerForm", "TVFilterForm".
+  // The start-up order of the viewer classes ("TVProjectManagerForm", the workbench's docked manager, comes
+  // first and is the workbench's own): the first class that accepts objects shows them.
+  TVImageForm::RegisterViewer();
   TVMultiGraphForm::RegisterViewer();
   TVTextForm::RegisterViewer();
   TVFilterForm::RegisterViewer();

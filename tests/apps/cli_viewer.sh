@@ -26,10 +26,9 @@ next=$("$orvex" info "$dir/d.oxp" --json | py 'print(d["nextDataID"])')
 check "appended viewer's IDs shifted" "[[$text], [$((text + next))]]" \
   "$("$orvex" info "$dir/a.oxp" --json | py 'print([v["ids"] for v in d["viewers"] if v["class"]=="TVTextForm"])')"
 
-# The demo opens further viewers (a graph viewer on the map, ...): the new one comes after them.
-count=$("$orvex" info "$dir/d.oxp" --json | py 'print(len(d["viewers"]))')
-
 # show: a second text viewer with a setting.
+# The new viewer comes after those the demo opened.
+count=$("$orvex" info "$dir/d.oxp" --json | py 'print(len(d["viewers"]))')
 out=$("$orvex" show "$dir/d.oxp" "$text" --viewer TVTextForm --set FontSize=12 -o "$dir/s.oxp" --json)
 check "show exit" 0 $?
 check "show prints the viewer" "$count TVTextForm [$text]" "$(echo "$out" | py 'print(d["index"], d["class"], d["ids"])')"
