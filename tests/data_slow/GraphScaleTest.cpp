@@ -14,21 +14,6 @@
 
 namespace {
 
-// Peak resident memory of the process in MiB (VmHWM).
-double PeakResidentMiB() {
-  std::ifstream status("/proc/self/status");
-  std::string key;
-  while (status >> key) {
-    if (key == "VmHWM:") {
-      double kb = 0;
-      status >> kb;
-      return kb / 1024.0;
-    }
-    status.ignore(4096, '\n');
-  }
-  return -1;
-}
-
 double Checksum(const TDGraph& graph) {
   std::vector<float> spectrum(static_cast<size_t>(graph.GetSizeGraph()));
   double sum = 0;
@@ -77,7 +62,7 @@ TEST(GraphScaleTest, FourGiBGraphThroughSixtyFourMegabytesOfViews) {
   ASSERT_NE(graph, nullptr);
   EXPECT_EQ(graph->GetSizeGraph(), kSize);
   EXPECT_EQ(Checksum(*graph), written);
-  const double peak = PeakResidentMiB();
+  const double peak = oxtest::PeakResidentMiB();
   std::printf("peak resident memory: %.1f MiB for 4096 MiB of data\n", peak);
   EXPECT_LT(peak, 1024.0);
 }

@@ -1,8 +1,10 @@
 // The image viewer in a real window (Xvfb, Mesa's software rasteriser): at the centre of known pixels the
 // window shows exactly the colour profile's colour of their value (within 2 per channel), line 0 on top; the
 // shared space cursor is drawn as a cross; and a viewer reopened from a saved project draws the same
-// picture. The pictures are kept in the screenshot folder for a look by eye.
+// picture; a click on a map's image picks the spectrum a graph viewer shows. The pictures are kept in the
+// screenshot folder for a look by eye.
 #include "data/Dcolorprofile.h"
+#include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dtransformation.h"
 #include "data/Registerdata.h"
@@ -11,11 +13,13 @@
 #include "frame/Qtviewerwindow.h"
 #include "frame/Viewexport.h"
 #include "imaging/Rasterfile.h"
+#include "project/Demodataset.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
 #include "viewers/Vimage.h"
+#include "viewers/Vmultigraph.h"
 
 #include <QImage>
 #include <cstdlib>
@@ -207,6 +211,54 @@ TEST_F(ImageViewerWindowTest, AViewerReopenedFromTheProjectDrawsTheSamePicture) 
   EXPECT_EQ(differing, 0);
   delete second.Window;
   delete first.Window;
+}
+
+// Browsing a map: a click on pixel (x, y) of the topography makes the graph viewer on the map show spectrum
+// (x, y), and a step of the graph viewer's spectrum moves the image's cross along.
+TEST(MapBrowsingWindowTest, AClickOnTheImageChoosesTheSpectrumAndAStepMovesTheCross) {
+  RegisterDataClasses();
+  RegisterViewers();
+  oxtest::EnsureMemoryStrategy();
+  TProject project;
+  TDemoOptions options;
+  options.SizeX = 12;
+  options.SizeY = 8;
+  options.SizeGraph = 64;
+  const TDemoIDs ids = CreateDemoProject(project, options);
+  auto graphOwned = std::make_unique<TVMultiGraphForm>();
+  TVMultiGraphForm* graph = graphOwned.get();
+  project.AddViewer(std::move(graphOwned));
+  ASSERT_TRUE(graph->AddDataID(ids.Map));
+  auto imageOwned = std::make_unique<TVImageForm>();
+  TVImageForm* viewer = imageOwned.get();
+  project.AddViewer(std::move(imageOwned));
+  ASSERT_TRUE(viewer->AddDataID(ids.Topography));
+  EXPECT_EQ(graph->GetSpaceCursorID(), viewer->GetSpaceCursorID()) << "one shared space cursor";
+  const TShownViewer shown = ShowInWindow(viewer);
+  ASSERT_NE(shown.Widget, nullptr);
+
+  const auto* map = dynamic_cast<const TDGraph*>(project.FindData(ids.Map));
+  ASSERT_NE(map, nullptr);
+  std::vector<float> expected(64);
+  const QPoint target = WindowPointOfPixel(project, ids.SpaceTransformation, *viewer, 9, 2);
+  viewer->GetOpenGLView().MouseDown(target.x(), target.y(), TOpenGLMouseButton::Left, {});
+  viewer->GetOpenGLView().MouseUp(target.x(), target.y(), TOpenGLMouseButton::Left, {});
+  ASSERT_TRUE(graph->HasSpectrum(0));
+  map->GetSpectrum(9, 2, expected.data());
+  EXPECT_EQ(graph->GetShownSpectrum(0), expected) << "the graph viewer shows spectrum (9, 2)";
+
+  graph->StepSpectrum(-1, 1);
+  map->GetSpectrum(8, 3, expected.data());
+  EXPECT_EQ(graph->GetShownSpectrum(0), expected);
+  int32_t cx = -1, cy = -1;
+  ASSERT_TRUE(viewer->GetCursorPixel(cx, cy));
+  EXPECT_EQ(cx, 8);
+  EXPECT_EQ(cy, 3);
+  const QImage picture = Grab(shown.Widget);
+  Keep(picture, "map-browsing");
+  EXPECT_TRUE(CrossArmNear(picture, WindowPointOfPixel(project, ids.SpaceTransformation, *viewer, 8, 3) +
+                                        QPoint(6, 0)));
+  delete shown.Window;
 }
 
 } // namespace

@@ -38,4 +38,18 @@ void WriteFileBytes(const std::string& fileName, const std::string& bytes) {
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
+double PeakResidentMiB() {
+  std::ifstream status("/proc/self/status");
+  std::string key;
+  while (status >> key) {
+    if (key == "VmHWM:") {
+      double kb = 0;
+      status >> kb;
+      return kb / 1024.0;
+    }
+    status.ignore(4096, '\n');
+  }
+  return -1;
+}
+
 } // namespace oxtest

@@ -26,5 +26,7 @@ private:
 std::string ReadFileBytes(const std::string& fileName);
 /// Writes bytes to a file, replacing it.
 void WriteFileBytes(const std::string& fileName, const std::string& bytes);
+/// Peak resident memory of this process (VmHWM of /proc/self/status) in MiB, -1 when unknown.
+double PeakResidentMiB();
 
 } // namespace oxtest

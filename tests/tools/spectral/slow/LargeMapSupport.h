@@ -1,5 +1,5 @@
 // Shared set-up of the large-map tests: the memory-mapped strategy with small views in a temporary folder, a
-// 1 GiB map filled from a function of (x, y, point), and the peak resident memory of the process.
+// 1 GiB map filled from a function of (x, y, point).
 #pragma once
 
 #include "common/memory/Memorymanagement.h"
@@ -8,7 +8,6 @@
 #include "project/Project.h"
 #include "support/TestSupport.h"
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,21 +17,6 @@ namespace oxtest {
 
 /// 512 × 512 spectra of 1024 floats: 1 GiB, sixteen times the 64 MB of mapped views.
 inline constexpr int32_t kLargeMapSize = 512, kLargeMapLength = 1024;
-
-/// Peak resident memory of this process (VmHWM) in MiB, -1 when unknown.
-inline double PeakResidentMiB() {
-  std::ifstream status("/proc/self/status");
-  std::string key;
-  while (status >> key) {
-    if (key == "VmHWM:") {
-      double kb = 0;
-      status >> kb;
-      return kb / 1024.0;
-    }
-    status.ignore(4096, '\n');
-  }
-  return -1;
-}
 
 /// Switches to the memory-mapped strategy: a 4 GB file in dir, 64 MB of views.
 inline void UseSmallMappedViews(const TempDir& dir) {
