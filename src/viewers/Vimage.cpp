@@ -180,9 +180,9 @@ void TVImageForm::SetColorImage(int32_t id) {
 void TVImageForm::SetZImage(int32_t id) {
   FImageZID = FindImage(id) ? id : 0;
   FUseZImage = FImageZID != 0;
-  FZExtrema = TExtremaInfo();
+  FZExtrema = TImageExtrema();
   if (FUseZImage && !FScaleLocked)
-    if (const TExtremaInfo& z = GetImageZExtrema(); z.Valid) SetZScale(z.Minimum, z.Maximum, false);
+    if (const TImageExtrema& z = GetImageZExtrema(); z.Valid) SetZScale(z.Minimum, z.Maximum, false);
   SetAll();
   Changed();
 }
@@ -190,9 +190,9 @@ void TVImageForm::SetZImage(int32_t id) {
 void TVImageForm::SetBrightnessImage(int32_t id) {
   FImageBrightnessID = FindImage(id) ? id : 0;
   FUseBrightnessImage = FImageBrightnessID != 0;
-  FBrightnessExtrema = TExtremaInfo();
+  FBrightnessExtrema = TImageExtrema();
   if (FUseBrightnessImage && !FScaleLocked)
-    if (const TExtremaInfo& b = GetImageBrightnessExtrema(); b.Valid)
+    if (const TImageExtrema& b = GetImageBrightnessExtrema(); b.Valid)
       SetBrightnessScale(b.Minimum, b.Maximum, false);
   SetMesh();
   Changed();
@@ -241,26 +241,26 @@ void TVImageForm::SetScaleKind(TImageScaleKind kind) {
 }
 
 void TVImageForm::InvalidateExtrema() {
-  FColorExtrema = TExtremaInfo();
-  FZExtrema = TExtremaInfo();
-  FBrightnessExtrema = TExtremaInfo();
+  FColorExtrema = TImageExtrema();
+  FZExtrema = TImageExtrema();
+  FBrightnessExtrema = TImageExtrema();
 }
 
-const TExtremaInfo& TVImageForm::GetImageColorExtrema() {
+const TImageExtrema& TVImageForm::GetImageColorExtrema() {
   if (!FColorExtrema.Valid)
     if (const TDImage* image = FindImage(FImageColorID))
       GetScaleParameters(*image, FLineCorrection, FColorExtrema);
   return FColorExtrema;
 }
 
-const TExtremaInfo& TVImageForm::GetImageZExtrema() {
+const TImageExtrema& TVImageForm::GetImageZExtrema() {
   if (!FZExtrema.Valid)
     if (const TDImage* image = FindImage(FUseZImage && FImageZID ? FImageZID : FImageColorID))
       GetScaleParameters(*image, FLineCorrection3D, FZExtrema);
   return FZExtrema;
 }
 
-const TExtremaInfo& TVImageForm::GetImageBrightnessExtrema() {
+const TImageExtrema& TVImageForm::GetImageBrightnessExtrema() {
   if (!FBrightnessExtrema.Valid)
     if (const TDImage* image = FindImage(FImageBrightnessID))
       GetScaleParameters(*image, TLineCorrection::None, FBrightnessExtrema);
@@ -287,7 +287,7 @@ void TVImageForm::AutomaticColorScale(bool fromLastLine) {
   } else {
     double lower = Options().LowerPercent, upper = Options().UpperPercent;
     KeepPercentLimitsApart(lower, upper);
-    const TExtremaInfo& extrema = GetImageColorExtrema();
+    const TImageExtrema& extrema = GetImageColorExtrema();
     found = extrema.ValueAtPercent(lower, minimum) && extrema.ValueAtPercent(upper, maximum);
   }
   if (found) {
@@ -295,14 +295,14 @@ void TVImageForm::AutomaticColorScale(bool fromLastLine) {
     FScaleMinimum = minimum;
     FScaleMaximum = maximum;
   }
-  if (const TExtremaInfo& z = GetImageZExtrema(); z.Valid) {
+  if (const TImageExtrema& z = GetImageZExtrema(); z.Valid) {
     double zMin = z.Minimum, zMax = z.Maximum;
     KeepScaleLimitsApart(zMin, zMax);
     FZScaleMinimum = zMin;
     FZScaleMaximum = zMax;
   }
   if (FImageBrightnessID)
-    if (const TExtremaInfo& b = GetImageBrightnessExtrema(); b.Valid) {
+    if (const TImageExtrema& b = GetImageBrightnessExtrema(); b.Valid) {
       double bMin = b.Minimum, bMax = b.Maximum;
       KeepScaleLimitsApart(bMin, bMax);
       FBrightnessScaleMinimum = bMin;
@@ -318,7 +318,7 @@ void TVImageForm::AutomaticColorScale(bool fromLastLine) {
 void TVImageForm::SetLineCorrection(TLineCorrection correction) {
   if (correction == FLineCorrection) return;
   FLineCorrection = correction;
-  FColorExtrema = TExtremaInfo();
+  FColorExtrema = TImageExtrema();
   if (FAutomaticColorScaleOnImageChange) AutomaticColorScale(false);
   SyncCFI();
   SetMesh();
@@ -329,8 +329,8 @@ void TVImageForm::SetLineCorrection(TLineCorrection correction) {
 void TVImageForm::SetLineCorrection3D(TLineCorrection correction) {
   if (correction == FLineCorrection3D) return;
   FLineCorrection3D = correction;
-  FZExtrema = TExtremaInfo();
-  if (const TExtremaInfo& z = GetImageZExtrema(); z.Valid) SetZScale(z.Minimum, z.Maximum, false);
+  FZExtrema = TImageExtrema();
+  if (const TImageExtrema& z = GetImageZExtrema(); z.Valid) SetZScale(z.Minimum, z.Maximum, false);
   if (FDisplayMode == TImageDisplayMode::Display3D) UpdateZMesh();
   Changed();
 }

@@ -122,9 +122,9 @@ public:
   /// The colour image's value at (x, y) after the line correction; NaN outside or without an image.
   double GetLineCorrectedZValue(int32_t x, int32_t y);
   /// @{ Sorted values of the (corrected) colour, height and brightness images, cached until they change.
-  const TExtremaInfo& GetImageColorExtrema();
-  const TExtremaInfo& GetImageZExtrema();
-  const TExtremaInfo& GetImageBrightnessExtrema();
+  const TImageExtrema& GetImageColorExtrema();
+  const TImageExtrema& GetImageZExtrema();
+  const TImageExtrema& GetImageBrightnessExtrema();
   /// @}
   /// The colour the viewer gives a value of the colour image.
   TColor GetColorOfValue(double value);
@@ -281,7 +281,7 @@ private:
   bool FScaleLocked = false;
   /// Draws while a project loads and the viewer's profile is missing (nothing is added during a load).
   std::unique_ptr<TDColorProfile> FFallbackProfile;
-  TExtremaInfo FColorExtrema, FZExtrema, FBrightnessExtrema;
+  TImageExtrema FColorExtrema, FZExtrema, FBrightnessExtrema;
   TImageMouseMode FMouseMode = TImageMouseMode::Cursor;
   int32_t FPenWidth = 1;
   bool FDragging = false;

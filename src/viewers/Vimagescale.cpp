@@ -75,7 +75,7 @@ void CorrectImageLine(const float* values, int32_t count, TLineCorrection correc
   }
 }
 
-bool TExtremaInfo::ValueAtPercent(double percent, double& value) const {
+bool TImageExtrema::ValueAtPercent(double percent, double& value) const {
   if (Sorted.empty()) return false;
   percent = std::clamp(percent, 0.0, 100.0);
   const auto last = static_cast<double>(Sorted.size() - 1);
@@ -84,15 +84,15 @@ bool TExtremaInfo::ValueAtPercent(double percent, double& value) const {
   return true;
 }
 
-bool TExtremaInfo::SmallestPositive(double& value) const {
+bool TImageExtrema::SmallestPositive(double& value) const {
   const auto it = std::upper_bound(Sorted.begin(), Sorted.end(), 0.0f);
   if (it == Sorted.end()) return false;
   value = *it;
   return true;
 }
 
-void GetScaleParameters(const TDImage& image, TLineCorrection correction, TExtremaInfo& info) {
-  info = TExtremaInfo();
+void GetScaleParameters(const TDImage& image, TLineCorrection correction, TImageExtrema& info) {
+  info = TImageExtrema();
   const int32_t sizeX = image.GetSizeX(), sizeY = image.GetSizeY();
   if (sizeX <= 0 || sizeY <= 0) return;
   std::vector<float> line(static_cast<size_t>(sizeX));

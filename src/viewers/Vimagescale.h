@@ -31,7 +31,7 @@ void CorrectImageLine(const float* values, int32_t count, TLineCorrection correc
 
 /// The sorted finite values of an image after line correction, with their extremes: what percentiles are
 /// read from without a new pass over the image.
-struct TExtremaInfo {
+struct TImageExtrema {
   bool Valid = false;
   double Minimum = 0;
   double Maximum = 0;
@@ -45,7 +45,7 @@ struct TExtremaInfo {
 };
 
 /// Fills info from the valid lines of image, each corrected; invalid when no finite value is found.
-void GetScaleParameters(const TDImage& image, TLineCorrection correction, TExtremaInfo& info);
+void GetScaleParameters(const TDImage& image, TLineCorrection correction, TImageExtrema& info);
 
 /// Percent limits closer than 0.1 are moved apart: the upper one becomes the lower one plus 0.1.
 void KeepPercentLimitsApart(double& lowerPercent, double& upperPercent);

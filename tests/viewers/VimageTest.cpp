@@ -136,7 +136,7 @@ TEST_F(VimageTest, AutomaticScaleTakesThePercentilesAndKeepsAConstantImageApart)
   // 0 … 47 over the pixels: 0.5 % and 99.5 % of 48 sorted values are indices 0 and 46.
   TVImageForm* viewer = Show({FImageID});
   ASSERT_NE(viewer, nullptr);
-  const TExtremaInfo& extrema = viewer->GetImageColorExtrema();
+  const TImageExtrema& extrema = viewer->GetImageColorExtrema();
   ASSERT_TRUE(extrema.Valid);
   EXPECT_EQ(extrema.Sorted.size(), 48u);
   EXPECT_EQ(viewer->GetScaleMinimum(), 0.0);

@@ -47,7 +47,7 @@ TEST(VimagescaleTest, LineCorrectionsAgainstHandValues) {
 }
 
 TEST(VimagescaleTest, PercentilesTruncateTheirIndexAndLimitsAreKeptApart) {
-  TExtremaInfo info;
+  TImageExtrema info;
   double v = 0;
   EXPECT_FALSE(info.ValueAtPercent(50, v));
   info.Sorted.resize(1000);
