@@ -1257,7 +1257,7 @@ TTagError TVImageForm::LoadViewerFromTagFile(TFileHandle file, const TTagControl
   if (drawFieldExists && t.FindTag(file, "DrawField", group) == teNoError) {
     const int64_t count = t.End() - t.Begin();
     if (count > 0 && count <= int64_t(1) << 31) {
-      std::unique_ptr<bool[]> values(new bool[static_cast<size_t>(count)]);
+      std::unique_ptr<bool[]> values(new bool[static_cast<size_t>(count)]()); // read before it is filled
       if (t.LoadBoolTag(file, "DrawField", group, values.get(), count) == teNoError) {
         FLoadedDrawField.resize(static_cast<size_t>(count));
         for (int64_t i = 0; i < count; ++i)
