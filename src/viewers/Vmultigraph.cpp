@@ -894,29 +894,20 @@ void TVMultiGraphForm::AddCurrentAreaToZoomStacks() {
 }
 
 bool TVMultiGraphForm::PreviousZoom() {
-  if (FGraphs.empty()) return false;
-  bool moved = false;
-  TZoomArea area;
-  for (size_t i = 0; i < FGraphs.size(); ++i)
-    if (FGraphs[i].ZoomStack.Previous(area)) {
-      FGraphs[i].MinY = static_cast<float>(area.YFrom);
-      FGraphs[i].MaxY = static_cast<float>(area.YTo);
-      if (static_cast<int32_t>(i) == FAKGraphIndex) {
-        FMinXInterpretation = area.XFrom;
-        FMaxXInterpretation = area.XTo;
-        moved = true;
-      }
-    }
-  if (moved) SetAll();
-  return moved;
+  return StepZoom(&TZoomStack::Previous);
 }
 
 bool TVMultiGraphForm::NextZoom() {
+  return StepZoom(&TZoomStack::Next);
+}
+
+// Every graph takes the y range of its zoom stack's neighbour; the active graph's x range goes to the view.
+bool TVMultiGraphForm::StepZoom(bool (TZoomStack::*step)(TZoomArea&)) {
   if (FGraphs.empty()) return false;
   bool moved = false;
   TZoomArea area;
   for (size_t i = 0; i < FGraphs.size(); ++i)
-    if (FGraphs[i].ZoomStack.Next(area)) {
+    if ((FGraphs[i].ZoomStack.*step)(area)) {
       FGraphs[i].MinY = static_cast<float>(area.YFrom);
       FGraphs[i].MaxY = static_cast<float>(area.YTo);
       if (static_cast<int32_t>(i) == FAKGraphIndex) {

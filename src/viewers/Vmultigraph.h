@@ -299,6 +299,8 @@ private:
   TDInterpretation* FindXInterpretation() const;
   bool IsSpectralAxis() const;
   /// Reads the spectrum of graph index at its indices (from the space cursor when it follows it).
+  /// Moves every graph one step along its zoom stack (Previous or Next).
+  bool StepZoom(bool (TZoomStack::*step)(TZoomArea&));
   void FetchSpectrum(int32_t index);
   /// The column and line under the space cursor for graph index; false when outside.
   bool CursorPixel(int32_t index, int32_t& column, int32_t& line) const;
