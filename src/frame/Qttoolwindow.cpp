@@ -54,6 +54,8 @@ TQtToolWindow::TQtToolWindow(TProjectDialogForm& tool, QWidget* parent)
   layout->addWidget(FDataSet);
   FPanel = new TQtParamPanel(tool.Parameters(), this);
   layout->addWidget(FPanel);
+  FExtra = new QVBoxLayout;
+  layout->addLayout(FExtra);
   FMessage = new QLabel(this);
   FMessage->setObjectName("Message");
   FMessage->setStyleSheet("color: #b00000");
@@ -140,10 +142,25 @@ void TQtToolWindow::closeEvent(QCloseEvent* event) {
   event->accept();
 }
 
+// --- Extensions ----------------------------------------------------------------------------------------
+
+namespace {
+std::map<std::string, TToolWindowExtension>& Extensions() {
+  static std::map<std::string, TToolWindowExtension> extensions;
+  return extensions;
+}
+} // namespace
+
+void RegisterToolWindowExtension(const std::string& key, TToolWindowExtension extension) {
+  Extensions()[key] = std::move(extension);
+}
+
 // --- Host ----------------------------------------------------------------------------------------------
 
 TQtToolHost& TQtToolHost::Instance() {
   static TQtToolHost host;
+  static const bool extensionsRegistered = (RegisterToolWindowExtensions(), true);
+  (void)extensionsRegistered;
   return host;
 }
 
@@ -169,6 +186,8 @@ TProjectDialogForm* TQtToolHost::OpenTool(const std::string& key, TProject& proj
   if (!slot.Tool) {
     slot.Tool = entry->Create();
     slot.Window = std::make_unique<TQtToolWindow>(*slot.Tool);
+    const auto extension = Extensions().find(entry->Key);
+    if (extension != Extensions().end()) extension->second(*slot.Window, *slot.Tool);
   }
   TProjectDialogForm& tool = *slot.Tool;
   std::string reason;

@@ -7,11 +7,13 @@
 #include "project/Projectdialogform.h"
 
 #include <QWidget>
+#include <functional>
 #include <map>
 #include <memory>
 
 class QComboBox;
 class QLabel;
+class QVBoxLayout;
 class TQtParamPanel;
 class TProject;
 
@@ -30,6 +32,9 @@ public:
   /// The line that names a refused value (empty when all values are accepted).
   QLabel* MessageLine() const { return FMessage; }
   QComboBox* DataSetBox() const { return FDataSet; }
+  /// The area between the parameters and the message line where a tool's own widgets go (its statistics,
+  /// file buttons, ...), filled by the tool's window extension.
+  QVBoxLayout* ExtraArea() const { return FExtra; }
 
 protected:
   void closeEvent(class QCloseEvent* event) override;
@@ -41,7 +46,17 @@ private:
   TQtParamPanel* FPanel = nullptr;
   QLabel* FMessage = nullptr;
   QComboBox* FDataSet = nullptr;
+  QVBoxLayout* FExtra = nullptr;
 };
+
+/// What a tool adds to its generated window, called once when the window is made.
+using TToolWindowExtension = std::function<void(TQtToolWindow& window, TProjectDialogForm& tool)>;
+
+/// Registers the window extension of the tool with that registry key (the last registration wins).
+void RegisterToolWindowExtension(const std::string& key, TToolWindowExtension extension);
+/// The workbench's tool window extensions, one call per tool that has one; idempotent. Each tool's
+/// extension lives in its own unit of this folder.
+void RegisterToolWindowExtensions();
 
 /// The tools of the workbench: one object and window per registered tool, opened from the Tools menu on
 /// the project manager's selection.
