@@ -19,8 +19,9 @@ bool TBufferedWriting::Write(const void* data, int64_t size) {
   const char* bytes = static_cast<const char*>(data);
   const int64_t capacity = static_cast<int64_t>(FBuffer.size());
   while (size > 0) {
-    if (FFill == 0 && size >= capacity) {
-      // A long run passes the buffer: no copy at all.
+    if (size >= capacity) {
+      // A long run passes the buffer: what is buffered goes first, the run itself is not copied at all.
+      if (!FlushBuffer()) return false;
       if (!FCallback(bytes, size)) {
         FFailed = true;
         return false;

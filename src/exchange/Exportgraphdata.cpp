@@ -1,6 +1,7 @@
 // Axis values and point-wise reading of graphs for the export filters.
 #include "exchange/Exportgraphdata.h"
 
+#include "common/numerics/Transpose.h"
 #include "common/threads/Progressandcancel.h"
 #include "data/Dgraph.h"
 #include "data/Dinterpretation.h"
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <future>
 #include <memory>
 
 const TDInterpretation* AxisInterpretation(const IDataProject& project, int32_t transformationID,
@@ -85,40 +87,60 @@ bool TGraphPointReader::Run(const TStorePoint& store, IProgressAndCancel* progre
 }
 
 bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel* progress) {
-  constexpr int64_t kBlock = 16; // the transposition works on blocks of 16 × 16 values: cache lines both ways
+  constexpr int64_t kAlign = 16;               // tiles of whole cache lines of points
+  constexpr int64_t kParallelValues = 1 << 18; // below this a tile is read and written on this thread alone
   const int64_t rows = static_cast<int64_t>(FElements.size());
   const int32_t points = FGraph.GetSizeGraph();
   if (rows == 0 || points <= 0) return true;
-  // Two buffers of a tile each: the spectra's parts as read, and the same values point after point.
-  int64_t tilePoints = FTileBytes / 2 / (rows * static_cast<int64_t>(sizeof(float)));
-  tilePoints = std::max<int64_t>(kBlock, tilePoints / kBlock * kBlock);
+  // Three buffers of a tile each: the spectra's parts as read, and two of the same values point after
+  // point, so that one tile is written while the next is read and turned.
+  int64_t tilePoints = FTileBytes / 3 / (rows * static_cast<int64_t>(sizeof(float)));
+  tilePoints = std::max<int64_t>(kAlign, tilePoints / kAlign * kAlign);
   const int32_t tile = static_cast<int32_t>(std::min<int64_t>(tilePoints, points));
   // Not value-initialised: every value is read before it is used.
   const std::unique_ptr<float[]> spectra(new float[static_cast<size_t>(rows * tile)]);
-  const std::unique_ptr<float[]> byPoint(new float[static_cast<size_t>(rows * tile)]);
+  const std::unique_ptr<float[]> byPoint[2] = {
+      std::unique_ptr<float[]>(new float[static_cast<size_t>(rows * tile)]),
+      std::unique_ptr<float[]>(new float[static_cast<size_t>(rows * tile)])};
   const int32_t sizeX = FGraph.GetSizeX();
+  const bool parallel = rows * tile >= kParallelValues && rows >= 2 * kAlign;
 
-  for (int32_t first = 0; first < points; first += tile) {
-    if (progress && progress->IsCancelled()) return false;
-    const int64_t count = std::min(tile, points - first);
-    for (int64_t r = 0; r < rows; ++r) {
+  // Rows r0..r1 of a tile: their parts of the spectra, then turned into the tile's columns r0..r1.
+  auto readAndTurn = [&](int64_t r0, int64_t r1, int32_t first, int64_t count, float* target) {
+    for (int64_t r = r0; r < r1; ++r) {
       const int64_t e = FElements[static_cast<size_t>(r)];
       FGraph.GetPartOfSpectrum(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first,
                                static_cast<int32_t>(count), spectra.get() + r * count, true);
     }
-    if (progress) progress->AddProgress(rows * count);
-    // spectra[r][k] -> byPoint[k][r], block by block.
-    for (int64_t r0 = 0; r0 < rows; r0 += kBlock) {
-      const int64_t r1 = std::min(rows, r0 + kBlock);
-      for (int64_t k0 = 0; k0 < count; k0 += kBlock) {
-        const int64_t k1 = std::min(count, k0 + kBlock);
-        for (int64_t r = r0; r < r1; ++r) {
-          const float* source = spectra.get() + r * count;
-          for (int64_t k = k0; k < k1; ++k) byPoint[static_cast<size_t>(k * rows + r)] = source[k];
-        }
-      }
+    TransposeFloats(spectra.get() + r0 * count, count, target + r0, rows, r1 - r0, count);
+  };
+
+  std::future<bool> writing; // the store of the tile before
+  auto finishWriting = [&writing] { return !writing.valid() || writing.get(); };
+  for (int32_t first = 0, n = 0; first < points; first += tile, ++n) {
+    if (progress && progress->IsCancelled()) {
+      finishWriting();
+      return false;
     }
-    if (!store(first, static_cast<int32_t>(count), byPoint.get(), rows)) return false;
+    const int64_t count = std::min(tile, points - first);
+    float* target = byPoint[n % 2].get();
+    if (parallel) {
+      // The two halves of the rows on two threads.
+      const int64_t half = rows / 2;
+      std::future<void> other = std::async(std::launch::async, readAndTurn, half, rows, first, count, target);
+      readAndTurn(0, half, first, count, target);
+      other.get();
+    } else {
+      readAndTurn(0, rows, first, count, target);
+    }
+    if (progress) progress->AddProgress(rows * count);
+    if (!finishWriting()) return false;
+    if (parallel)
+      writing = std::async(std::launch::async, [&store, first, count, target, rows] {
+        return store(first, static_cast<int32_t>(count), target, rows);
+      });
+    else if (!store(first, static_cast<int32_t>(count), target, rows))
+      return false;
   }
-  return true;
+  return finishWriting();
 }
