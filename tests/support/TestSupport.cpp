@@ -38,11 +38,13 @@ void WriteFileBytes(const std::string& fileName, const std::string& bytes) {
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-double PeakResidentMiB() {
+namespace {
+// A line "key: N kB" of /proc/self/status in MiB, -1 when missing.
+double StatusMiB(const std::string& wanted) {
   std::ifstream status("/proc/self/status");
   std::string key;
   while (status >> key) {
-    if (key == "VmHWM:") {
+    if (key == wanted) {
       double kb = 0;
       status >> kb;
       return kb / 1024.0;
@@ -50,6 +52,15 @@ double PeakResidentMiB() {
     status.ignore(4096, '\n');
   }
   return -1;
+}
+} // namespace
+
+double PeakResidentMiB() {
+  return StatusMiB("VmHWM:");
+}
+
+double ResidentMiB() {
+  return StatusMiB("VmRSS:");
 }
 
 } // namespace oxtest

@@ -28,5 +28,7 @@ std::string ReadFileBytes(const std::string& fileName);
 void WriteFileBytes(const std::string& fileName, const std::string& bytes);
 /// Peak resident memory of this process (VmHWM of /proc/self/status) in MiB, -1 when unknown.
 double PeakResidentMiB();
+/// Resident memory of this process now (VmRSS) in MiB, -1 when unknown.
+double ResidentMiB();
 
 } // namespace oxtest
