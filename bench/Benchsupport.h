@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,17 @@ inline double BestMemcpySeconds(size_t bytes) {
     best = std::min(best, Seconds(start));
   }
   return best;
+}
+
+/// Writing bytes into memory fresh from the system (every page faulted in and cleared first): what any new
+/// object of that size costs before its first value, on top of the memcpy.
+inline double FirstTouchSeconds(size_t bytes) {
+  const auto start = Clock::now();
+  std::unique_ptr<char[]> block(new char[bytes]);
+  std::memset(block.get(), 1, bytes);
+  const double seconds = Seconds(start);
+  if (block[bytes / 2] != 1) std::printf(" ");
+  return seconds;
 }
 
 } // namespace oxbench

@@ -60,15 +60,23 @@ int main(int argc, char** argv) {
       {"SG 5,5 order 3 smoothing", {"Mode=Savitzky-Golay", "SGOrder=3", "SGDerivative=0"}},
       {"SG 5,5 order 3 first derivative", {"Mode=Savitzky-Golay", "SGOrder=3", "SGDerivative=1"}},
       {"median spectral 2", {"Mode=Median", "MedianSpectral=2", "MedianSpatial=0"}}};
+  const double touch = FirstTouchSeconds(bytes);
+  std::printf(
+      "floors: memcpy of the stack %.3f s; writing a new block of its size (pages faulted in) %.3f s\n", copy,
+      touch);
   for (const auto& [name, sets] : runs) {
-    TGraphFilterDialogForm tool;
-    tool.Parameters().SetParameterValuesFromText(sets);
-    const auto start = Clock::now();
-    const TIntList results = tool.RunNonInteractive(project, {ids.Map}, "Extract", false);
-    const double seconds = Seconds(start);
-    std::printf("Graph Filter %s, %.0f MB: %.3f s, memcpy %.3f s, ratio %.1f\n", name.c_str(), bytes / 1e6,
-                seconds, copy, seconds / copy);
-    for (int32_t id : results) project.DeleteData(id);
+    // Best of three: the first run also pays for starting the threads.
+    double seconds = 1e30;
+    for (int run = 0; run < 3; ++run) {
+      TGraphFilterDialogForm tool;
+      tool.Parameters().SetParameterValuesFromText(sets);
+      const auto start = Clock::now();
+      const TIntList results = tool.RunNonInteractive(project, {ids.Map}, "Extract", false);
+      seconds = std::min(seconds, Seconds(start));
+      for (int32_t id : results) project.DeleteData(id);
+    }
+    std::printf("Graph Filter %s, %.0f MB: %.3f s, memcpy %.3f s, ratio %.1f (%.1f beside the new block)\n",
+                name.c_str(), bytes / 1e6, seconds, copy, seconds / copy, seconds / touch);
   }
 
   auto* map = dynamic_cast<TDGraph*>(project.FindData(ids.Map));
