@@ -105,6 +105,74 @@ void TPartialMemoryFromHeapArray::ClearData() {
   for (const THeapFragment& fragment : FFragments) std::memset(fragment.Block, 0, fragment.Size);
 }
 
+namespace {
+constexpr uint64_t kHugePage = 2u << 20;
+uint64_t RoundedToHugePages(uint64_t bytes) {
+  return (bytes + kHugePage - 1) / kHugePage * kHugePage;
+}
+} // namespace
+
+TPartialMemoryFromHeapAllocator::~TPartialMemoryFromHeapAllocator() {
+  for (const TKeptBlock& kept : FKept) std::free(kept.Block);
+}
+
+uint64_t TPartialMemoryFromHeapAllocator::KeptBytes() const {
+  std::lock_guard lock(FKeptLock);
+  return FKeptBytes;
+}
+
+uint8_t* TPartialMemoryFromHeapAllocator::TakeBlock(uint64_t bytes) {
+  uint8_t* block = nullptr;
+  {
+    std::lock_guard lock(FKeptLock);
+    for (auto it = FKept.begin(); it != FKept.end(); ++it)
+      if (it->Bytes >= bytes && it->Bytes - bytes <= bytes / 8) {
+        block = it->Block;
+        FKeptBytes -= it->Bytes;
+        FKept.erase(it);
+        break;
+      }
+  }
+  if (block) {
+    // Cleared as the system clears a fresh block, so an array never shows what an earlier one held.
+    std::memset(block, 0, bytes);
+    return block;
+  }
+  block = static_cast<uint8_t*>(std::aligned_alloc(kHugePage, bytes));
+  if (!block) {
+    // Short of memory: the kept blocks go first.
+    std::vector<TKeptBlock> kept;
+    {
+      std::lock_guard lock(FKeptLock);
+      kept.swap(FKept);
+      FKeptBytes = 0;
+    }
+    for (const TKeptBlock& k : kept) std::free(k.Block);
+    block = static_cast<uint8_t*>(std::aligned_alloc(kHugePage, bytes));
+  }
+  if (block) ::madvise(block, bytes, MADV_HUGEPAGE);
+  return block;
+}
+
+void TPartialMemoryFromHeapAllocator::KeepBlock(uint8_t* block, uint64_t bytes) {
+  std::vector<uint8_t*> freed;
+  {
+    std::lock_guard lock(FKeptLock);
+    if (bytes > FKeepLimit) {
+      freed.push_back(block);
+    } else {
+      while (FKeptBytes + bytes > FKeepLimit) {
+        freed.push_back(FKept.front().Block);
+        FKeptBytes -= FKept.front().Bytes;
+        FKept.erase(FKept.begin());
+      }
+      FKept.push_back({block, bytes});
+      FKeptBytes += bytes;
+    }
+  }
+  for (uint8_t* b : freed) std::free(b); // outside the lock: giving back a large block takes a while
+}
+
 uint64_t TPartialMemoryFromHeapAllocator::ApplicationAddressSpan() {
   // x86-64 Linux gives user space the addresses from the lowest mappable page (64 KiB by the
   // usual mmap_min_addr) up to 2^47 less one guard page.
@@ -125,6 +193,8 @@ bool TPartialMemoryFromHeapAllocator::Initialize(const void* configuration) {
   TPageLockGuard guard(FLock);
   FPageSize = kPartialMemoryPageSize;
   ResetPages(uint32_t(pages));
+  std::lock_guard keptLock(FKeptLock);
+  FKeepLimit = std::min(kKeptBlockBytes, limit / 4);
   return true;
 }
 
@@ -158,11 +228,9 @@ IPartialArray* TPartialMemoryFromHeapAllocator::AllocateArray(uint64_t bytes) {
 
   // The blocks are allocated outside the lock: malloc may take long for many pages. A large array gets one
   // block on huge pages, so that filling it costs few page faults and file transfers run in one piece.
-  constexpr uint64_t kHugePage = 2u << 20;
   if (bytes >= kHugePage) {
-    const uint64_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
-    array->FContiguousBlock = static_cast<uint8_t*>(std::aligned_alloc(kHugePage, rounded));
-    if (array->FContiguousBlock) ::madvise(array->FContiguousBlock, rounded, MADV_HUGEPAGE);
+    array->FContiguousBytes = RoundedToHugePages(bytes);
+    array->FContiguousBlock = TakeBlock(array->FContiguousBytes);
   }
   uint64_t start = 0;
   for (uint32_t i = 0; i < count; ++i) {
@@ -188,7 +256,7 @@ void TPartialMemoryFromHeapAllocator::FreeArray(IPartialArray* array) {
     if (!heapArray->FContiguousBlock) std::free(fragment.Block);
     fragment.Block = nullptr;
   }
-  std::free(heapArray->FContiguousBlock);
+  if (heapArray->FContiguousBlock) KeepBlock(heapArray->FContiguousBlock, heapArray->FContiguousBytes);
   heapArray->FContiguousBlock = nullptr;
   TPageLockGuard guard(FLock);
   ReturnPages(heapArray->FPageNumbers.data(), uint32_t(heapArray->FPageNumbers.size()));

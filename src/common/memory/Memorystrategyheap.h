@@ -4,6 +4,7 @@
 #include "common/memory/Partialmemoryallocator.h"
 
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
 /// One page of a heap array; the last page of an array holds only the remainder.
@@ -45,6 +46,7 @@ private:
   std::vector<uint32_t> FPageNumbers;
   /// One block behind all fragments of a large array (null: each fragment has its own block).
   uint8_t* FContiguousBlock = nullptr;
+  uint64_t FContiguousBytes = 0; ///< the block's size, rounded to whole huge pages
   uint64_t FTotalBytes = 0;
   uint32_t FPageSize = kPartialMemoryPageSize;
 };
@@ -53,7 +55,7 @@ private:
 class TPartialMemoryFromHeapAllocator : public TCustomPartialMemoryAllocator {
 public:
   TPartialMemoryFromHeapAllocator() = default;
-  ~TPartialMemoryFromHeapAllocator() override = default;
+  ~TPartialMemoryFromHeapAllocator() override;
 
   /// Takes a TPartialMemoryHeapConfiguration; the limit is capped at the span of the process's
   /// application addresses, and 0 is refused.
@@ -63,4 +65,27 @@ public:
 
   /// Span of addresses a 64-bit Linux process can give to its data.
   static uint64_t ApplicationAddressSpan();
+
+  /// Large blocks given back are kept for the next array of about their size (a tool run after run makes
+  /// results of the same size): taking such a block costs clearing it, a fresh one faulting in and clearing
+  /// every page by the system, several times as long. At most this many bytes wait, and at most a
+  /// quarter of the limit.
+  static constexpr uint64_t kKeptBlockBytes = uint64_t(1) << 30;
+  /// Bytes of blocks waiting now.
+  uint64_t KeptBytes() const;
+
+private:
+  struct TKeptBlock {
+    uint8_t* Block = nullptr;
+    uint64_t Bytes = 0;
+  };
+  /// A kept block of bytes to bytes + 1/8 (cleared), or a new one; null when there is no memory.
+  uint8_t* TakeBlock(uint64_t bytes);
+  /// Keeps the block when there is room among the kept ones (the oldest make room), else frees it.
+  void KeepBlock(uint8_t* block, uint64_t bytes);
+
+  mutable std::mutex FKeptLock;
+  std::vector<TKeptBlock> FKept; ///< oldest first
+  uint64_t FKeptBytes = 0;
+  uint64_t FKeepLimit = 0;
 };
