@@ -3,7 +3,9 @@
 #include "frame/Qttoolwindow.h"
 
 void RegisterImageFourierFilterWindowExtension();
+void RegisterPCAWindowExtension();
 
 void RegisterToolWindowExtensions() {
   RegisterImageFourierFilterWindowExtension();
+  RegisterPCAWindowExtension();
 }
