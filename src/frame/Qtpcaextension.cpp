@@ -9,6 +9,7 @@
 #include "tools/multivariate/Pcacore.h"
 #include "tools/multivariate/Pcatool.h"
 #include "viewers/Vimage.h"
+#include "viewers/Vmultigraph.h"
 
 #include <QCheckBox>
 #include <QGroupBox>
@@ -130,6 +131,23 @@ TVImageForm* PreviewViewer(TPCAForm& tool) {
   return nullptr;
 }
 
+TVMultiGraphForm* EigenValueViewer(TPCAForm& tool) {
+  for (TVCustomForm* form : tool.GetCustomForms())
+    if (auto* viewer = dynamic_cast<TVMultiGraphForm*>(form);
+        viewer && viewer->IsDataUsed(tool.GetEigenValuesID()))
+      return viewer;
+  return nullptr;
+}
+
+// The eigenvalue graph after a calculation: the first components in view (at most 100), the spectral
+// cursor on the current PC.
+void ShowEigenValues(TPCAForm& tool) {
+  TVMultiGraphForm* viewer = EigenValueViewer(tool);
+  if (!viewer || !tool.IsPCADone()) return;
+  viewer->SetXRange(-1, std::min(tool.GetComponentCount(), 100));
+  viewer->SetCursor(tool.GetCurrentPC());
+}
+
 void ShowDrawField(TPCAForm& tool, TVImageForm& viewer) {
   const std::vector<uint8_t>& field = tool.GetDrawField();
   int32_t sizeX = 0, sizeY = 0;
@@ -153,16 +171,17 @@ void LinkDrawField(TPCAForm& tool, TVImageForm& viewer) {
 }
 
 // The tool's viewers are kept out of the project's windows (they belong to the tool): they get windows
-// here, in a row to the right of the tool's window, and go with their viewers at the clean-up.
+// here, cascaded to the right of the tool's window, and go with their viewers at the clean-up.
 void ShowViewers(TQtToolWindow& window, TProjectDialogForm& tool) {
   int left = window.frameGeometry().right() + 10;
-  const int top = window.frameGeometry().top();
+  int top = window.frameGeometry().top();
   for (TVCustomForm* viewer : tool.GetCustomForms()) {
     auto* shown = new TQtViewerWindow(viewer, nullptr);
-    shown->resize(480, 400);
+    shown->resize(700, 460);
     shown->move(left, top);
     shown->ShowViewerWindow(false);
-    left += 490;
+    left += 40;
+    top += 40;
   }
 }
 
@@ -204,12 +223,17 @@ void RegisterPCAWindowExtension() {
     area->addWidget(c.Status);
 
     TQtToolWindow* w = &window;
-    QObject::connect(c.Calculate, &QPushButton::clicked, &window,
-                     [tool] { Guarded(*tool, [tool] { tool->CalculatePCA(); }); });
+    QObject::connect(c.Calculate, &QPushButton::clicked, &window, [tool] {
+      Guarded(*tool, [tool] {
+        if (tool->CalculatePCA()) ShowEigenValues(*tool);
+      });
+    });
     QObject::connect(c.Randomize, &QPushButton::clicked, &window,
                      [tool] { Guarded(*tool, [tool] { tool->RandomizeDrawFieldCommand(); }); });
-    QObject::connect(c.CurrentPC, &QSpinBox::valueChanged, &window,
-                     [tool](int pc) { Guarded(*tool, [tool, pc] { tool->SetCurrentPC(pc); }); });
+    QObject::connect(c.CurrentPC, &QSpinBox::valueChanged, &window, [tool](int pc) {
+      Guarded(*tool, [tool, pc] { tool->SetCurrentPC(pc); });
+      if (TVMultiGraphForm* viewer = EigenValueViewer(*tool)) viewer->SetCursor(tool->GetCurrentPC());
+    });
     QObject::connect(c.AddPC, &QPushButton::clicked, &window, [tool] { tool->AddCurrentPCToMask(); });
     QObject::connect(c.DeletePC, &QPushButton::clicked, &window, [tool] { tool->DeleteCurrentPCFromMask(); });
     QObject::connect(c.ShowReconstructed, &QCheckBox::toggled, &window, [tool](bool on) {

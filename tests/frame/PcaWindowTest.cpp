@@ -154,7 +154,10 @@ TEST_F(PcaWindowTest, CalculateShowsAFallingEigenvalueGraphAndTheScoreImageOfPCZ
   ASSERT_EQ(eigenValues.GetSizeGraph(), m);
   EXPECT_GT(eigenValues.GetField(0, 0, 0), eigenValues.GetField(0, 0, 1));
   EXPECT_GT(eigenValues.GetField(0, 0, 1), eigenValues.GetField(0, 0, m - 1));
-  eigenViewer->SetXRange(0, 15); // the first components, where the curve falls most
+  // The viewer shows the components from -1 to M (at most 100), its cursor on PC 0.
+  EXPECT_DOUBLE_EQ(eigenViewer->GetMinXInterpretation(), -1);
+  EXPECT_DOUBLE_EQ(eigenViewer->GetMaxXInterpretation(), m);
+  EXPECT_DOUBLE_EQ(eigenViewer->GetCursorX(), 0);
   const QImage graph = Grab(eigenWindow->OpenGLWidget());
   Keep(graph, "pca-eigenvalues");
   const std::vector<int> rows = CurveRows(graph);
@@ -204,6 +207,7 @@ TEST_F(PcaWindowTest, CalculateShowsAFallingEigenvalueGraphAndTheScoreImageOfPCZ
   // PC 1 current: the image shows its scores; both into the PC mask; extract the PC graphs.
   currentPC->setValue(1);
   EXPECT_EQ(tool->GetCurrentPC(), 1);
+  EXPECT_DOUBLE_EQ(eigenViewer->GetCursorX(), 1);
   map.GetSpectrum(12, 10, spectrum.data());
   double score1 = 0;
   tool->Core().Scores(spectrum.data(), {1}, &score1);
@@ -222,6 +226,31 @@ TEST_F(PcaWindowTest, CalculateShowsAFallingEigenvalueGraphAndTheScoreImageOfPCZ
     if (FProject.FindData(id)->GetCaption().find("(PCA)(EigenVector ") != std::string::npos) ++pcGraphs;
   EXPECT_EQ(pcGraphs, 2);
   window->grab().save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/pca-window.png"));
+
+  // The cursor pixel follows the map's cursor: a click in the preview image moves the shared cursor, and
+  // "Mask Preview" shows that pixel's spectrum, with its reconstruction from PCs 0 and 1 beside it.
+  ASSERT_TRUE(imageViewer->SetCursorPixel(17, 5));
+  QApplication::processEvents();
+  EXPECT_EQ(tool->GetCursorX(), 17);
+  EXPECT_EQ(tool->GetCursorY(), 5);
+  const TDGraph& maskPreview = *dynamic_cast<TDGraph*>(FProject.FindData(tool->GetMaskPreviewID()));
+  const TDGraph& reconstruction =
+      *dynamic_cast<TDGraph*>(FProject.FindData(tool->GetReconstructionPreviewID()));
+  map.GetSpectrum(17, 5, spectrum.data());
+  std::vector<float> shown(kPoints), rebuilt(kPoints), expected(kPoints);
+  maskPreview.GetSpectrum(0, 0, shown.data());
+  EXPECT_EQ(shown, spectrum);
+  tool->Core().Reconstruct(spectrum.data(), {0, 1}, expected.data());
+  reconstruction.GetSpectrum(0, 0, rebuilt.data());
+  EXPECT_EQ(rebuilt, expected);
+  auto* spectrumViewer = tool->GetCustomForms()[1];
+  EXPECT_TRUE(spectrumViewer->IsDataUsed(tool->GetReconstructionPreviewID()));
+  TQtViewerWindow* spectrumWindow = WindowOfViewer(spectrumViewer);
+  ASSERT_NE(spectrumWindow, nullptr);
+  spectrumWindow->resize(760, 520);
+  QApplication::processEvents();
+  const QImage spectra = Grab(spectrumWindow->OpenGLWidget());
+  Keep(spectra, "pca-cursor-spectrum");
 }
 
 } // namespace
