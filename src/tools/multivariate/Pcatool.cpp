@@ -3,6 +3,7 @@
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
 #include "common/memory/Memorymanagement.h"
+#include "common/threads/Multicorecalc.h"
 #include "common/threads/Progressandcancel.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
@@ -617,7 +618,15 @@ bool TPCAForm::CalculatePCA() {
   settings.UseDrawField = GetBoolParameter(kUseDrawField);
   if (settings.UseDrawField) settings.DrawField.assign(FDrawField.begin(), FDrawField.end());
   TExternalCancelOnly progress(ExternalCancel);
-  const TPCAStatus status = FCore->Calculate(*graph, settings, &progress, 0);
+  TPCAStatus status = FCore->Prepare(*graph, settings, &progress);
+  if (status == TPCAStatus::Ok) {
+    // The four steps on all threads; after 100 ms the user sees their captions and may cancel.
+    TMCC mcc(GetDialogName() + " (Calculate)");
+    mcc.MCCInit([this](TMCC* m, int t) { FCore->CalculateThread(m, t); }, nullptr, 4);
+    mcc.StartThreads(0);
+    mcc.WaitAndShowProgressOnDelay(100);
+    status = FCore->Finish();
+  }
   if (status == TPCAStatus::Failed) throw OrvexException(Describe(*graph) + ": " + FCore->Error());
   if (status == TPCAStatus::NoPixels) return false; // the old result stays
   // A new result: the eigenvalues, an empty PC mask over its components, PC 0 current.

@@ -8,6 +8,7 @@
 #include "project/Demodataset.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "support/TestProgress.h"
 #include "tools/multivariate/Pcacore.h"
 #include "tools/multivariate/Pcatool.h"
 
@@ -240,6 +241,24 @@ TEST_F(PCAPreviewTest, RandomizedDrawFieldIsUsedByCalculate) {
   EXPECT_EQ(tool.Core().PixelCount(), kSizeX * kSizeY);
   Set(tool, {"Draw Field Pixels=61"}); // above half the pixels
   EXPECT_THROW(tool.RandomizeDrawFieldCommand(), std::exception);
+  tool.CleanUp();
+}
+
+TEST_F(PCAPreviewTest, ACancelledCalculationLeavesNoResultAndExtractOff) {
+  TPCAForm tool;
+  Open(tool);
+  ASSERT_TRUE(tool.CalculatePCA());
+  oxtest::TRecordingProgress cancel(0); // cancels at the first question
+  tool.ExternalCancel = &cancel;
+  EXPECT_FALSE(tool.CalculatePCA());
+  EXPECT_GT(cancel.Questions(), 0);
+  EXPECT_FALSE(tool.IsPCADone());
+  EXPECT_EQ(tool.GetComponentCount(), 0);
+  EXPECT_FALSE(tool.IsExtractEnabled());
+  EXPECT_FALSE(tool.ExecuteCommand("Extract"));
+  tool.ExternalCancel = nullptr;
+  EXPECT_TRUE(tool.CalculatePCA());
+  EXPECT_TRUE(tool.IsExtractEnabled());
   tool.CleanUp();
 }
 
