@@ -118,6 +118,25 @@ double ScaleFourierAmplitude(double amplitude, TFourierScaleType scale) {
   }
 }
 
+// --- Update delay ---------------------------------------------------------------------------------------
+
+void TUpdateDelay::Changed(TClock::time_point now) {
+  FDue = now + FWait;
+  FPending = true;
+}
+
+std::chrono::milliseconds TUpdateDelay::Remaining(TClock::time_point now) const {
+  if (!FPending || now >= FDue) return std::chrono::milliseconds(0);
+  // Rounded up, so that a timer started with the rest never fires before the change is due.
+  return std::chrono::ceil<std::chrono::milliseconds>(FDue - now);
+}
+
+bool TUpdateDelay::TakeIfDue(TClock::time_point now) {
+  if (!FPending || now < FDue) return false;
+  FPending = false;
+  return true;
+}
+
 // --- The tool ------------------------------------------------------------------------------------------
 
 TParameterTable& TImageFourierFilterForm::Declaration() {
@@ -187,6 +206,8 @@ void TImageFourierFilterForm::Init(const TIntList* ids, const TIntList* extra, T
   FSourceID = ids && !ids->empty() ? ids->front() : 0;
   FSpectrumValid = false;
   FN = 0;
+  FPreviewCount = 0;
+  FUpdateDelay.Cancel();
   FMCC = std::make_unique<TMCC>(
       GetDialogName(),
       [this](TMCC* mcc, int thread) {
@@ -214,6 +235,7 @@ void TImageFourierFilterForm::Init(const TIntList* ids, const TIntList* extra, T
     }
   }
   if (GetBoolParameter(kAutoPreview)) UpdatePreview();
+  if (OnViewersOpened) OnViewersOpened();
 }
 
 void TImageFourierFilterForm::CleanUp() {
@@ -225,6 +247,7 @@ void TImageFourierFilterForm::CleanUp() {
   FN = 0;
   FSourceID = 0;
   FPreviewID = FAmplitudeID = 0;
+  FUpdateDelay.Cancel();
   TProjectDialogForm::CleanUp();
 }
 
@@ -235,7 +258,7 @@ void TImageFourierFilterForm::DoRemoveData(TData* data) {
 void TImageFourierFilterForm::DoDataChange(TData* data) {
   if (!data || data->GetID() != FSourceID || FInCalculation) return;
   FSpectrumValid = false;
-  if (Interactive && !ConfigurationOnly && GetBoolParameter(kAutoPreview)) UpdatePreview();
+  RequestPreviewUpdate();
 }
 
 bool TImageFourierFilterForm::IsDataUsed(int32_t id) const {
@@ -243,7 +266,43 @@ bool TImageFourierFilterForm::IsDataUsed(int32_t id) const {
 }
 
 void TImageFourierFilterForm::DoParameterChanged(const TUserParameterList& /*changed*/) {
-  if (GetIsActive() && Interactive && !ConfigurationOnly && GetBoolParameter(kAutoPreview)) UpdatePreview();
+  RequestPreviewUpdate();
+}
+
+void TImageFourierFilterForm::RequestPreviewUpdate(TUpdateDelay::TClock::time_point now) {
+  if (!GetIsActive() || !Interactive || ConfigurationOnly || !GetBoolParameter(kAutoPreview)) return;
+  if (!FStartUpdateTimer) {
+    UpdatePreview();
+    return;
+  }
+  FUpdateDelay.Changed(now);
+  FStartUpdateTimer(static_cast<int>(FUpdateDelay.GetWait().count()));
+}
+
+void TImageFourierFilterForm::UpdateTimerElapsed(TUpdateDelay::TClock::time_point now) {
+  if (FUpdateDelay.TakeIfDue(now)) {
+    UpdatePreview();
+    return;
+  }
+  // Fired early (a change after the timer was started): wait for the rest.
+  if (FUpdateDelay.IsPending() && FStartUpdateTimer)
+    FStartUpdateTimer(static_cast<int>(std::max<int64_t>(1, FUpdateDelay.Remaining(now).count())));
+}
+
+bool TImageFourierFilterForm::SetDrawField(const std::vector<uint8_t>& flags,
+                                           TUpdateDelay::TClock::time_point now) {
+  if (FN == 0 || flags.size() != FDrawField.size()) return false;
+  bool same = true;
+  for (size_t k = 0; k < flags.size() && same; ++k) same = (flags[k] != 0) == (FDrawField[k] != 0);
+  if (same) return false;
+  for (size_t k = 0; k < flags.size(); ++k) FDrawField[k] = flags[k] != 0;
+  // The marks count only for "Free Hand"; the patterns ignore them.
+  if (GetFilterType() == TFourierFilterType::FreeHand) RequestPreviewUpdate(now);
+  return true;
+}
+
+TFourierFilterType TImageFourierFilterForm::GetFilterType() const {
+  return static_cast<TFourierFilterType>(GetIntParameter(kFilterType));
 }
 
 bool TImageFourierFilterForm::DoCommand(const std::string& name) {
@@ -274,22 +333,34 @@ bool TImageFourierFilterForm::DoCommand(const std::string& name) {
 
 void TImageFourierFilterForm::UpdatePreview() {
   if (!GetIsActive() || FSourceID == 0) return;
+  FUpdateDelay.Cancel();
   PrepareTransform();
   if (!FSpectrumValid && !CalculateFFTMultiCore()) return;
-  if (auto* amplitude = dynamic_cast<TDImage*>(GetProject()->FindData(FAmplitudeID)))
+  if (auto* amplitude = dynamic_cast<TDImage*>(GetProject()->FindData(FAmplitudeID))) {
+    amplitude->SetAutoDataChange(false);
     FillFFTImage(*amplitude);
+    amplitude->SetAutoDataChange(true);
+    amplitude->DoDataChange(TDataChangeInfo::DataChanged); // its viewer redraws once
+  }
   auto* preview = dynamic_cast<TDImage*>(GetProject()->FindData(FPreviewID));
   if (!preview) return;
   preview->SetFieldSize(FSizeX, FSizeY);
   if (GetBoolParameter(kShowOriginal)) {
+    // The source as it is, for comparison; the marks stay and apply again when the box is cleared.
+    CalculateDrawField();
     preview->CopyFieldValuesFrom(Source());
     preview->DoDataChange(TDataChangeInfo::DataChanged);
+    ++FPreviewCount;
+    if (OnPreviewUpdated) OnPreviewUpdated();
     return;
   }
   preview->SetAutoDataChange(false);
   const bool done = CalculateBackFFTMultiCore(*preview);
   preview->SetAutoDataChange(true);
-  if (done) preview->DoDataChange(TDataChangeInfo::DataChanged);
+  if (!done) return;
+  preview->DoDataChange(TDataChangeInfo::DataChanged);
+  ++FPreviewCount;
+  if (OnPreviewUpdated) OnPreviewUpdated();
 }
 
 TDImage& TImageFourierFilterForm::Source() const {
@@ -391,7 +462,7 @@ bool TImageFourierFilterForm::CalculateBackFFTMultiCore(TDImage& result) {
 }
 
 void TImageFourierFilterForm::CalculateDrawField() {
-  const auto type = static_cast<TFourierFilterType>(GetIntParameter(kFilterType));
+  const TFourierFilterType type = GetFilterType();
   FAppliedField = FDrawField;
   CalculateFourierDrawField(type, GetFloatParameter(kFrequency), FFrequencyStepX, FFrequencyStepY, FN,
                             FAppliedField.data());

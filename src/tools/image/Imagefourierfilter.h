@@ -8,7 +8,9 @@
 #include "project/Projectdialogform.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,6 +55,30 @@ void SampleFourierRow(const float* line0, const float* line1, double fy, int siz
 /// The displayed value of an amplitude.
 double ScaleFourierAmplitude(double amplitude, TFourierScaleType scale);
 
+/// A recalculation a fixed wait after the last of a series of changes: every change starts the wait
+/// anew, so that a stroke of the pen or a run of typed digits costs one calculation at its end. Plain
+/// time points in and out; whoever owns a timer asks it when the wait is over.
+class TUpdateDelay {
+public:
+  using TClock = std::chrono::steady_clock;
+  explicit TUpdateDelay(std::chrono::milliseconds wait) : FWait(wait) {}
+  std::chrono::milliseconds GetWait() const { return FWait; }
+  /// A change at now: the calculation is due a full wait later.
+  void Changed(TClock::time_point now);
+  bool IsPending() const { return FPending; }
+  /// The time still to wait at now (0 when due or nothing is pending).
+  std::chrono::milliseconds Remaining(TClock::time_point now) const;
+  /// True once when a change is pending and its wait has passed by now; the change is then taken.
+  bool TakeIfDue(TClock::time_point now);
+  /// Forgets a pending change.
+  void Cancel() { FPending = false; }
+
+private:
+  std::chrono::milliseconds FWait;
+  TClock::time_point FDue{};
+  bool FPending = false;
+};
+
 // --- The tool -------------------------------------------------------------------------------------------
 
 class TImageFourierFilterForm : public TProjectDialogForm {
@@ -92,8 +118,34 @@ public:
   bool GetLastRunCancelled() const { return FLastRunCancelled; }
 
   /// Forward transform of the source (when not done yet), the pattern, backward transform into the
-  /// preview and the amplitude into its image.
+  /// preview and the amplitude into its image. With "Show Original" the preview shows the source.
   void UpdatePreview();
+
+  /// The wait between a change and the recalculation of the preview.
+  static constexpr std::chrono::milliseconds kUpdateWait{250};
+  /// The window's timer: started (or started anew) with the wait in milliseconds; when it fires the
+  /// window calls UpdateTimerElapsed. Without a timer every change recalculates at once.
+  void SetUpdateTimer(std::function<void(int milliseconds)> start) { FStartUpdateTimer = std::move(start); }
+  /// A change that needs a new preview (a parameter, the hand-drawn marks): with a timer the wait starts
+  /// anew, without one the preview is calculated now. Nothing while Auto Preview is off.
+  void RequestPreviewUpdate(TUpdateDelay::TClock::time_point now = TUpdateDelay::TClock::now());
+  /// The timer fired: the preview when the wait since the last change is over, else the timer again
+  /// for the rest of the wait.
+  void UpdateTimerElapsed(TUpdateDelay::TClock::time_point now = TUpdateDelay::TClock::now());
+  bool IsPreviewUpdatePending() const { return FUpdateDelay.IsPending(); }
+  /// Takes over the marks drawn by hand (N x N flags in display order, as DrawField) and asks for a
+  /// new preview; false (nothing changed) when the size isn't N x N or the marks are the same.
+  bool SetDrawField(const std::vector<uint8_t>& flags,
+                    TUpdateDelay::TClock::time_point now = TUpdateDelay::TClock::now());
+  /// The filter type chosen now.
+  TFourierFilterType GetFilterType() const;
+  /// The number of previews calculated since Init (the backward transforms and the "Show Original"
+  /// copies).
+  int GetPreviewCount() const { return FPreviewCount; }
+
+  /// Told after Init opened the tool's viewers (the window links them), and after each preview.
+  std::function<void()> OnViewersOpened;
+  std::function<void()> OnPreviewUpdated;
 
 protected:
   bool DoCommand(const std::string& name) override;
@@ -142,6 +194,9 @@ private:
   int32_t FPreviewID = 0, FAmplitudeID = 0;
   bool FLastRunCancelled = false;
   bool FInCalculation = false;
+  TUpdateDelay FUpdateDelay{kUpdateWait};
+  std::function<void(int)> FStartUpdateTimer;
+  int FPreviewCount = 0;
 };
 
 void RegisterImageFourierFilter(TToolRegistry& registry);

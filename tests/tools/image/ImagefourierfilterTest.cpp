@@ -10,6 +10,7 @@
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
 
+#include <chrono>
 #include <cmath>
 #include <functional>
 #include <numbers>
@@ -371,6 +372,127 @@ TEST_F(ImageFourierFilterTest, InteractiveToolKeepsPreviewAndAmplitudeUntilClean
   EXPECT_EQ(FProject.DataList().size(), before + 3); // two images and the tool's connector
   tool.CleanUp();
   EXPECT_EQ(FProject.DataList().size(), before);
+}
+
+TEST(FourierUpdateDelay, EveryChangeStartsTheWaitAnewAndTheChangeIsTakenOnce) {
+  using namespace std::chrono_literals;
+  TUpdateDelay delay(250ms);
+  const TUpdateDelay::TClock::time_point t0{};
+  EXPECT_FALSE(delay.IsPending());
+  EXPECT_FALSE(delay.TakeIfDue(t0 + 1h));
+  delay.Changed(t0);
+  EXPECT_EQ(delay.Remaining(t0 + 100ms), 150ms);
+  delay.Changed(t0 + 100ms); // a second change before the first was due
+  EXPECT_FALSE(delay.TakeIfDue(t0 + 250ms));
+  EXPECT_EQ(delay.Remaining(t0 + 250ms), 100ms);
+  EXPECT_EQ(delay.Remaining(t0 + 250ms + 500us), 100ms) << "rounded up, never early";
+  EXPECT_TRUE(delay.TakeIfDue(t0 + 350ms));
+  EXPECT_FALSE(delay.IsPending());
+  EXPECT_FALSE(delay.TakeIfDue(t0 + 400ms)) << "taken once";
+  EXPECT_EQ(delay.Remaining(t0 + 400ms), 0ms);
+  delay.Changed(t0 + 1s);
+  delay.Cancel();
+  EXPECT_FALSE(delay.TakeIfDue(t0 + 2s));
+}
+
+// The window's part, without a window: a timer that records what it was asked to wait, and marks set
+// as the amplitude viewer's draw field hands them over.
+TEST_F(ImageFourierFilterTest, HandMarksReachTheFilterMaskOneWaitAfterTheLastChange) {
+  using namespace std::chrono_literals;
+  const int n = 8;
+  auto f = [](int x, int y) { return 2 + std::cos(kTwoPi * 3 * x / 8) + 0.5 * std::cos(kTwoPi * y / 8); };
+  const int32_t id = AddImage(n, n, f, 1, 1);
+  TImageFourierFilterForm tool;
+  std::vector<int> waits;
+  tool.SetUpdateTimer([&waits](int ms) { waits.push_back(ms); });
+  int opened = 0, updated = 0;
+  tool.OnViewersOpened = [&opened] { ++opened; };
+  tool.OnPreviewUpdated = [&updated] { ++updated; };
+  TIntList ids{id};
+  tool.Init(&ids, nullptr, &FProject);
+  EXPECT_EQ(opened, 1);
+  EXPECT_EQ(updated, 1); // the first preview comes at once
+  ASSERT_EQ(tool.GetN(), n);
+  const TDImage& preview = Image(tool.GetPreviewImageID());
+  EXPECT_NEAR(preview.GetField(1, 0), f(1, 0), 1e-5);
+
+  // Marks at x index +-3 (the cosine in x) drawn in two strokes 100 ms apart.
+  const auto t0 = TUpdateDelay::TClock::now();
+  std::vector<uint8_t> marks(static_cast<size_t>(n) * n, 0);
+  marks[At(3, 0, n)] = 1;
+  EXPECT_TRUE(tool.SetDrawField(marks, t0));
+  marks[At(-3, 0, n)] = 1;
+  EXPECT_TRUE(tool.SetDrawField(marks, t0 + 100ms));
+  EXPECT_FALSE(tool.SetDrawField(marks, t0 + 110ms)) << "the same marks change nothing";
+  EXPECT_FALSE(tool.SetDrawField(std::vector<uint8_t>(5, 1), t0 + 120ms)) << "wrong size";
+  EXPECT_EQ(waits, (std::vector<int>{250, 250}));
+  EXPECT_TRUE(tool.IsPreviewUpdatePending());
+  EXPECT_EQ(tool.GetPreviewCount(), 1) << "nothing calculated before the wait is over";
+
+  // The timer of the first change fires: 100 ms are left, the timer is started for them.
+  tool.UpdateTimerElapsed(t0 + 250ms);
+  EXPECT_EQ(tool.GetPreviewCount(), 1);
+  ASSERT_EQ(waits.size(), 3u);
+  EXPECT_EQ(waits.back(), 100);
+  tool.UpdateTimerElapsed(t0 + 350ms);
+  EXPECT_EQ(tool.GetPreviewCount(), 2);
+  EXPECT_FALSE(tool.IsPreviewUpdatePending());
+  EXPECT_EQ(updated, 2);
+  // The mask used is exactly the marks, and the marked cosine is gone from the preview.
+  EXPECT_EQ(tool.GetAppliedField(), marks);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x)
+      ASSERT_NEAR(preview.GetField(x, y), f(x, y) - std::cos(kTwoPi * 3 * x / 8), 1e-5) << x << " " << y;
+  // A late tick with nothing pending calculates nothing.
+  tool.UpdateTimerElapsed(t0 + 1s);
+  EXPECT_EQ(tool.GetPreviewCount(), 2);
+
+  // A pattern ignores the hand marks: new marks ask for no preview, and the pattern's field is used.
+  ASSERT_TRUE(tool.Parameters()
+                  .SetParameterValuesFromText({"FilterTypeComboBox=High Pass Line", "FilterFrequency=0.2"})
+                  .empty());
+  tool.UpdateTimerElapsed(TUpdateDelay::TClock::now() + 1s);
+  marks[At(1, 1, n)] = 1;
+  const size_t waitsBefore = waits.size();
+  EXPECT_TRUE(tool.SetDrawField(marks));
+  EXPECT_EQ(waits.size(), waitsBefore);
+  for (int j = -4; j < 4; ++j)
+    for (int i = -4; i < 4; ++i)
+      ASSERT_EQ(tool.GetAppliedField()[At(i, j, n)], std::abs(i) <= 1 ? 1 : 0) << i << " " << j;
+  tool.CleanUp();
+  EXPECT_FALSE(tool.IsPreviewUpdatePending());
+}
+
+TEST_F(ImageFourierFilterTest, ShowOriginalShowsTheSourceAndKeepsTheMarksForLater) {
+  const int n = 8;
+  auto f = [](int x, int y) { return 1 + std::cos(kTwoPi * 2 * x / 8) + 0.25 * y; };
+  const int32_t id = AddImage(n, n, f, 1, 1);
+  TImageFourierFilterForm tool;
+  TIntList ids{id};
+  tool.Init(&ids, nullptr, &FProject); // no timer: every change recalculates at once
+  const TDImage& preview = Image(tool.GetPreviewImageID());
+  std::vector<uint8_t> marks(static_cast<size_t>(n) * n, 0);
+  marks[At(2, 0, n)] = marks[At(-2, 0, n)] = 1;
+  ASSERT_TRUE(tool.SetDrawField(marks));
+  EXPECT_NEAR(preview.GetField(0, 3), f(0, 3) - 1, 1e-5);
+  Set(tool, {"ShowOriginalCheckBox=true"});
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) ASSERT_FLOAT_EQ(preview.GetField(x, y), static_cast<float>(f(x, y)));
+  EXPECT_EQ(tool.DrawField(), marks);
+  Set(tool, {"ShowOriginalCheckBox=false"});
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x)
+      ASSERT_NEAR(preview.GetField(x, y), f(x, y) - std::cos(kTwoPi * 2 * x / 8), 1e-5) << x << " " << y;
+  // Auto Preview off: changes wait for "Calculate Preview".
+  Set(tool, {"AutoPreviewCheckBox=false"});
+  const int count = tool.GetPreviewCount();
+  marks.assign(marks.size(), 0);
+  ASSERT_TRUE(tool.SetDrawField(marks));
+  EXPECT_EQ(tool.GetPreviewCount(), count);
+  EXPECT_NEAR(preview.GetField(0, 3), f(0, 3) - 1, 1e-5);
+  ASSERT_TRUE(tool.ExecuteCommand("Calculate Preview"));
+  EXPECT_NEAR(preview.GetField(0, 3), f(0, 3), 1e-5);
+  tool.CleanUp();
 }
 
 } // namespace
