@@ -2,4 +2,8 @@
 // defined in its tool's unit of this folder and only named here.
 #include "frame/Qttoolwindow.h"
 
-void RegisterToolWindowExtensions() {}
+void RegisterAdvancedFittingWindowExtension();
+
+void RegisterToolWindowExtensions() {
+  RegisterAdvancedFittingWindowExtension();
+}

@@ -103,9 +103,12 @@ void TAdvancedFittingPreview::Open(int32_t graphID) {
   Reconfigure();
   MakeReplicaGraphs();
   if (IToolViewerFactory* factory = IToolViewerFactory::GetFactory()) {
-    std::vector<int32_t> more{FFitGraphID};
+    // The curve first: it is drawn over the data, where it is judged.
+    std::vector<int32_t> more{FDataGraphID};
     more.insert(more.end(), FReplicaGraphIDs.begin(), FReplicaGraphIDs.end());
-    FViewer = FTool.AddCustomForm(factory->CreateGraphViewer(*project, FDataGraphID, more));
+    FViewer = FTool.AddCustomForm(factory->CreateGraphViewer(*project, FFitGraphID, more));
+    // Data and curves on one y axis, so that the curve is seen where it lies on the data.
+    if (FViewer && FViewer->GetCFI()) FViewer->GetCFI()->SetParameterValuesFromText({"OnlyOneYAxis=True"});
   }
   StorePixel();
   Update();
@@ -436,6 +439,14 @@ bool TAdvancedFittingPreview::IsAdvancedModeChangeAllowed(bool on) const {
   std::string error;
   if (!FTool.ConfigureCore(core, error)) return true;
   return !core.GetFunction()->GetOnlyAdvancedMode();
+}
+
+void TAdvancedFittingPreview::KeepAdvancedMode() {
+  FStoring = true;
+  FTool.Parameters().SetParameterValuesFromText({std::string(kAdvancedMode) + "=true"});
+  FStoring = false;
+  FStatus = "Advanced Mode is needed by the selected function";
+  Changed();
 }
 
 bool TAdvancedFittingPreview::AddSelectedFunctionToUserFunctions(const std::string& name,

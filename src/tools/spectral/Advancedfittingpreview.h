@@ -121,6 +121,8 @@ public:
   bool SetFunctionSettings(const std::string& settings);
   /// Turning advanced mode off is refused while a function offered only in advanced mode is selected.
   bool IsAdvancedModeChangeAllowed(bool on) const;
+  /// Turns advanced mode back on, the status saying why.
+  void KeepAdvancedMode();
   /// "Add selected function to user fit functions": a copy of the selected function, with the current
   /// rows as its parameters, named name, joins the user functions. False when the name is taken.
   bool AddSelectedFunctionToUserFunctions(const std::string& name, std::string& problem);

@@ -506,9 +506,17 @@ void TAdvancedFittingToolForm::DoDataChange(TData* data) {
   FPreview->FollowSpaceCursor();
 }
 
-void TAdvancedFittingToolForm::DoParameterChanged(const TUserParameterList& /*changed*/) {
+void TAdvancedFittingToolForm::DoParameterChanged(const TUserParameterList& changed) {
+  if (!FPreview->IsOpen() || FPreview->IsStoring()) return;
+  // Advanced Mode stays on while the function of several parts needs it.
+  for (const TUserParameter* parameter : changed)
+    if (parameter->GetName() == kAdvancedMode && !GetBoolParameter(kAdvancedMode) &&
+        !FPreview->IsAdvancedModeChangeAllowed(false)) {
+      FPreview->KeepAdvancedMode();
+      return;
+    }
   // A changed setting: Fit on Change refits the current spectrum, Define Start Values redraws its curve.
-  if (FPreview->IsOpen() && !FPreview->IsStoring()) FPreview->Update();
+  FPreview->Update();
 }
 
 TAdvancedFittingToolForm::~TAdvancedFittingToolForm() = default;

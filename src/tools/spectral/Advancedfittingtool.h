@@ -78,6 +78,8 @@ public:
   void DoDataChange(TData* data) override;
   /// The current spectrum, its fit and the preview graphs; null while the tool isn't open in a window.
   TAdvancedFittingPreview* GetPreview() const;
+  /// The same whether open or not (the window connects to it once).
+  TAdvancedFittingPreview& Preview() const { return *FPreview; }
 
   /// Failed fits of the last run, summed over its inputs.
   int64_t GetNumberOfFailedFits() const { return FFailedFits; }

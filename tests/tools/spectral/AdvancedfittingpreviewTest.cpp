@@ -273,6 +273,12 @@ TEST_F(AdvancedFittingPreviewTest, AdvancedModeCannotBeLeftWithAFunctionOfSevera
   // The stored rows of one Gauss don't stop the change to two: the rows follow the new parameter list.
   ASSERT_TRUE(preview.SetFunctionSettings("NumberOfFunctions=2")) << preview.GetStatus();
   EXPECT_GT(preview.Rows().size(), rows);
+  // Turning it off is taken back, with the reason in the status.
+  auto* advanced = tool.Parameters().GetUserParameterByName("Advanced Mode");
+  std::string problem;
+  ASSERT_TRUE(advanced->SetParameterFromText("false", problem)) << problem; // announces the change
+  EXPECT_TRUE(tool.GetBoolParameter("Advanced Mode"));
+  EXPECT_EQ(preview.GetStatus(), "Advanced Mode is needed by the selected function");
   EXPECT_FALSE(preview.IsAdvancedModeChangeAllowed(false));
   EXPECT_TRUE(preview.IsAdvancedModeChangeAllowed(true));
 }
