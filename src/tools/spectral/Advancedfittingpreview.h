@@ -14,6 +14,7 @@
 #include <vector>
 
 class TAdvancedFittingToolForm;
+class TGraphMask;
 class TFitFunctionManager;
 class TVCustomForm;
 
@@ -143,6 +144,8 @@ private:
   /// The curve graphs from the last fit (Fit on Change) or the start values (Define Start Values).
   void DrawCurves(bool fromValues);
   void CopySpectrumToDataGraph();
+  /// The fit mask as a band over the data in the viewer (when the viewer shows mask bands).
+  void ShowFitMask();
   void MakeReplicaGraphs();
   void ClearResult(const std::string& status);
 
@@ -154,6 +157,8 @@ private:
   int32_t FDataGraphID = 0, FFitGraphID = 0;
   std::vector<int32_t> FReplicaGraphIDs;
   TVCustomForm* FViewer = nullptr;
+  std::unique_ptr<TGraphMask> FMaskBand;
+  bool FMaskShown = false;
   TAdvancedFitPointResult FLastResult;
   std::string FStatus = kNotFitted;
   std::string FTitle;

@@ -9,6 +9,9 @@
 #include "data/Dcursor.h"
 #include "data/Dtransformation.h"
 #include "project/Demodataset.h"
+#include "project/Graphmask.h"
+#include "project/Projectdialogform.h"
+#include "project/Viewerbase.h"
 #include "support/TestSupport.h"
 #include "tools/spectral/Advancedfittingcore.h"
 #include "tools/spectral/Advancedfittingtool.h"
@@ -281,6 +284,92 @@ TEST_F(AdvancedFittingPreviewTest, AdvancedModeCannotBeLeftWithAFunctionOfSevera
   EXPECT_EQ(preview.GetStatus(), "Advanced Mode is needed by the selected function");
   EXPECT_FALSE(preview.IsAdvancedModeChangeAllowed(false));
   EXPECT_TRUE(preview.IsAdvancedModeChangeAllowed(true));
+}
+
+// A viewer that records what it is shown: its graphs and the mask bands.
+class TRecordingViewer : public TVCustomForm, public IGraphMaskViewer {
+public:
+  std::string GetClassNameA() const override { return "TRecordingViewer"; }
+  bool AddDataID(int32_t id) override {
+    Graphs.push_back(id);
+    return true;
+  }
+  void SetMultiMask(int32_t graphID, int band, int first, int last, const bool* mask) override {
+    MaskGraph = graphID;
+    Band = band;
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(last, -1);
+    Mask.assign(mask, mask + MaskSize);
+    ++MaskCalls;
+  }
+  void HideMarker() override {}
+  std::vector<int32_t> Graphs;
+  int32_t MaskGraph = 0;
+  int Band = -1;
+  int MaskSize = 0;
+  int MaskCalls = 0;
+  std::vector<bool> Mask;
+};
+
+class TRecordingFactory : public IToolViewerFactory {
+public:
+  std::unique_ptr<TVCustomForm> CreateGraphViewer(TProject&, int32_t graphID,
+                                                  const std::vector<int32_t>& moreIDs) override {
+    auto viewer = std::make_unique<TRecordingViewer>();
+    viewer->MaskSize = MaskSize;
+    viewer->AddDataID(graphID);
+    for (int32_t id : moreIDs) viewer->AddDataID(id);
+    Made = viewer.get();
+    return viewer;
+  }
+  std::unique_ptr<TVCustomForm> CreateImageViewer(TProject&, int32_t, bool) override { return nullptr; }
+  void SetImageID(TVCustomForm&, int32_t) override {}
+  void SetAutoUpdate(TVCustomForm&, bool) override {}
+  int MaskSize = 0;
+  TRecordingViewer* Made = nullptr;
+};
+
+TEST_F(AdvancedFittingPreviewTest, ViewerShowsCurveOverDataWithTheFitMaskAsBand) {
+  TRecordingFactory factory;
+  factory.MaskSize = 512;
+  IToolViewerFactory* former = IToolViewerFactory::GetFactory();
+  IToolViewerFactory::SetFactory(&factory);
+  TAdvancedFittingToolForm tool;
+  TAdvancedFittingPreview& preview = Open(tool, {});
+  IToolViewerFactory::SetFactory(former);
+  ASSERT_NE(factory.Made, nullptr);
+  EXPECT_EQ(preview.GetViewer(), factory.Made);
+  ASSERT_EQ(factory.Made->Graphs.size(), 2u); // Lorentz has no replicas
+  EXPECT_EQ(factory.Made->Graphs[0], preview.GetFitGraphID());
+  EXPECT_EQ(factory.Made->Graphs[1], preview.GetDataGraphID());
+  // The band: the points of the mask 480:560 over the data graph.
+  EXPECT_EQ(factory.Made->MaskGraph, preview.GetDataGraphID());
+  EXPECT_EQ(factory.Made->Band, 0);
+  TAdvancedFittingCore core;
+  tool.ConfigureForGraph(*dynamic_cast<const TDGraph*>(FProject.FindData(FIDs.Map)), core);
+  ASSERT_EQ(factory.Made->Mask.size(), core.GetAxis().size());
+  int set = 0;
+  for (size_t g = 0; g < core.GetAxis().size(); ++g) {
+    const double x = core.GetAxis()[g];
+    if (x > 481 && x < 559) {
+      EXPECT_TRUE(factory.Made->Mask[g]) << x;
+    } else if (x < 479 || x > 561) {
+      EXPECT_FALSE(factory.Made->Mask[g]) << x;
+    }
+    set += factory.Made->Mask[g] ? 1 : 0;
+  }
+  EXPECT_EQ(set, preview.GetLastResult().DataPoints);
+  // A new mask moves the band; a refit with the same mask sends none.
+  const int calls = factory.Made->MaskCalls;
+  ASSERT_TRUE(tool.ExecuteCommand(TAdvancedFittingToolForm::kFitOnce));
+  EXPECT_EQ(factory.Made->MaskCalls, calls);
+  ASSERT_TRUE(tool.Parameters().SetParameterValuesFromText({"Fit Mask=990:1020"}).empty());
+  EXPECT_GT(factory.Made->MaskCalls, calls);
+  for (size_t g = 0; g < core.GetAxis().size(); ++g)
+    if (core.GetAxis()[g] > 500 && core.GetAxis()[g] < 540) {
+      EXPECT_FALSE(factory.Made->Mask[g]);
+    }
+  tool.CleanUp(); // the viewer goes with the tool's clean-up
 }
 
 TEST(AdvancedFittingRowsText, ReadsBackToTheSameRows) {
