@@ -233,17 +233,24 @@ private:
     FTable->setRowCount(static_cast<int>(rows.size()));
     for (int r = 0; r < static_cast<int>(rows.size()); ++r) {
       const TAdvancedFitParamSettings& row = rows[static_cast<size_t>(r)];
+      // Items are kept and only their contents change: an edit's own signal may still be running.
+      auto itemAt = [&](int column, Qt::ItemFlags flags) {
+        QTableWidgetItem* item = FTable->item(r, column);
+        if (!item) {
+          item = new QTableWidgetItem;
+          FTable->setItem(r, column, item);
+        }
+        item->setFlags(flags);
+        return item;
+      };
       auto text = [&](int column, const QString& value, bool editable = true) {
-        auto* item = new QTableWidgetItem(value);
-        item->setFlags(editable ? Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsEditable
-                                : Qt::ItemIsEnabled);
-        FTable->setItem(r, column, item);
+        itemAt(column,
+               editable ? Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsEditable : Qt::ItemIsEnabled)
+            ->setText(value);
       };
       auto check = [&](int column, bool value) {
-        auto* item = new QTableWidgetItem;
-        item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsUserCheckable);
-        item->setCheckState(value ? Qt::Checked : Qt::Unchecked);
-        FTable->setItem(r, column, item);
+        itemAt(column, Qt::ItemIsEnabled | Qt::ItemIsUserCheckable)
+            ->setCheckState(value ? Qt::Checked : Qt::Unchecked);
       };
       text(cName,
            QString::fromStdString(r < static_cast<int>(names.size()) ? names[static_cast<size_t>(r)]

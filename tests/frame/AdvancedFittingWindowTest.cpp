@@ -243,6 +243,25 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   EXPECT_GT(blue, 20);
   EXPECT_GT(CountNear(picture, IsRed, fitX, fitY + 20, 20), 10) << "the curve runs down from its apex";
 
+  // The table is the rows: the offset held fixed by its Vary box, the next fit varies one parameter less.
+  int offsetRow = -1;
+  for (int r = 0; r < table->rowCount(); ++r)
+    if (table->item(r, 0)->text() == "y0") offsetRow = r;
+  ASSERT_GE(offsetRow, 0);
+  table->item(offsetRow, 3)->setCheckState(Qt::Unchecked);
+  QApplication::processEvents();
+  EXPECT_FALSE(preview->Rows()[static_cast<size_t>(offsetRow)].Vary);
+  fitOnce->click();
+  QApplication::processEvents();
+  EXPECT_EQ(status->text().toStdString(), "Fit Successful");
+  const int fitPoints = preview->GetLastResult().DataPoints;
+  EXPECT_EQ(points->text().toStdString(), std::to_string(fitPoints) + " / " + std::to_string(fitPoints - 3));
+  // A start value typed into its cell.
+  table->item(offsetRow, 1)->setText("600");
+  QApplication::processEvents();
+  EXPECT_DOUBLE_EQ(preview->Rows()[static_cast<size_t>(offsetRow)].StartValue, 600.0);
+  EXPECT_NE(tool->GetStringParameter("Fit Parameters").find("y0|Start Value=600"), std::string::npos);
+
   const int32_t fitGraph = preview->GetFitGraphID();
   window->close();
   EXPECT_FALSE(tool->GetIsActive());
