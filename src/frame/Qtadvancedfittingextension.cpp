@@ -17,6 +17,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QRadioButton>
 #include <QTableWidget>
 #include <QTreeWidget>
 #include <QVBoxLayout>
@@ -145,6 +146,20 @@ public:
     FStatus->setObjectName("FitStatus");
     FStatus->setWordWrap(true);
     form->addRow("Status:", FStatus);
+    // The curve of Define Start Values: from the start values or the values.
+    auto* curveRow = new QHBoxLayout;
+    FCurveFromStart = new QRadioButton("Start Value", statistics);
+    FCurveFromStart->setObjectName("CurveFromStartValue");
+    auto* fromValue = new QRadioButton("Value", statistics);
+    fromValue->setObjectName("CurveFromValue");
+    FCurveFromStart->setChecked(true);
+    curveRow->addWidget(FCurveFromStart);
+    curveRow->addWidget(fromValue);
+    curveRow->addStretch();
+    form->addRow("Preview:", curveRow);
+    connect(fromValue, &QRadioButton::toggled, this, [this](bool on) {
+      if (!FUpdating) FPreview.SetCurveFromValue(on);
+    });
     FPixel = new QLabel(statistics);
     FPixel->setObjectName("CurrentSpectrum");
     form->addRow("Spectrum:", FPixel);
@@ -342,6 +357,7 @@ private:
   std::map<std::string, QLabel*> FStatistics;
   QLabel* FStatus = nullptr;
   QLabel* FPixel = nullptr;
+  QRadioButton* FCurveFromStart = nullptr;
   bool FUpdating = false;
 };
 

@@ -227,7 +227,7 @@ void TAdvancedFittingPreview::Update() {
     return;
   }
   if (Reconfigure()) ClearResult(kNotFitted);
-  DrawCurves(false);
+  DrawCurves(FCurveFromValue);
   Changed();
 }
 
@@ -235,7 +235,7 @@ void TAdvancedFittingPreview::CopyValuesToStartValues() {
   if (!Reconfigure()) return;
   for (TAdvancedFitParamSettings& row : FCore.Rows()) row.StartValue = row.Value;
   StoreRows();
-  DrawCurves(IsFitOnChange());
+  DrawCurves(IsFitOnChange() || FCurveFromValue);
   Changed();
 }
 
@@ -243,7 +243,7 @@ void TAdvancedFittingPreview::CopyStartValuesToValues() {
   if (!Reconfigure()) return;
   for (TAdvancedFitParamSettings& row : FCore.Rows()) row.Value = row.StartValue;
   StoreRows();
-  DrawCurves(IsFitOnChange());
+  DrawCurves(IsFitOnChange() || FCurveFromValue);
   Changed();
 }
 
@@ -375,6 +375,14 @@ void TAdvancedFittingPreview::DrawCurves(bool fromValues) {
 }
 
 // --- What the window shows -------------------------------------------------------------------------------
+
+void TAdvancedFittingPreview::SetCurveFromValue(bool fromValue) {
+  if (FCurveFromValue == fromValue) return;
+  FCurveFromValue = fromValue;
+  if (!IsOpen() || IsFitOnChange()) return;
+  DrawCurves(FCurveFromValue);
+  Changed();
+}
 
 bool TAdvancedFittingPreview::IsFitOnChange() const {
   return FTool.GetIntParameter(kFitMode) == 0;

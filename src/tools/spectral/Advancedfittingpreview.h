@@ -91,6 +91,10 @@ public:
 
   ///@{ What the window shows.
   bool IsFitOnChange() const;
+  /// With Define Start Values the curve is drawn from the rows' "Start Value" (default) or "Value"; a fit
+  /// always shows its fitted curve.
+  void SetCurveFromValue(bool fromValue);
+  bool GetCurveFromValue() const { return FCurveFromValue; }
   const std::string& GetStatus() const { return FStatus; }
   const TAdvancedFitPointResult& GetLastResult() const { return FLastResult; }
   /// "Chi^2 / DoF:", "Data Points / DoF:", "Average Error:", "R^2:" with their texts ("--------" before
@@ -159,6 +163,7 @@ private:
   TVCustomForm* FViewer = nullptr;
   std::unique_ptr<TGraphMask> FMaskBand;
   bool FMaskShown = false;
+  bool FCurveFromValue = false;
   TAdvancedFitPointResult FLastResult;
   std::string FStatus = kNotFitted;
   std::string FTitle;

@@ -192,6 +192,18 @@ TEST_F(AdvancedFittingPreviewTest, DefineStartValuesDrawsTheStartCurve) {
     EXPECT_FLOAT_EQ(fit->GetField(0, 0, g),
                     static_cast<float>(core.GetFunction()->GetFunctionValue(p.data(), core.GetAxis()[g])))
         << g;
+  // The preview choice "Value": the curve of the Value column (still the function's own values here).
+  std::vector<double> v;
+  for (const auto& r : core.Rows()) v.push_back(r.Value);
+  ASSERT_NE(v, p);
+  preview.SetCurveFromValue(true);
+  for (int g : {0, 100, 300, 511})
+    EXPECT_FLOAT_EQ(fit->GetField(0, 0, g),
+                    static_cast<float>(core.GetFunction()->GetFunctionValue(v.data(), core.GetAxis()[g])))
+        << g;
+  preview.SetCurveFromValue(false);
+  EXPECT_FLOAT_EQ(fit->GetField(0, 0, 300),
+                  static_cast<float>(core.GetFunction()->GetFunctionValue(p.data(), core.GetAxis()[300])));
 }
 
 TEST_F(AdvancedFittingPreviewTest, CursorMoveRefitsWithFitOnChangeOnly) {
