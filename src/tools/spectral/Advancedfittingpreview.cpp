@@ -42,6 +42,23 @@ std::string Limit(bool has, double value) {
   return has ? Number(value) : std::string("none");
 }
 
+// The "name=value" items of a settings text, separated by ';' or line breaks.
+std::vector<std::string> SettingItems(const std::string& text) {
+  std::vector<std::string> items;
+  std::string item;
+  for (char c : text + ";") {
+    if (c == ';' || c == '\n') {
+      const auto first = item.find_first_not_of(" \t\r");
+      if (first != std::string::npos)
+        items.push_back(item.substr(first, item.find_last_not_of(" \t\r") - first + 1));
+      item.clear();
+    } else {
+      item += c;
+    }
+  }
+  return items;
+}
+
 } // namespace
 
 std::string FitParameterText(const std::vector<TAdvancedFitParamSettings>& rows) {
@@ -443,6 +460,20 @@ bool TAdvancedFittingPreview::SelectFunction(const std::string& functionName) {
 
 bool TAdvancedFittingPreview::SetFunctionSettings(const std::string& settings) {
   const std::vector<TAdvancedFitParamSettings> former = FCore.Rows();
+  if (!FTool.GetBoolParameter(kAdvancedMode)) {
+    // Settings that make a function of several parts are for advanced mode only.
+    TAdvancedFittingCore trial;
+    std::string error;
+    if (FTool.ConfigureCore(trial, error)) {
+      const std::vector<std::string> assignments = SettingItems(settings);
+      if (!assignments.empty() && trial.GetFunction()->SetSettingsFromText(assignments).empty() &&
+          trial.GetFunction()->GetOnlyAdvancedMode()) {
+        FStatus = "Advanced Mode is needed for these settings";
+        Changed();
+        return false;
+      }
+    }
+  }
   FStoring = true;
   const TUserParameterProblems problems = FTool.Parameters().SetParameterValuesFromText(
       {std::string(kFunctionSettings) + "=" + settings, std::string(kFitParameters) + "="});

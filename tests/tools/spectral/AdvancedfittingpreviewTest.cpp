@@ -284,6 +284,11 @@ TEST_F(AdvancedFittingPreviewTest, AdvancedModeCannotBeLeftWithAFunctionOfSevera
   TAdvancedFittingPreview& preview = Open(tool, {}, "Gauss");
   EXPECT_TRUE(preview.IsAdvancedModeChangeAllowed(false));
   const size_t rows = preview.Rows().size();
+  // Two parts are for advanced mode only.
+  EXPECT_FALSE(preview.SetFunctionSettings("NumberOfFunctions=2"));
+  EXPECT_EQ(preview.GetStatus(), "Advanced Mode is needed for these settings");
+  EXPECT_EQ(tool.GetStringParameter("Function Settings"), "");
+  EXPECT_EQ(preview.Rows().size(), rows);
   ASSERT_TRUE(tool.Parameters().SetParameterValuesFromText({"Advanced Mode=true"}).empty());
   // The stored rows of one Gauss don't stop the change to two: the rows follow the new parameter list.
   ASSERT_TRUE(preview.SetFunctionSettings("NumberOfFunctions=2")) << preview.GetStatus();
