@@ -2,10 +2,12 @@
 // defined in its tool's unit of this folder and only named here.
 #include "frame/Qttoolwindow.h"
 
+void RegisterAdvancedFittingWindowExtension();
 void RegisterImageFourierFilterWindowExtension();
 void RegisterPCAWindowExtension();
 
 void RegisterToolWindowExtensions() {
+  RegisterAdvancedFittingWindowExtension();
   RegisterImageFourierFilterWindowExtension();
   RegisterPCAWindowExtension();
 }

@@ -3,6 +3,7 @@
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
 #include "common/numerics/Fitfunctionmanager.h"
+#include "data/Dcursor.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dtext.h"
@@ -10,6 +11,7 @@
 #include "project/Project.h"
 #include "project/Toolregistry.h"
 #include "tools/spectral/Advancedfittingcore.h"
+#include "tools/spectral/Advancedfittingpreview.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -35,6 +37,8 @@ constexpr const char* kPixelX = "Pixel X";
 constexpr const char* kPixelY = "Pixel Y";
 constexpr const char* kUserFitFunctionsFile = "User Fit Functions File";
 constexpr const char* kNumberOfThreads = "Number of Threads";
+constexpr const char* kFitMode = "Fit Mode";
+constexpr const char* kAdvancedMode = "Advanced Mode";
 
 // The functions the tool offers, in the manager's order: class name for creation, function name for
 // the user.
@@ -447,6 +451,19 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
         .SetLimits(-1, 1024)
         .SetDescription("-1: as many as allowed")
         .SetSaved(false);
+    t.AddList(kFitMode, "Fit Mode", 0,
+              {{TAdvancedFittingPreview::kFitOnChange, 0}, {TAdvancedFittingPreview::kDefineStartValues, 1}})
+        .SetDescription(
+            "Fit on Change: every change of a parameter or of the spectrum refits it; Define Start "
+            "Values: the curve follows the start values");
+    t.AddBool(kAdvancedMode, "Advanced Mode", false)
+        .SetDescription("Offers the functions of several parts and their settings");
+    t.AddTrigger(TAdvancedFittingToolForm::kFitOnce, "Fit Once");
+    t.AddTrigger(TAdvancedFittingToolForm::kValuesToStartValues, "<<")
+        .SetDescription("The fitted values become the start values");
+    t.AddTrigger(TAdvancedFittingToolForm::kStartValuesToValues, ">>")
+        .SetDescription("The start values become the values");
+    t.AddTrigger(TAdvancedFittingToolForm::kResetParams, "Reset Params");
     t.AddTrigger(kExtract, "Extract");
     t.AddTrigger(kExtractAll, "Extract All");
     t.AddTrigger(TAdvancedFittingToolForm::kExtractCurves, "Extract Curves");
@@ -463,7 +480,44 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
 }
 
 TAdvancedFittingToolForm::TAdvancedFittingToolForm()
-    : TProjectDialogForm("Advanced Fitting Tool", Declaration()) {}
+    : TProjectDialogForm("Advanced Fitting Tool", Declaration()),
+      FPreview(std::make_unique<TAdvancedFittingPreview>(*this)) {}
+
+std::vector<std::string> TAdvancedFittingToolForm::GetExtractCommands() const {
+  return {kExtract, kExtractAll, kExtractCurves};
+}
+
+void TAdvancedFittingToolForm::Init(const TIntList* ids, const TIntList* extra, TProject* project) {
+  TProjectDialogForm::Init(ids, extra, project);
+  if (Interactive && !ConfigurationOnly && ids && !ids->empty()) FPreview->Open(ids->front());
+}
+
+void TAdvancedFittingToolForm::CleanUp() {
+  FPreview->Close();
+  TProjectDialogForm::CleanUp();
+}
+
+TAdvancedFittingPreview* TAdvancedFittingToolForm::GetPreview() const {
+  return FPreview->IsOpen() ? FPreview.get() : nullptr;
+}
+
+void TAdvancedFittingToolForm::DoDataChange(TData* data) {
+  if (!data || !data->InheritsFrom(TDSpaceCursor::kClassName) || !FPreview->IsOpen()) return;
+  FPreview->FollowSpaceCursor();
+}
+
+void TAdvancedFittingToolForm::DoParameterChanged(const TUserParameterList& changed) {
+  if (!FPreview->IsOpen() || FPreview->IsStoring()) return;
+  // Advanced Mode stays on while the function of several parts needs it.
+  for (const TUserParameter* parameter : changed)
+    if (parameter->GetName() == kAdvancedMode && !GetBoolParameter(kAdvancedMode) &&
+        !FPreview->IsAdvancedModeChangeAllowed(false)) {
+      FPreview->KeepAdvancedMode();
+      return;
+    }
+  // A changed setting: Fit on Change refits the current spectrum, Define Start Values redraws its curve.
+  FPreview->Update();
+}
 
 TAdvancedFittingToolForm::~TAdvancedFittingToolForm() = default;
 
@@ -492,6 +546,19 @@ bool TAdvancedFittingToolForm::ConfigureCore(TAdvancedFittingCore& core, std::st
 }
 
 bool TAdvancedFittingToolForm::DoCommand(const std::string& name) {
+  if (name == kFitOnce || name == kValuesToStartValues || name == kStartValuesToValues ||
+      name == kResetParams) {
+    if (!FPreview->IsOpen()) return false;
+    if (name == kFitOnce)
+      FPreview->FitOnce();
+    else if (name == kValuesToStartValues)
+      FPreview->CopyValuesToStartValues();
+    else if (name == kStartValuesToValues)
+      FPreview->CopyStartValuesToValues();
+    else
+      FPreview->ResetParams();
+    return true;
+  }
   const bool curvesOnly = name == kExtractCurves;
   if (!curvesOnly && name != kExtract && name != kExtractAll) return false;
   TProject& project = *GetProject();

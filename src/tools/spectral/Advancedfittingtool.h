@@ -17,6 +17,7 @@
 #include <vector>
 
 class TAdvancedFittingCore;
+class TAdvancedFittingPreview;
 class IProgressAndCancel;
 class TDGraph;
 class TToolRegistry;
@@ -42,6 +43,12 @@ public:
   static constexpr const char* kClassName = "TAdvancedFittingToolForm";
   /// The command that makes only the fitted curves.
   static constexpr const char* kExtractCurves = "Extract Curves";
+  /// @{ The window's commands on the current spectrum and the parameter rows.
+  static constexpr const char* kFitOnce = "Fit Once";
+  static constexpr const char* kValuesToStartValues = "<<";
+  static constexpr const char* kStartValuesToValues = ">>";
+  static constexpr const char* kResetParams = "Reset Params";
+  /// @}
 
   TAdvancedFittingToolForm();
   ~TAdvancedFittingToolForm() override;
@@ -58,6 +65,22 @@ public:
   /// reduction. False with one line naming the parameter at fault.
   bool ConfigureCore(TAdvancedFittingCore& core, std::string& error) const;
 
+  /// ConfigureCore, then the fit mask and the spectral axis of graph; throws naming what is wrong.
+  void ConfigureForGraph(const TDGraph& graph, TAdvancedFittingCore& core) const;
+
+  /// The commands that make results (the window's fitting commands don't).
+  std::vector<std::string> GetExtractCommands() const override;
+
+  /// Opens the preview of the first input when the tool runs in a window.
+  void Init(const TIntList* ids, const TIntList* extra, TProject* project = nullptr) override;
+  void CleanUp() override;
+  /// A moved space cursor makes its spectrum the current one.
+  void DoDataChange(TData* data) override;
+  /// The current spectrum, its fit and the preview graphs; null while the tool isn't open in a window.
+  TAdvancedFittingPreview* GetPreview() const;
+  /// The same whether open or not (the window connects to it once).
+  TAdvancedFittingPreview& Preview() const { return *FPreview; }
+
   /// Failed fits of the last run, summed over its inputs.
   int64_t GetNumberOfFailedFits() const { return FFailedFits; }
 
@@ -66,10 +89,9 @@ public:
 
 protected:
   bool DoCommand(const std::string& name) override;
+  void DoParameterChanged(const TUserParameterList& changed) override;
 
 private:
-  /// ConfigureCore, then the fit mask and the spectral axis of graph; throws naming what is wrong.
-  void ConfigureForGraph(const TDGraph& graph, TAdvancedFittingCore& core) const;
   /// Fits one input graph and hands its images (and curves) to the frame; false after a cancel.
   bool FitGraph(const TDGraph& graph, bool images, bool curves, std::string& report);
   /// Fits the spectrum at x, y alone: its values, errors and statistics as a text object (and the fitted
@@ -77,6 +99,7 @@ private:
   std::string FitPoint(const TDGraph& graph, int32_t x, int32_t y, std::string& report);
 
   int64_t FFailedFits = 0;
+  std::unique_ptr<TAdvancedFittingPreview> FPreview;
 };
 
 void RegisterAdvancedFittingTool(TToolRegistry& registry);
