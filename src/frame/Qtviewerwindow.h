@@ -13,6 +13,10 @@ class TQtParamPanel;
 class TQtOpenGLWidget;
 class TQtFilterViewerPanel;
 class QPlainTextEdit;
+class QLabel;
+class QGroupBox;
+class QTimer;
+class TVMultiGraphForm;
 
 class TQtViewerWindow : public QWidget, public IViewerWindow {
 public:
@@ -23,6 +27,11 @@ public:
   TVCustomForm* Viewer() const { return FViewer; }
   /// The rendering widget of a viewer that draws a scene (IOpenGLViewOwner); null for others.
   TQtOpenGLWidget* OpenGLWidget() const { return FGLWidget; }
+  /// The line under the view with the viewer's status text (graph viewer), null for others.
+  QLabel* StatusLabel() const { return FStatus; }
+  /// The graph viewer's "Peak Find Options" panel, shown while its peak finder is on; null for others.
+  QGroupBox* PeakPanel() const { return FPeakBox; }
+  TQtParamPanel* PeakParamPanel() const { return FPeakPanel; }
 
   // IViewerWindow
   void ShowViewerWindow(bool activate) override;
@@ -58,4 +67,10 @@ private:
   TQtOpenGLWidget* FGLWidget = nullptr;
   TQtParamPanel* FPanel = nullptr;
   TQtFilterViewerPanel* FFilterPanel = nullptr;
+  TVMultiGraphForm* FGraphViewer = nullptr;
+  QLabel* FStatus = nullptr;
+  QGroupBox* FPeakBox = nullptr;
+  TQtParamPanel* FPeakPanel = nullptr;
+  /// Drives the graph viewer's x zoom movement while it runs.
+  QTimer* FAnimationTimer = nullptr;
 };

@@ -1179,7 +1179,10 @@ void TVMultiGraphForm::UpdateStatus() {
   }
   if (FMouseMode == TGraphMouseMode::Mask)
     status += std::string(status.empty() ? "" : "   ") + (FMaskErase ? "Mask: erase" : "Mask: draw");
+  if (status == FStatusText) return;
   FStatusText = status;
+  // The window shows the text: it hears of the change through a redraw request.
+  Redraw();
 }
 
 void TVMultiGraphForm::ViewMouseDown(int x, int y, TOpenGLMouseButton button, TOpenGLShiftState /*shift*/) {
@@ -2028,6 +2031,11 @@ void TVMultiGraphForm::SetGraphMouseMode(TGraphMouseMode mode) {
   Redraw();
 }
 
+void TVMultiGraphForm::SetMaskErase(bool erase) {
+  FMaskErase = erase;
+  UpdateStatus();
+}
+
 void TVMultiGraphForm::ResetGraphMouseMode() {
   SetGraphMouseMode(FMaskTool && FMaskKeepsMode ? TGraphMouseMode::Mask : TGraphMouseMode::Cursor);
 }
@@ -2060,6 +2068,8 @@ enum TPeakParameterId : int32_t {
   kPeakList,
   kDeletePeak,
   kExtractPeakTable,
+  kSmoothing,
+  kNoiseFactor,
 };
 
 std::string FormatFixed(double value, int digits) {
@@ -2104,7 +2114,10 @@ void TVMultiGraphForm::CreatePeakCFI() {
   auto pair = [&](int32_t useId, const char* useName, const char* caption, int32_t valueId,
                   const char* valueName, bool on, const char* description) {
     cfi.Add<TUserBoolParameter>(useId, useName, caption, description, on);
-    auto* value = cfi.Add<TUserDoubleParameter>(valueId, valueName, "", description, 0.0);
+    // The value's row names the limit without the colon of its switch.
+    std::string valueCaption = caption;
+    if (!valueCaption.empty() && valueCaption.back() == ':') valueCaption.pop_back();
+    auto* value = cfi.Add<TUserDoubleParameter>(valueId, valueName, valueCaption, description, 0.0);
     value->SetFloatStyle(TFloatFormat::General, 8);
   };
   pair(kUseMinAbsoluteHeight, "UseMinAbsoluteHeight", "Min Absolute Height:", kMinAbsoluteHeight,
@@ -2113,6 +2126,16 @@ void TVMultiGraphForm::CreatePeakCFI() {
        "MaxAbsoluteHeight", false, "Peaks higher than this (smoothed data) are left out");
   pair(kUseMinRelativeHeight, "UseMinRelativeHeight", "Min Relative Height:", kMinRelativeHeight,
        "MinRelativeHeight", true, "Peaks that rise less than this above their surroundings are left out");
+  // Broad bands on a noisy spectrum need more smoothing than the default before their maxima are found.
+  auto* smoothing = cfi.Add<TUserListParameter>(kSmoothing, "Smoothing", "Smoothing",
+                                                "How the spectrum is smoothed before the search", 2);
+  smoothing->AddListEntry("None", 0);
+  smoothing->AddListEntry("Savitzky-Golay", 1);
+  smoothing->AddListEntry("Wavelet", 2);
+  auto* noise = cfi.Add<TUserDoubleParameter>(kNoiseFactor, "NoiseFactor", "Noise Factor",
+                                              "Strength of the wavelet smoothing", 0.5);
+  noise->SetLimits(0.0, 100.0);
+  noise->SetFloatStyle(TFloatFormat::General, 6);
   cfi.Add<TUserBoolParameter>(kAutoFindPeaks, "AutoFindPeaks", "Auto Find Peaks",
                               "Search again whenever the spectrum changes", true);
   cfi.Add<TUserBoolParameter>(kAllGraphs, "AllGraphs", "All Graphs", "Search every graph shown", true);
@@ -2183,6 +2206,8 @@ void TVMultiGraphForm::PeakCFIChanged(const TUserParameterList& changed) {
     case kMinRelativeHeight:
     case kAllGraphs:
     case kAutoFindPeaks:
+    case kSmoothing:
+    case kNoiseFactor:
       search = true;
       break;
     case kLabelUnit:
@@ -2217,6 +2242,8 @@ void TVMultiGraphForm::PeakCFIChanged(const TUserParameterList& changed) {
   FPeakControl.MaxPeakValueLimit = number(kMaxAbsoluteHeight);
   FPeakControl.UseMinRelativePeakValueLimit = flag(kUseMinRelativeHeight);
   FPeakControl.MinRelativePeakValueLimit = number(kMinRelativeHeight);
+  FPeakControl.SmoothKind = cfi.GetUserListParameter(kSmoothing)->GetParameter();
+  FPeakControl.WaveletNoiseFactor = number(kNoiseFactor);
   FPeakOptions.AutoFindPeaks = flag(kAutoFindPeaks);
   FPeakOptions.AllGraphs = flag(kAllGraphs);
   FPeakOptions.ShowPixelUnit = cfi.GetUserListParameter(kLabelUnit)->GetParameter() == 1;
@@ -2251,6 +2278,8 @@ void TVMultiGraphForm::SyncPeakCFI() {
   setDouble(kMaxAbsoluteHeight, FPeakControl.MaxPeakValueLimit);
   setBool(kUseMinRelativeHeight, FPeakControl.UseMinRelativePeakValueLimit);
   setDouble(kMinRelativeHeight, FPeakControl.MinRelativePeakValueLimit);
+  cfi.GetUserListParameter(kSmoothing)->SetParameterSilent(FPeakControl.SmoothKind);
+  setDouble(kNoiseFactor, FPeakControl.WaveletNoiseFactor);
   setBool(kAutoFindPeaks, FPeakOptions.AutoFindPeaks);
   setBool(kAllGraphs, FPeakOptions.AllGraphs);
   cfi.GetUserListParameter(kLabelUnit)->SetParameterSilent(FPeakOptions.ShowPixelUnit ? 1 : 0);

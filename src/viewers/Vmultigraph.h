@@ -335,7 +335,7 @@ public:
   TGraphMask* CreateGraphMaskForCurrentGraph();
   void DeleteGraphMask();
   /// Mask drawing clears instead of setting points.
-  void SetMaskErase(bool erase) { FMaskErase = erase; }
+  void SetMaskErase(bool erase);
   bool GetMaskErase() const { return FMaskErase; }
   /// Sets (or with the erase toggle clears) the points of the mask tool's graph whose x lies between x0
   /// and x1 (x unit). False without a mask tool or when no point lies there.
