@@ -2109,11 +2109,13 @@ void TVMultiGraphForm::CreatePeakCFI() {
   // The heights on the panel: "Min Relative Height:" starts switched on at 0.
   FPeakControl.UseMinRelativePeakValueLimit = true;
   FPeakControl.MinRelativePeakValueLimit = 0;
-  cfi.Add<TUserBoolParameter>(kPositivePeaks, "PositivePeaks", "Positive Peaks", "Search maxima", true);
-  cfi.Add<TUserBoolParameter>(kNegativePeaks, "NegativePeaks", "Negative Peaks", "Search minima", false);
+  cfi.Add<TUserBoolParameter>(kPositivePeaks, "PositivePeaks", "Positive Peaks", "Search maxima", true)
+      ->TrueFalseStrings("On", "Off");
+  cfi.Add<TUserBoolParameter>(kNegativePeaks, "NegativePeaks", "Negative Peaks", "Search minima", false)
+      ->TrueFalseStrings("On", "Off");
   auto pair = [&](int32_t useId, const char* useName, const char* caption, int32_t valueId,
                   const char* valueName, bool on, const char* description) {
-    cfi.Add<TUserBoolParameter>(useId, useName, caption, description, on);
+    cfi.Add<TUserBoolParameter>(useId, useName, caption, description, on)->TrueFalseStrings("On", "Off");
     // The value's row names the limit without the colon of its switch.
     std::string valueCaption = caption;
     if (!valueCaption.empty() && valueCaption.back() == ':') valueCaption.pop_back();
@@ -2137,12 +2139,15 @@ void TVMultiGraphForm::CreatePeakCFI() {
   noise->SetLimits(0.0, 100.0);
   noise->SetFloatStyle(TFloatFormat::General, 6);
   cfi.Add<TUserBoolParameter>(kAutoFindPeaks, "AutoFindPeaks", "Auto Find Peaks",
-                              "Search again whenever the spectrum changes", true);
-  cfi.Add<TUserBoolParameter>(kAllGraphs, "AllGraphs", "All Graphs", "Search every graph shown", true);
+                              "Search again whenever the spectrum changes", true)
+      ->TrueFalseStrings("On", "Off");
+  cfi.Add<TUserBoolParameter>(kAllGraphs, "AllGraphs", "All Graphs", "Search every graph shown", true)
+      ->TrueFalseStrings("On", "Off");
   auto* unit = cfi.Add<TUserListParameter>(kLabelUnit, "LabelUnit", "Label Unit", "What the labels give", 0);
   unit->AddListEntry("Real Unit", 0);
   unit->AddListEntry("Pixel Number", 1);
-  cfi.Add<TUserBoolParameter>(kShowLabels, "ShowLabels", "Show Labels", "Label the peaks", true);
+  cfi.Add<TUserBoolParameter>(kShowLabels, "ShowLabels", "Show Labels", "Label the peaks", true)
+      ->TrueFalseStrings("On", "Off");
   auto* orientation = cfi.Add<TUserListParameter>(kLabelOrientation, "LabelOrientation", "Labels",
                                                   "Horizontal or vertical label texts", 0);
   orientation->AddListEntry("Horizontal", 0);
@@ -2528,6 +2533,8 @@ void TVMultiGraphForm::UpdatePeakLabels() {
   const double left = kMarginLeft, right = view.GetWidth() - kMarginRight;
   const TOpenGLColor color = ColorOf(FPeakOptions.LabelColor);
   const double gap = 4, length = FPeakOptions.LineLength;
+  const double bottom = kMarginBottom, top = view.GetHeight() - kMarginTop;
+  constexpr double kLabelTextRoom = 16; // pixels for a horizontal label's text
   // The first kMaxPeakLabels peaks, graph after graph in the viewer's order.
   for (int32_t g = 0; g < GetGraphCount() && int32_t(FPeakLabelList.size()) < kMaxPeakLabels; ++g) {
     const TPeakInformationList& peaks = FScenes[static_cast<size_t>(g)]->Peaks;
@@ -2546,7 +2553,12 @@ void TVMultiGraphForm::UpdatePeakLabels() {
       // A line away from the curve (upwards for a maximum, downwards for a minimum), the text at its end.
       const double sign = peak.IsNegativePeak ? -1.0 : 1.0;
       const double y0 = std::clamp(wy + sign * gap, -kModelLimit, kModelLimit);
-      const double y1 = std::clamp(y0 + sign * length, -kModelLimit, kModelLimit);
+      double y1 = std::clamp(y0 + sign * length, -kModelLimit, kModelLimit);
+      // Near the frame the line gets shorter, so that the text stays inside the plot.
+      if (sign > 0)
+        y1 = std::max(y0, std::min(y1, top - kLabelTextRoom));
+      else
+        y1 = std::min(y0, std::max(y1, bottom + kLabelTextRoom));
       if (length > 0) {
         auto line = std::make_unique<TOpenGLMarker>();
         line->SetShape(TMarkerShape::Line);

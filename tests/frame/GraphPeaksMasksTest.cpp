@@ -201,6 +201,7 @@ TEST_F(GraphPeaksMasksTest, AMaskShowsAsATransparentBand) {
   EXPECT_TRUE(Near(PixelAt(picture, b - 3, row), blended, 4));
   EXPECT_TRUE(Near(PixelAt(picture, a - 6, row), {255, 255, 255}, 2));
   EXPECT_TRUE(Near(PixelAt(picture, b + 6, row), {255, 255, 255}, 2));
+  FWindow->grab().save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/graphmask_window.png"));
   // The status line says the viewer draws masks.
   EXPECT_NE(FWindow->StatusLabel()->text().toStdString().find("Mask: draw"), std::string::npos);
 
