@@ -225,6 +225,39 @@ TEST_F(GraphPeaksMasksTest, AMaskShowsAsATransparentBand) {
   viewer->DeleteGraphMask();
 }
 
+TEST_F(GraphPeaksMasksTest, AZoomRectangleMovesTheXRangeThereDrivenByTheWindow) {
+  TVMultiGraphForm* viewer = ShowMap(10, 10);
+  ASSERT_TRUE(viewer);
+  ASSERT_TRUE(viewer->SetXRange(300, 1900));
+  viewer->SetGraphMouseMode(TGraphMouseMode::Zoom);
+  TOpenGLView& view = viewer->GetOpenGLView();
+  const int a = static_cast<int>(std::lround(viewer->XToWindow(800)));
+  const int b = static_cast<int>(std::lround(viewer->XToWindow(1200)));
+  // The rectangle's rows take in values 650 … 850, where this spectrum runs in that part.
+  const int top = kHeight - static_cast<int>(std::lround(viewer->YToWindow(0, 850)));
+  const int bottom = kHeight - static_cast<int>(std::lround(viewer->YToWindow(0, 650)));
+  view.MouseDown(a, top, TOpenGLMouseButton::Left, {});
+  view.MouseMove(b, bottom, {});
+  view.MouseUp(b, bottom, TOpenGLMouseButton::Left, {});
+  const double lo = viewer->GetMinXInterpretation();
+  EXPECT_TRUE(viewer->IsXZoomAnimating());
+  EXPECT_LT(lo, 750) << "the range moves, it doesn't jump";
+  // The window's timer takes it there.
+  ASSERT_TRUE(WaitFor([&] { return !viewer->IsXZoomAnimating(); }, 3000));
+  EXPECT_NEAR(viewer->GetMinXInterpretation(), 800, 2);
+  EXPECT_NEAR(viewer->GetMaxXInterpretation(), 1200, 2);
+  TOpenGLBitmap picture;
+  ASSERT_TRUE(viewer->GetOpenGLView().ExportBitmap(1.0, picture));
+  SaveScreenshot(picture, "graphzoom_after_movement");
+  EXPECT_NEAR(viewer->GetGraphInfo(0).MinY, 650, 5);
+  EXPECT_NEAR(viewer->GetGraphInfo(0).MaxY, 850, 5);
+  // The curve runs through the new range from the left edge of the plot to the right.
+  const TRGB red = RGBOf(TColorList::GetColor(0));
+  const int left = TVMultiGraphForm::kMarginLeft, right = kWidth - TVMultiGraphForm::kMarginRight;
+  EXPECT_GT(CountColour(picture, left + 1, left + 20, 0, kHeight - 1, red, 60), 5);
+  EXPECT_GT(CountColour(picture, right - 20, right - 1, 0, kHeight - 1, red, 60), 5);
+}
+
 TEST_F(GraphPeaksMasksTest, TheBackgroundToolPreviewsSpectrumAndBackground) {
   RegisterAllTools();
   TProjectDialogForm* tool =

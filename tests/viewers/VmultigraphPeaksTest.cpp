@@ -356,6 +356,32 @@ TEST_F(MultiGraphPeaksTest, PeakSettingsAndAddedPeaksRoundTripThroughTheFile) {
   EXPECT_EQ(loaded->GetPeakCFI()->GetUserStringParameter(16)->GetParameter(), "#102030");
 }
 
+TEST_F(MultiGraphPeaksTest, RenumberingKeepsAddedPeaksAndBandsOnTheirGraph) {
+  TVMultiGraphForm* viewer = Show(FGraph);
+  ASSERT_TRUE(viewer);
+  viewer->SetPeakLabels(true);
+  ASSERT_TRUE(viewer->AddPeak(900.0, 77.0));
+  TGraphMask mask(nullptr, kPoints, 1, FGraph);
+  mask.ClearAll();
+  mask.SetGraphFormInfo(viewer, 0);
+  mask.SetMaskRange(10, 20);
+  viewer->AddToID(100);
+  EXPECT_EQ(viewer->GetGraphInfo(0).GraphID, FGraph + 100);
+  viewer->ExchangeID(FGraph + 100, FGraph);
+  // Back on the same number: the graph's added peak and band are still its own.
+  viewer->FindAllPeaks();
+  int custom = 0;
+  for (const TPeakInformation& p : viewer->GetPeaks(0)) custom += p.IsCustomPeak;
+  EXPECT_EQ(custom, 1);
+  viewer->SetAll();
+  ASSERT_EQ(viewer->GetMaskBands(0).size(), 1u);
+  EXPECT_EQ(viewer->GetMaskBands(0)[0]->GetRectangles().size(), 1u);
+  // A deleted graph takes them along.
+  FProject.DeleteData(FGraph);
+  EXPECT_EQ(viewer->GetGraphCount(), 0);
+  EXPECT_EQ(viewer->GetNumberOfPeaks(), 0);
+}
+
 TEST_F(MultiGraphPeaksTest, MaskBandsFollowTheGraphMask) {
   TVMultiGraphForm* viewer = Show(FGraph);
   ASSERT_TRUE(viewer);
