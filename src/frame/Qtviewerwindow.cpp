@@ -61,6 +61,9 @@ TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
     FPeakBox->setObjectName("PeakFindOptions");
     auto* peakLayout = new QVBoxLayout(FPeakBox);
     peakLayout->setContentsMargins(4, 4, 4, 4);
+    FPeakCaption = new QLabel(FPeakBox);
+    FPeakCaption->setObjectName("PeakOptionsCaption");
+    peakLayout->addWidget(FPeakCaption);
     auto* scroll = new QScrollArea(FPeakBox);
     scroll->setWidgetResizable(true);
     scroll->setFrameShape(QFrame::NoFrame);
@@ -113,7 +116,8 @@ void TQtViewerWindow::UpdateView() {
     const bool peaks = FGraphViewer->GetPeakLabels();
     if (FPeakBox->isHidden() == peaks) FPeakBox->setVisible(peaks);
     if (peaks) {
-      FPeakBox->setToolTip(QString::fromStdString(FGraphViewer->GetPeakPanelCaption()));
+      const QString caption = QString::fromStdString(FGraphViewer->GetPeakPanelCaption());
+      if (FPeakCaption->text() != caption) FPeakCaption->setText(caption);
       FPeakPanel->Refresh();
     }
     if (FGraphViewer->IsXZoomAnimating() && !FAnimationTimer->isActive()) FAnimationTimer->start();

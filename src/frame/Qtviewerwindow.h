@@ -70,6 +70,7 @@ private:
   TVMultiGraphForm* FGraphViewer = nullptr;
   QLabel* FStatus = nullptr;
   QGroupBox* FPeakBox = nullptr;
+  QLabel* FPeakCaption = nullptr; ///< "Peak Options (" + graph name + ")"
   TQtParamPanel* FPeakPanel = nullptr;
   /// Drives the graph viewer's x zoom movement while it runs.
   QTimer* FAnimationTimer = nullptr;

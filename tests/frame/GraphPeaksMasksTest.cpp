@@ -118,6 +118,10 @@ TEST_F(GraphPeaksMasksTest, LabelsStandOverTheStrongBandsOfTheDemo) {
   QApplication::processEvents();
   EXPECT_FALSE(FWindow->PeakPanel()->isHidden());
   EXPECT_EQ(FWindow->PeakPanel()->title().toStdString(), "Peak Find Options");
+  auto* caption = FWindow->PeakPanel()->findChild<QLabel*>("PeakOptionsCaption");
+  ASSERT_TRUE(caption);
+  EXPECT_EQ(caption->text().toStdString(),
+            "Peak Options (" + FProject.FindData(FIDs.Map)->GetCaption() + ")");
   ASSERT_TRUE(viewer->SetXRange(300, 1900));
   viewer->ZoomOutYAndSetAll(false); // the y range of this part, with room for the labels
 
