@@ -2,6 +2,7 @@
 #include "frame/Qtviewerwindow.h"
 
 #include "frame/Qtfilterviewer.h"
+#include "frame/Qtgraphmasktoolbar.h"
 #include "frame/Qtopenglwidget.h"
 #include "frame/Qtparampanel.h"
 #include "opengl/Openglview.h"
@@ -15,6 +16,7 @@
 #include <QDropEvent>
 #include <QFont>
 #include <QGroupBox>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QMimeData>
 #include <QPlainTextEdit>
@@ -22,6 +24,7 @@
 #include <QScrollArea>
 #include <QSplitter>
 #include <QTimer>
+#include <QToolButton>
 #include <QVBoxLayout>
 #include <QWindow>
 
@@ -73,6 +76,23 @@ TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
     peakLayout->addWidget(scroll);
     FPeakBox->setMinimumWidth(330);
     FPeakBox->setVisible(false);
+    // Over the view, while a mask is drawn: the mask's commands and the erase toggle.
+    FMaskRow = new QWidget(this);
+    auto* maskLayout = new QHBoxLayout(FMaskRow);
+    maskLayout->setContentsMargins(4, 2, 4, 2);
+    FMaskBar = new TQtGraphMaskToolBar(FMaskRow, nullptr, 0);
+    maskLayout->addWidget(FMaskBar, 1);
+    FMaskErase = new QToolButton(FMaskRow);
+    FMaskErase->setObjectName("MaskErase");
+    FMaskErase->setText("Erase");
+    FMaskErase->setToolTip("Dragging clears mask points instead of setting them");
+    FMaskErase->setCheckable(true);
+    maskLayout->addWidget(FMaskErase);
+    connect(FMaskErase, &QToolButton::toggled, this, [this](bool on) {
+      if (FViewer && FGraphViewer) FGraphViewer->SetMaskErase(on);
+    });
+    layout->insertWidget(0, FMaskRow);
+    FMaskRow->setVisible(false);
     // The status text under the view.
     FStatus = new QLabel(this);
     FStatus->setObjectName("StatusLabel");
@@ -121,6 +141,13 @@ void TQtViewerWindow::UpdateView() {
       FPeakPanel->Refresh();
     }
     if (FGraphViewer->IsXZoomAnimating() && !FAnimationTimer->isActive()) FAnimationTimer->start();
+    TGraphMask* mask = FGraphViewer->GetMaskTool();
+    if (FMaskBar->Logic().GetGraphMask() != mask)
+      FMaskBar->SetGraphMask(mask, mask ? mask->GetCurrentMaskIndex() : 0);
+    if (mask) FMaskBar->Logic().SetProject(FViewer->GetProject());
+    if (FMaskRow->isHidden() == (mask != nullptr)) FMaskRow->setVisible(mask != nullptr);
+    if (FMaskErase->isChecked() != FGraphViewer->GetMaskErase())
+      FMaskErase->setChecked(FGraphViewer->GetMaskErase());
   }
 }
 

@@ -17,6 +17,8 @@ class QLabel;
 class QGroupBox;
 class QTimer;
 class TVMultiGraphForm;
+class TQtGraphMaskToolBar;
+class QToolButton;
 
 class TQtViewerWindow : public QWidget, public IViewerWindow {
 public:
@@ -32,6 +34,8 @@ public:
   /// The graph viewer's "Peak Find Options" panel, shown while its peak finder is on; null for others.
   QGroupBox* PeakPanel() const { return FPeakBox; }
   TQtParamPanel* PeakParamPanel() const { return FPeakPanel; }
+  /// The mask toolbar over the graph viewer's mask tool, shown while a mask is drawn; null for others.
+  TQtGraphMaskToolBar* MaskToolBar() const { return FMaskBar; }
 
   // IViewerWindow
   void ShowViewerWindow(bool activate) override;
@@ -72,6 +76,9 @@ private:
   QGroupBox* FPeakBox = nullptr;
   QLabel* FPeakCaption = nullptr; ///< "Peak Options (" + graph name + ")"
   TQtParamPanel* FPeakPanel = nullptr;
+  TQtGraphMaskToolBar* FMaskBar = nullptr;
+  QToolButton* FMaskErase = nullptr;
+  QWidget* FMaskRow = nullptr;
   /// Drives the graph viewer's x zoom movement while it runs.
   QTimer* FAnimationTimer = nullptr;
 };

@@ -2702,6 +2702,23 @@ TGraphMask* TVMultiGraphForm::CreateGraphMaskForCurrentGraph() {
   FOwnMask = std::make_unique<TGraphMask>(this, graph->GetSizeGraph(), 1, graph->GetID());
   FOwnMask->ClearAll();
   FOwnMask->SetGraphFormInfo(this, 0);
+  // The toolbar's range is the part on view, its one value the point under the x cursor.
+  const int32_t id = graph->GetID();
+  auto visible = [this, id](bool last) {
+    const int32_t index = IndexOfGraphID(id);
+    const std::vector<double>& x = GetXValues(index);
+    const double lo = std::min(FMinXInterpretation, FMaxXInterpretation);
+    const double hi = std::max(FMinXInterpretation, FMaxXInterpretation);
+    int first = -1, end = -1;
+    for (size_t i = 0; i < x.size(); ++i)
+      if (x[i] >= lo && x[i] <= hi) {
+        if (first < 0) first = static_cast<int>(i);
+        end = static_cast<int>(i) + 1;
+      }
+    return last ? end : first;
+  };
+  FOwnMask->SetRangeControls([visible] { return visible(false); }, [visible] { return visible(true); });
+  FOwnMask->SetOneValueControls([this, id] { return PointOfX(IndexOfGraphID(id), GetCursorX()); });
   TGraphMask* mask = FOwnMask.get();
   SetMaskTool(mask, true);
   mask->MaskChanged();

@@ -206,6 +206,10 @@ TEST_F(GraphPeaksMasksTest, AMaskShowsAsATransparentBand) {
   EXPECT_TRUE(Near(PixelAt(picture, a - 6, row), {255, 255, 255}, 2));
   EXPECT_TRUE(Near(PixelAt(picture, b + 6, row), {255, 255, 255}, 2));
   FWindow->grab().save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/graphmask_window.png"));
+  // The window shows the mask's toolbar while the viewer draws a mask.
+  ASSERT_TRUE(FWindow->MaskToolBar());
+  EXPECT_TRUE(FWindow->MaskToolBar()->isVisible());
+  EXPECT_EQ(FWindow->MaskToolBar()->Logic().GetGraphMask(), mask);
   // The status line says the viewer draws masks.
   EXPECT_NE(FWindow->StatusLabel()->text().toStdString().find("Mask: draw"), std::string::npos);
 
@@ -227,6 +231,8 @@ TEST_F(GraphPeaksMasksTest, AMaskShowsAsATransparentBand) {
   EXPECT_TRUE(Near(PixelAt(picture, (a + b) / 2, row), {255, 255, 255}, 2));
   EXPECT_TRUE(Near(PixelAt(picture, a - 6, row), blended, 4));
   viewer->DeleteGraphMask();
+  QApplication::processEvents();
+  EXPECT_FALSE(FWindow->MaskToolBar()->isVisible());
 }
 
 TEST_F(GraphPeaksMasksTest, AZoomRectangleMovesTheXRangeThereDrivenByTheWindow) {

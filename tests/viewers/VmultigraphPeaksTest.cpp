@@ -482,6 +482,15 @@ TEST_F(MultiGraphPeaksTest, MaskModeDrawsAndErasesWithTheMouse) {
   EXPECT_EQ(values[static_cast<size_t>(first)], 1.0f);
   EXPECT_EQ(values[0], 0.0f);
 
+  // Its range buttons take the part on view, its one-value buttons the point under the x cursor.
+  mask->ClearAll();
+  ASSERT_TRUE(viewer->SetXRange(x[200], x[300]));
+  mask->SetRangeButtonClick(0);
+  for (int i = 0; i < kPoints; ++i) EXPECT_EQ(mask->GetCurrentMask()[i], i >= 200 && i <= 300) << i;
+  viewer->SetCursor(x[400]);
+  mask->SetButtonClick(0);
+  EXPECT_TRUE(mask->GetCurrentMask()[400]);
+
   viewer->DeleteGraphMask();
   EXPECT_EQ(viewer->GetMaskTool(), nullptr);
   EXPECT_EQ(viewer->GetGraphMouseMode(), TGraphMouseMode::Cursor);
