@@ -1487,8 +1487,14 @@ void TVMultiGraphForm::CFICreateParameters(TUserParameterAdministrator& cfi) {
                                               "Line width of the active graph in pixels", 1.0);
   width->SetLimits(0.5, 10.0);
   auto* peaks = cfi.Add<TUserBoolParameter>(kPeakLabels, "PeakLabels", "Peak Labels",
-                                            "Keeps room above the curves for peak labels", false);
+                                            "Finds the peaks of the shown spectra and labels them", false);
   peaks->TrueFalseStrings("On", "Off");
+  auto* mode =
+      cfi.Add<TUserListParameter>(kMouseMode, "MouseMode", "Mouse",
+                                  "What a drag in the plot does: move the cursor, zoom, draw a mask", 0);
+  mode->AddListEntry("Cursor", static_cast<int32_t>(TGraphMouseMode::Cursor));
+  mode->AddListEntry("Zoom", static_cast<int32_t>(TGraphMouseMode::Zoom));
+  mode->AddListEntry("Mask", static_cast<int32_t>(TGraphMouseMode::Mask));
   cfi.OnValidateParameters = [](const TUserParameterAdministrator& administrator) {
     TUserParameterProblems problems;
     auto value = [&](int32_t id) {
@@ -1558,6 +1564,9 @@ void TVMultiGraphForm::SyncCFI() {
     p->SetParameterSilent(info ? static_cast<int32_t>(info->GraphStyle) : 0);
   setDouble(kLineWidth, info ? info->LineWidth : 1.0);
   setBool(kPeakLabels, FPeakLabels);
+  if (auto* p = cfi->GetUserListParameter(kMouseMode))
+    p->SetParameterSilent(
+        static_cast<int32_t>(FMouseMode == TGraphMouseMode::Tool ? TGraphMouseMode::Cursor : FMouseMode));
   FSyncingCFI = false;
 }
 
@@ -1642,6 +1651,15 @@ void TVMultiGraphForm::CFIParameterChanged(const TUserParameterList& changed) {
     case kPeakLabels:
       SetPeakLabels(flag(kPeakLabels));
       break;
+    case kMouseMode: {
+      const auto mode = static_cast<TGraphMouseMode>(cfi->GetUserListParameter(kMouseMode)->GetParameter());
+      // Mask drawing without a tool's mask draws a mask of the viewer's own over the active graph.
+      if (mode == TGraphMouseMode::Mask && !FMaskTool)
+        CreateGraphMaskForCurrentGraph();
+      else
+        SetGraphMouseMode(mode);
+      break;
+    }
     default:
       break;
     }
@@ -2027,6 +2045,7 @@ std::vector<TOpenGLGraph*> TVMultiGraphForm::GetCurveSegments(int32_t index) con
 
 void TVMultiGraphForm::SetGraphMouseMode(TGraphMouseMode mode) {
   FMouseMode = mode;
+  SyncCFI();
   UpdateStatus();
   Redraw();
 }

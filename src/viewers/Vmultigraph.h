@@ -156,6 +156,7 @@ public:
     kGraphStyle,
     kLineWidth,
     kPeakLabels,
+    kMouseMode,
   };
 
   TVMultiGraphForm();

@@ -495,6 +495,17 @@ TEST_F(MultiGraphPeaksTest, MaskModeDrawsAndErasesWithTheMouse) {
   EXPECT_EQ(viewer->GetMaskTool(), nullptr);
   EXPECT_EQ(viewer->GetGraphMouseMode(), TGraphMouseMode::Cursor);
   EXPECT_TRUE(viewer->GetMaskBands(0).empty());
+
+  // From the settings, as the control panel does it: mask mode makes the viewer's own mask again.
+  ASSERT_TRUE(viewer->GetCFI()->SetParameterValuesFromText({"MouseMode=Mask"}).empty());
+  ASSERT_NE(viewer->GetMaskTool(), nullptr);
+  EXPECT_EQ(viewer->GetGraphMouseMode(), TGraphMouseMode::Mask);
+  ASSERT_TRUE(viewer->GetCFI()->SetParameterValuesFromText({"MouseMode=Zoom"}).empty());
+  EXPECT_EQ(viewer->GetGraphMouseMode(), TGraphMouseMode::Zoom);
+  EXPECT_FALSE(viewer->GetCFI()->SetParameterValuesFromText({"MouseMode=Lasso"}).empty());
+  viewer->DeleteGraphMask();
+  EXPECT_EQ(viewer->GetGraphMouseMode(), TGraphMouseMode::Zoom) << "the mode the user chose stays";
+  EXPECT_TRUE(viewer->GetMaskBands(0).empty());
 }
 
 TEST_F(MultiGraphPeaksTest, TheXZoomMovesThereInAQuarterSecond) {
