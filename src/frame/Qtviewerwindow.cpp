@@ -2,22 +2,29 @@
 #include "frame/Qtviewerwindow.h"
 
 #include "frame/Qtfilterviewer.h"
+#include "frame/Qtgraphmasktoolbar.h"
 #include "frame/Qtopenglwidget.h"
 #include "frame/Qtparampanel.h"
 #include "opengl/Openglview.h"
 #include "project/Project.h"
 #include "viewers/Vfilter.h"
+#include "viewers/Vmultigraph.h"
 #include "viewers/Vtext.h"
 
 #include <QCloseEvent>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFont>
+#include <QGroupBox>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QMimeData>
 #include <QPlainTextEdit>
 #include <QScreen>
+#include <QScrollArea>
 #include <QSplitter>
+#include <QTimer>
+#include <QToolButton>
 #include <QVBoxLayout>
 #include <QWindow>
 
@@ -50,11 +57,63 @@ TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
     FPanel->setObjectName("SettingsPanel");
     splitter->setStretchFactor(0, 1);
   }
+  FGraphViewer = dynamic_cast<TVMultiGraphForm*>(viewer);
+  if (FGraphViewer) {
+    // The peak finder's panel beside the settings, shown while the finder is on.
+    FPeakBox = new QGroupBox("Peak Find Options", splitter);
+    FPeakBox->setObjectName("PeakFindOptions");
+    auto* peakLayout = new QVBoxLayout(FPeakBox);
+    peakLayout->setContentsMargins(4, 4, 4, 4);
+    FPeakCaption = new QLabel(FPeakBox);
+    FPeakCaption->setObjectName("PeakOptionsCaption");
+    peakLayout->addWidget(FPeakCaption);
+    auto* scroll = new QScrollArea(FPeakBox);
+    scroll->setWidgetResizable(true);
+    scroll->setFrameShape(QFrame::NoFrame);
+    FPeakPanel = new TQtParamPanel(*FGraphViewer->GetPeakCFI(), scroll);
+    FPeakPanel->setObjectName("PeakFindOptionsPanel");
+    scroll->setWidget(FPeakPanel);
+    peakLayout->addWidget(scroll);
+    FPeakBox->setMinimumWidth(330);
+    FPeakBox->setVisible(false);
+    // Over the view, while a mask is drawn: the mask's commands and the erase toggle.
+    FMaskRow = new QWidget(this);
+    auto* maskLayout = new QHBoxLayout(FMaskRow);
+    maskLayout->setContentsMargins(4, 2, 4, 2);
+    FMaskBar = new TQtGraphMaskToolBar(FMaskRow, nullptr, 0);
+    maskLayout->addWidget(FMaskBar, 1);
+    FMaskErase = new QToolButton(FMaskRow);
+    FMaskErase->setObjectName("MaskErase");
+    FMaskErase->setText("Erase");
+    FMaskErase->setToolTip("Dragging clears mask points instead of setting them");
+    FMaskErase->setCheckable(true);
+    maskLayout->addWidget(FMaskErase);
+    connect(FMaskErase, &QToolButton::toggled, this, [this](bool on) {
+      if (FViewer && FGraphViewer) FGraphViewer->SetMaskErase(on);
+    });
+    layout->insertWidget(0, FMaskRow);
+    FMaskRow->setVisible(false);
+    // The status text under the view.
+    FStatus = new QLabel(this);
+    FStatus->setObjectName("StatusLabel");
+    FStatus->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    FStatus->setContentsMargins(6, 2, 6, 2);
+    layout->addWidget(FStatus);
+    FAnimationTimer = new QTimer(this);
+    FAnimationTimer->setInterval(15);
+    connect(FAnimationTimer, &QTimer::timeout, this, [this] {
+      if (FViewer && FGraphViewer && FGraphViewer->IsXZoomAnimating())
+        FGraphViewer->AnimationTimerTimer();
+      else
+        FAnimationTimer->stop();
+    });
+  }
   viewer->AttachWindow(this);
   UpdateView();
 }
 
 TQtViewerWindow::~TQtViewerWindow() {
+  if (FAnimationTimer) FAnimationTimer->stop();
   if (FGLWidget) FGLWidget->DetachView();
   if (FViewer) FViewer->AttachWindow(nullptr);
 }
@@ -71,6 +130,25 @@ void TQtViewerWindow::UpdateView() {
   }
   if (FFilterPanel) FFilterPanel->Refresh();
   if (FPanel) FPanel->Refresh();
+  if (FGraphViewer) {
+    const QString status = QString::fromStdString(FGraphViewer->GetStatusText());
+    if (FStatus->text() != status) FStatus->setText(status);
+    const bool peaks = FGraphViewer->GetPeakLabels();
+    if (FPeakBox->isHidden() == peaks) FPeakBox->setVisible(peaks);
+    if (peaks) {
+      const QString caption = QString::fromStdString(FGraphViewer->GetPeakPanelCaption());
+      if (FPeakCaption->text() != caption) FPeakCaption->setText(caption);
+      FPeakPanel->Refresh();
+    }
+    if (FGraphViewer->IsXZoomAnimating() && !FAnimationTimer->isActive()) FAnimationTimer->start();
+    TGraphMask* mask = FGraphViewer->GetMaskTool();
+    if (FMaskBar->Logic().GetGraphMask() != mask)
+      FMaskBar->SetGraphMask(mask, mask ? mask->GetCurrentMaskIndex() : 0);
+    if (mask) FMaskBar->Logic().SetProject(FViewer->GetProject());
+    if (FMaskRow->isHidden() == (mask != nullptr)) FMaskRow->setVisible(mask != nullptr);
+    if (FMaskErase->isChecked() != FGraphViewer->GetMaskErase())
+      FMaskErase->setChecked(FGraphViewer->GetMaskErase());
+  }
 }
 
 void TQtViewerWindow::ShowViewerWindow(bool activate) {
@@ -147,6 +225,8 @@ void TQtViewerWindow::ViewerDestroyed() {
   // A view that belonged to the viewer has already told the rendering widget that it is gone.
   TVCustomForm* gone = FViewer;
   FViewer = nullptr;
+  FGraphViewer = nullptr;
+  if (FAnimationTimer) FAnimationTimer->stop();
   if (OnViewerGone) OnViewerGone(gone);
   hide();
   deleteLater();

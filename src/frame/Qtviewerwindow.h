@@ -13,6 +13,12 @@ class TQtParamPanel;
 class TQtOpenGLWidget;
 class TQtFilterViewerPanel;
 class QPlainTextEdit;
+class QLabel;
+class QGroupBox;
+class QTimer;
+class TVMultiGraphForm;
+class TQtGraphMaskToolBar;
+class QToolButton;
 
 class TQtViewerWindow : public QWidget, public IViewerWindow {
 public:
@@ -23,6 +29,13 @@ public:
   TVCustomForm* Viewer() const { return FViewer; }
   /// The rendering widget of a viewer that draws a scene (IOpenGLViewOwner); null for others.
   TQtOpenGLWidget* OpenGLWidget() const { return FGLWidget; }
+  /// The line under the view with the viewer's status text (graph viewer), null for others.
+  QLabel* StatusLabel() const { return FStatus; }
+  /// The graph viewer's "Peak Find Options" panel, shown while its peak finder is on; null for others.
+  QGroupBox* PeakPanel() const { return FPeakBox; }
+  TQtParamPanel* PeakParamPanel() const { return FPeakPanel; }
+  /// The mask toolbar over the graph viewer's mask tool, shown while a mask is drawn; null for others.
+  TQtGraphMaskToolBar* MaskToolBar() const { return FMaskBar; }
 
   // IViewerWindow
   void ShowViewerWindow(bool activate) override;
@@ -58,4 +71,14 @@ private:
   TQtOpenGLWidget* FGLWidget = nullptr;
   TQtParamPanel* FPanel = nullptr;
   TQtFilterViewerPanel* FFilterPanel = nullptr;
+  TVMultiGraphForm* FGraphViewer = nullptr;
+  QLabel* FStatus = nullptr;
+  QGroupBox* FPeakBox = nullptr;
+  QLabel* FPeakCaption = nullptr; ///< "Peak Options (" + graph name + ")"
+  TQtParamPanel* FPeakPanel = nullptr;
+  TQtGraphMaskToolBar* FMaskBar = nullptr;
+  QToolButton* FMaskErase = nullptr;
+  QWidget* FMaskRow = nullptr;
+  /// Drives the graph viewer's x zoom movement while it runs.
+  QTimer* FAnimationTimer = nullptr;
 };

@@ -421,6 +421,14 @@ void TOpenGLView::Paint() {
   glLoadMatrixd(ProjectionMatrix().M.data());
   glMatrixMode(GL_MODELVIEW);
   RenderScene();
+  // An opaque view stays opaque: blending leaves alpha below 1 where text and transparent objects lie,
+  // and the window would compose such pixels as see-through, with wrong colours.
+  if (FClearColor.A >= 1.0f) {
+    glColorMask(GL_FALSE, GL_FALSE, GL_FALSE, GL_TRUE);
+    glClearColor(0, 0, 0, 1);
+    glClear(GL_COLOR_BUFFER_BIT);
+    glColorMask(GL_TRUE, GL_TRUE, GL_TRUE, GL_TRUE);
+  }
 }
 
 void TOpenGLView::RenderStencil() {

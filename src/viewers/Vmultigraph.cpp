@@ -3,12 +3,15 @@
 
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
+#include "common/parameters/Userparameteradministrator.h"
 #include "data/Dcursor.h"
 #include "data/Dgraph.h"
 #include "data/Dinterpretation.h"
+#include "data/Dtext.h"
 #include "data/Dtransformation.h"
 #include "opengl/Openglgraph.h"
 #include "opengl/Openglobjects.h"
+#include "project/Graphmasktoolbar.h"
 #include "project/Project.h"
 #include "viewers/Viewershow.h"
 
@@ -127,6 +130,8 @@ struct TVMultiGraphForm::TGraphScene {
   TOpenGLObject* Holder = nullptr;
   std::vector<TOpenGLGraph*> Lines;
   std::vector<TOpenGLGraph*> Symbols;
+  /// Found and hand-added peaks of the spectrum on view, in pixel order.
+  TPeakInformationList Peaks;
 };
 
 // --- Creation and registration --------------------------------------------------------------------------
@@ -170,6 +175,13 @@ TVMultiGraphForm::TVMultiGraphForm() {
   zoom->SetColor(kZoomColor);
   zoom->SetVisible(false);
   FZoomMarker = view.Add(std::move(zoom));
+  // Mask bands and peak labels lie over the curves, below cursor and zoom rectangle.
+  auto masks = std::make_unique<TOpenGLObject>();
+  masks->SetSelectable(false);
+  FMaskHolder = view.Add(std::move(masks));
+  auto peaks = std::make_unique<TOpenGLObject>();
+  peaks->SetSelectable(false);
+  FPeakHolder = view.Add(std::move(peaks));
   auto text = std::make_unique<TOpenGLText>();
   text->SetColor({0.35f, 0.35f, 0.35f, 1});
   text->SetAlignment(THorizontalAlignment::Center, TVerticalAlignment::Center);
@@ -177,10 +189,13 @@ TVMultiGraphForm::TVMultiGraphForm() {
   FMessageText = view.Add(std::move(text));
   view.OnViewportSizeChange = [this](int, int) { LayoutScene(); };
   CreateCFI();
+  CreatePeakCFI();
 }
 
 TVMultiGraphForm::~TVMultiGraphForm() {
   GetOpenGLView().OnViewportSizeChange = nullptr;
+  FMaskTool = nullptr;
+  if (FOwnMask) FOwnMask->SetGraphFormInfo(nullptr, -1);
   if (TProject* project = GetProject(); project && FXCursorID)
     project->ChangeCursorToUnlock(FXCursorID, this);
 }
@@ -336,6 +351,14 @@ bool TVMultiGraphForm::AddGraphID(int32_t id) {
 void TVMultiGraphForm::DeleteGraphByID(int32_t id) {
   const int32_t index = IndexOfGraphID(id);
   if (index < 0) return;
+  FCustomPeaks.erase(id);
+  for (auto it = FMultiMasks.begin(); it != FMultiMasks.end();)
+    it = it->first.first == id ? FMultiMasks.erase(it) : std::next(it);
+  if (FMaskTool && FMaskTool->GetGraphID() == id) {
+    if (FMaskTool == FOwnMask.get()) FOwnMask.reset();
+    FMaskTool = nullptr;
+    if (FMouseMode == TGraphMouseMode::Mask) FMouseMode = TGraphMouseMode::Cursor;
+  }
   // The graph's curves leave the scene with it.
   if (TOpenGLObject* holder = FScenes[static_cast<size_t>(index)]->Holder)
     GetOpenGLView().RemoveObject(holder);
@@ -366,10 +389,10 @@ void TVMultiGraphForm::RebuildGraphScenes() {
     holder->SetColor(kBlack);
     FScenes[static_cast<size_t>(i)]->Holder = view.AddObject(std::move(holder));
   }
-  // Cursor, zoom rectangle and message stay above the curves.
+  // Mask bands, peak labels, cursor, zoom rectangle and message stay above the curves.
   for (TOpenGLObject* top :
-       {static_cast<TOpenGLObject*>(FCursorMarker), static_cast<TOpenGLObject*>(FZoomMarker),
-        static_cast<TOpenGLObject*>(FMessageText)})
+       {FMaskHolder, FPeakHolder, static_cast<TOpenGLObject*>(FCursorMarker),
+        static_cast<TOpenGLObject*>(FZoomMarker), static_cast<TOpenGLObject*>(FMessageText)})
     view.AddObject(view.RemoveObject(top));
 }
 
@@ -633,6 +656,8 @@ void TVMultiGraphForm::LayoutScene() {
   FMessageText->SetPosition({(left + right) / 2, (bottom + top) / 2, 0});
   SetCoordinateSystem(FAKGraphIndex);
   for (int32_t i = 0; i < GetGraphCount(); ++i) UpdateCurve(i);
+  UpdateMaskBands();
+  UpdatePeakLabels();
   UpdateCursorMarker();
   const bool none = FAKGraphIndex < GetGraphCount() && !HasSpectrum(FAKGraphIndex);
   FMessageText->SetText(GetGraphCount() == 0 ? "No graph" : "Cursor outside the stack");
@@ -652,6 +677,7 @@ void TVMultiGraphForm::SetAll() {
     ComputeXValues(i);
     FetchSpectrum(i);
   }
+  SpectraChanged();
   CalculateCascadeValues();
   LayoutScene();
   UpdateCaption();
@@ -663,6 +689,7 @@ void TVMultiGraphForm::SetAll() {
 void TVMultiGraphForm::SetAllGraphs() {
   TGraphicUpdateGuard guard(*this);
   for (int32_t i = 0; i < GetGraphCount(); ++i) FetchSpectrum(i);
+  SpectraChanged();
   if (!CheckAndDoAutomaticZoom()) {
     CalculateCascadeValues();
     LayoutScene();
@@ -676,7 +703,9 @@ void TVMultiGraphForm::SetSingleGraph(int32_t index) {
   if (index < 0 || index >= GetGraphCount()) return;
   TGraphicUpdateGuard guard(*this);
   FetchSpectrum(index);
+  SpectraChanged();
   UpdateCurve(index);
+  UpdatePeakLabels();
   if (index == FAKGraphIndex) {
     FMessageText->SetVisible(!HasSpectrum(index));
     FMessageText->SetText("Cursor outside the stack");
@@ -833,7 +862,50 @@ bool TVMultiGraphForm::SetYRange(int32_t index, double minimum, double maximum) 
 }
 
 void TVMultiGraphForm::AnimateXZoom(double from, double to) {
-  SetXRange(std::min(from, to), std::max(from, to));
+  const double lo = std::min(from, to), hi = std::max(from, to);
+  if (!std::isfinite(lo) || !std::isfinite(hi) || !(lo < hi)) return;
+  FAnimationFrom[0] = FMinXInterpretation;
+  FAnimationFrom[1] = FMaxXInterpretation;
+  FAnimationTo[0] = lo;
+  FAnimationTo[1] = hi;
+  FAnimationStart = std::chrono::steady_clock::now();
+  FAnimating = true;
+  // Only a window's timer drives the movement; without one the end comes at once.
+  if (!GetWindow())
+    AnimateXZoomStep(kXZoomAnimationMilliseconds);
+  else
+    Redraw();
+}
+
+void TVMultiGraphForm::AnimationTimerTimer() {
+  if (!FAnimating) return;
+  const double elapsed =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - FAnimationStart).count();
+  AnimateXZoomStep(elapsed);
+}
+
+void TVMultiGraphForm::AnimateXZoomStep(double elapsedMilliseconds) {
+  if (!FAnimating) return;
+  const double t = std::clamp(elapsedMilliseconds / kXZoomAnimationMilliseconds, 0.0, 1.0);
+  if (t >= 1.0) {
+    FAnimating = false;
+    TGraphicUpdateGuard guard(*this);
+    SetXRange(FAnimationTo[0], FAnimationTo[1]);
+    AddCurrentAreaToZoomStacks();
+    UpdateStatus();
+    return;
+  }
+  // Smooth start and end: the movement is quickest halfway.
+  const double e = t * t * (3.0 - 2.0 * t);
+  const double lo = FAnimationFrom[0] + (FAnimationTo[0] - FAnimationFrom[0]) * e;
+  const double hi = FAnimationFrom[1] + (FAnimationTo[1] - FAnimationFrom[1]) * e;
+  if (lo < hi) {
+    TGraphicUpdateGuard guard(*this);
+    FMinXInterpretation = lo;
+    FMaxXInterpretation = hi;
+    LayoutScene();
+  }
+  Redraw();
 }
 
 void TVMultiGraphForm::SetAllMinYandMaxYEqual() {
@@ -1100,7 +1172,17 @@ void TVMultiGraphForm::UpdateStatus() {
                    ? "x=" + std::to_string(info.ColumnIndex) + ", y=" + std::to_string(info.LineIndex)
                    : "cursor outside the stack");
   }
+  if (FPeakLabels) {
+    const int32_t peaks = GetNumberOfPeaks();
+    status += std::string(status.empty() ? "" : "   ") + "Number of Peaks: " + std::to_string(peaks);
+    if (peaks > kMaxPeakLabels && FPeakOptions.ShowLabels) status += std::string("   ") + kPeakWarning;
+  }
+  if (FMouseMode == TGraphMouseMode::Mask)
+    status += std::string(status.empty() ? "" : "   ") + (FMaskErase ? "Mask: erase" : "Mask: draw");
+  if (status == FStatusText) return;
   FStatusText = status;
+  // The window shows the text: it hears of the change through a redraw request.
+  Redraw();
 }
 
 void TVMultiGraphForm::ViewMouseDown(int x, int y, TOpenGLMouseButton button, TOpenGLShiftState /*shift*/) {
@@ -1125,12 +1207,24 @@ void TVMultiGraphForm::ViewMouseMove(int x, int y, TOpenGLShiftState /*shift*/) 
     if (WindowToData(x, y, dataX, dataY)) SetCursor(dataX);
   } else if (FMouseMode == TGraphMouseMode::Zoom) {
     const double h = GetOpenGLView().GetHeight();
+    FZoomMarker->SetColor(kZoomColor);
     FZoomMarker->SetPoints({{double(FDragStartX), h - FDragStartY, 0},
                             {double(x), h - FDragStartY, 0},
                             {double(x), h - y, 0},
                             {double(FDragStartX), h - y, 0}});
     FZoomMarker->SetVisible(true);
+  } else if (FMouseMode == TGraphMouseMode::Mask && FMaskTool) {
+    // The x range to be masked, over the plot area's full height.
+    const double h = GetOpenGLView().GetHeight();
+    const double bottom = kMarginBottom, top = h - kMarginTop;
+    FZoomMarker->SetColor(FMaskErase ? kZoomColor : ColorOf(GraphMaskBandColor(0)));
+    FZoomMarker->SetPoints({{double(FDragStartX), bottom, 0},
+                            {double(x), bottom, 0},
+                            {double(x), top, 0},
+                            {double(FDragStartX), top, 0}});
+    FZoomMarker->SetVisible(true);
   }
+  Redraw();
 }
 
 void TVMultiGraphForm::ViewMouseUp(int x, int y, TOpenGLMouseButton button, TOpenGLShiftState /*shift*/) {
@@ -1139,6 +1233,18 @@ void TVMultiGraphForm::ViewMouseUp(int x, int y, TOpenGLMouseButton button, TOpe
   if (FMouseMode == TGraphMouseMode::Cursor) {
     if (TProject* project = GetProject(); project && FXCursorID)
       project->ChangeCursorToUnlock(FXCursorID, this);
+    return;
+  }
+  if (FMouseMode == TGraphMouseMode::Mask) {
+    // The dragged x range goes to the mask tool; a click without movement changes the point under it.
+    const TOpenGLView& view = GetOpenGLView();
+    const double left = kMarginLeft, right = view.GetWidth() - kMarginRight;
+    auto dataX = [&](int windowX) {
+      const double c = std::clamp<double>(windowX, left, right);
+      return FMinXInterpretation + (c - left) / (right - left) * (FMaxXInterpretation - FMinXInterpretation);
+    };
+    if (right > left) DoMaskChange(dataX(FDragStartX), dataX(x));
+    HideMarker();
     return;
   }
   if (FMouseMode != TGraphMouseMode::Zoom) return;
@@ -1153,8 +1259,6 @@ void TVMultiGraphForm::ViewMouseUp(int x, int y, TOpenGLMouseButton button, TOpe
       std::abs(y - FDragStartY) < 3)
     return;
   TGraphicUpdateGuard guard(*this);
-  FMinXInterpretation = std::min(x0, x1);
-  FMaxXInterpretation = std::max(x0, x1);
   if (FAKGraphIndex < GetGraphCount()) {
     TGraphDrawInformation& info = FGraphs[static_cast<size_t>(FAKGraphIndex)];
     if (std::isfinite(y0) && std::isfinite(y1) && y0 != y1) {
@@ -1162,8 +1266,9 @@ void TVMultiGraphForm::ViewMouseUp(int x, int y, TOpenGLMouseButton button, TOpe
       info.MaxY = SafeDoubleToFloat(std::max(y0, y1));
     }
   }
-  AddCurrentAreaToZoomStacks();
   CalculateCascadeValues();
+  // The y range changes at once; the x range moves there (and is pushed to the zoom stacks at the end).
+  AnimateXZoom(std::min(x0, x1), std::max(x0, x1));
   LayoutScene();
   SyncCFI();
   Changed();
@@ -1382,8 +1487,14 @@ void TVMultiGraphForm::CFICreateParameters(TUserParameterAdministrator& cfi) {
                                               "Line width of the active graph in pixels", 1.0);
   width->SetLimits(0.5, 10.0);
   auto* peaks = cfi.Add<TUserBoolParameter>(kPeakLabels, "PeakLabels", "Peak Labels",
-                                            "Keeps room above the curves for peak labels", false);
+                                            "Finds the peaks of the shown spectra and labels them", false);
   peaks->TrueFalseStrings("On", "Off");
+  auto* mode =
+      cfi.Add<TUserListParameter>(kMouseMode, "MouseMode", "Mouse",
+                                  "What a drag in the plot does: move the cursor, zoom, draw a mask", 0);
+  mode->AddListEntry("Cursor", static_cast<int32_t>(TGraphMouseMode::Cursor));
+  mode->AddListEntry("Zoom", static_cast<int32_t>(TGraphMouseMode::Zoom));
+  mode->AddListEntry("Mask", static_cast<int32_t>(TGraphMouseMode::Mask));
   cfi.OnValidateParameters = [](const TUserParameterAdministrator& administrator) {
     TUserParameterProblems problems;
     auto value = [&](int32_t id) {
@@ -1453,6 +1564,9 @@ void TVMultiGraphForm::SyncCFI() {
     p->SetParameterSilent(info ? static_cast<int32_t>(info->GraphStyle) : 0);
   setDouble(kLineWidth, info ? info->LineWidth : 1.0);
   setBool(kPeakLabels, FPeakLabels);
+  if (auto* p = cfi->GetUserListParameter(kMouseMode))
+    p->SetParameterSilent(
+        static_cast<int32_t>(FMouseMode == TGraphMouseMode::Tool ? TGraphMouseMode::Cursor : FMouseMode));
   FSyncingCFI = false;
 }
 
@@ -1535,8 +1649,17 @@ void TVMultiGraphForm::CFIParameterChanged(const TUserParameterList& changed) {
       layout = true;
       break;
     case kPeakLabels:
-      FPeakLabels = flag(kPeakLabels);
+      SetPeakLabels(flag(kPeakLabels));
       break;
+    case kMouseMode: {
+      const auto mode = static_cast<TGraphMouseMode>(cfi->GetUserListParameter(kMouseMode)->GetParameter());
+      // Mask drawing without a tool's mask draws a mask of the viewer's own over the active graph.
+      if (mode == TGraphMouseMode::Mask && !FMaskTool)
+        CreateGraphMaskForCurrentGraph();
+      else
+        SetGraphMouseMode(mode);
+      break;
+    }
     default:
       break;
     }
@@ -1618,6 +1741,36 @@ TTagError TVMultiGraphForm::SaveViewerToTagFile(TFileHandle file) {
       (result = t.SaveIntTag(file, "XGraphID", FXGraphID)) < 1 ||
       (result = t.SaveDoubleTag(file, "CascadeDistance", FCascadeDistance)) < 1)
     return result;
+  // The peak finder: its search settings, the label options and the peaks added by hand (each with the
+  // ID of its graph).
+  std::vector<int32_t> peakGraphs;
+  std::vector<const TPeakInformation*> peaks;
+  for (const auto& [id, list] : FCustomPeaks)
+    for (const TPeakInformation& peak : list) {
+      peakGraphs.push_back(id);
+      peaks.push_back(&peak);
+    }
+  TTagControl peakGroup, infos;
+  if ((result = peakGroup.WriteTag(file, "PeakFindOptions", TTagKind::TagList)) < 1 ||
+      (result = FPeakControl.SaveToTagFile(file)) < 1 ||
+      (result = t.SaveBoolTag(file, "AutoFindPeaks", FPeakOptions.AutoFindPeaks)) < 1 ||
+      (result = t.SaveBoolTag(file, "AllGraphs", FPeakOptions.AllGraphs)) < 1 ||
+      (result = t.SaveBoolTag(file, "ShowLabels", FPeakOptions.ShowLabels)) < 1 ||
+      (result = t.SaveBoolTag(file, "ShowPixelUnit", FPeakOptions.ShowPixelUnit)) < 1 ||
+      (result = t.SaveBoolTag(file, "ShowVertical", FPeakOptions.ShowVertical)) < 1 ||
+      (result = t.SaveIntTag(file, "LabelColor", static_cast<int32_t>(FPeakOptions.LabelColor))) < 1 ||
+      (result = t.SaveIntTag(file, "CalculatedXUnitIndex", FCalculatedXUnitIndex)) < 1 ||
+      (result = infos.WriteTag(file, "PeakInfos", TTagKind::TagList)) < 1 ||
+      (result = t.SaveIntTag(file, "NumPeaks", static_cast<int32_t>(peaks.size()))) < 1 ||
+      (result = t.SaveList(file, "PeakGraphIDList", peakGraphs)) < 1)
+    return result;
+  for (size_t i = 0; i < peaks.size(); ++i) {
+    TTagControl one;
+    if ((result = one.WriteTag(file, "Peak" + std::to_string(i), TTagKind::TagList)) < 1 ||
+        (result = peaks[i]->SaveToTagFile(file)) < 1 || (result = one.CloseWriteTag(file)) < 1)
+      return result;
+  }
+  if ((result = infos.CloseWriteTag(file)) < 1 || (result = peakGroup.CloseWriteTag(file)) < 1) return result;
   return group.CloseWriteTag(file);
 }
 
@@ -1672,6 +1825,36 @@ TTagError TVMultiGraphForm::LoadViewerFromTagFile(TFileHandle file, const TTagCo
   t.LoadOrDefaultIntTag(file, "AKGraphIndex", group, &FAKGraphIndex, 1, 0);
   t.LoadOrDefaultIntTag(file, "XGraphID", group, &FXGraphID, 1, 0);
   t.LoadOrDefaultDoubleTag(file, "CascadeDistance", group, &FCascadeDistance, 1, 0.2);
+  FCustomPeaks.clear();
+  TTagControl peakGroup;
+  if (peakGroup.FindTag(file, "PeakFindOptions", group) == teNoError) {
+    FPeakControl.LoadFromTagFile(file, peakGroup);
+    t.LoadOrDefaultBoolTag(file, "AutoFindPeaks", peakGroup, &FPeakOptions.AutoFindPeaks, 1, true);
+    t.LoadOrDefaultBoolTag(file, "AllGraphs", peakGroup, &FPeakOptions.AllGraphs, 1, true);
+    t.LoadOrDefaultBoolTag(file, "ShowLabels", peakGroup, &FPeakOptions.ShowLabels, 1, true);
+    t.LoadOrDefaultBoolTag(file, "ShowPixelUnit", peakGroup, &FPeakOptions.ShowPixelUnit, 1, false);
+    t.LoadOrDefaultBoolTag(file, "ShowVertical", peakGroup, &FPeakOptions.ShowVertical, 1, false);
+    int32_t color = static_cast<int32_t>(FPeakOptions.LabelColor);
+    t.LoadOrDefaultIntTag(file, "LabelColor", peakGroup, &color, 1, color);
+    FPeakOptions.LabelColor = static_cast<uint32_t>(color) & 0x00FFFFFF;
+    t.LoadOrDefaultIntTag(file, "CalculatedXUnitIndex", peakGroup, &FCalculatedXUnitIndex, 1, 0);
+    TTagControl infos;
+    if (infos.FindTag(file, "PeakInfos", peakGroup) == teNoError) {
+      int32_t count = 0;
+      t.LoadOrDefaultIntTag(file, "NumPeaks", infos, &count, 1, 0);
+      TIntList graphs;
+      t.LoadList(file, "PeakGraphIDList", infos, graphs);
+      for (int32_t i = 0; i < count && i < static_cast<int32_t>(graphs.size()); ++i) {
+        TTagControl one;
+        if (one.FindTag(file, "Peak" + std::to_string(i), infos) != teNoError) continue;
+        TPeakInformation peak;
+        peak.LoadFromTagFile(file, one);
+        peak.IsCustomPeak = true;
+        FCustomPeaks[graphs[static_cast<size_t>(i)]].push_back(peak);
+      }
+    }
+  }
+  SyncPeakCFI();
   FGraphs.clear();
   for (size_t i = 0; i < ids.size(); ++i) {
     TGraphDrawInformation info;
@@ -1728,6 +1911,10 @@ bool TVMultiGraphForm::IsDataUsed(int32_t id) const {
 
 void TVMultiGraphForm::AddToID(int32_t delta) {
   for (auto& info : FGraphs) TData::SafeAddToDataID(info.GraphID, delta);
+  RenumberKeys([delta](int32_t id) {
+    TData::SafeAddToDataID(id, delta);
+    return id;
+  });
   TData::SafeAddToDataID(FXInterpretationID, delta);
   TData::SafeAddToDataID(FXCursorID, delta);
   TData::SafeAddToDataID(FSpaceCursorID, delta);
@@ -1738,6 +1925,7 @@ void TVMultiGraphForm::ExchangeID(int32_t oldID, int32_t newID) {
   if (oldID == 0) return;
   for (auto& info : FGraphs)
     if (info.GraphID == oldID) info.GraphID = newID;
+  RenumberKeys([oldID, newID](int32_t id) { return id == oldID ? newID : id; });
   if (FXInterpretationID == oldID) FXInterpretationID = newID;
   if (FXCursorID == oldID) FXCursorID = newID;
   if (FSpaceCursorID == oldID) FSpaceCursorID = newID;
@@ -1749,6 +1937,7 @@ void TVMultiGraphForm::SpaceCursorChanged() {
   TGraphicUpdateGuard guard(*this);
   for (int32_t i = 0; i < GetGraphCount(); ++i)
     if (FChangeGraphSimultaneously || i == FAKGraphIndex) FetchSpectrum(i);
+  SpectraChanged();
   if (!CheckAndDoAutomaticZoom()) {
     CalculateCascadeValues();
     LayoutScene();
@@ -1807,7 +1996,20 @@ void TVMultiGraphForm::DataChanged(TData* data, TDataChangeInfo info) {
     }
 }
 
+void TVMultiGraphForm::RenumberKeys(const std::function<int32_t(int32_t)>& renumber) {
+  std::map<int32_t, TPeakInformationList> peaks;
+  for (auto& [id, list] : FCustomPeaks) peaks[renumber(id)] = std::move(list);
+  FCustomPeaks = std::move(peaks);
+  std::map<std::pair<int32_t, int>, std::vector<bool>> masks;
+  for (auto& [key, flags] : FMultiMasks) masks[{renumber(key.first), key.second}] = std::move(flags);
+  FMultiMasks = std::move(masks);
+}
+
 void TVMultiGraphForm::BeforeClearProject() {
+  FCustomPeaks.clear();
+  FMultiMasks.clear();
+  if (FMaskTool == FOwnMask.get()) FMaskTool = nullptr;
+  FOwnMask.reset();
   FGraphs.clear();
   TGraphicUpdateGuard guard(*this);
   RebuildGraphScenes();
@@ -1837,4 +2039,744 @@ std::vector<TOpenGLGraph*> TVMultiGraphForm::GetCurveSegments(int32_t index) con
   for (TOpenGLGraph* curve : FScenes[static_cast<size_t>(index)]->Symbols)
     if (curve->GetVisible()) segments.push_back(curve);
   return segments;
+}
+
+// --- Mouse mode -----------------------------------------------------------------------------------------
+
+void TVMultiGraphForm::SetGraphMouseMode(TGraphMouseMode mode) {
+  FMouseMode = mode;
+  SyncCFI();
+  UpdateStatus();
+  Redraw();
+}
+
+void TVMultiGraphForm::SetMaskErase(bool erase) {
+  FMaskErase = erase;
+  UpdateStatus();
+}
+
+void TVMultiGraphForm::ResetGraphMouseMode() {
+  SetGraphMouseMode(FMaskTool && FMaskKeepsMode ? TGraphMouseMode::Mask : TGraphMouseMode::Cursor);
+}
+
+// --- Peaks ----------------------------------------------------------------------------------------------
+
+namespace {
+
+enum TPeakParameterId : int32_t {
+  kPositivePeaks = 1,
+  kNegativePeaks,
+  kUseMinAbsoluteHeight,
+  kMinAbsoluteHeight,
+  kUseMaxAbsoluteHeight,
+  kMaxAbsoluteHeight,
+  kUseMinRelativeHeight,
+  kMinRelativeHeight,
+  kAutoFindPeaks,
+  kAllGraphs,
+  kLabelUnit,
+  kShowLabels,
+  kLabelOrientation,
+  kDigits,
+  kLineLength,
+  kLabelColor,
+  kFindPeaksNow,
+  kPeakX,
+  kPeakY,
+  kAddPeak,
+  kPeakList,
+  kDeletePeak,
+  kExtractPeakTable,
+  kSmoothing,
+  kNoiseFactor,
+};
+
+std::string FormatFixed(double value, int digits) {
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, "%.*f", std::clamp(digits, 0, 8), value);
+  return buffer;
+}
+
+/// The x value at a (fractional) pixel position, linear between points.
+double XOfPixelPosition(const std::vector<double>& x, double pixel) {
+  if (x.empty() || !std::isfinite(pixel)) return pixel;
+  if (x.size() == 1) return x[0];
+  const double p = std::clamp(pixel, 0.0, double(x.size() - 1));
+  const size_t i = std::min(static_cast<size_t>(p), x.size() - 2);
+  return x[i] + (x[i + 1] - x[i]) * (p - double(i));
+}
+
+std::string ColorText(uint32_t bgr) {
+  char buffer[16];
+  std::snprintf(buffer, sizeof buffer, "#%02X%02X%02X", bgr & 0xFF, (bgr >> 8) & 0xFF, (bgr >> 16) & 0xFF);
+  return buffer;
+}
+
+bool ParseColorText(const std::string& text, uint32_t& bgr) {
+  unsigned r = 0, g = 0, b = 0;
+  char end = 0;
+  if (text.size() != 7 || std::sscanf(text.c_str(), "#%2x%2x%2x%c", &r, &g, &b, &end) != 3) return false;
+  bgr = r | (g << 8) | (b << 16);
+  return true;
+}
+
+} // namespace
+
+void TVMultiGraphForm::CreatePeakCFI() {
+  FPeakCFI = std::make_unique<TUserParameterAdministrator>();
+  TUserParameterAdministrator& cfi = *FPeakCFI;
+  // The heights on the panel: "Min Relative Height:" starts switched on at 0.
+  FPeakControl.UseMinRelativePeakValueLimit = true;
+  FPeakControl.MinRelativePeakValueLimit = 0;
+  cfi.Add<TUserBoolParameter>(kPositivePeaks, "PositivePeaks", "Positive Peaks", "Search maxima", true)
+      ->TrueFalseStrings("On", "Off");
+  cfi.Add<TUserBoolParameter>(kNegativePeaks, "NegativePeaks", "Negative Peaks", "Search minima", false)
+      ->TrueFalseStrings("On", "Off");
+  auto pair = [&](int32_t useId, const char* useName, const char* caption, int32_t valueId,
+                  const char* valueName, bool on, const char* description) {
+    cfi.Add<TUserBoolParameter>(useId, useName, caption, description, on)->TrueFalseStrings("On", "Off");
+    // The value's row names the limit without the colon of its switch.
+    std::string valueCaption = caption;
+    if (!valueCaption.empty() && valueCaption.back() == ':') valueCaption.pop_back();
+    auto* value = cfi.Add<TUserDoubleParameter>(valueId, valueName, valueCaption, description, 0.0);
+    value->SetFloatStyle(TFloatFormat::General, 8);
+  };
+  pair(kUseMinAbsoluteHeight, "UseMinAbsoluteHeight", "Min Absolute Height:", kMinAbsoluteHeight,
+       "MinAbsoluteHeight", false, "Peaks lower than this (smoothed data) are left out");
+  pair(kUseMaxAbsoluteHeight, "UseMaxAbsoluteHeight", "Max Absolute Height:", kMaxAbsoluteHeight,
+       "MaxAbsoluteHeight", false, "Peaks higher than this (smoothed data) are left out");
+  pair(kUseMinRelativeHeight, "UseMinRelativeHeight", "Min Relative Height:", kMinRelativeHeight,
+       "MinRelativeHeight", true, "Peaks that rise less than this above their surroundings are left out");
+  // Broad bands on a noisy spectrum need more smoothing than the default before their maxima are found.
+  auto* smoothing = cfi.Add<TUserListParameter>(kSmoothing, "Smoothing", "Smoothing",
+                                                "How the spectrum is smoothed before the search", 2);
+  smoothing->AddListEntry("None", 0);
+  smoothing->AddListEntry("Savitzky-Golay", 1);
+  smoothing->AddListEntry("Wavelet", 2);
+  auto* noise = cfi.Add<TUserDoubleParameter>(kNoiseFactor, "NoiseFactor", "Noise Factor",
+                                              "Strength of the wavelet smoothing", 0.5);
+  noise->SetLimits(0.0, 100.0);
+  noise->SetFloatStyle(TFloatFormat::General, 6);
+  cfi.Add<TUserBoolParameter>(kAutoFindPeaks, "AutoFindPeaks", "Auto Find Peaks",
+                              "Search again whenever the spectrum changes", true)
+      ->TrueFalseStrings("On", "Off");
+  cfi.Add<TUserBoolParameter>(kAllGraphs, "AllGraphs", "All Graphs", "Search every graph shown", true)
+      ->TrueFalseStrings("On", "Off");
+  auto* unit = cfi.Add<TUserListParameter>(kLabelUnit, "LabelUnit", "Label Unit", "What the labels give", 0);
+  unit->AddListEntry("Real Unit", 0);
+  unit->AddListEntry("Pixel Number", 1);
+  cfi.Add<TUserBoolParameter>(kShowLabels, "ShowLabels", "Show Labels", "Label the peaks", true)
+      ->TrueFalseStrings("On", "Off");
+  auto* orientation = cfi.Add<TUserListParameter>(kLabelOrientation, "LabelOrientation", "Labels",
+                                                  "Horizontal or vertical label texts", 0);
+  orientation->AddListEntry("Horizontal", 0);
+  orientation->AddListEntry("Vertical", 1);
+  auto* digits = cfi.Add<TUserIntParameter>(kDigits, "Digits", "Digits:", "Digits after the point", 2);
+  digits->SetLimits(0, 8);
+  auto* length = cfi.Add<TUserIntParameter>(kLineLength, "LineLength",
+                                            "Line Length:", "Length of the label lines in pixels", 40);
+  length->SetLimits(0, 200);
+  cfi.Add<TUserStringParameter>(kLabelColor, "LabelColor", "Label Color", "Colour of the labels (#RRGGBB)",
+                                ColorText(FPeakOptions.LabelColor));
+  cfi.Add<TUserTriggerParameter>(kFindPeaksNow, "FindPeaks", "Find Peaks", "Search the shown spectra now");
+  auto* px =
+      cfi.Add<TUserDoubleParameter>(kPeakX, "PeakX", "Peak X", "Position of a peak to add (x unit)", 0.0);
+  px->SetFloatStyle(TFloatFormat::General, 10);
+  auto* py = cfi.Add<TUserDoubleParameter>(kPeakY, "PeakY", "Peak Y", "Height of a peak to add", 0.0);
+  py->SetFloatStyle(TFloatFormat::General, 10);
+  cfi.Add<TUserTriggerParameter>(kAddPeak, "AddPeak", "Add Peak ...", "Adds a peak at Peak X, Peak Y");
+  cfi.Add<TUserListParameter>(kPeakList, "Peak", "Peak", "The peaks of the active graph", 0);
+  cfi.Add<TUserTriggerParameter>(kDeletePeak, "DeletePeak", "Delete Peak ...", "Deletes the chosen peak");
+  cfi.Add<TUserTriggerParameter>(kExtractPeakTable, "ExtractPeakTable", "Extract Peak Table",
+                                 "Makes a text object with the table of the peaks");
+  cfi.AllParameterListChanged();
+  cfi.OnParameterChanged = [this](const TUserParameterList& changed, bool /*internal*/) {
+    PeakCFIChanged(changed);
+  };
+  cfi.OnValidateParameters = [](const TUserParameterAdministrator& administrator) {
+    TUserParameterProblems problems;
+    uint32_t color = 0;
+    const auto* text = administrator.GetUserStringParameter(kLabelColor);
+    if (text && !ParseColorText(text->GetParameter(), color))
+      problems.push_back({"LabelColor", "the label colour '" + text->GetParameter() +
+                                            "' is no colour: give it as #RRGGBB, e.g. #7828C8"});
+    return problems;
+  };
+  SyncPeakCFI();
+}
+
+std::string TVMultiGraphForm::GetPeakPanelCaption() const {
+  const TDGraph* graph = FindGraph(FAKGraphIndex);
+  return "Peak Options (" + (graph ? graph->GetCaption() : std::string()) + ")";
+}
+
+void TVMultiGraphForm::PeakCFIChanged(const TUserParameterList& changed) {
+  if (FSyncingPeakCFI) return;
+  TUserParameterAdministrator& cfi = *FPeakCFI;
+  auto flag = [&](int32_t id) { return cfi.GetUserBoolParameter(id)->GetParameter(); };
+  auto number = [&](int32_t id) {
+    return dynamic_cast<TUserDoubleParameter*>(cfi.GetUserParameter(id))->GetParameter();
+  };
+  bool search = false, labels = false;
+  for (TUserParameter* p : changed) {
+    switch (p->GetId()) {
+    case kPositivePeaks:
+    case kNegativePeaks:
+    case kUseMinAbsoluteHeight:
+    case kMinAbsoluteHeight:
+    case kUseMaxAbsoluteHeight:
+    case kMaxAbsoluteHeight:
+    case kUseMinRelativeHeight:
+    case kMinRelativeHeight:
+    case kAllGraphs:
+    case kAutoFindPeaks:
+    case kSmoothing:
+    case kNoiseFactor:
+      search = true;
+      break;
+    case kLabelUnit:
+    case kShowLabels:
+    case kLabelOrientation:
+    case kDigits:
+    case kLineLength:
+    case kLabelColor:
+      labels = true;
+      break;
+    case kFindPeaksNow:
+      FindAllPeaks();
+      break;
+    case kAddPeak:
+      AddPeak(number(kPeakX), number(kPeakY));
+      break;
+    case kDeletePeak:
+      DeletePeak(cfi.GetUserListParameter(kPeakList)->GetParameter());
+      break;
+    case kExtractPeakTable:
+      ExtractPeakTable();
+      break;
+    default:
+      break;
+    }
+  }
+  FPeakControl.CalculatePositivePeaks = flag(kPositivePeaks);
+  FPeakControl.CalculateNegativePeaks = flag(kNegativePeaks);
+  FPeakControl.UseMinPeakValueLimit = flag(kUseMinAbsoluteHeight);
+  FPeakControl.MinPeakValueLimit = number(kMinAbsoluteHeight);
+  FPeakControl.UseMaxPeakValueLimit = flag(kUseMaxAbsoluteHeight);
+  FPeakControl.MaxPeakValueLimit = number(kMaxAbsoluteHeight);
+  FPeakControl.UseMinRelativePeakValueLimit = flag(kUseMinRelativeHeight);
+  FPeakControl.MinRelativePeakValueLimit = number(kMinRelativeHeight);
+  FPeakControl.SmoothKind = cfi.GetUserListParameter(kSmoothing)->GetParameter();
+  FPeakControl.WaveletNoiseFactor = number(kNoiseFactor);
+  FPeakOptions.AutoFindPeaks = flag(kAutoFindPeaks);
+  FPeakOptions.AllGraphs = flag(kAllGraphs);
+  FPeakOptions.ShowPixelUnit = cfi.GetUserListParameter(kLabelUnit)->GetParameter() == 1;
+  FPeakOptions.ShowLabels = flag(kShowLabels);
+  FPeakOptions.ShowVertical = cfi.GetUserListParameter(kLabelOrientation)->GetParameter() == 1;
+  FPeakOptions.Digits = cfi.GetUserIntParameter(kDigits)->GetParameter();
+  FPeakOptions.LineLength = cfi.GetUserIntParameter(kLineLength)->GetParameter();
+  ParseColorText(cfi.GetUserStringParameter(kLabelColor)->GetParameter(), FPeakOptions.LabelColor);
+  if (search && FPeakOptions.AutoFindPeaks) {
+    FindAllPeaks();
+  } else if (labels || search) {
+    TGraphicUpdateGuard guard(*this);
+    UpdatePeakLabels();
+    UpdateStatus();
+  }
+  Changed();
+}
+
+void TVMultiGraphForm::SyncPeakCFI() {
+  if (!FPeakCFI || FSyncingPeakCFI) return;
+  FSyncingPeakCFI = true;
+  TUserParameterAdministrator& cfi = *FPeakCFI;
+  auto setBool = [&](int32_t id, bool value) { cfi.GetUserBoolParameter(id)->SetParameterSilent(value); };
+  auto setDouble = [&](int32_t id, double value) {
+    dynamic_cast<TUserDoubleParameter*>(cfi.GetUserParameter(id))->SetParameterSilent(value);
+  };
+  setBool(kPositivePeaks, FPeakControl.CalculatePositivePeaks);
+  setBool(kNegativePeaks, FPeakControl.CalculateNegativePeaks);
+  setBool(kUseMinAbsoluteHeight, FPeakControl.UseMinPeakValueLimit);
+  setDouble(kMinAbsoluteHeight, FPeakControl.MinPeakValueLimit);
+  setBool(kUseMaxAbsoluteHeight, FPeakControl.UseMaxPeakValueLimit);
+  setDouble(kMaxAbsoluteHeight, FPeakControl.MaxPeakValueLimit);
+  setBool(kUseMinRelativeHeight, FPeakControl.UseMinRelativePeakValueLimit);
+  setDouble(kMinRelativeHeight, FPeakControl.MinRelativePeakValueLimit);
+  cfi.GetUserListParameter(kSmoothing)->SetParameterSilent(FPeakControl.SmoothKind);
+  setDouble(kNoiseFactor, FPeakControl.WaveletNoiseFactor);
+  setBool(kAutoFindPeaks, FPeakOptions.AutoFindPeaks);
+  setBool(kAllGraphs, FPeakOptions.AllGraphs);
+  cfi.GetUserListParameter(kLabelUnit)->SetParameterSilent(FPeakOptions.ShowPixelUnit ? 1 : 0);
+  setBool(kShowLabels, FPeakOptions.ShowLabels);
+  cfi.GetUserListParameter(kLabelOrientation)->SetParameterSilent(FPeakOptions.ShowVertical ? 1 : 0);
+  cfi.GetUserIntParameter(kDigits)->SetParameterSilent(FPeakOptions.Digits);
+  cfi.GetUserIntParameter(kLineLength)->SetParameterSilent(FPeakOptions.LineLength);
+  cfi.GetUserStringParameter(kLabelColor)->SetParameterSilent(ColorText(FPeakOptions.LabelColor));
+  auto* list = cfi.GetUserListParameter(kPeakList);
+  const std::vector<std::string> peaks = GetPeakDescriptions();
+  if (list->GetDescriptions() != peaks) {
+    list->ClearAllEntries();
+    for (size_t i = 0; i < peaks.size(); ++i) list->AddListEntry(peaks[i], static_cast<int32_t>(i));
+  }
+  if (list->GetParameter() >= static_cast<int32_t>(peaks.size())) list->SetParameterSilent(0);
+  cfi.GetUserParameter(kDeletePeak)->SetEnabled(!peaks.empty());
+  cfi.GetUserParameter(kExtractPeakTable)->SetEnabled(GetNumberOfPeaks() > 0);
+  FSyncingPeakCFI = false;
+}
+
+void TVMultiGraphForm::PeakOptionsChanged() {
+  SyncPeakCFI();
+  if (FPeakLabels && FPeakOptions.AutoFindPeaks) {
+    FindAllPeaks();
+  } else {
+    TGraphicUpdateGuard guard(*this);
+    UpdatePeakLabels();
+    UpdateStatus();
+  }
+  Changed();
+}
+
+void TVMultiGraphForm::SetPeakLabels(bool value) {
+  if (FPeakLabels == value) return;
+  FPeakLabels = value;
+  TGraphicUpdateGuard guard(*this);
+  if (value) {
+    for (int32_t i = 0; i < GetGraphCount(); ++i) FindPeak(i);
+  } else {
+    for (auto& scene : FScenes) scene->Peaks.clear();
+  }
+  // The room above the curves for the labels comes and goes with them (through the automatic zoom; a
+  // range the user set stays).
+  if (!CheckAndDoAutomaticZoom()) {
+    CalculateCascadeValues();
+    LayoutScene();
+  }
+  UpdateStatus();
+  SyncCFI();
+  SyncPeakCFI();
+  Changed();
+}
+
+bool TVMultiGraphForm::FindPeak(int32_t index) {
+  if (index < 0 || index >= GetGraphCount()) return false;
+  TGraphScene& scene = *FScenes[static_cast<size_t>(index)];
+  scene.Peaks.clear();
+  const bool searched = FPeakOptions.AllGraphs || index == FAKGraphIndex;
+  bool found = false;
+  if (searched && scene.HasSpectrum && scene.Spectrum.size() >= 6) {
+    // The x spline of the search runs in the viewer's unit, so that positions come out as shown.
+    std::vector<float> x(scene.Spectrum.size());
+    for (size_t i = 0; i < x.size(); ++i)
+      x[i] = static_cast<float>(i < scene.X.size() ? scene.X[i] : double(i));
+    // Values that are not finite break the splines: such a spectrum has no peaks.
+    bool finite = true;
+    for (float v : scene.Spectrum) finite = finite && std::isfinite(v);
+    if (finite && FPeakFinder.Prepare(&FPeakControl, static_cast<int>(x.size()), x.data(), nullptr) &&
+        FPeakFinder.FindPeaks(scene.Spectrum.data())) {
+      scene.Peaks = FPeakFinder.GetPeakInformationList();
+      found = true;
+    }
+    FCalculatedXUnitIndex = GetXUnitIndex();
+  }
+  // Peaks added by hand stay, whatever the search found.
+  if (auto it = FCustomPeaks.find(FGraphs[static_cast<size_t>(index)].GraphID); it != FCustomPeaks.end()) {
+    for (TPeakInformation peak : it->second) {
+      peak.PeakXPosition = XOfPixelPosition(scene.X, peak.PeakPixelPosition);
+      scene.Peaks.push_back(peak);
+    }
+    std::stable_sort(scene.Peaks.begin(), scene.Peaks.end(),
+                     [](const TPeakInformation& a, const TPeakInformation& b) {
+                       return a.PeakPixelPosition < b.PeakPixelPosition;
+                     });
+  }
+  return found;
+}
+
+void TVMultiGraphForm::FindAllPeaks() {
+  TGraphicUpdateGuard guard(*this);
+  for (int32_t i = 0; i < GetGraphCount(); ++i) {
+    if (FPeakLabels)
+      FindPeak(i);
+    else
+      FScenes[static_cast<size_t>(i)]->Peaks.clear();
+  }
+  UpdatePeakLabels();
+  UpdateStatus();
+  SyncPeakCFI();
+  Redraw();
+}
+
+void TVMultiGraphForm::SpectraChanged() {
+  if (!FPeakLabels) return;
+  if (FPeakOptions.AutoFindPeaks) {
+    for (int32_t i = 0; i < GetGraphCount(); ++i) FindPeak(i);
+  }
+  SyncPeakCFI();
+}
+
+const TPeakInformationList& TVMultiGraphForm::GetPeaks(int32_t index) const {
+  static const TPeakInformationList kNone;
+  if (index < 0 || index >= GetGraphCount()) return kNone;
+  return FScenes[static_cast<size_t>(index)]->Peaks;
+}
+
+int32_t TVMultiGraphForm::GetNumberOfPeaks() const {
+  size_t n = 0;
+  for (const auto& scene : FScenes) n += scene->Peaks.size();
+  return static_cast<int32_t>(n);
+}
+
+int32_t TVMultiGraphForm::PointOfX(int32_t index, double x) const {
+  const std::vector<double>& xs = GetXValues(index);
+  int32_t best = -1;
+  double distance = std::numeric_limits<double>::infinity();
+  for (size_t i = 0; i < xs.size(); ++i)
+    if (std::fabs(xs[i] - x) < distance) {
+      distance = std::fabs(xs[i] - x);
+      best = static_cast<int32_t>(i);
+    }
+  return best;
+}
+
+double TVMultiGraphForm::PixelPositionOfX(int32_t index, double x) const {
+  const std::vector<double>& xs = GetXValues(index);
+  if (xs.empty() || !std::isfinite(x)) return kNaN;
+  if (xs.size() == 1) return x == xs[0] ? 0.0 : kNaN;
+  for (size_t i = 0; i + 1 < xs.size(); ++i) {
+    const double a = xs[i], b = xs[i + 1];
+    if ((x >= std::min(a, b) && x <= std::max(a, b))) return a == b ? double(i) : i + (x - a) / (b - a);
+  }
+  return kNaN;
+}
+
+bool TVMultiGraphForm::AddPeak(double x, double y) {
+  if (FAKGraphIndex >= GetGraphCount() || !HasSpectrum(FAKGraphIndex) || !std::isfinite(y)) return false;
+  const double pixel = PixelPositionOfX(FAKGraphIndex, x);
+  if (!std::isfinite(pixel)) return false;
+  TPeakInformation peak;
+  peak.IsCustomPeak = true;
+  peak.PeakPixelPosition = pixel;
+  peak.PeakXPosition = x;
+  peak.OriginalPeakAbsoluteHeight = y;
+  peak.SmoothedPeakAbsoluteHeight = y;
+  FCustomPeaks[FGraphs[static_cast<size_t>(FAKGraphIndex)].GraphID].push_back(peak);
+  if (!FPeakLabels) {
+    SetPeakLabels(true);
+    return true;
+  }
+  FindAllPeaks();
+  Changed();
+  return true;
+}
+
+std::vector<std::string> TVMultiGraphForm::GetPeakDescriptions() const {
+  std::vector<std::string> list;
+  if (FAKGraphIndex >= GetGraphCount()) return list;
+  const int digits = FPeakOptions.Digits;
+  for (const TPeakInformation& peak : FScenes[static_cast<size_t>(FAKGraphIndex)]->Peaks) {
+    std::string text = FPeakOptions.ShowPixelUnit
+                           ? FormatFixed(peak.PeakPixelPosition, digits) + " px"
+                           : FormatFixed(peak.PeakXPosition, digits) + " " + GetXUnitName();
+    text += ": " + FormatNumber(peak.OriginalPeakAbsoluteHeight);
+    if (peak.IsCustomPeak) text += " (added)";
+    list.push_back(text);
+  }
+  return list;
+}
+
+bool TVMultiGraphForm::DeletePeak(int32_t index) {
+  if (FAKGraphIndex >= GetGraphCount()) return false;
+  TPeakInformationList& peaks = FScenes[static_cast<size_t>(FAKGraphIndex)]->Peaks;
+  if (index < 0 || index >= static_cast<int32_t>(peaks.size())) return false;
+  const TPeakInformation peak = peaks[static_cast<size_t>(index)];
+  peaks.erase(peaks.begin() + index);
+  if (peak.IsCustomPeak) {
+    // A peak added by hand goes for good.
+    TPeakInformationList& custom = FCustomPeaks[FGraphs[static_cast<size_t>(FAKGraphIndex)].GraphID];
+    for (auto it = custom.begin(); it != custom.end(); ++it)
+      if (it->PeakPixelPosition == peak.PeakPixelPosition &&
+          it->OriginalPeakAbsoluteHeight == peak.OriginalPeakAbsoluteHeight) {
+        custom.erase(it);
+        break;
+      }
+  }
+  TGraphicUpdateGuard guard(*this);
+  UpdatePeakLabels();
+  UpdateStatus();
+  SyncPeakCFI();
+  Changed();
+  return true;
+}
+
+std::string TVMultiGraphForm::GetPeakTableText(int32_t index) const {
+  if (index < 0 || index >= GetGraphCount()) return "";
+  const TGraphDrawInformation& info = FGraphs[static_cast<size_t>(index)];
+  const std::string unit = GetXUnitName();
+  std::string text = "# x\ty\tpixel\tposition [" + unit +
+                     "]\theight\tsmoothedHeight\tfwhm\trelativeHeight\tasymmetry\tnegative\tcustom\n";
+  char line[512];
+  for (const TPeakInformation& p : GetPeaks(index)) {
+    std::snprintf(line, sizeof line, "%d\t%d\t%.6f\t%.9g\t%.9g\t%.9g\t%.9g\t%.9g\t%.9g\t%d\t%d\n",
+                  info.ColumnIndex, info.LineIndex, p.PeakPixelPosition, p.PeakXPosition,
+                  p.OriginalPeakAbsoluteHeight, p.SmoothedPeakAbsoluteHeight, p.PeakFWHM,
+                  p.PeakRelativeHeight, p.FWHMAsymmetryFactor, p.IsNegativePeak ? 1 : 0,
+                  p.IsCustomPeak ? 1 : 0);
+    text += line;
+  }
+  return text;
+}
+
+std::vector<int32_t> TVMultiGraphForm::ExtractPeakTable() {
+  std::vector<int32_t> ids;
+  TProject* project = GetProject();
+  if (!project) return ids;
+  for (int32_t i = 0; i < GetGraphCount(); ++i) {
+    const TDGraph* graph = FindGraph(i);
+    if (!graph || GetPeaks(i).empty()) continue;
+    auto text = std::make_unique<TDText>();
+    text->SetID(project->GetNewDataID());
+    text->SetCaption("Peak Table (" + graph->GetCaption() + ")");
+    text->SetText(GetPeakTableText(i));
+    ids.push_back(text->GetID());
+    project->AddData(std::move(text));
+  }
+  return ids;
+}
+
+void TVMultiGraphForm::UpdatePeakLabels() {
+  if (!FPeakHolder) return;
+  FPeakHolder->ClearObjects();
+  FPeakLabelList.clear();
+  if (!FPeakLabels || !FPeakOptions.ShowLabels) return;
+  const TOpenGLView& view = GetOpenGLView();
+  const double left = kMarginLeft, right = view.GetWidth() - kMarginRight;
+  const TOpenGLColor color = ColorOf(FPeakOptions.LabelColor);
+  const double gap = 4, length = FPeakOptions.LineLength;
+  const double bottom = kMarginBottom, top = view.GetHeight() - kMarginTop;
+  constexpr double kLabelTextRoom = 16; // pixels for a horizontal label's text
+  // The first kMaxPeakLabels peaks, graph after graph in the viewer's order.
+  for (int32_t g = 0; g < GetGraphCount() && int32_t(FPeakLabelList.size()) < kMaxPeakLabels; ++g) {
+    const TPeakInformationList& peaks = FScenes[static_cast<size_t>(g)]->Peaks;
+    for (size_t k = 0; k < peaks.size() && int32_t(FPeakLabelList.size()) < kMaxPeakLabels; ++k) {
+      const TPeakInformation& peak = peaks[k];
+      const double wx = XToWindow(peak.PeakXPosition);
+      const double wy = YToWindow(g, peak.OriginalPeakAbsoluteHeight);
+      if (!std::isfinite(wx) || !std::isfinite(wy) || wx < left || wx > right) continue;
+      TGraphPeakLabel label;
+      label.GraphIndex = g;
+      label.PeakIndex = static_cast<int32_t>(k);
+      label.X = wx;
+      label.Y = wy;
+      label.Text = FPeakOptions.ShowPixelUnit ? FormatFixed(peak.PeakPixelPosition, FPeakOptions.Digits)
+                                              : FormatFixed(peak.PeakXPosition, FPeakOptions.Digits);
+      // A line away from the curve (upwards for a maximum, downwards for a minimum), the text at its end.
+      const double sign = peak.IsNegativePeak ? -1.0 : 1.0;
+      const double y0 = std::clamp(wy + sign * gap, -kModelLimit, kModelLimit);
+      double y1 = std::clamp(y0 + sign * length, -kModelLimit, kModelLimit);
+      // Near the frame the line gets shorter, so that the text stays inside the plot.
+      if (sign > 0)
+        y1 = std::max(y0, std::min(y1, top - kLabelTextRoom));
+      else
+        y1 = std::min(y0, std::max(y1, bottom + kLabelTextRoom));
+      if (length > 0) {
+        auto line = std::make_unique<TOpenGLMarker>();
+        line->SetShape(TMarkerShape::Line);
+        line->SetColor(color);
+        line->SetUseStencil(true);
+        line->SetSelectable(false);
+        line->SetPoints({{wx, y0, 0}, {wx, y1, 0}});
+        FPeakHolder->AddObject(std::move(line));
+      }
+      auto text = std::make_unique<TOpenGLText>();
+      text->SetColor(color);
+      text->SetSelectable(false);
+      text->SetUseStencil(true);
+      text->SetText(label.Text);
+      text->SetPosition({wx, y1 + sign * 2, 0});
+      if (FPeakOptions.ShowVertical) {
+        text->SetTextRotation(90);
+        text->SetAlignment(peak.IsNegativePeak ? THorizontalAlignment::Right : THorizontalAlignment::Left,
+                           TVerticalAlignment::Center);
+      } else {
+        text->SetAlignment(THorizontalAlignment::Center,
+                           peak.IsNegativePeak ? TVerticalAlignment::Top : TVerticalAlignment::Bottom);
+      }
+      FPeakHolder->AddObject(std::move(text));
+      FPeakLabelList.push_back(std::move(label));
+    }
+  }
+}
+
+// --- Masks ----------------------------------------------------------------------------------------------
+
+IDataProject* TVMultiGraphForm::GetMaskProject() {
+  return GetProject();
+}
+
+void TVMultiGraphForm::SetMultiMask(int32_t graphID, int bandIndex, int firstPoint, int lastPoint,
+                                    const bool* mask) {
+  const std::pair<int32_t, int> key{graphID, bandIndex};
+  if (!mask || bandIndex < 0) {
+    FMultiMasks.erase(key);
+  } else {
+    TProject* project = GetProject();
+    const auto* graph = project ? dynamic_cast<const TDGraph*>(project->FindData(graphID)) : nullptr;
+    const int size = graph ? graph->GetSizeGraph() : 0;
+    if (size <= 0) return;
+    const int first = std::clamp(firstPoint, 0, size - 1);
+    const int last = lastPoint < 0 ? size - 1 : std::clamp(lastPoint, first, size - 1);
+    // mask holds the flags of points first to last.
+    std::vector<bool>& band = FMultiMasks[key];
+    band.assign(static_cast<size_t>(size), false);
+    for (int i = first; i <= last; ++i) band[static_cast<size_t>(i)] = mask[i - first];
+  }
+  TGraphicUpdateGuard guard(*this);
+  UpdateMaskBands();
+  Redraw();
+}
+
+void TVMultiGraphForm::HideMarker() {
+  if (FZoomMarker->GetVisible()) {
+    FZoomMarker->SetVisible(false);
+    Redraw();
+  }
+}
+
+void TVMultiGraphForm::ClearMultiMasks(int32_t graphID) {
+  for (auto it = FMultiMasks.begin(); it != FMultiMasks.end();)
+    it = graphID == 0 || it->first.first == graphID ? FMultiMasks.erase(it) : std::next(it);
+  TGraphicUpdateGuard guard(*this);
+  UpdateMaskBands();
+  Redraw();
+}
+
+std::vector<TOpenGLMultiMask*> TVMultiGraphForm::GetMaskBands(int32_t index) const {
+  std::vector<TOpenGLMultiMask*> bands;
+  if (index < 0 || index >= GetGraphCount() || !FMaskHolder) return bands;
+  const int32_t id = FGraphs[static_cast<size_t>(index)].GraphID;
+  for (int k = 0; k < FMaskHolder->GetObjectCount(); ++k)
+    if (auto* band = dynamic_cast<TOpenGLMultiMask*>(FMaskHolder->GetObject(k));
+        band && band->GetName() == std::to_string(id))
+      bands.push_back(band);
+  return bands;
+}
+
+void TVMultiGraphForm::UpdateMaskBands() {
+  if (!FMaskHolder) return;
+  FMaskHolder->ClearObjects();
+  const TOpenGLView& view = GetOpenGLView();
+  const double left = kMarginLeft, right = view.GetWidth() - kMarginRight;
+  const double bottom = kMarginBottom, top = view.GetHeight() - kMarginTop;
+  for (const auto& [key, flags] : FMultiMasks) {
+    const int32_t index = IndexOfGraphID(key.first);
+    if (index < 0) continue;
+    const std::vector<double>& x = GetXValues(index);
+    const size_t n = std::min(x.size(), flags.size());
+    // One rectangle per run of set points, from half way to the previous point to half way to the next.
+    std::vector<TOpenGLMultiMask::TRect> rects;
+    auto edge = [&](size_t i, int side) {
+      const double w = XToWindow(x[i]);
+      if (side < 0)
+        return i > 0 ? (w + XToWindow(x[i - 1])) / 2 : w - (n > 1 ? (XToWindow(x[1]) - w) / 2 : 0.5);
+      return i + 1 < n ? (w + XToWindow(x[i + 1])) / 2 : w + (n > 1 ? (w - XToWindow(x[n - 2])) / 2 : 0.5);
+    };
+    for (size_t i = 0; i < n;) {
+      if (!flags[i]) {
+        ++i;
+        continue;
+      }
+      size_t j = i;
+      while (j + 1 < n && flags[j + 1]) ++j;
+      double a = edge(i, -1), b = edge(j, +1);
+      if (a > b) std::swap(a, b);
+      a = std::clamp(a, left, right);
+      b = std::clamp(b, left, right);
+      if (b > a) rects.push_back({a, bottom, b, top});
+      i = j + 1;
+    }
+    auto band = std::make_unique<TOpenGLMultiMask>();
+    band->SetColor(ColorOf(GraphMaskBandColor(key.second), kGraphMaskBandAlpha));
+    band->SetSelectable(false);
+    band->SetName(std::to_string(key.first));
+    band->SetRectangles(rects);
+    FMaskHolder->AddObject(std::move(band));
+  }
+}
+
+void TVMultiGraphForm::SetMaskTool(TGraphMask* mask, bool keepMaskMode) {
+  if (FMaskTool == mask && FMaskKeepsMode == keepMaskMode) return;
+  if (FOwnMask && FMaskTool == FOwnMask.get() && mask != FMaskTool) FOwnMask.reset();
+  FMaskTool = mask;
+  FMaskKeepsMode = mask && keepMaskMode;
+  if (mask && keepMaskMode)
+    SetGraphMouseMode(TGraphMouseMode::Mask);
+  else if (!mask && FMouseMode == TGraphMouseMode::Mask)
+    SetGraphMouseMode(TGraphMouseMode::Cursor);
+}
+
+TGraphMask* TVMultiGraphForm::CreateGraphMaskForCurrentGraph() {
+  const TDGraph* graph = FindGraph(FAKGraphIndex);
+  if (!graph || graph->GetSizeGraph() < 1) return nullptr;
+  DeleteGraphMask();
+  FOwnMask = std::make_unique<TGraphMask>(this, graph->GetSizeGraph(), 1, graph->GetID());
+  FOwnMask->ClearAll();
+  FOwnMask->SetGraphFormInfo(this, 0);
+  // The toolbar's range is the part on view, its one value the point under the x cursor.
+  const int32_t id = graph->GetID();
+  auto visible = [this, id](bool last) {
+    const int32_t index = IndexOfGraphID(id);
+    const std::vector<double>& x = GetXValues(index);
+    const double lo = std::min(FMinXInterpretation, FMaxXInterpretation);
+    const double hi = std::max(FMinXInterpretation, FMaxXInterpretation);
+    int first = -1, end = -1;
+    for (size_t i = 0; i < x.size(); ++i)
+      if (x[i] >= lo && x[i] <= hi) {
+        if (first < 0) first = static_cast<int>(i);
+        end = static_cast<int>(i) + 1;
+      }
+    return last ? end : first;
+  };
+  FOwnMask->SetRangeControls([visible] { return visible(false); }, [visible] { return visible(true); });
+  FOwnMask->SetOneValueControls([this, id] { return PointOfX(IndexOfGraphID(id), GetCursorX()); });
+  TGraphMask* mask = FOwnMask.get();
+  SetMaskTool(mask, true);
+  mask->MaskChanged();
+  return mask;
+}
+
+void TVMultiGraphForm::DeleteGraphMask() {
+  if (!FOwnMask) return;
+  const int32_t id = FOwnMask->GetGraphID();
+  if (FMaskTool == FOwnMask.get()) SetMaskTool(nullptr);
+  FOwnMask.reset();
+  FMultiMasks.erase({id, 0});
+  TGraphicUpdateGuard guard(*this);
+  UpdateMaskBands();
+  Redraw();
+}
+
+bool TVMultiGraphForm::DoMaskChange(double x0, double x1) {
+  if (!FMaskTool) return false;
+  const int32_t index = IndexOfGraphID(FMaskTool->GetGraphID());
+  if (index < 0 || !std::isfinite(x0) || !std::isfinite(x1)) return false;
+  const std::vector<double>& x = GetXValues(index);
+  const double lo = std::min(x0, x1), hi = std::max(x0, x1);
+  int first = -1, last = -1;
+  for (size_t i = 0; i < x.size() && static_cast<int>(i) < FMaskTool->GetMaskSize(); ++i)
+    if (x[i] >= lo && x[i] <= hi) {
+      if (first < 0) first = static_cast<int>(i);
+      last = static_cast<int>(i);
+    }
+  if (first < 0) {
+    // A click between two points takes the nearer one.
+    if (std::fabs(x1 - x0) > 0) return false;
+    first = last = PointOfX(index, x0);
+    if (first < 0 || first >= FMaskTool->GetMaskSize()) return false;
+  }
+  // The points of a falling axis come in index order all the same.
+  if (FMaskErase)
+    FMaskTool->ClearMaskRange(first, last);
+  else
+    FMaskTool->SetMaskRange(first, last);
+  return true;
 }

@@ -7,10 +7,18 @@
 // curves clipped to the plot area, and the spectral cursor as a vertical line.
 #pragma once
 
+#include "common/numerics/Peakfind.h"
+#include "opengl/Openglobjects.h"
+#include "project/Graphmask.h"
 #include "viewers/Vgraphic.h"
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class TDGraph;
@@ -19,6 +27,7 @@ class TOpenGLAxis;
 class TOpenGLGraph;
 class TOpenGLMarker;
 class TOpenGLText;
+class TUserParameterAdministrator;
 
 /// One earlier zoom: x from, x to, y from, y to.
 struct TZoomArea {
@@ -89,7 +98,28 @@ struct TGraphDrawInformation {
   void CurrentToOldVersion();
 };
 
-class TVMultiGraphForm : public TVCustomGraphicForm {
+/// How the found peaks are labelled (the display part of the peak finder's panel).
+struct TGraphPeakLabelOptions {
+  bool AutoFindPeaks = true; ///< search again whenever a shown spectrum changes
+  bool AllGraphs = true;     ///< every graph shown, else the active one only
+  bool ShowLabels = true;
+  bool ShowPixelUnit = false;       ///< labels give the pixel number instead of the position in the x unit
+  bool ShowVertical = false;        ///< label texts turned upright
+  int32_t Digits = 2;               ///< 0 … 8
+  int32_t LineLength = 40;          ///< pixels, 0 … 200
+  uint32_t LabelColor = 0x00C82878; ///< 0x00BBGGRR, a violet that no default graph colour takes
+};
+
+/// One label on view: the peak's place in window pixels (model coordinates, y upwards), the text, and the
+/// graph and peak it belongs to.
+struct TGraphPeakLabel {
+  int32_t GraphIndex = 0;
+  int32_t PeakIndex = 0;
+  double X = 0, Y = 0;
+  std::string Text;
+};
+
+class TVMultiGraphForm : public TVCustomGraphicForm, public IGraphMaskViewer, public IGraphMaskOwner {
 public:
   static constexpr const char* kClassName = "TVMultiGraphForm";
   static constexpr const char* kCaption = "Graph Viewer";
@@ -102,6 +132,11 @@ public:
   static constexpr double kPeakLabelExtra = 0.1;
   /// The plot area's distance from the window's edges, in pixels.
   static constexpr int kMarginLeft = 78, kMarginRight = 18, kMarginTop = 14, kMarginBottom = 48;
+  /// At most this many peaks are labelled.
+  static constexpr int32_t kMaxPeakLabels = 100;
+  static constexpr const char* kPeakWarning = "Warning: >100 Peaks found. Showing first 100";
+  /// Duration of the movement to a new x range.
+  static constexpr double kXZoomAnimationMilliseconds = 250.0;
   /// Ids of the control interface's parameters.
   enum TParameterId : int32_t {
     kXUnit = 1,
@@ -121,6 +156,7 @@ public:
     kGraphStyle,
     kLineWidth,
     kPeakLabels,
+    kMouseMode,
   };
 
   TVMultiGraphForm();
@@ -179,8 +215,16 @@ public:
   bool SetXRange(double minimum, double maximum);
   /// Sets the y range of graph index; refused when not finite, empty, or not positive on a log axis.
   bool SetYRange(int32_t index, double minimum, double maximum);
-  /// Moves to the new x range (the range is set at once; there is no animation here).
+  /// Moves from the present x range to [from, to] in kXZoomAnimationMilliseconds, driven by the window's
+  /// timer through AnimationTimerTimer; without a window the range is set at once. The new range is
+  /// pushed to the zoom stacks when the movement ends.
   void AnimateXZoom(double from, double to);
+  bool IsXZoomAnimating() const { return FAnimating; }
+  /// One step of the movement at the present time.
+  void AnimationTimerTimer();
+  /// The movement at elapsed milliseconds after its start (eased; the end range exactly from the
+  /// duration on).
+  void AnimateXZoomStep(double elapsedMilliseconds);
   void SetAllMinYandMaxYEqual();
   /// All graphs share the smallest MinY and the greatest MaxY.
   void EqualizeMinMaxY();
@@ -219,9 +263,10 @@ public:
 
   // --- Cursor and mouse ----------------------------------------------------------------------------
 
-  void SetGraphMouseMode(TGraphMouseMode mode) { FMouseMode = mode; }
+  void SetGraphMouseMode(TGraphMouseMode mode);
   TGraphMouseMode GetGraphMouseMode() const { return FMouseMode; }
-  void ResetGraphMouseMode() { FMouseMode = TGraphMouseMode::Cursor; }
+  /// Back to cursor mode, or to mask mode while a mask tool keeps it so.
+  void ResetGraphMouseMode();
   /// Moves the spectral cursor to x (current unit).
   void SetCursor(double x);
   /// The spectral cursor in the current x unit (NaN without one).
@@ -234,6 +279,71 @@ public:
   /// The window pixel of x (current unit) and of value y of graph index.
   double XToWindow(double x) const;
   double YToWindow(int32_t index, double y) const;
+
+  // --- Peaks ---------------------------------------------------------------------------------------
+
+  /// The peak finder on or off; while on, the shown spectra are searched and their peaks labelled
+  /// (this is the PeakLabels setting, which also leaves room above the curves for the labels).
+  void SetPeakLabels(bool value);
+  bool GetPeakLabels() const { return FPeakLabels; }
+  /// The settings of the search and of the labels; call PeakOptionsChanged after changing them.
+  TPeakFindControlStruct& PeakControl() { return FPeakControl; }
+  TGraphPeakLabelOptions& PeakLabelOptions() { return FPeakOptions; }
+  void PeakOptionsChanged();
+  /// Searches the shown spectrum of graph index with the viewer's settings; the graph's own peaks
+  /// (added by hand) stay. False when the graph shows no spectrum or the search found nothing to do.
+  bool FindPeak(int32_t index);
+  /// Searches every graph the options name (all, or the active one) and labels anew.
+  void FindAllPeaks();
+  /// The peaks of graph index in pixel order, found and added by hand.
+  const TPeakInformationList& GetPeaks(int32_t index) const;
+  /// The number of peaks over all graphs.
+  int32_t GetNumberOfPeaks() const;
+  /// The labels on view (at most kMaxPeakLabels).
+  const std::vector<TGraphPeakLabel>& GetPeakLabelList() const { return FPeakLabelList; }
+  /// Adds a peak by hand to the active graph at x (x unit) with height y; it stays through every new
+  /// search. False without a spectrum or for an x outside the axis.
+  bool AddPeak(double x, double y);
+  /// The active graph's peaks as the delete list shows them: position and height.
+  std::vector<std::string> GetPeakDescriptions() const;
+  /// Deletes peak index of the active graph (a peak added by hand for good). False for a bad index.
+  bool DeletePeak(int32_t index);
+  /// The peak table of graph index: a header line, then one peak a line.
+  std::string GetPeakTableText(int32_t index) const;
+  /// A text object "Peak Table (" + caption + ")" for each graph with peaks; their IDs.
+  std::vector<int32_t> ExtractPeakTable();
+  /// The peak finder's panel: the search and label settings and the commands "Add Peak ...",
+  /// "Delete Peak ..." and "Extract Peak Table".
+  TUserParameterAdministrator* GetPeakCFI() const { return FPeakCFI.get(); }
+  /// The caption of that panel.
+  std::string GetPeakPanelCaption() const;
+
+  // --- Masks ---------------------------------------------------------------------------------------
+
+  /// Shows mask as band bandIndex over graph graphID (a null mask removes the band).
+  void SetMultiMask(int32_t graphID, int bandIndex, int firstPoint, int lastPoint, const bool* mask) override;
+  /// Hides the rectangle drawn while a mask range is dragged.
+  void HideMarker() override;
+  /// Removes every band of graph graphID (0: of all graphs).
+  void ClearMultiMasks(int32_t graphID = 0);
+  /// The band objects of graph index, one per band shown.
+  std::vector<TOpenGLMultiMask*> GetMaskBands(int32_t index) const;
+  /// The mask that mask drawing (mouse mode 3) changes, and whether that mode stays after a reset. A
+  /// tool that gives its mask here must take it back (null) before the mask goes.
+  void SetMaskTool(TGraphMask* mask, bool keepMaskMode = true);
+  TGraphMask* GetMaskTool() const { return FMaskTool; }
+  /// A mask of the viewer's own over the active graph, shown as its band and drawn in mask mode.
+  TGraphMask* CreateGraphMaskForCurrentGraph();
+  void DeleteGraphMask();
+  /// Mask drawing clears instead of setting points.
+  void SetMaskErase(bool erase);
+  bool GetMaskErase() const { return FMaskErase; }
+  /// Sets (or with the erase toggle clears) the points of the mask tool's graph whose x lies between x0
+  /// and x1 (x unit). False without a mask tool or when no point lies there.
+  bool DoMaskChange(double x0, double x1);
+  // IGraphMaskOwner
+  IDataProject* GetMaskProject() override;
+  bool IsMaskOwnerActive() const override { return true; }
 
   // --- Extraction and export -----------------------------------------------------------------------
 
@@ -254,8 +364,6 @@ public:
   bool GetAutoZoomOutX() const { return FAutoZoomOutX; }
   bool GetAutoZoomOutY() const { return FAutoZoomOutY; }
   void SetAutoZoomOut(bool x, bool y);
-  bool GetPeakLabels() const { return FPeakLabels; }
-  void SetPeakLabels(bool value) { FPeakLabels = value; }
   bool GetChangeGraphSimultaneously() const { return FChangeGraphSimultaneously; }
   void SetChangeGraphSimultaneously(bool value) { FChangeGraphSimultaneously = value; }
   int32_t GetXInterpretationID() const { return FXInterpretationID; }
@@ -320,6 +428,21 @@ private:
   void SpaceCursorChanged();
   void XInterpretationChanged();
   void RebuildGraphScenes();
+  /// Renumbers the graph IDs that peaks added by hand and mask bands are kept under.
+  void RenumberKeys(const std::function<int32_t(int32_t)>& renumber);
+  void CreatePeakCFI();
+  void PeakCFIChanged(const TUserParameterList& changed);
+  /// The panel shows the present settings and peak list (silently).
+  void SyncPeakCFI();
+  /// Labels of the found peaks and the mask bands, for the present ranges and size.
+  void UpdatePeakLabels();
+  void UpdateMaskBands();
+  /// Searches again after a change of the shown spectra when the options ask for it.
+  void SpectraChanged();
+  /// The point of graph index nearest to x (x unit); -1 without points.
+  int32_t PointOfX(int32_t index, double x) const;
+  /// Pixel position of x (x unit) on graph index, between points by linear interpolation; NaN outside.
+  double PixelPositionOfX(int32_t index, double x) const;
 
   std::vector<TGraphDrawInformation> FGraphs;
   std::vector<std::unique_ptr<TGraphScene>> FScenes; ///< parallel to FGraphs
@@ -359,6 +482,31 @@ private:
   TOpenGLMarker* FZoomMarker = nullptr;
   TOpenGLText* FMessageText = nullptr;
   int FLayoutWidth = 0, FLayoutHeight = 0;
+
+  // Peaks.
+  TPeakFindControlStruct FPeakControl;
+  TGraphPeakLabelOptions FPeakOptions;
+  TPeakFindCalculate FPeakFinder;
+  std::unique_ptr<TUserParameterAdministrator> FPeakCFI;
+  bool FSyncingPeakCFI = false;
+  /// Peaks added by hand, by graph ID: they stay through every search.
+  std::map<int32_t, TPeakInformationList> FCustomPeaks;
+  std::vector<TGraphPeakLabel> FPeakLabelList;
+  TOpenGLObject* FPeakHolder = nullptr;
+  int32_t FCalculatedXUnitIndex = 0;
+
+  // Masks: band (graph ID, band index) -> one flag per point.
+  std::map<std::pair<int32_t, int>, std::vector<bool>> FMultiMasks;
+  TOpenGLObject* FMaskHolder = nullptr;
+  TGraphMask* FMaskTool = nullptr;
+  std::unique_ptr<TGraphMask> FOwnMask;
+  bool FMaskKeepsMode = false;
+  bool FMaskErase = false;
+
+  // X zoom animation.
+  bool FAnimating = false;
+  double FAnimationFrom[2] = {0, 1}, FAnimationTo[2] = {0, 1};
+  std::chrono::steady_clock::time_point FAnimationStart;
 
   // Mouse.
   bool FDragging = false;

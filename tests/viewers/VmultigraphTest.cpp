@@ -565,7 +565,8 @@ TEST_F(MultiGraphTest, TheTagsStandInTheirOrder) {
                                              "CascadeGraphs",
                                              "AKGraphIndex",
                                              "XGraphID",
-                                             "CascadeDistance"};
+                                             "CascadeDistance",
+                                             "PeakFindOptions"};
   EXPECT_EQ(names, expected);
 }
 
