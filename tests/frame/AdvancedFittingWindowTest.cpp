@@ -48,11 +48,13 @@ QPushButton* ButtonOf(QWidget& window, const QString& text) {
   return nullptr;
 }
 
+// The colours of the curves, also where the fit mask's transparent band lies over them: the curve's own
+// channel stands well above the other two (the pale band alone has none that does).
 bool IsRed(const uint8_t* p) {
-  return p[0] > 180 && p[1] < 110 && p[2] < 110;
+  return p[0] > 150 && p[0] > p[1] + 60 && p[0] > p[2] + 60;
 }
 bool IsBlue(const uint8_t* p) {
-  return p[2] > 180 && p[0] < 110 && p[1] < 110;
+  return p[2] > 150 && p[2] > p[0] + 60 && p[2] > p[1] + 60;
 }
 
 /// The topmost pixel of a colour in the plot area: column and row, -1 when there is none.
