@@ -406,7 +406,10 @@ TEST_F(VimageTest, DrawingWithThePenAndZoomingWithTheMouse) {
   view.MouseUp(x1, y1, TOpenGLMouseButton::Left, {});
   EXPECT_EQ(viewer->DrawField().GetNumberOfPixels(true), 4);
 
-  viewer->SetNextImageMouseMode(); // after the eraser: the cursor again
+  viewer->SetNextImageMouseMode(); // after the eraser: the box marker, and after the circle the cursor again
+  EXPECT_EQ(viewer->GetImageMouseMode(), TImageMouseMode::BoxMarker);
+  viewer->SetImageMouseMode(TImageMouseMode::CircleMarker);
+  viewer->SetNextImageMouseMode();
   EXPECT_EQ(viewer->GetImageMouseMode(), TImageMouseMode::Cursor);
   viewer->SetImageMouseMode(TImageMouseMode::Zoom);
   windowOf(2, 1, x1, y1);
