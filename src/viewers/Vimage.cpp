@@ -540,7 +540,8 @@ void LayAxis(TOpenGLObject& axis, const TOpenGLVector& a, const TOpenGLVector& b
   // The line runs from a to b and goes out and back at each tick.
   std::vector<std::pair<double, double>> marks;
   for (int i = 0; i < ticks.TickCount(); ++i)
-    marks.emplace_back(ticks.TickPositions()[static_cast<size_t>(i)], ticks.LabelValues()[static_cast<size_t>(i)]);
+    marks.emplace_back(ticks.TickPositions()[static_cast<size_t>(i)],
+                       ticks.LabelValues()[static_cast<size_t>(i)]);
   std::sort(marks.begin(), marks.end());
   std::vector<TOpenGLVector> points{a};
   for (const auto& [along, value] : marks) {
@@ -1011,7 +1012,8 @@ void TVImageForm::UpdateImageMarkers() {
   const bool flat = FDisplayMode == TImageDisplayMode::Display2D;
   if (FImageMarker) {
     const bool show = project && flat && FMarkerKind != TImageMarkerKind::None &&
-                      std::max(FMarkerX0, FMarkerX1) < FShownSizeX && std::max(FMarkerY0, FMarkerY1) < FShownSizeY;
+                      std::max(FMarkerX0, FMarkerX1) < FShownSizeX &&
+                      std::max(FMarkerY0, FMarkerY1) < FShownSizeY;
     FImageMarker->SetVisible(show);
     if (show) {
       const int32_t t = ShownTransformationID();
@@ -1069,15 +1071,16 @@ void TVImageForm::UpdateImageMarkers() {
     }
   }
   for (size_t i = 0; i < FTransformationMarkers.size() && i < FTransformationIDs.size(); ++i) {
-    std::vector<TOpenGLVector> outline = flat ? OutlineOfTransformation(FTransformationIDs[i])
-                                              : std::vector<TOpenGLVector>{};
+    std::vector<TOpenGLVector> outline =
+        flat ? OutlineOfTransformation(FTransformationIDs[i]) : std::vector<TOpenGLVector>{};
     FTransformationMarkers[i]->SetVisible(!outline.empty());
     if (outline.empty()) continue;
     if (outline.size() == 1) {
       // No object covers an area through it: a cross at its origin.
       FTransformationMarkers[i]->SetShape(TMarkerShape::Cross);
       FTransformationMarkers[i]->SetPosition(outline.front());
-      FTransformationMarkers[i]->SetSize(kCursorCrossPixels * FUnitsPerPixel, kCursorCrossPixels * FUnitsPerPixel);
+      FTransformationMarkers[i]->SetSize(kCursorCrossPixels * FUnitsPerPixel,
+                                         kCursorCrossPixels * FUnitsPerPixel);
     } else {
       FTransformationMarkers[i]->SetShape(TMarkerShape::Polygon);
       FTransformationMarkers[i]->SetPosition({0, 0, 0});
@@ -1252,10 +1255,10 @@ void TVImageForm::ViewMouseMove(int x, int y, TOpenGLShiftState /*shift*/) {
     SetCursorPixel(px, py);
     break;
   case TImageMouseMode::Zoom:
-    if (TPictureFrame frame; FZoomMarker &&
-                             PictureFrame(std::min(px, FZoomAnchorX) - 0.5, std::min(py, FZoomAnchorY) - 0.5,
-                                          std::max(px, FZoomAnchorX) + 0.5, std::max(py, FZoomAnchorY) + 0.5,
-                                          frame)) {
+    if (TPictureFrame frame;
+        FZoomMarker &&
+        PictureFrame(std::min(px, FZoomAnchorX) - 0.5, std::min(py, FZoomAnchorY) - 0.5,
+                     std::max(px, FZoomAnchorX) + 0.5, std::max(py, FZoomAnchorY) + 0.5, frame)) {
       for (TOpenGLVector& c : frame.Corners) c.Z = kMarkerZ;
       FZoomMarker->SetPoints(frame.Corners);
       FZoomMarker->SetVisible(true);
@@ -1656,7 +1659,8 @@ TTagError TVImageForm::LoadViewerFromTagFile(TFileHandle file, const TTagControl
   FTransformationIDs.clear();
   if (transformations > 0 && transformations <= 10000) {
     FTransformationIDs.assign(static_cast<size_t>(transformations), 0);
-    if (t.LoadIntTag(file, "TransformationIDs", group, FTransformationIDs.data(), transformations) != teNoError)
+    if (t.LoadIntTag(file, "TransformationIDs", group, FTransformationIDs.data(), transformations) !=
+        teNoError)
       FTransformationIDs.clear();
   }
   InvalidateExtrema();
