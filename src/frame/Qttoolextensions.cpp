@@ -2,4 +2,10 @@
 // defined in its tool's unit of this folder and only named here.
 #include "frame/Qttoolwindow.h"
 
-void RegisterToolWindowExtensions() {}
+void RegisterImageFilterWindowExtension();
+void RegisterImageRepairWindowExtension();
+
+void RegisterToolWindowExtensions() {
+  RegisterImageFilterWindowExtension();
+  RegisterImageRepairWindowExtension();
+}

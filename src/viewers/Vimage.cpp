@@ -1338,6 +1338,7 @@ void TVImageForm::DeleteDrawField() {
 void TVImageForm::DrawFieldChanged() {
   UpdateDrawFieldTexture();
   Changed();
+  if (OnDrawFieldChange) OnDrawFieldChange();
 }
 
 // --- Control interface --------------------------------------------------------------------------------

@@ -13,6 +13,7 @@
 #include "viewers/Vimagescale.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -234,8 +235,10 @@ public:
   void MakeDrawFieldImage();
   /// Drops the draw field.
   void DeleteDrawField();
-  /// Shows the draw field's changes.
+  /// Shows the draw field's changes and tells OnDrawFieldChange.
   void DrawFieldChanged();
+  /// Called after each change of the draw field (a tool that takes the field as its mask listens here).
+  std::function<void()> OnDrawFieldChange;
 
   // --- Viewer --------------------------------------------------------------------------------------
 
