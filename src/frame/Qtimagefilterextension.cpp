@@ -2,6 +2,7 @@
 // (choosing one loads it into the Custom page), and Load and Save buttons that go through a file dialog.
 #include "frame/Qttoolwindow.h"
 #include "project/Orvexdirectories.h"
+#include "project/Toolregistry.h"
 #include "tools/image/Imagefiltertool.h"
 
 #include <QComboBox>
@@ -27,46 +28,46 @@ void FillFilterList(QComboBox& list) {
 } // namespace
 
 void RegisterImageFilterWindowExtension() {
-  RegisterToolWindowExtension(
-      TImageFilterForm::kClassName, [](TQtToolWindow& window, TProjectDialogForm& tool) {
-        auto* filter = dynamic_cast<TImageFilterForm*>(&tool);
-        if (!filter || !window.ExtraArea()) return;
-        auto* row = new QWidget(&window);
-        row->setObjectName("CustomFilterFiles");
-        auto* layout = new QHBoxLayout(row);
-        layout->setContentsMargins(0, 0, 0, 0);
-        layout->addWidget(new QLabel("Custom Filters", row));
-        auto* list = new QComboBox(row);
-        list->setObjectName("CustomFilterList");
-        list->setMinimumWidth(140);
-        layout->addWidget(list, 1);
-        auto* load = new QPushButton("Load", row);
-        auto* save = new QPushButton("Save", row);
-        layout->addWidget(load);
-        layout->addWidget(save);
-        window.ExtraArea()->addWidget(row);
-        FillFilterList(*list);
+  const std::string key = TToolRegistry::KeyFromClassName(TImageFilterForm::kClassName);
+  RegisterToolWindowExtension(key, [](TQtToolWindow& window, TProjectDialogForm& tool) {
+    auto* filter = dynamic_cast<TImageFilterForm*>(&tool);
+    if (!filter || !window.ExtraArea()) return;
+    auto* row = new QWidget(&window);
+    row->setObjectName("CustomFilterFiles");
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(new QLabel("Custom Filters", row));
+    auto* list = new QComboBox(row);
+    list->setObjectName("CustomFilterList");
+    list->setMinimumWidth(140);
+    layout->addWidget(list, 1);
+    auto* load = new QPushButton("Load", row);
+    auto* save = new QPushButton("Save", row);
+    layout->addWidget(load);
+    layout->addWidget(save);
+    window.ExtraArea()->addWidget(row);
+    FillFilterList(*list);
 
-        QObject::connect(list, &QComboBox::activated, row, [filter, list](int index) {
-          const QString file = list->itemData(index).toString();
-          if (!file.isEmpty()) filter->LoadCustomFilter(file.toStdString());
-        });
-        QObject::connect(load, &QPushButton::clicked, row, [filter, &window] {
-          const QString file = QFileDialog::getOpenFileName(
-              &window, "Load Custom Filter", QString::fromStdString(TImageFilterForm::UserFilterFolder()),
-              QString(), nullptr, QFileDialog::DontUseNativeDialog);
-          if (!file.isEmpty()) filter->LoadCustomFilter(file.toStdString());
-        });
-        QObject::connect(save, &QPushButton::clicked, row, [filter, list, &window] {
-          const std::string folder = TImageFilterForm::UserFilterFolder();
-          std::error_code error;
-          if (!folder.empty()) std::filesystem::create_directories(folder, error);
-          const QString file =
-              QFileDialog::getSaveFileName(&window, "Save Custom Filter", QString::fromStdString(folder),
-                                           QString(), nullptr, QFileDialog::DontUseNativeDialog);
-          if (file.isEmpty()) return;
-          // A failure is told to the user by the tool ("Save failed !").
-          if (filter->SaveCustomFilter(file.toStdString())) FillFilterList(*list);
-        });
-      });
+    QObject::connect(list, &QComboBox::activated, row, [filter, list](int index) {
+      const QString file = list->itemData(index).toString();
+      if (!file.isEmpty()) filter->LoadCustomFilter(file.toStdString());
+    });
+    QObject::connect(load, &QPushButton::clicked, row, [filter, &window] {
+      const QString file = QFileDialog::getOpenFileName(
+          &window, "Load Custom Filter", QString::fromStdString(TImageFilterForm::UserFilterFolder()),
+          QString(), nullptr, QFileDialog::DontUseNativeDialog);
+      if (!file.isEmpty()) filter->LoadCustomFilter(file.toStdString());
+    });
+    QObject::connect(save, &QPushButton::clicked, row, [filter, list, &window] {
+      const std::string folder = TImageFilterForm::UserFilterFolder();
+      std::error_code error;
+      if (!folder.empty()) std::filesystem::create_directories(folder, error);
+      const QString file =
+          QFileDialog::getSaveFileName(&window, "Save Custom Filter", QString::fromStdString(folder),
+                                       QString(), nullptr, QFileDialog::DontUseNativeDialog);
+      if (file.isEmpty()) return;
+      // A failure is told to the user by the tool ("Save failed !").
+      if (filter->SaveCustomFilter(file.toStdString())) FillFilterList(*list);
+    });
+  });
 }

@@ -4,26 +4,22 @@
 #include "frame/Qtopenglwidget.h"
 #include "frame/Qttoolwindow.h"
 #include "project/Project.h"
+#include "project/Toolregistry.h"
 #include "tools/image/Imagerepairtool.h"
 #include "viewers/Vimage.h"
 
 #include <QComboBox>
+#include <QEvent>
 #include <QLabel>
 #include <QVBoxLayout>
 #include <memory>
 
 namespace {
 
-/// Keeps the viewer alive as long as the widget that draws it (a child of that widget).
-class TMaskViewerHolder : public QObject {
-public:
-  TMaskViewerHolder(std::unique_ptr<TVImageForm> viewer, QObject* parent)
-      : QObject(parent), Viewer(std::move(viewer)) {}
-  std::unique_ptr<TVImageForm> Viewer;
-};
-
 /// Points the viewer at the tool's current image, with an empty draw field of its size, the pen ready.
 void ShowCurrentImage(TVImageForm& viewer, TImageRepairForm& repair) {
+  if (!repair.GetProject()) return;
+  viewer.SetProject(repair.GetProject());
   viewer.DeleteDrawField();
   if (repair.GetCurrentID() == 0 || !viewer.SetImageID(repair.GetCurrentID())) return;
   viewer.MakeDrawFieldImage();
@@ -45,28 +41,40 @@ void HandOverMask(TVImageForm& viewer, TImageRepairForm& repair) {
   repair.DoPreviewImages();
 }
 
+/// Keeps the viewer alive as long as the widget that draws it (a child of that widget), and points it at
+/// the tool's current image each time the window opens (the tool has its project and inputs by then).
+class TMaskViewerHolder : public QObject {
+public:
+  TMaskViewerHolder(std::unique_ptr<TVImageForm> viewer, TImageRepairForm& repair, QObject* parent)
+      : QObject(parent), Viewer(std::move(viewer)), Repair(repair) {}
+  bool eventFilter(QObject* watched, QEvent* event) override {
+    if (event->type() == QEvent::Show) ShowCurrentImage(*Viewer, Repair);
+    return QObject::eventFilter(watched, event);
+  }
+  std::unique_ptr<TVImageForm> Viewer;
+  TImageRepairForm& Repair;
+};
+
 } // namespace
 
 void RegisterImageRepairWindowExtension() {
-  RegisterToolWindowExtension(TImageRepairForm::kClassName,
-                              [](TQtToolWindow& window, TProjectDialogForm& tool) {
-                                auto* repair = dynamic_cast<TImageRepairForm*>(&tool);
-                                if (!repair || !window.ExtraArea() || !repair->GetProject()) return;
-                                auto viewer = std::make_unique<TVImageForm>();
-                                viewer->SetProject(repair->GetProject());
-                                viewer->SetFormCaption(TImageRepairForm::kDrawFieldCaption);
-                                TVImageForm& shown = *viewer;
-                                auto* label = new QLabel(TImageRepairForm::kDrawFieldCaption, &window);
-                                window.ExtraArea()->addWidget(label);
-                                auto* widget = new TQtOpenGLWidget(&shown.GetOpenGLView(), &window);
-                                widget->setObjectName("RepairMaskView");
-                                widget->setMinimumSize(280, 220);
-                                window.ExtraArea()->addWidget(widget, 1);
-                                new TMaskViewerHolder(std::move(viewer), widget);
-                                ShowCurrentImage(shown, *repair);
-                                shown.OnDrawFieldChange = [&shown, repair] { HandOverMask(shown, *repair); };
-                                if (QComboBox* dataSets = window.DataSetBox())
-                                  QObject::connect(dataSets, &QComboBox::activated, widget,
-                                                   [&shown, repair] { ShowCurrentImage(shown, *repair); });
-                              });
+  const std::string key = TToolRegistry::KeyFromClassName(TImageRepairForm::kClassName);
+  RegisterToolWindowExtension(key, [](TQtToolWindow& window, TProjectDialogForm& tool) {
+    auto* repair = dynamic_cast<TImageRepairForm*>(&tool);
+    if (!repair || !window.ExtraArea()) return;
+    auto viewer = std::make_unique<TVImageForm>();
+    viewer->SetFormCaption(TImageRepairForm::kDrawFieldCaption);
+    TVImageForm& shown = *viewer;
+    auto* label = new QLabel(TImageRepairForm::kDrawFieldCaption, &window);
+    window.ExtraArea()->addWidget(label);
+    auto* widget = new TQtOpenGLWidget(&shown.GetOpenGLView(), &window);
+    widget->setObjectName("RepairMaskView");
+    widget->setMinimumSize(280, 220);
+    window.ExtraArea()->addWidget(widget, 1);
+    window.installEventFilter(new TMaskViewerHolder(std::move(viewer), *repair, widget));
+    shown.OnDrawFieldChange = [&shown, repair] { HandOverMask(shown, *repair); };
+    if (QComboBox* dataSets = window.DataSetBox())
+      QObject::connect(dataSets, &QComboBox::activated, widget,
+                       [&shown, repair] { ShowCurrentImage(shown, *repair); });
+  });
 }

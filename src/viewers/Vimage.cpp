@@ -427,6 +427,7 @@ void TVImageForm::BuildScene() {
   drawField->SetUseTextures(true);
   drawField->SetSelectable(false);
   drawField->SetDimensions(FShownSizeX, FShownSizeY);
+  drawField->SetTextureFilterMode(TOpenGLTextureFilter::Nearest); // no half-transparent edges
   drawField->SetPosition({0, 0, kDrawFieldZ});
   FDrawFieldMesh = view.Add(std::move(drawField));
 
@@ -758,6 +759,8 @@ void TVImageForm::RecolorTexture() {
 
 void TVImageForm::SetMesh() {
   RecolorTexture();
+  // The draw field mixes its red with the picture's colours: it follows them.
+  UpdateDrawFieldTexture();
 }
 
 void TVImageForm::UpdateZMesh() {
@@ -811,14 +814,20 @@ void TVImageForm::UpdateDrawFieldTexture() {
   TOpenGLTexture& texture = FDrawFieldMesh->ColorTexture();
   if (texture.GetWidth() != w || texture.GetHeight() != h) texture.SetSize(w, h);
   std::vector<uint8_t>& bytes = texture.Pixels();
+  const size_t sx = static_cast<size_t>(FShownSizeX);
   for (int32_t y = 0; y < h; ++y)
     for (int32_t x = 0; x < w; ++x) {
-      // Painted pixels: half-transparent red over the picture; the others let it show untouched.
+      // Painted pixels: the picture's colour half-way to red, opaque; the others fully transparent, so the
+      // picture shows untouched. The mixing is done here rather than by blending, so that the frame's alpha
+      // stays opaque where the window composes the view.
       uint8_t* texel = &bytes[4 * (static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x))];
-      texel[0] = 255;
-      texel[1] = 0;
-      texel[2] = 0;
-      texel[3] = FDrawField.GetPixel(FStartX + x, FStartY + y) ? 128 : 0;
+      const bool painted = FDrawField.GetPixel(FStartX + x, FStartY + y);
+      const size_t at = static_cast<size_t>(FStartY + y) * sx + static_cast<size_t>(FStartX + x);
+      const TColor c = at < FPixelColors.size() ? FPixelColors[at] : 0;
+      texel[0] = static_cast<uint8_t>(((c & 0xFF) + 256) / 2);
+      texel[1] = static_cast<uint8_t>(((c >> 8) & 0xFF) / 2);
+      texel[2] = static_cast<uint8_t>(((c >> 16) & 0xFF) / 2);
+      texel[3] = painted ? 255 : 0;
     }
   FDrawFieldMesh->UpdateColorTexture();
 }
