@@ -1,5 +1,6 @@
 // The image filter window's own widgets: the custom filters of the user image filter folder in a list
 // (choosing one loads it into the Custom page), and Load and Save buttons that go through a file dialog.
+#include "frame/Qtparampanel.h"
 #include "frame/Qttoolwindow.h"
 #include "project/Orvexdirectories.h"
 #include "project/Toolregistry.h"
@@ -48,15 +49,15 @@ void RegisterImageFilterWindowExtension() {
     window.ExtraArea()->addWidget(row);
     FillFilterList(*list);
 
-    QObject::connect(list, &QComboBox::activated, row, [filter, list](int index) {
+    QObject::connect(list, &QComboBox::activated, row, [filter, list, &window](int index) {
       const QString file = list->itemData(index).toString();
-      if (!file.isEmpty()) filter->LoadCustomFilter(file.toStdString());
+      if (!file.isEmpty() && filter->LoadCustomFilter(file.toStdString())) window.Panel()->Refresh();
     });
     QObject::connect(load, &QPushButton::clicked, row, [filter, &window] {
       const QString file = QFileDialog::getOpenFileName(
           &window, "Load Custom Filter", QString::fromStdString(TImageFilterForm::UserFilterFolder()),
           QString(), nullptr, QFileDialog::DontUseNativeDialog);
-      if (!file.isEmpty()) filter->LoadCustomFilter(file.toStdString());
+      if (!file.isEmpty() && filter->LoadCustomFilter(file.toStdString())) window.Panel()->Refresh();
     });
     QObject::connect(save, &QPushButton::clicked, row, [filter, list, &window] {
       const std::string folder = TImageFilterForm::UserFilterFolder();

@@ -10,6 +10,7 @@
 #include "data/Dtransformation.h"
 #include "data/Registerdata.h"
 #include "frame/Qtopenglwidget.h"
+#include "frame/Qtparampanel.h"
 #include "frame/Qttoolwindow.h"
 #include "frame/Qtviewerwindow.h"
 #include "project/Demodataset.h"
@@ -27,7 +28,9 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QImage>
+#include <QLineEdit>
 #include <QMessageBox>
 #include <QMouseEvent>
 #include <QPushButton>
@@ -136,6 +139,7 @@ TEST_F(ImageToolWindowsTest, TheMedianPreviewOfTheTopographyIsItsThreeByThreeMed
   ASSERT_TRUE(WaitFor([&] { return window->isVisible(); }));
   ASSERT_TRUE(
       tool->Parameters().SetParameterValuesFromText({"Mode=Median", "MedianFilterSizeEdit=1"}).empty());
+  window->Panel()->Refresh();
   QApplication::processEvents();
   ASSERT_FALSE(tool->PreviewImages().empty());
   const int32_t previewID = tool->PreviewImages().front().ID;
@@ -185,6 +189,7 @@ TEST_F(ImageToolWindowsTest, AStrokeDrawnInTheMaskFieldIsRepairedInThePreview) {
   TQtToolWindow* window = TQtToolHost::Instance().WindowOf(TImageRepairForm::kClassName);
   ASSERT_TRUE(WaitFor([&] { return window->isVisible(); }));
   ASSERT_TRUE(tool->Parameters().SetParameterValuesFromText({"Mode=Line Interpolation"}).empty());
+  window->Panel()->Refresh();
   auto* field = window->findChild<TQtOpenGLWidget*>("RepairMaskView");
   ASSERT_NE(field, nullptr);
   ASSERT_TRUE(WaitFor([&] { return field->isVisible() && field->FrameCount() > 0; }));
@@ -253,6 +258,7 @@ TEST_F(ImageToolWindowsTest, ACustomFilterSavedThroughTheWindowIsListedAndLoadsB
           .SetParameterValuesFromText({"Mode=Custom", "CustomFilterSizeEdit=1", "CustomFilterFactorEdit=8",
                                        "CustomFilterCoefficients=" + kernel})
           .empty());
+  window->Panel()->Refresh();
   auto* list = window->findChild<QComboBox*>("CustomFilterList");
   ASSERT_NE(list, nullptr);
   EXPECT_EQ(list->count(), 1) << "an empty folder lists nothing but the blank entry";
@@ -262,9 +268,13 @@ TEST_F(ImageToolWindowsTest, ACustomFilterSavedThroughTheWindowIsListedAndLoadsB
   std::string told;
   TModalWatcher watcher([&](QWidget* modal) {
     if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {
-      dialog->selectFile(QString::fromStdString(
+      const QFileInfo file(QString::fromStdString(
           dialog->acceptMode() == QFileDialog::AcceptSave ? saved : FDir.File("not-a-filter.txt")));
-      static_cast<QDialog*>(dialog)->accept();
+      dialog->setDirectory(file.absolutePath());
+      dialog->selectFile(file.fileName());
+      if (auto* name = dialog->findChild<QLineEdit*>("fileNameEdit")) name->setText(file.fileName());
+      // Answered as a user's choice of that file (the dialog's own checks of a typed name are Qt's).
+      static_cast<QDialog*>(dialog)->done(QDialog::Accepted);
       return true;
     }
     if (auto* box = qobject_cast<QMessageBox*>(modal)) {
@@ -298,6 +308,13 @@ TEST_F(ImageToolWindowsTest, ACustomFilterSavedThroughTheWindowIsListedAndLoadsB
       ParseFilterCoefficients(tool->GetStringParameter("CustomFilterCoefficients"), coefficients, problem));
   EXPECT_EQ(coefficients, (std::vector<double>{0, 1, 0, 1, 4, 1, 0, 1, 0}));
   EXPECT_EQ(coefficients, expected.Buffer);
+  // The window shows the loaded kernel.
+  auto* shownCoefficients = qobject_cast<QLineEdit*>(window->Panel()->ControlOf("CustomFilterCoefficients"));
+  ASSERT_NE(shownCoefficients, nullptr);
+  coefficients.clear();
+  ASSERT_TRUE(ParseFilterCoefficients(shownCoefficients->text().toStdString(), coefficients, problem));
+  EXPECT_EQ(coefficients, expected.Buffer);
+  window->grab().save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/imagefilter-loaded.png"));
 
   // Load through the button: a file that is no custom filter is refused and the page keeps its kernel.
   std::ofstream(FDir.File("not-a-filter.txt")) << "just text";
