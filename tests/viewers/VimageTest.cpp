@@ -603,3 +603,21 @@ TEST_F(VimageTest, TransformationOutlinesFollowTheirObjectsAndRoundTrip) {
   ASSERT_TRUE(FProject.DeleteData(otherID));
   EXPECT_TRUE(viewer->GetTransformationIDs().empty());
 }
+
+TEST_F(VimageTest, ATallWindowKeepsTheWorldsAspectAndLeavesBandsOnlyAboveAndBelow) {
+  // The picture is 4 × 1.5 µm: in a tall window it takes the whole width left by the margins (8 pixels on
+  // the left, the scale bar's 96 on the right) and is centred vertically at its own aspect ratio.
+  TVImageForm* viewer = Show({FImageID});
+  ASSERT_NE(viewer, nullptr);
+  TOpenGLView& view = viewer->GetOpenGLView();
+  view.SetViewportSize(300, 900);
+  double ax, ay, bx, by;
+  PixelToWorld(FProject, FSpaceID, -0.5, -0.5, ax, ay);
+  PixelToWorld(FProject, FSpaceID, kSizeX - 0.5, kSizeY - 0.5, bx, by);
+  const TOpenGLVector a = view.ProjectPoint(TVImageForm::WorldToModel(ax, ay));
+  const TOpenGLVector b = view.ProjectPoint(TVImageForm::WorldToModel(bx, by));
+  EXPECT_NEAR(a.X, 8, 0.5);
+  EXPECT_NEAR(b.X, 300 - 96, 0.5);
+  EXPECT_NEAR((b.X - a.X) / (a.Y - b.Y), 4.0 / 1.5, 1e-6);
+  EXPECT_NEAR((a.Y + b.Y) / 2, 450, 0.5);
+}
