@@ -1731,6 +1731,7 @@ bool TVImageForm::AddDataID(int32_t id) {
   if (!project) return false;
   const std::string name = project->GetClassNameByID(id);
   if (name == TDBitmap::kClassName) return SetImageID(id, false);
+  if (dynamic_cast<const TDSpaceTransformation*>(project->FindData(id))) return AddTransformationID(id);
   if (name != TDImage::kClassName) return false;
   if (!FImageColorID) return SetImageID(id, false);
   if (!FImageZID) {

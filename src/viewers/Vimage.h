@@ -245,15 +245,15 @@ public:
   void CFICreateParameters(TUserParameterAdministrator& cfi) override;
   bool CFIParameterIsNewValueAllowed(const TUserParameterList& changed) override;
   void CFIParameterChanged(const TUserParameterList& changed) override;
-  /// The base group, then "TVImageForm" with the viewer's fields in their fixed order, then "ScaleKind" and
-  /// "InterpolatePixelColors".
+  /// The base group, then "TVImageForm" with the viewer's fields in their fixed order, then "ScaleKind",
+  /// "InterpolatePixelColors", "TransformationCount" and (when there are any) "TransformationIDs".
   TTagError SaveViewerToTagFile(TFileHandle file) override;
   TTagError LoadViewerFromTagFile(TFileHandle file, const TTagControl& parent) override;
   void DoDataUpdate() override;
   bool IsDataUsed(int32_t id) const override;
   void AddToID(int32_t delta) override;
   /// An image becomes the colour image, then the height image, then the brightness image; a bitmap the
-  /// picture.
+  /// picture; a space transformation (dropped on the view) an outline.
   bool AddDataID(int32_t id) override;
   void ExchangeID(int32_t oldID, int32_t newID) override;
   void DataChanged(TData* data, TDataChangeInfo info) override;

@@ -575,7 +575,7 @@ TEST_F(VimageTest, TransformationOutlinesFollowTheirObjectsAndRoundTrip) {
   TVImageForm* viewer = Show({FImageID});
   ASSERT_NE(viewer, nullptr);
   EXPECT_FALSE(viewer->AddTransformationID(FImageID)) << "only transformations";
-  ASSERT_TRUE(viewer->AddTransformationID(otherID));
+  ASSERT_TRUE(viewer->AddDataID(otherID)) << "a transformation dropped on the view becomes an outline";
   ASSERT_TRUE(viewer->AddTransformationID(otherID));
   EXPECT_EQ(viewer->GetTransformationIDs(), (TIntList{otherID}));
   const auto outline = viewer->GetTransformationOutline(otherID);
