@@ -917,7 +917,56 @@ bool TVImageForm::SetZoomWindow(int32_t startX, int32_t startY, int32_t stopX, i
   UpdateDrawFieldTexture();
   LayoutView();
   Changed();
+  if (FSynchronizedZoom && !FReceivingZoom) SendZoomForSynchronize();
   return true;
+}
+
+void TVImageForm::SendZoomForSynchronize() {
+  TProject* project = GetProject();
+  if (!project || FShownSizeX <= 0 || FShownSizeY <= 0) return;
+  const int32_t t = ShownTransformationID();
+  T4Points points;
+  const double px[4] = {FStartX - 0.5, FStopX + 0.5, FStopX + 0.5, FStartX - 0.5};
+  const double py[4] = {FStartY - 0.5, FStartY - 0.5, FStopY + 0.5, FStopY + 0.5};
+  for (int i = 0; i < 4; ++i) PixelToWorld(*project, t, px[i], py[i], points.X[i], points.Y[i]);
+  int32_t index = 0;
+  for (size_t i = 0; i < project->ViewerList().size(); ++i) {
+    auto* other = dynamic_cast<TVImageForm*>(project->GetViewer(i));
+    if (!other) continue;
+    if (other != this && other->FSynchronizedZoom) other->SynchronizeZoom(points, index);
+    ++index;
+  }
+}
+
+bool TVImageForm::SynchronizeZoom(const T4Points& points, int32_t /*index*/) {
+  TProject* project = GetProject();
+  int32_t sizeX, sizeY;
+  GetShownSize(sizeX, sizeY);
+  if (!project || sizeX <= 0 || sizeY <= 0) return false;
+  // The corners in this picture's pixel coordinates; the window takes every pixel whose centre lies
+  // within their box.
+  const auto* space = dynamic_cast<const TDSpaceTransformation*>(project->FindData(ShownTransformationID()));
+  double lowX = 1e300, lowY = 1e300, highX = -1e300, highY = -1e300;
+  for (int i = 0; i < 4; ++i) {
+    const double real[3] = {points.X[i], points.Y[i], 0.0};
+    double bin[3] = {points.X[i], points.Y[i], 0.0};
+    if (space) space->RealToBin(bin, real);
+    if (!std::isfinite(bin[0]) || !std::isfinite(bin[1])) return false;
+    lowX = std::min(lowX, bin[0]);
+    highX = std::max(highX, bin[0]);
+    lowY = std::min(lowY, bin[1]);
+    highY = std::max(highY, bin[1]);
+  }
+  const double eps = 1e-9;
+  const int32_t x0 = std::max<int32_t>(0, static_cast<int32_t>(std::ceil(lowX - eps)));
+  const int32_t y0 = std::max<int32_t>(0, static_cast<int32_t>(std::ceil(lowY - eps)));
+  const int32_t x1 = std::min<int32_t>(sizeX - 1, static_cast<int32_t>(std::floor(highX + eps)));
+  const int32_t y1 = std::min<int32_t>(sizeY - 1, static_cast<int32_t>(std::floor(highY + eps)));
+  if (x0 > x1 || y0 > y1) return false;
+  FReceivingZoom = true;
+  const bool done = SetZoomWindow(x0, y0, x1, y1);
+  FReceivingZoom = false;
+  return done;
 }
 
 void TVImageForm::GetZoomWindow(int32_t& startX, int32_t& startY, int32_t& stopX, int32_t& stopY) const {

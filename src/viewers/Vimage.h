@@ -160,6 +160,20 @@ public:
   void GetZoomWindow(int32_t& startX, int32_t& startY, int32_t& stopX, int32_t& stopY) const;
   /// Shows the whole picture.
   void ResetZoom();
+  /// The four world corners of a zoom window (first pixel's outer corner, then along x, opposite, along y).
+  struct T4Points {
+    double X[4] = {};
+    double Y[4] = {};
+  };
+  /// @{ Synchronised zoom: each zoom of a viewer with it active goes, as world corners, to every other
+  /// image viewer of the project with it active, which zooms onto the pixels of its own picture inside
+  /// them (no echo back).
+  void ChangeSynchronizedZoomActive(bool active) { FSynchronizedZoom = active; }
+  bool GetSynchronizedZoomActive() const { return FSynchronizedZoom; }
+  void SendZoomForSynchronize();
+  /// False (and nothing changed) when no pixel of the picture lies inside the corners.
+  bool SynchronizeZoom(const T4Points& points, int32_t index);
+  /// @}
   /// Rebuilds the whole scene from the data.
   void SetAll();
   /// Recolours the texture (after a change of scale, profile or data).
@@ -350,6 +364,8 @@ private:
   bool FDragging = false;
   int32_t FZoomAnchorX = 0, FZoomAnchorY = 0;
   bool FSyncingCFI = false;
+  bool FSynchronizedZoom = false;
+  bool FReceivingZoom = false;
 
   TOpenGLMesh* FMesh = nullptr;
   TOpenGLMesh* FDrawFieldMesh = nullptr;

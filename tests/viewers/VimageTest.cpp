@@ -621,3 +621,38 @@ TEST_F(VimageTest, ATallWindowKeepsTheWorldsAspectAndLeavesBandsOnlyAboveAndBelo
   EXPECT_NEAR((b.X - a.X) / (a.Y - b.Y), 4.0 / 1.5, 1e-6);
   EXPECT_NEAR((a.Y + b.Y) / 2, 450, 0.5);
 }
+
+TEST_F(VimageTest, SynchronisedZoomShowsTheSameWorldAreaInTheOtherViewer) {
+  // A second image of the same area with pixels half as large: 16 × 12 pixels of 0.25 × 0.125 µm whose
+  // pixel (0, 0) lies at world (9.875, 19.9375), so that its pixel edges meet the first image's.
+  auto fine = std::make_unique<TDSpaceTransformation>();
+  fine->SetID(FProject.GetNewDataID());
+  fine->ViewPort().SetScale({0.25, 0.125, 1});
+  fine->ViewPort().SetWorldOrigin({9.875, 19.9375, 0});
+  const int32_t fineID = fine->GetID();
+  FProject.AddData(std::move(fine));
+  const int32_t savedSpace = FSpaceID;
+  FSpaceID = fineID;
+  const int32_t fineImage = AddImage([](int32_t x, int32_t y) { return float(x * y); }, 16, 12);
+  FSpaceID = savedSpace;
+
+  TVImageForm* coarse = Show({FImageID});
+  TVImageForm* detailed = Show({fineImage});
+  TVImageForm* apart = Show({fineImage});
+  ASSERT_TRUE(coarse && detailed && apart);
+  coarse->ChangeSynchronizedZoomActive(true);
+  detailed->ChangeSynchronizedZoomActive(true);
+  ASSERT_TRUE(coarse->SetZoomWindow(2, 1, 5, 3));
+  int32_t sx, sy, ex, ey;
+  detailed->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{4, 2, 11, 7}));
+  apart->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{0, 0, 15, 11}))
+      << "not synchronised";
+  // And back: the coarse viewer follows the detailed one.
+  ASSERT_TRUE(detailed->SetZoomWindow(0, 0, 3, 1));
+  coarse->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{0, 0, 1, 0}));
+  detailed->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{0, 0, 3, 1})) << "no echo back";
+}
