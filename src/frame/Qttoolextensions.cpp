@@ -3,11 +3,15 @@
 #include "frame/Qttoolwindow.h"
 
 void RegisterAdvancedFittingWindowExtension();
+void RegisterImageFilterWindowExtension();
 void RegisterImageFourierFilterWindowExtension();
+void RegisterImageRepairWindowExtension();
 void RegisterPCAWindowExtension();
 
 void RegisterToolWindowExtensions() {
   RegisterAdvancedFittingWindowExtension();
+  RegisterImageFilterWindowExtension();
   RegisterImageFourierFilterWindowExtension();
+  RegisterImageRepairWindowExtension();
   RegisterPCAWindowExtension();
 }

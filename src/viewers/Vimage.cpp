@@ -6,9 +6,11 @@
 #include "data/Dcolorprofile.h"
 #include "data/Dcursor.h"
 #include "data/Dimage.h"
+#include "data/Dimagebase.h"
 #include "data/Dinterpretation.h"
 #include "data/Dtransformation.h"
 #include "opengl/Openglobjects.h"
+#include "opengl/Openglticks.h"
 #include "project/Project.h"
 #include "viewers/Viewershow.h"
 
@@ -16,6 +18,7 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <numbers>
 #include <type_traits>
 
 namespace {
@@ -27,6 +30,9 @@ constexpr double kMarkerZ = 0.02;
 /// Size of the cursor's cross in window pixels.
 constexpr double kCursorCrossPixels = 24;
 constexpr int kScaleBarEntries = 256;
+/// Size of the axis labels and length of the ticks, in window pixels.
+constexpr double kAxisLabelPixels = 12;
+constexpr double kAxisTickPixels = 5;
 
 TOpenGLColor ColorOf(TColor c, float alpha = 1.0f) {
   return TOpenGLColor::FromRGB(static_cast<uint8_t>(c & 0xFF), static_cast<uint8_t>((c >> 8) & 0xFF),
@@ -40,6 +46,13 @@ TUserIntParameter* IntParameter(const TUserParameterAdministrator& cfi, int32_t 
 
 TUserDoubleParameter* DoubleParameter(const TUserParameterAdministrator& cfi, int32_t id) {
   return dynamic_cast<TUserDoubleParameter*>(cfi.GetUserParameter(id));
+}
+
+std::string FormatAxisValue(double v) {
+  // Tick values are round; a value that is zero but for rounding noise reads 0.
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", std::fabs(v) < 1e-12 ? 0.0 : v);
+  return text;
 }
 
 std::string FormatScaleValue(double v) {
@@ -388,6 +401,8 @@ void TVImageForm::BuildScene() {
   FCursorMarker = FZoomMarker = nullptr;
   FScaleBarTop = FScaleBarBottom = nullptr;
   FAxisX = FAxisY = nullptr;
+  FImageMarker = FPositionMarker = nullptr;
+  FTransformationMarkers.clear();
   GetShownSize(FShownSizeX, FShownSizeY);
   FPixelColors.assign(static_cast<size_t>(FShownSizeX) * static_cast<size_t>(FShownSizeY), 0);
   // Lighting, fog and shading would alter the colours of the picture: the flat view uses none.
@@ -412,6 +427,7 @@ void TVImageForm::BuildScene() {
   drawField->SetUseTextures(true);
   drawField->SetSelectable(false);
   drawField->SetDimensions(FShownSizeX, FShownSizeY);
+  drawField->SetTextureFilterMode(TOpenGLTextureFilter::Nearest); // no half-transparent edges
   drawField->SetPosition({0, 0, kDrawFieldZ});
   FDrawFieldMesh = view.Add(std::move(drawField));
 
@@ -422,6 +438,31 @@ void TVImageForm::BuildScene() {
   cross->SetLineWidth(1.5f);
   cross->SetSelectable(false);
   FCursorMarker = view.Add(std::move(cross));
+
+  auto marker = std::make_unique<TOpenGLMarker>();
+  marker->SetName("Marker");
+  marker->SetColor({1, 1, 0, 1});
+  marker->SetLineWidth(1.5f);
+  marker->SetSelectable(false);
+  marker->SetVisible(false);
+  FImageMarker = view.Add(std::move(marker));
+  auto position = std::make_unique<TOpenGLMarker>();
+  position->SetName("PositionMarker");
+  position->SetShape(TMarkerShape::Circle);
+  position->SetColor({1, 1, 0, 1});
+  position->SetSelectable(false);
+  position->SetVisible(false);
+  FPositionMarker = view.Add(std::move(position));
+  for (size_t i = 0; i < FTransformationIDs.size(); ++i) {
+    auto outline = std::make_unique<TOpenGLMarker>();
+    outline->SetName("Transformation");
+    outline->SetShape(TMarkerShape::Polygon);
+    // Outlines of other areas in green, half transparent, so that the picture shows through.
+    outline->SetColor({0, 0.8f, 0, 0.8f});
+    outline->SetLineWidth(2);
+    outline->SetSelectable(false);
+    FTransformationMarkers.push_back(view.Add(std::move(outline)));
+  }
 
   auto zoom = std::make_unique<TOpenGLMarker>();
   zoom->SetName("ZoomRectangle");
@@ -446,40 +487,133 @@ void TVImageForm::BuildScene() {
   bottom->SetSelectable(false);
   FScaleBarBottom = view.Add(std::move(bottom));
 
-  std::string unit = "µm";
-  if (TProject* project = GetProject())
-    if (auto* space = dynamic_cast<TDTransformation*>(project->FindData(ShownTransformationID())))
-      unit = space->GetStandardUnit();
-  auto axisX = std::make_unique<TOpenGLAxis>();
-  axisX->SetCaption("x");
-  axisX->SetUnitCaption(unit);
-  axisX->SetColor({0, 0, 0, 1});
+  // The coordinate axes: each a group holding its line with ticks, its labels and its caption, filled anew
+  // at each layout (label sizes are window pixels, so they depend on the window).
+  auto axisX = std::make_unique<TOpenGLObject>();
+  axisX->SetName("AxisX");
   axisX->SetSelectable(false);
   FAxisX = view.Add(std::move(axisX));
-  auto axisY = std::make_unique<TOpenGLAxis>();
-  axisY->SetCaption("y");
-  axisY->SetUnitCaption(unit);
-  axisY->SetColor({0, 0, 0, 1});
-  axisY->SetDirectionVector({-1, 0, 0});
+  auto axisY = std::make_unique<TOpenGLObject>();
+  axisY->SetName("AxisY");
   axisY->SetSelectable(false);
   FAxisY = view.Add(std::move(axisY));
+}
+
+bool TVImageForm::PictureFrame(double x0, double y0, double x1, double y1, TPictureFrame& frame) const {
+  TProject* project = GetProject();
+  if (!project) return false;
+  const int32_t transformation = ShownTransformationID();
+  double ox, oy, ax, ay, bx, by, cx, cy;
+  PixelToWorld(*project, transformation, x0, y0, ox, oy);
+  PixelToWorld(*project, transformation, x1, y0, ax, ay);
+  PixelToWorld(*project, transformation, x1, y1, bx, by);
+  PixelToWorld(*project, transformation, x0, y1, cx, cy);
+  frame.Corners = {WorldToModel(ox, oy), WorldToModel(ax, ay), WorldToModel(bx, by), WorldToModel(cx, cy)};
+  frame.Origin = frame.Corners[0];
+  const TOpenGLVector along = frame.Corners[1] - frame.Origin, down = frame.Corners[3] - frame.Origin;
+  if (!std::isfinite(along.X) || !std::isfinite(along.Y) || !std::isfinite(down.X) || !std::isfinite(down.Y))
+    return false;
+  // The picture's x axis gives the turn; its y axis is then taken along the turned model y (a sheared
+  // transformation keeps its y extent, the shear itself can't be shown by a turned rectangle).
+  const double angle = std::atan2(along.Y, along.X);
+  frame.AngleDegrees = angle * 180.0 / std::numbers::pi;
+  frame.Width = std::hypot(along.X, along.Y);
+  frame.Height = -std::sin(angle) * down.X + std::cos(angle) * down.Y;
+  return frame.Width > 0 && frame.Height != 0;
+}
+
+namespace {
+/// Lays out one coordinate axis from model point a to b showing world values worldA to worldB: the line
+/// with ticks standing out in direction out, a label beside each tick and the caption, sizes in window
+/// pixels (unitsPerPixel model units each).
+void LayAxis(TOpenGLObject& axis, const TOpenGLVector& a, const TOpenGLVector& b, double worldA,
+             double worldB, const TOpenGLVector& out, double unitsPerPixel, const std::string& caption,
+             bool vertical) {
+  axis.ClearObjects();
+  const TOpenGLColor black{0, 0, 0, 1};
+  const double lengthPixels = (b - a).Length() / unitsPerPixel;
+  TLabelAndTicks ticks;
+  ticks.MaximumNumberOfTicks = 8;
+  ticks.MinimumTickDistance = vertical ? kAxisLabelPixels * 2.5 : kAxisLabelPixels * 5;
+  ticks.Calculate(TScalerViewPort(0, lengthPixels, worldA, worldB));
+  const TOpenGLVector dir = lengthPixels > 0 ? (b - a) * (1.0 / (b - a).Length()) : TOpenGLVector{1, 0, 0};
+  const double tick = kAxisTickPixels * unitsPerPixel;
+  // The line runs from a to b and goes out and back at each tick.
+  std::vector<std::pair<double, double>> marks;
+  for (int i = 0; i < ticks.TickCount(); ++i)
+    marks.emplace_back(ticks.TickPositions()[static_cast<size_t>(i)],
+                       ticks.LabelValues()[static_cast<size_t>(i)]);
+  std::sort(marks.begin(), marks.end());
+  std::vector<TOpenGLVector> points{a};
+  for (const auto& [along, value] : marks) {
+    const TOpenGLVector p = a + dir * (along * unitsPerPixel);
+    points.push_back(p);
+    points.push_back(p + out * tick);
+    points.push_back(p);
+    auto label = std::make_unique<TOpenGLText>();
+    label->SetName("AxisLabel");
+    label->SetText(FormatAxisValue(value));
+    label->SetPosition(p + out * (tick + 3 * unitsPerPixel));
+    label->SetFontSize(kAxisLabelPixels);
+    label->SetAlignment(vertical ? THorizontalAlignment::Right : THorizontalAlignment::Center,
+                        vertical ? TVerticalAlignment::Center : TVerticalAlignment::Top);
+    label->SetColor(black);
+    label->SetSelectable(false);
+    axis.AddObject(std::move(label));
+  }
+  points.push_back(b);
+  auto line = std::make_unique<TOpenGLMarker>();
+  line->SetName("AxisLine");
+  line->SetShape(TMarkerShape::Line);
+  line->SetPoints(points);
+  line->SetColor(black);
+  line->SetSelectable(false);
+  axis.AddObject(std::move(line));
+  auto text = std::make_unique<TOpenGLText>();
+  text->SetName("AxisCaption");
+  text->SetText(caption);
+  text->SetFontSize(kAxisLabelPixels);
+  text->SetColor(black);
+  text->SetSelectable(false);
+  if (vertical) {
+    // Above the axis's top end, where no label stands.
+    text->SetPosition(a + TOpenGLVector{0, 6 * unitsPerPixel, 0});
+    text->SetAlignment(THorizontalAlignment::Center, TVerticalAlignment::Bottom);
+  } else {
+    text->SetPosition((a + b) * 0.5 + out * (tick + (kAxisLabelPixels + 8) * unitsPerPixel));
+    text->SetAlignment(THorizontalAlignment::Center, TVerticalAlignment::Top);
+  }
+  axis.AddObject(std::move(text));
+}
+} // namespace
+
+std::vector<const TOpenGLText*> TVImageForm::GetAxisLabels(bool yAxis) const {
+  std::vector<const TOpenGLText*> labels;
+  const TOpenGLObject* axis = yAxis ? FAxisY : FAxisX;
+  if (!axis || !axis->GetVisible()) return labels;
+  for (int i = 0; i < axis->GetObjectCount(); ++i)
+    if (axis->GetObject(i)->GetName() == "AxisLabel")
+      labels.push_back(static_cast<const TOpenGLText*>(axis->GetObject(i)));
+  return labels;
 }
 
 void TVImageForm::LayoutView() {
   TOpenGLView& view = GetOpenGLView();
   if (!FMesh) return;
-  TProject* project = GetProject();
-  if (!project) return;
-  const int32_t transformation = ShownTransformationID();
-  // The zoom window: the flat picture covers exactly it.
-  double zx0, zy0, zx1, zy1;
-  PixelToWorld(*project, transformation, FStartX - 0.5, FStartY - 0.5, zx0, zy0);
-  PixelToWorld(*project, transformation, FStopX + 0.5, FStopY + 0.5, zx1, zy1);
-  const TOpenGLVector p = WorldToModel(zx0, zy0), q = WorldToModel(zx1, zy1);
-  FMesh->SetFlatCorners(p.X, p.Y, q.X, q.Y);
-  FDrawFieldMesh->SetFlatCorners(p.X, p.Y, q.X, q.Y);
-  const double left = std::min(p.X, q.X), right = std::max(p.X, q.X);
-  const double bottom = std::min(p.Y, q.Y), top = std::max(p.Y, q.Y);
+  // The zoom window: the flat picture covers exactly it, turned as the space transformation turns it.
+  TPictureFrame frame;
+  if (!PictureFrame(FStartX - 0.5, FStartY - 0.5, FStopX + 0.5, FStopY + 0.5, frame)) return;
+  FMesh->SetFlatCorners(0, 0, frame.Width, frame.Height);
+  FDrawFieldMesh->SetFlatCorners(0, 0, frame.Width, frame.Height);
+  FDrawFieldMesh->SetPosition({frame.Origin.X, frame.Origin.Y, kDrawFieldZ});
+  FDrawFieldMesh->SetRotation({0, 0, frame.AngleDegrees});
+  double left = frame.Corners[0].X, right = left, bottom = frame.Corners[0].Y, top = bottom;
+  for (const TOpenGLVector& c : frame.Corners) {
+    left = std::min(left, c.X);
+    right = std::max(right, c.X);
+    bottom = std::min(bottom, c.Y);
+    top = std::max(top, c.Y);
+  }
   const double w = std::max(right - left, 1e-12), h = std::max(top - bottom, 1e-12);
 
   if (FDisplayMode == TImageDisplayMode::Display3D) {
@@ -500,26 +634,24 @@ void TVImageForm::LayoutView() {
     FAxisY->SetVisible(false);
     return;
   }
+  FMesh->SetPosition(frame.Origin);
+  FMesh->SetRotation({0, 0, frame.AngleDegrees});
 
-  // Margins for the axes and the scale bar, then the box widened to the window's aspect ratio, so that the
-  // world keeps its own.
-  const double marginLeft = FShowCoordinateSystem ? 0.2 * w : 0.02 * w;
-  const double marginBottom = FShowCoordinateSystem ? 0.14 * h : 0.02 * h;
-  const double marginRight = FShowScaleBar ? 0.3 * w : 0.02 * w;
-  const double marginTop = 0.03 * h;
-  double boxLeft = left - marginLeft, boxRight = right + marginRight;
-  double boxBottom = bottom - marginBottom, boxTop = top + marginTop;
-  const double aspect = static_cast<double>(view.GetWidth()) / std::max(1, view.GetHeight());
-  const double boxW = boxRight - boxLeft, boxH = boxTop - boxBottom;
-  if (boxW / boxH < aspect) {
-    const double grow = (boxH * aspect - boxW) / 2;
-    boxLeft -= grow;
-    boxRight += grow;
-  } else {
-    const double grow = (boxW / aspect - boxH) / 2;
-    boxBottom -= grow;
-    boxTop += grow;
-  }
+  // Margins in window pixels for the axes and the scale bar; the picture takes the rest at the world's
+  // aspect ratio and is centred in it (so a window of another shape leaves bands on two sides).
+  const double marginLeft = FShowCoordinateSystem ? 64 : 8;
+  const double marginBottom = FShowCoordinateSystem ? 48 : 8;
+  const double marginRight = FShowScaleBar ? 96 : 8;
+  const double marginTop = FShowCoordinateSystem ? 28 : 8;
+  const double viewW = std::max(1, view.GetWidth()), viewH = std::max(1, view.GetHeight());
+  const double unitsPerPixel = std::max(w / std::max(viewW - marginLeft - marginRight, 16.0),
+                                        h / std::max(viewH - marginTop - marginBottom, 16.0));
+  const double spareX = viewW * unitsPerPixel - (w + (marginLeft + marginRight) * unitsPerPixel);
+  const double spareY = viewH * unitsPerPixel - (h + (marginTop + marginBottom) * unitsPerPixel);
+  const double boxLeft = left - marginLeft * unitsPerPixel - spareX / 2;
+  const double boxRight = boxLeft + viewW * unitsPerPixel;
+  const double boxBottom = bottom - marginBottom * unitsPerPixel - spareY / 2;
+  const double boxTop = boxBottom + viewH * unitsPerPixel;
   view.SetProjectionType(TOpenGLProjectionType::Orthographic);
   TOpenGLCamera& camera = view.Camera();
   camera.Theta = 180;
@@ -528,36 +660,35 @@ void TVImageForm::LayoutView() {
   camera.LookDistance = 1;
   camera.SetPosition({0, 0, 0});
   view.SetOrthographicVolume(boxLeft, boxRight, boxBottom, boxTop);
-  const double unitsPerPixel = (boxRight - boxLeft) / std::max(1, view.GetWidth());
 
   FScaleBar->SetVisible(FShowScaleBar);
   FScaleBarTop->SetVisible(FShowScaleBar);
   FScaleBarBottom->SetVisible(FShowScaleBar);
   if (FShowScaleBar) {
-    const double x0 = right + 0.06 * w, x1 = right + 0.12 * w;
+    const double x0 = right + 14 * unitsPerPixel, x1 = x0 + 18 * unitsPerPixel;
     FScaleBar->SetFlatCorners(x0, top, x1, bottom);
-    FScaleBarTop->SetPosition({x1 + 0.03 * w, top, kMarkerZ});
-    FScaleBarBottom->SetPosition({x1 + 0.03 * w, bottom, kMarkerZ});
+    FScaleBarTop->SetPosition({x1 + 6 * unitsPerPixel, top, kMarkerZ});
+    FScaleBarBottom->SetPosition({x1 + 6 * unitsPerPixel, bottom, kMarkerZ});
   }
   FAxisX->SetVisible(FShowCoordinateSystem);
   FAxisY->SetVisible(FShowCoordinateSystem);
   if (FShowCoordinateSystem) {
-    const double gap = 0.02 * h, tick = 6 * unitsPerPixel;
-    FAxisX->SetStart({left, bottom - gap, kMarkerZ});
-    FAxisX->SetEnd({right, bottom - gap, kMarkerZ});
-    FAxisX->SetWorldStart(p.X <= q.X ? zx0 : zx1);
-    FAxisX->SetWorldEnd(p.X <= q.X ? zx1 : zx0);
-    FAxisX->SetTickLength(tick);
-    FAxisY->SetStart({left - gap, top, kMarkerZ});
-    FAxisY->SetEnd({left - gap, bottom, kMarkerZ});
-    FAxisY->SetWorldStart(p.Y >= q.Y ? zy0 : zy1);
-    FAxisY->SetWorldEnd(p.Y >= q.Y ? zy1 : zy0);
-    FAxisY->SetTickLength(tick);
+    // The axes give world coordinates in the space unit: x along the bottom, y (downwards) along the left.
+    std::string unit = "µm";
+    if (auto* space = dynamic_cast<TDTransformation*>(GetProject()->FindData(ShownTransformationID())))
+      unit = space->GetStandardUnit();
+    const double gap = 6 * unitsPerPixel;
+    LayAxis(*FAxisX, {left, bottom - gap, kMarkerZ}, {right, bottom - gap, kMarkerZ}, left, right, {0, -1, 0},
+            unitsPerPixel, "x [" + unit + "]", false);
+    LayAxis(*FAxisY, {left - gap, top, kMarkerZ}, {left - gap, bottom, kMarkerZ}, -top, -bottom, {-1, 0, 0},
+            unitsPerPixel, "y [" + unit + "]", true);
   }
   if (FCursorMarker) {
     const double size = kCursorCrossPixels * unitsPerPixel;
     FCursorMarker->SetSize(size, size);
   }
+  FUnitsPerPixel = unitsPerPixel;
+  UpdateImageMarkers();
 }
 
 void TVImageForm::RecolorTexture() {
@@ -628,6 +759,8 @@ void TVImageForm::RecolorTexture() {
 
 void TVImageForm::SetMesh() {
   RecolorTexture();
+  // The draw field mixes its red with the picture's colours: it follows them.
+  UpdateDrawFieldTexture();
 }
 
 void TVImageForm::UpdateZMesh() {
@@ -638,15 +771,18 @@ void TVImageForm::UpdateZMesh() {
     FMesh->SetUseZValues(false);
     return;
   }
-  const int32_t transformation = ShownTransformationID();
-  double x0, y0, x1, y1;
-  PixelToWorld(*project, transformation, 0, 0, x0, y0);
-  PixelToWorld(*project, transformation, 1, 1, x1, y1);
-  const TOpenGLVector origin = WorldToModel(x0, y0), step = WorldToModel(x1, y1) - origin;
-  FMesh->SetPosition(origin);
-  FMesh->SetSpacing(step.X, step.Y);
+  // The mesh's grid runs from the centre of pixel (0, 0), one pixel step each way, turned as the space
+  // transformation turns the picture.
+  TPictureFrame step;
+  if (!PictureFrame(0, 0, 1, 1, step)) {
+    FMesh->SetUseZValues(false);
+    return;
+  }
+  FMesh->SetPosition(step.Origin);
+  FMesh->SetRotation({0, 0, step.AngleDegrees});
+  FMesh->SetSpacing(step.Width, step.Height);
   // Heights run over a third of the larger side of the picture.
-  const double extent = std::max(std::abs(step.X) * FShownSizeX, std::abs(step.Y) * FShownSizeY);
+  const double extent = std::max(std::abs(step.Width) * FShownSizeX, std::abs(step.Height) * FShownSizeY);
   const double range = FZScaleMaximum - FZScaleMinimum;
   std::vector<float> z(static_cast<size_t>(FShownSizeX) * static_cast<size_t>(FShownSizeY), 0.0f);
   std::vector<float> line(static_cast<size_t>(FShownSizeX));
@@ -678,14 +814,20 @@ void TVImageForm::UpdateDrawFieldTexture() {
   TOpenGLTexture& texture = FDrawFieldMesh->ColorTexture();
   if (texture.GetWidth() != w || texture.GetHeight() != h) texture.SetSize(w, h);
   std::vector<uint8_t>& bytes = texture.Pixels();
+  const size_t sx = static_cast<size_t>(FShownSizeX);
   for (int32_t y = 0; y < h; ++y)
     for (int32_t x = 0; x < w; ++x) {
-      // Painted pixels: half-transparent red over the picture; the others let it show untouched.
+      // Painted pixels: the picture's colour half-way to red, opaque; the others fully transparent, so the
+      // picture shows untouched. The mixing is done here rather than by blending, so that the frame's alpha
+      // stays opaque where the window composes the view.
       uint8_t* texel = &bytes[4 * (static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x))];
-      texel[0] = 255;
-      texel[1] = 0;
-      texel[2] = 0;
-      texel[3] = FDrawField.GetPixel(FStartX + x, FStartY + y) ? 128 : 0;
+      const bool painted = FDrawField.GetPixel(FStartX + x, FStartY + y);
+      const size_t at = static_cast<size_t>(FStartY + y) * sx + static_cast<size_t>(FStartX + x);
+      const TColor c = at < FPixelColors.size() ? FPixelColors[at] : 0;
+      texel[0] = static_cast<uint8_t>(((c & 0xFF) + 256) / 2);
+      texel[1] = static_cast<uint8_t>(((c >> 8) & 0xFF) / 2);
+      texel[2] = static_cast<uint8_t>(((c >> 16) & 0xFF) / 2);
+      texel[3] = painted ? 255 : 0;
     }
   FDrawFieldMesh->UpdateColorTexture();
 }
@@ -775,7 +917,56 @@ bool TVImageForm::SetZoomWindow(int32_t startX, int32_t startY, int32_t stopX, i
   UpdateDrawFieldTexture();
   LayoutView();
   Changed();
+  if (FSynchronizedZoom && !FReceivingZoom) SendZoomForSynchronize();
   return true;
+}
+
+void TVImageForm::SendZoomForSynchronize() {
+  TProject* project = GetProject();
+  if (!project || FShownSizeX <= 0 || FShownSizeY <= 0) return;
+  const int32_t t = ShownTransformationID();
+  T4Points points;
+  const double px[4] = {FStartX - 0.5, FStopX + 0.5, FStopX + 0.5, FStartX - 0.5};
+  const double py[4] = {FStartY - 0.5, FStartY - 0.5, FStopY + 0.5, FStopY + 0.5};
+  for (int i = 0; i < 4; ++i) PixelToWorld(*project, t, px[i], py[i], points.X[i], points.Y[i]);
+  int32_t index = 0;
+  for (size_t i = 0; i < project->ViewerList().size(); ++i) {
+    auto* other = dynamic_cast<TVImageForm*>(project->GetViewer(i));
+    if (!other) continue;
+    if (other != this && other->FSynchronizedZoom) other->SynchronizeZoom(points, index);
+    ++index;
+  }
+}
+
+bool TVImageForm::SynchronizeZoom(const T4Points& points, int32_t /*index*/) {
+  TProject* project = GetProject();
+  int32_t sizeX, sizeY;
+  GetShownSize(sizeX, sizeY);
+  if (!project || sizeX <= 0 || sizeY <= 0) return false;
+  // The corners in this picture's pixel coordinates; the window takes every pixel whose centre lies
+  // within their box.
+  const auto* space = dynamic_cast<const TDSpaceTransformation*>(project->FindData(ShownTransformationID()));
+  double lowX = 1e300, lowY = 1e300, highX = -1e300, highY = -1e300;
+  for (int i = 0; i < 4; ++i) {
+    const double real[3] = {points.X[i], points.Y[i], 0.0};
+    double bin[3] = {points.X[i], points.Y[i], 0.0};
+    if (space) space->RealToBin(bin, real);
+    if (!std::isfinite(bin[0]) || !std::isfinite(bin[1])) return false;
+    lowX = std::min(lowX, bin[0]);
+    highX = std::max(highX, bin[0]);
+    lowY = std::min(lowY, bin[1]);
+    highY = std::max(highY, bin[1]);
+  }
+  const double eps = 1e-9;
+  const int32_t x0 = std::max<int32_t>(0, static_cast<int32_t>(std::ceil(lowX - eps)));
+  const int32_t y0 = std::max<int32_t>(0, static_cast<int32_t>(std::ceil(lowY - eps)));
+  const int32_t x1 = std::min<int32_t>(sizeX - 1, static_cast<int32_t>(std::floor(highX + eps)));
+  const int32_t y1 = std::min<int32_t>(sizeY - 1, static_cast<int32_t>(std::floor(highY + eps)));
+  if (x0 > x1 || y0 > y1) return false;
+  FReceivingZoom = true;
+  const bool done = SetZoomWindow(x0, y0, x1, y1);
+  FReceivingZoom = false;
+  return done;
 }
 
 void TVImageForm::GetZoomWindow(int32_t& startX, int32_t& startY, int32_t& stopX, int32_t& stopY) const {
@@ -796,6 +987,229 @@ void TVImageForm::SetCameraByAngle(double phi, double theta) {
   FCameraTheta = theta;
   if (FDisplayMode == TImageDisplayMode::Display3D) LayoutView();
   Changed();
+}
+
+// --- Markers ------------------------------------------------------------------------------------------
+
+bool TVImageForm::SetMarkerStart(int32_t x, int32_t y) {
+  if (x < 0 || y < 0 || x >= FShownSizeX || y >= FShownSizeY) return false;
+  FMarkerX0 = FMarkerX1 = x;
+  FMarkerY0 = FMarkerY1 = y;
+  return true;
+}
+
+bool TVImageForm::SetMarker(TImageMarkerKind kind, int32_t x, int32_t y) {
+  if (x < 0 || y < 0 || x >= FShownSizeX || y >= FShownSizeY) return false;
+  FMarkerKind = kind;
+  FMarkerX1 = x;
+  FMarkerY1 = y;
+  UpdateImageMarkers();
+  return true;
+}
+
+bool TVImageForm::SetBoxMarker(int32_t x, int32_t y) {
+  return SetMarker(TImageMarkerKind::Box, x, y);
+}
+
+bool TVImageForm::SetLineMarker(int32_t x, int32_t y) {
+  return SetMarker(TImageMarkerKind::Line, x, y);
+}
+
+bool TVImageForm::SetCircleMarker(int32_t x, int32_t y) {
+  return SetMarker(TImageMarkerKind::Circle, x, y);
+}
+
+void TVImageForm::SetCurrentPositionMarker(int32_t index) {
+  FPositionIndex = index < 0 ? -1 : index;
+  UpdateImageMarkers();
+}
+
+void TVImageForm::HideMarker() {
+  FMarkerKind = TImageMarkerKind::None;
+  FPositionIndex = -1;
+  UpdateImageMarkers();
+}
+
+void TVImageForm::GetMarkerPixels(int32_t& x0, int32_t& y0, int32_t& x1, int32_t& y1) const {
+  x0 = FMarkerX0;
+  y0 = FMarkerY0;
+  x1 = FMarkerX1;
+  y1 = FMarkerY1;
+}
+
+void TVImageForm::GetMarkerWorldSize(double& width, double& height) const {
+  width = height = 0;
+  TProject* project = GetProject();
+  if (!project || FMarkerKind == TImageMarkerKind::None) return;
+  const int32_t t = ShownTransformationID();
+  double ax, ay, bx, by;
+  if (FMarkerKind == TImageMarkerKind::Box) {
+    // The box covers both end pixels: its sides run from the outer edges of the pixels.
+    const double x0 = std::min(FMarkerX0, FMarkerX1) - 0.5, x1 = std::max(FMarkerX0, FMarkerX1) + 0.5;
+    const double y0 = std::min(FMarkerY0, FMarkerY1) - 0.5, y1 = std::max(FMarkerY0, FMarkerY1) + 0.5;
+    PixelToWorld(*project, t, x0, y0, ax, ay);
+    PixelToWorld(*project, t, x1, y0, bx, by);
+    width = std::hypot(bx - ax, by - ay);
+    PixelToWorld(*project, t, x0, y1, bx, by);
+    height = std::hypot(bx - ax, by - ay);
+    return;
+  }
+  PixelToWorld(*project, t, FMarkerX0, FMarkerY0, ax, ay);
+  PixelToWorld(*project, t, FMarkerX1, FMarkerY1, bx, by);
+  width = height = std::hypot(bx - ax, by - ay);
+}
+
+std::vector<TOpenGLVector> TVImageForm::GetMarkerOutline() const {
+  if (!FImageMarker || !FImageMarker->GetVisible()) return {};
+  if (FImageMarker->GetShape() != TMarkerShape::Circle) return FImageMarker->GetPoints();
+  return {FImageMarker->GetPosition()};
+}
+
+void TVImageForm::UpdateImageMarkers() {
+  TProject* project = GetProject();
+  const bool flat = FDisplayMode == TImageDisplayMode::Display2D;
+  if (FImageMarker) {
+    const bool show = project && flat && FMarkerKind != TImageMarkerKind::None &&
+                      std::max(FMarkerX0, FMarkerX1) < FShownSizeX &&
+                      std::max(FMarkerY0, FMarkerY1) < FShownSizeY;
+    FImageMarker->SetVisible(show);
+    if (show) {
+      const int32_t t = ShownTransformationID();
+      double ax, ay, bx, by;
+      PixelToWorld(*project, t, FMarkerX0, FMarkerY0, ax, ay);
+      PixelToWorld(*project, t, FMarkerX1, FMarkerY1, bx, by);
+      TPictureFrame frame;
+      switch (FMarkerKind) {
+      case TImageMarkerKind::Box:
+        if (PictureFrame(std::min(FMarkerX0, FMarkerX1) - 0.5, std::min(FMarkerY0, FMarkerY1) - 0.5,
+                         std::max(FMarkerX0, FMarkerX1) + 0.5, std::max(FMarkerY0, FMarkerY1) + 0.5, frame)) {
+          for (TOpenGLVector& c : frame.Corners) c.Z = kMarkerZ;
+          FImageMarker->SetShape(TMarkerShape::Polygon);
+          FImageMarker->SetPosition({0, 0, 0});
+          FImageMarker->SetPoints(frame.Corners);
+        }
+        break;
+      case TImageMarkerKind::Line: {
+        TOpenGLVector a = WorldToModel(ax, ay), b = WorldToModel(bx, by);
+        a.Z = b.Z = kMarkerZ;
+        FImageMarker->SetShape(TMarkerShape::Line);
+        FImageMarker->SetPosition({0, 0, 0});
+        FImageMarker->SetPoints({a, b});
+        break;
+      }
+      case TImageMarkerKind::Circle: {
+        TOpenGLVector centre = WorldToModel(ax, ay);
+        centre.Z = kMarkerZ;
+        const double diameter = 2 * std::hypot(bx - ax, by - ay);
+        FImageMarker->SetShape(TMarkerShape::Circle);
+        FImageMarker->SetPosition(centre);
+        FImageMarker->SetSize(diameter, diameter);
+        break;
+      }
+      case TImageMarkerKind::None:
+        break;
+      }
+    }
+  }
+  if (FPositionMarker) {
+    const bool show = project && flat && FMarkerKind == TImageMarkerKind::Line && FPositionIndex >= 0;
+    FPositionMarker->SetVisible(show);
+    if (show) {
+      // Pixel steps along the line, as a profile along it counts them.
+      const int32_t steps = std::max(std::abs(FMarkerX1 - FMarkerX0), std::abs(FMarkerY1 - FMarkerY0));
+      const double f = steps > 0 ? std::min(1.0, double(FPositionIndex) / steps) : 0.0;
+      double wx, wy;
+      PixelToWorld(*project, ShownTransformationID(), FMarkerX0 + f * (FMarkerX1 - FMarkerX0),
+                   FMarkerY0 + f * (FMarkerY1 - FMarkerY0), wx, wy);
+      TOpenGLVector p = WorldToModel(wx, wy);
+      p.Z = kMarkerZ;
+      FPositionMarker->SetPosition(p);
+      const double size = 8 * FUnitsPerPixel;
+      FPositionMarker->SetSize(size, size);
+    }
+  }
+  for (size_t i = 0; i < FTransformationMarkers.size() && i < FTransformationIDs.size(); ++i) {
+    std::vector<TOpenGLVector> outline =
+        flat ? OutlineOfTransformation(FTransformationIDs[i]) : std::vector<TOpenGLVector>{};
+    FTransformationMarkers[i]->SetVisible(!outline.empty());
+    if (outline.empty()) continue;
+    if (outline.size() == 1) {
+      // No object covers an area through it: a cross at its origin.
+      FTransformationMarkers[i]->SetShape(TMarkerShape::Cross);
+      FTransformationMarkers[i]->SetPosition(outline.front());
+      FTransformationMarkers[i]->SetSize(kCursorCrossPixels * FUnitsPerPixel,
+                                         kCursorCrossPixels * FUnitsPerPixel);
+    } else {
+      FTransformationMarkers[i]->SetShape(TMarkerShape::Polygon);
+      FTransformationMarkers[i]->SetPosition({0, 0, 0});
+      FTransformationMarkers[i]->SetPoints(outline);
+    }
+  }
+}
+
+std::vector<TOpenGLVector> TVImageForm::OutlineOfTransformation(int32_t id) const {
+  TProject* project = GetProject();
+  if (!project || !dynamic_cast<const TDSpaceTransformation*>(project->FindData(id))) return {};
+  // The area: the pixel field of the first object placed through this transformation.
+  int32_t sizeX = 0, sizeY = 0;
+  for (const auto& owned : project->DataList()) {
+    const TData* data = owned.get();
+    if (!data || GetSpaceTransformationIDFromObject(*project, data->GetID()) != id) continue;
+    if (const auto* field = dynamic_cast<const TDImageBase*>(data)) {
+      sizeX = field->GetSizeX();
+      sizeY = field->GetSizeY();
+    } else if (const auto* bitmap = dynamic_cast<const TDBitmap*>(data)) {
+      sizeX = bitmap->GetWidth();
+      sizeY = bitmap->GetHeight();
+    }
+    if (sizeX > 0 && sizeY > 0) break;
+  }
+  std::vector<TOpenGLVector> points;
+  const auto add = [&](double px, double py) {
+    double wx, wy;
+    PixelToWorld(*project, id, px, py, wx, wy);
+    TOpenGLVector p = WorldToModel(wx, wy);
+    p.Z = kMarkerZ;
+    points.push_back(p);
+  };
+  if (sizeX > 0 && sizeY > 0) {
+    add(-0.5, -0.5);
+    add(sizeX - 0.5, -0.5);
+    add(sizeX - 0.5, sizeY - 0.5);
+    add(-0.5, sizeY - 0.5);
+  } else {
+    add(0, 0);
+  }
+  return points;
+}
+
+bool TVImageForm::AddTransformationID(int32_t id) {
+  TProject* project = GetProject();
+  if (!project || !dynamic_cast<const TDSpaceTransformation*>(project->FindData(id))) return false;
+  if (std::find(FTransformationIDs.begin(), FTransformationIDs.end(), id) != FTransformationIDs.end())
+    return true;
+  FTransformationIDs.push_back(id);
+  SetAll();
+  Changed();
+  return true;
+}
+
+void TVImageForm::DeleteTransformationID(int32_t id) {
+  const auto it = std::find(FTransformationIDs.begin(), FTransformationIDs.end(), id);
+  if (it == FTransformationIDs.end()) return;
+  FTransformationIDs.erase(it);
+  SetAll();
+  Changed();
+}
+
+void TVImageForm::SetTransformations() {
+  UpdateImageMarkers();
+}
+
+std::vector<TOpenGLVector> TVImageForm::GetTransformationOutline(int32_t id) const {
+  const auto it = std::find(FTransformationIDs.begin(), FTransformationIDs.end(), id);
+  if (it == FTransformationIDs.end()) return {};
+  return OutlineOfTransformation(id);
 }
 
 // --- Cursor and mouse ---------------------------------------------------------------------------------
@@ -878,6 +1292,15 @@ void TVImageForm::ViewMouseDown(int x, int y, TOpenGLMouseButton button, TOpenGL
     FZoomAnchorY = py;
     PaintDrawField(px, py);
     break;
+  case TImageMouseMode::BoxMarker:
+  case TImageMouseMode::LineMarker:
+  case TImageMouseMode::CircleMarker:
+    SetMarkerStart(px, py);
+    SetMarker(FMouseMode == TImageMouseMode::BoxMarker    ? TImageMarkerKind::Box
+              : FMouseMode == TImageMouseMode::LineMarker ? TImageMarkerKind::Line
+                                                          : TImageMarkerKind::Circle,
+              px, py);
+    break;
   }
 }
 
@@ -890,17 +1313,23 @@ void TVImageForm::ViewMouseMove(int x, int y, TOpenGLShiftState /*shift*/) {
     SetCursorPixel(px, py);
     break;
   case TImageMouseMode::Zoom:
-    if (FZoomMarker && GetProject()) {
-      double ax, ay, bx, by;
-      const int32_t t = ShownTransformationID();
-      PixelToWorld(*GetProject(), t, std::min(px, FZoomAnchorX) - 0.5, std::min(py, FZoomAnchorY) - 0.5, ax,
-                   ay);
-      PixelToWorld(*GetProject(), t, std::max(px, FZoomAnchorX) + 0.5, std::max(py, FZoomAnchorY) + 0.5, bx,
-                   by);
-      FZoomMarker->SetPoints(
-          {{ax, -ay, kMarkerZ}, {bx, -ay, kMarkerZ}, {bx, -by, kMarkerZ}, {ax, -by, kMarkerZ}});
+    if (TPictureFrame frame;
+        FZoomMarker &&
+        PictureFrame(std::min(px, FZoomAnchorX) - 0.5, std::min(py, FZoomAnchorY) - 0.5,
+                     std::max(px, FZoomAnchorX) + 0.5, std::max(py, FZoomAnchorY) + 0.5, frame)) {
+      for (TOpenGLVector& c : frame.Corners) c.Z = kMarkerZ;
+      FZoomMarker->SetPoints(frame.Corners);
       FZoomMarker->SetVisible(true);
     }
+    break;
+  case TImageMouseMode::BoxMarker:
+    SetBoxMarker(px, py);
+    break;
+  case TImageMouseMode::LineMarker:
+    SetLineMarker(px, py);
+    break;
+  case TImageMouseMode::CircleMarker:
+    SetCircleMarker(px, py);
     break;
   case TImageMouseMode::DrawPen:
   case TImageMouseMode::DrawErase:
@@ -967,6 +1396,7 @@ void TVImageForm::DeleteDrawField() {
 void TVImageForm::DrawFieldChanged() {
   UpdateDrawFieldTexture();
   Changed();
+  if (OnDrawFieldChange) OnDrawFieldChange();
 }
 
 // --- Control interface --------------------------------------------------------------------------------
@@ -1197,7 +1627,12 @@ TTagError TVImageForm::SaveViewerToTagFile(TFileHandle file) {
       (result = saveBool("NiceMeshBorders", FNiceMeshBorders)) < 1 ||
       (result = saveDouble("OGLLabelZPosition", FOGLLabelZPosition)) < 1 ||
       (result = saveInt("ScaleKind", static_cast<int32_t>(FScaleKind))) < 1 ||
-      (result = saveBool("InterpolatePixelColors", FInterpolatePixelColors)) < 1)
+      (result = saveBool("InterpolatePixelColors", FInterpolatePixelColors)) < 1 ||
+      (result = saveInt("TransformationCount", static_cast<int32_t>(FTransformationIDs.size()))) < 1)
+    return result;
+  if (!FTransformationIDs.empty() &&
+      (result = t.SaveIntTag(file, "TransformationIDs", FTransformationIDs.data(),
+                             static_cast<int64_t>(FTransformationIDs.size()))) < 1)
     return result;
   return group.CloseWriteTag(file);
 }
@@ -1278,6 +1713,15 @@ TTagError TVImageForm::LoadViewerFromTagFile(TFileHandle file, const TTagControl
   loadDouble("OGLLabelZPosition", FOGLLabelZPosition);
   loadEnum("ScaleKind", FScaleKind, kImageScaleKindCount);
   loadBool("InterpolatePixelColors", FInterpolatePixelColors);
+  int32_t transformations = 0;
+  loadInt("TransformationCount", transformations);
+  FTransformationIDs.clear();
+  if (transformations > 0 && transformations <= 10000) {
+    FTransformationIDs.assign(static_cast<size_t>(transformations), 0);
+    if (t.LoadIntTag(file, "TransformationIDs", group, FTransformationIDs.data(), transformations) !=
+        teNoError)
+      FTransformationIDs.clear();
+  }
   InvalidateExtrema();
   return teNoError;
 }
@@ -1328,6 +1772,7 @@ void TVImageForm::AddToID(int32_t delta) {
   for (int32_t* id : {&FImageColorID, &FImageZID, &FImageBrightnessID, &FImageID, &FBitmapID, &FImage2ID,
                       &FSpaceCursorID, &FColorProfileID, &FSpaceInterpretationID})
     TData::SafeAddToDataID(*id, delta);
+  for (int32_t& id : FTransformationIDs) TData::SafeAddToDataID(id, delta);
 }
 
 bool TVImageForm::AddDataID(int32_t id) {
@@ -1335,6 +1780,7 @@ bool TVImageForm::AddDataID(int32_t id) {
   if (!project) return false;
   const std::string name = project->GetClassNameByID(id);
   if (name == TDBitmap::kClassName) return SetImageID(id, false);
+  if (dynamic_cast<const TDSpaceTransformation*>(project->FindData(id))) return AddTransformationID(id);
   if (name != TDImage::kClassName) return false;
   if (!FImageColorID) return SetImageID(id, false);
   if (!FImageZID) {
@@ -1353,12 +1799,27 @@ void TVImageForm::ExchangeID(int32_t oldID, int32_t newID) {
   for (int32_t* id : {&FImageColorID, &FImageZID, &FImageBrightnessID, &FImageID, &FBitmapID, &FImage2ID,
                       &FSpaceCursorID, &FColorProfileID, &FSpaceInterpretationID})
     if (*id == oldID) *id = newID;
+  for (int32_t& id : FTransformationIDs)
+    if (id == oldID) id = newID;
 }
 
 void TVImageForm::DataChanged(TData* data, TDataChangeInfo info) {
   if (!data || data->GetID() == 0) return;
   const int32_t id = data->GetID();
   const bool gone = info == TDataChangeInfo::Removed || info == TDataChangeInfo::AboutToBeDeleted;
+  if (std::find(FTransformationIDs.begin(), FTransformationIDs.end(), id) != FTransformationIDs.end()) {
+    if (gone)
+      DeleteTransformationID(id);
+    else
+      SetTransformations();
+    return;
+  }
+  if (id == ShownTransformationID() && !gone && info == TDataChangeInfo::DataChanged) {
+    // The picture's own transformation moved or turned it: everything over it is laid anew.
+    LayoutView();
+    UpdateCursorMarker();
+    return;
+  }
   if (id == FSpaceCursorID) {
     if (gone) FSpaceCursorID = 0;
     UpdateCursorMarker();
@@ -1424,6 +1885,11 @@ void TVImageForm::BeforeClearProject() {
   FCursorMarker = FZoomMarker = nullptr;
   FScaleBarTop = FScaleBarBottom = nullptr;
   FAxisX = FAxisY = nullptr;
+  FImageMarker = FPositionMarker = nullptr;
+  FTransformationMarkers.clear();
+  FTransformationIDs.clear();
+  FMarkerKind = TImageMarkerKind::None;
+  FPositionIndex = -1;
   FShownSizeX = FShownSizeY = 0;
   FPixelColors.clear();
 }

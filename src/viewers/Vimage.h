@@ -3,7 +3,8 @@
 // height and a third one the brightness. World x runs to the right and world y downwards at the world's
 // aspect ratio, so that line 0 is on top and column 0 on the left, like a picture. A flat image is a single
 // texture. Over it lie the draw field (a mask the user paints), the shared space cursor as a cross, the
-// colour scale bar and the coordinate axes.
+// colour scale bar, the coordinate axes (ticks labelled in the space unit), the marker the user stretches
+// (box, line or circle) and the outlines of further transformations (the areas other objects cover).
 #pragma once
 
 #include "data/Dcolorprofile.h"
@@ -12,6 +13,7 @@
 #include "viewers/Vimagescale.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,11 +23,22 @@ class TDBitmap;
 class TOpenGLMesh;
 class TOpenGLMarker;
 class TOpenGLText;
-class TOpenGLAxis;
+class TOpenGLObject;
 
 /// What the mouse does in the view.
-enum class TImageMouseMode : int32_t { Cursor = 0, Zoom = 1, DrawPen = 2, DrawErase = 3 };
-inline constexpr int32_t kImageMouseModeCount = 4;
+enum class TImageMouseMode : int32_t {
+  Cursor = 0,
+  Zoom = 1,
+  DrawPen = 2,
+  DrawErase = 3,
+  BoxMarker = 4,
+  LineMarker = 5,
+  CircleMarker = 6
+};
+inline constexpr int32_t kImageMouseModeCount = 7;
+
+/// The marker the user stretches over the picture.
+enum class TImageMarkerKind : int32_t { None = 0, Box, Line, Circle };
 
 /// Flat picture or height mesh.
 enum class TImageDisplayMode : int32_t { Display2D = 0, Display3D = 1 };
@@ -147,6 +160,20 @@ public:
   void GetZoomWindow(int32_t& startX, int32_t& startY, int32_t& stopX, int32_t& stopY) const;
   /// Shows the whole picture.
   void ResetZoom();
+  /// The four world corners of a zoom window (first pixel's outer corner, then along x, opposite, along y).
+  struct T4Points {
+    double X[4] = {};
+    double Y[4] = {};
+  };
+  /// @{ Synchronised zoom: each zoom of a viewer with it active goes, as world corners, to every other
+  /// image viewer of the project with it active, which zooms onto the pixels of its own picture inside
+  /// them (no echo back).
+  void ChangeSynchronizedZoomActive(bool active) { FSynchronizedZoom = active; }
+  bool GetSynchronizedZoomActive() const { return FSynchronizedZoom; }
+  void SendZoomForSynchronize();
+  /// False (and nothing changed) when no pixel of the picture lies inside the corners.
+  bool SynchronizeZoom(const T4Points& points, int32_t index);
+  /// @}
   /// Rebuilds the whole scene from the data.
   void SetAll();
   /// Recolours the texture (after a change of scale, profile or data).
@@ -178,6 +205,41 @@ public:
   const TOpenGLMarker* GetCursorMarker() const { return FCursorMarker; }
   /// The mesh of the picture (null without one).
   TOpenGLMesh* GetImageMesh() const { return FMesh; }
+  /// The label texts of the x axis (along the bottom) or the y axis (on the left), empty when the
+  /// coordinate system is hidden.
+  std::vector<const TOpenGLText*> GetAxisLabels(bool yAxis) const;
+
+  // --- Markers -------------------------------------------------------------------------------------
+
+  /// @{ The marker starts at pixel (SetMarkerStart) and reaches pixel (x, y): a box over both pixels, a
+  /// line between their centres, or a circle about the start's centre through (x, y)'s centre. False (and
+  /// nothing changed) outside the picture.
+  bool SetMarkerStart(int32_t x, int32_t y);
+  bool SetBoxMarker(int32_t x, int32_t y);
+  bool SetLineMarker(int32_t x, int32_t y);
+  bool SetCircleMarker(int32_t x, int32_t y);
+  /// @}
+  /// A point on the line marker, index pixel steps from its start (clamped to its end); -1 hides it.
+  void SetCurrentPositionMarker(int32_t index);
+  void HideMarker();
+  TImageMarkerKind GetMarkerKind() const { return FMarkerKind; }
+  void GetMarkerPixels(int32_t& x0, int32_t& y0, int32_t& x1, int32_t& y1) const;
+  /// The marker's size in world units: the box's width and height, the line's length (twice) or the
+  /// circle's radius (twice); 0 without a marker.
+  void GetMarkerWorldSize(double& width, double& height) const;
+  /// The model points the marker is drawn through (empty when hidden).
+  std::vector<TOpenGLVector> GetMarkerOutline() const;
+  /// @{ Further transformations drawn as outlines: a space transformation as the area of the object that
+  /// uses it (the corners of its pixel field), or a cross at its origin when no object uses it. Only space
+  /// transformations are taken; an id twice is kept once.
+  bool AddTransformationID(int32_t id);
+  void DeleteTransformationID(int32_t id);
+  const TIntList& GetTransformationIDs() const { return FTransformationIDs; }
+  /// Lays every outline anew (after a change of a transformation or of the view).
+  void SetTransformations();
+  /// The model points of the outline of a listed transformation (empty when not listed).
+  std::vector<TOpenGLVector> GetTransformationOutline(int32_t id) const;
+  /// @}
 
   // --- Draw field ----------------------------------------------------------------------------------
 
@@ -187,23 +249,25 @@ public:
   void MakeDrawFieldImage();
   /// Drops the draw field.
   void DeleteDrawField();
-  /// Shows the draw field's changes.
+  /// Shows the draw field's changes and tells OnDrawFieldChange.
   void DrawFieldChanged();
+  /// Called after each change of the draw field (a tool that takes the field as its mask listens here).
+  std::function<void()> OnDrawFieldChange;
 
   // --- Viewer --------------------------------------------------------------------------------------
 
   void CFICreateParameters(TUserParameterAdministrator& cfi) override;
   bool CFIParameterIsNewValueAllowed(const TUserParameterList& changed) override;
   void CFIParameterChanged(const TUserParameterList& changed) override;
-  /// The base group, then "TVImageForm" with the viewer's fields in their fixed order, then "ScaleKind" and
-  /// "InterpolatePixelColors".
+  /// The base group, then "TVImageForm" with the viewer's fields in their fixed order, then "ScaleKind",
+  /// "InterpolatePixelColors", "TransformationCount" and (when there are any) "TransformationIDs".
   TTagError SaveViewerToTagFile(TFileHandle file) override;
   TTagError LoadViewerFromTagFile(TFileHandle file, const TTagControl& parent) override;
   void DoDataUpdate() override;
   bool IsDataUsed(int32_t id) const override;
   void AddToID(int32_t delta) override;
   /// An image becomes the colour image, then the height image, then the brightness image; a bitmap the
-  /// picture.
+  /// picture; a space transformation (dropped on the view) an outline.
   bool AddDataID(int32_t id) override;
   void ExchangeID(int32_t oldID, int32_t newID) override;
   void DataChanged(TData* data, TDataChangeInfo info) override;
@@ -240,6 +304,19 @@ private:
   void Changed();
   void UpdateCaption();
   void PaintDrawField(int32_t x, int32_t y);
+  /// Where a rectangle of pixel coordinates lies in the model: its corners (first, along x, opposite,
+  /// along y), and the turn and sides of the rectangle that puts the picture there.
+  struct TPictureFrame {
+    std::vector<TOpenGLVector> Corners;
+    TOpenGLVector Origin;
+    double AngleDegrees = 0;
+    double Width = 0;
+    double Height = 0; ///< signed: negative when pixel y runs downwards on screen
+  };
+  bool PictureFrame(double x0, double y0, double x1, double y1, TPictureFrame& frame) const;
+  bool SetMarker(TImageMarkerKind kind, int32_t x, int32_t y);
+  void UpdateImageMarkers();
+  std::vector<TOpenGLVector> OutlineOfTransformation(int32_t id) const;
 
   int32_t FImageColorID = 0;
   int32_t FImageZID = 0;
@@ -287,6 +364,8 @@ private:
   bool FDragging = false;
   int32_t FZoomAnchorX = 0, FZoomAnchorY = 0;
   bool FSyncingCFI = false;
+  bool FSynchronizedZoom = false;
+  bool FReceivingZoom = false;
 
   TOpenGLMesh* FMesh = nullptr;
   TOpenGLMesh* FDrawFieldMesh = nullptr;
@@ -295,8 +374,17 @@ private:
   TOpenGLMesh* FScaleBar = nullptr;
   TOpenGLText* FScaleBarTop = nullptr;
   TOpenGLText* FScaleBarBottom = nullptr;
-  TOpenGLAxis* FAxisX = nullptr;
-  TOpenGLAxis* FAxisY = nullptr;
+  TOpenGLObject* FAxisX = nullptr;
+  TOpenGLObject* FAxisY = nullptr;
+  TOpenGLMarker* FImageMarker = nullptr;
+  TOpenGLMarker* FPositionMarker = nullptr;
+  std::vector<TOpenGLMarker*> FTransformationMarkers;
+  double FUnitsPerPixel = 1;
+
+  TImageMarkerKind FMarkerKind = TImageMarkerKind::None;
+  int32_t FMarkerX0 = 0, FMarkerY0 = 0, FMarkerX1 = 0, FMarkerY1 = 0;
+  int32_t FPositionIndex = -1;
+  TIntList FTransformationIDs;
   /// Texture colours of the picture, line y at row y (0x00BBGGRR).
   std::vector<TColor> FPixelColors;
   int32_t FShownSizeX = 0, FShownSizeY = 0;

@@ -213,6 +213,57 @@ TEST_F(ImageViewerWindowTest, AViewerReopenedFromTheProjectDrawsTheSamePicture) 
   delete first.Window;
 }
 
+TEST_F(ImageViewerWindowTest, ATurnedPictureHasTheProfileColourAtItsPixelCentresAndLabelledAxes) {
+  dynamic_cast<TDSpaceTransformation*>(FProject.FindData(FSpaceID))->ViewPort().SetRotation(0, 0, 30);
+  auto* viewer = dynamic_cast<TVImageForm*>(ShowIDsInViewer(FProject, {FImageID}, TVImageForm::kClassName));
+  ASSERT_NE(viewer, nullptr);
+  viewer->GetCFI()->SetParameterValuesFromText({"ColorTable=Rainbow", "ShowCoordinateSystem=true"});
+  viewer->SetColorScale(0, 191);
+  ASSERT_TRUE(viewer->SetMarkerStart(2, 2));
+  ASSERT_TRUE(viewer->SetBoxMarker(6, 5));
+  const TShownViewer shown = ShowInWindow(viewer);
+  ASSERT_NE(shown.Widget, nullptr);
+  const QImage image = Grab(shown.Widget);
+  Keep(image, "imageviewer-turned");
+  const auto& profile = *dynamic_cast<TDColorProfile*>(FProject.FindData(viewer->GetColorProfileID()));
+  for (const auto& [x, y] : std::vector<std::pair<int32_t, int32_t>>{
+           {0, 0}, {15, 0}, {0, 11}, {15, 11}, {9, 7}, {8, 9}, {12, 3}, {1, 10}}) {
+    const QPoint at = WindowPointOfPixel(FProject, FSpaceID, *viewer, x, y);
+    EXPECT_TRUE(ColourNear(image, at, profile.GetColorsFromValue(191, 0, x + 16 * y)))
+        << "pixel (" << x << ", " << y << ") at window " << at.x() << ", " << at.y();
+  }
+  // Turned by 30° (clockwise on screen, y running downwards): the last pixel of line 0 lies lower than
+  // the first, and column 0's last pixel lies left of its first.
+  const QPoint first = WindowPointOfPixel(FProject, FSpaceID, *viewer, 0, 0);
+  const QPoint lineEnd = WindowPointOfPixel(FProject, FSpaceID, *viewer, 15, 0);
+  const QPoint columnEnd = WindowPointOfPixel(FProject, FSpaceID, *viewer, 0, 11);
+  EXPECT_GT(lineEnd.y(), first.y() + 20);
+  EXPECT_LT(columnEnd.x(), first.x() - 10);
+  // The box marker's edge (yellow) runs between the pixels of its first line and those above.
+  double ax, ay, bx, by;
+  PixelToWorld(FProject, FSpaceID, 3, 1.5, ax, ay);
+  PixelToWorld(FProject, FSpaceID, 5, 1.5, bx, by);
+  TOpenGLView& view = viewer->GetOpenGLView();
+  int yellow = 0;
+  for (double t = 0; t <= 1.0; t += 0.25) {
+    const TOpenGLVector p =
+        view.ProjectPoint(TVImageForm::WorldToModel(ax + t * (bx - ax), ay + t * (by - ay)));
+    bool found = false;
+    for (int dx = -1; dx <= 1 && !found; ++dx)
+      for (int dy = -1; dy <= 1 && !found; ++dy) {
+        const QPoint at(int(p.X) + dx, int(view.GetHeight() - p.Y) + dy);
+        if (!image.rect().contains(at)) continue;
+        const QColor c = image.pixelColor(at);
+        found = c.red() > 200 && c.green() > 200 && c.blue() < 80;
+      }
+    yellow += found ? 1 : 0;
+  }
+  EXPECT_GE(yellow, 4);
+  // Axis labels are drawn: dark pixels under the picture's box.
+  EXPECT_GE(viewer->GetAxisLabels(false).size(), 2u);
+  delete shown.Window;
+}
+
 // Browsing a map: a click on pixel (x, y) of the topography makes the graph viewer on the map show spectrum
 // (x, y), and a step of the graph viewer's spectrum moves the image's cross along.
 TEST(MapBrowsingWindowTest, AClickOnTheImageChoosesTheSpectrumAndAStepMovesTheCross) {

@@ -406,7 +406,10 @@ TEST_F(VimageTest, DrawingWithThePenAndZoomingWithTheMouse) {
   view.MouseUp(x1, y1, TOpenGLMouseButton::Left, {});
   EXPECT_EQ(viewer->DrawField().GetNumberOfPixels(true), 4);
 
-  viewer->SetNextImageMouseMode(); // after the eraser: the cursor again
+  viewer->SetNextImageMouseMode(); // after the eraser: the box marker, and after the circle the cursor again
+  EXPECT_EQ(viewer->GetImageMouseMode(), TImageMouseMode::BoxMarker);
+  viewer->SetImageMouseMode(TImageMouseMode::CircleMarker);
+  viewer->SetNextImageMouseMode();
   EXPECT_EQ(viewer->GetImageMouseMode(), TImageMouseMode::Cursor);
   viewer->SetImageMouseMode(TImageMouseMode::Zoom);
   windowOf(2, 1, x1, y1);
@@ -438,4 +441,218 @@ TEST_F(VimageTest, ThreeDimensionalDisplayRaisesTheMeshByTheHeightImage) {
   EXPECT_EQ(Set(*viewer, {"DisplayMode=2D"}), "");
   EXPECT_FALSE(viewer->GetImageMesh()->GetUseZValues());
   EXPECT_EQ(viewer->GetOpenGLView().GetProjectionType(), TOpenGLProjectionType::Orthographic);
+}
+
+TEST_F(VimageTest, AxisTicksAreLabelledWithTheWorldCoordinateWhereTheyStand) {
+  TVImageForm* viewer = Show({FImageID});
+  ASSERT_NE(viewer, nullptr);
+  EXPECT_TRUE(viewer->GetAxisLabels(false).empty()) << "no axes without the coordinate system";
+  ASSERT_EQ(Set(*viewer, {"ShowCoordinateSystem=true"}), "");
+  // World x of the picture runs from 9.75 to 13.75 µm, world y from 19.875 to 21.375 µm.
+  for (const bool yAxis : {false, true}) {
+    const auto labels = viewer->GetAxisLabels(yAxis);
+    ASSERT_GE(labels.size(), 2u) << (yAxis ? "y" : "x");
+    double previous = -1e300;
+    for (const TOpenGLText* label : labels) {
+      const double value = std::stod(label->GetText());
+      // Each label stands beside the point of the axis with its value: model x is world x, model y is
+      // minus world y.
+      const double at = yAxis ? -label->GetPosition().Y : label->GetPosition().X;
+      EXPECT_NEAR(at, value, 1e-9) << label->GetText();
+      EXPECT_GT(value, previous);
+      previous = value;
+      if (yAxis) {
+        EXPECT_GE(value, 19.875 - 1e-9);
+        EXPECT_LE(value, 21.375 + 1e-9);
+      } else {
+        EXPECT_GE(value, 9.75 - 1e-9);
+        EXPECT_LE(value, 13.75 + 1e-9);
+      }
+    }
+  }
+  ASSERT_EQ(Set(*viewer, {"ShowCoordinateSystem=false"}), "");
+  EXPECT_TRUE(viewer->GetAxisLabels(true).empty());
+}
+
+TEST_F(VimageTest, ATurnedSpaceTransformationTurnsThePicture) {
+  auto* space = dynamic_cast<TDSpaceTransformation*>(FProject.FindData(FSpaceID));
+  space->ViewPort().SetRotation(0, 0, 30);
+  TVImageForm* viewer = Show({FImageID});
+  ASSERT_NE(viewer, nullptr);
+  // The picture's box in the model is the box of its four turned corners, not the unturned rectangle.
+  TOpenGLBox expected;
+  for (const auto& [px, py] : std::vector<std::pair<double, double>>{
+           {-0.5, -0.5}, {kSizeX - 0.5, -0.5}, {kSizeX - 0.5, kSizeY - 0.5}, {-0.5, kSizeY - 0.5}}) {
+    double wx, wy;
+    PixelToWorld(FProject, FSpaceID, px, py, wx, wy);
+    expected.Add(TVImageForm::WorldToModel(wx, wy));
+  }
+  const TOpenGLBox box = viewer->GetImageMesh()->GetBoundingBox();
+  EXPECT_NEAR(box.Min.X, expected.Min.X, 1e-9);
+  EXPECT_NEAR(box.Max.X, expected.Max.X, 1e-9);
+  EXPECT_NEAR(box.Min.Y, expected.Min.Y, 1e-9);
+  EXPECT_NEAR(box.Max.Y, expected.Max.Y, 1e-9);
+  // The mesh's own first corner lies on the world corner of pixel (0, 0).
+  double wx, wy;
+  PixelToWorld(FProject, FSpaceID, -0.5, -0.5, wx, wy);
+  const TOpenGLVector first = viewer->GetImageMesh()->ModelTransform().TransformPoint({0, 0, 0});
+  EXPECT_NEAR(first.X, wx, 1e-9);
+  EXPECT_NEAR(first.Y, -wy, 1e-9);
+  // A click still lands on the pixel under it.
+  TOpenGLView& view = viewer->GetOpenGLView();
+  PixelToWorld(FProject, FSpaceID, 6, 4, wx, wy);
+  const TOpenGLVector p = view.ProjectPoint(TVImageForm::WorldToModel(wx, wy));
+  int32_t x, y;
+  ASSERT_TRUE(viewer->WindowToPixel(int(p.X), int(view.GetHeight() - p.Y), x, y));
+  EXPECT_EQ(x, 6);
+  EXPECT_EQ(y, 4);
+}
+
+TEST_F(VimageTest, BoxLineAndCircleMarkersAndTheirWorldSizes) {
+  TVImageForm* viewer = Show({FImageID});
+  ASSERT_NE(viewer, nullptr);
+  EXPECT_EQ(viewer->GetMarkerKind(), TImageMarkerKind::None);
+  EXPECT_TRUE(viewer->GetMarkerOutline().empty());
+  ASSERT_TRUE(viewer->SetMarkerStart(1, 1));
+  ASSERT_TRUE(viewer->SetBoxMarker(4, 2));
+  // Pixels 1..4 by 1..2: 4 × 0.5 µm wide, 2 × 0.25 µm high; corners on the outer pixel edges.
+  double w, h;
+  viewer->GetMarkerWorldSize(w, h);
+  EXPECT_NEAR(w, 2.0, 1e-12);
+  EXPECT_NEAR(h, 0.5, 1e-12);
+  const auto box = viewer->GetMarkerOutline();
+  ASSERT_EQ(box.size(), 4u);
+  EXPECT_NEAR(box[0].X, 10 + 0.5 * 0.5, 1e-12);
+  EXPECT_NEAR(box[0].Y, -(20 + 0.5 * 0.25), 1e-12);
+  EXPECT_NEAR(box[2].X, 10 + 4.5 * 0.5, 1e-12);
+  EXPECT_NEAR(box[2].Y, -(20 + 2.5 * 0.25), 1e-12);
+
+  ASSERT_TRUE(viewer->SetLineMarker(5, 5)); // from (1, 1): 4 × 0.5 by 4 × 0.25
+  viewer->GetMarkerWorldSize(w, h);
+  EXPECT_NEAR(w, std::hypot(2.0, 1.0), 1e-12);
+  EXPECT_EQ(viewer->GetMarkerOutline().size(), 2u);
+  EXPECT_FALSE(viewer->SetCircleMarker(8, 0)) << "outside the picture";
+  EXPECT_EQ(viewer->GetMarkerKind(), TImageMarkerKind::Line);
+  ASSERT_TRUE(viewer->SetCircleMarker(3, 1));
+  viewer->GetMarkerWorldSize(w, h);
+  EXPECT_NEAR(w, 1.0, 1e-12) << "radius: two pixels of 0.5 µm";
+  viewer->HideMarker();
+  EXPECT_TRUE(viewer->GetMarkerOutline().empty());
+
+  // Dragging in the box mode stretches the box from the pressed pixel.
+  TOpenGLView& view = viewer->GetOpenGLView();
+  const auto windowOf = [&](int32_t px, int32_t py) {
+    double wx, wy;
+    PixelToWorld(FProject, FSpaceID, px, py, wx, wy);
+    const TOpenGLVector p = view.ProjectPoint(TVImageForm::WorldToModel(wx, wy));
+    return std::pair<int, int>(int(p.X), int(view.GetHeight() - p.Y));
+  };
+  viewer->SetImageMouseMode(TImageMouseMode::BoxMarker);
+  const auto [ax, ay] = windowOf(6, 4);
+  const auto [bx, by] = windowOf(2, 1);
+  view.MouseDown(ax, ay, TOpenGLMouseButton::Left, {});
+  view.MouseMove(bx, by, {});
+  view.MouseUp(bx, by, TOpenGLMouseButton::Left, {});
+  int32_t x0, y0, x1, y1;
+  viewer->GetMarkerPixels(x0, y0, x1, y1);
+  EXPECT_EQ((std::vector<int32_t>{x0, y0, x1, y1}), (std::vector<int32_t>{6, 4, 2, 1}));
+  EXPECT_EQ(viewer->GetMarkerKind(), TImageMarkerKind::Box);
+}
+
+TEST_F(VimageTest, TransformationOutlinesFollowTheirObjectsAndRoundTrip) {
+  // A second area: a 4 × 2 pixel image of 1 µm pixels at world (11, 20.5).
+  auto other = std::make_unique<TDSpaceTransformation>();
+  other->SetID(FProject.GetNewDataID());
+  other->ViewPort().SetScale({1, 1, 1});
+  other->ViewPort().SetWorldOrigin({11, 20.5, 0});
+  const int32_t otherID = other->GetID();
+  FProject.AddData(std::move(other));
+  const int32_t savedSpace = FSpaceID;
+  FSpaceID = otherID;
+  AddImage([](int32_t, int32_t) { return 0.0f; }, 4, 2);
+  FSpaceID = savedSpace;
+
+  TVImageForm* viewer = Show({FImageID});
+  ASSERT_NE(viewer, nullptr);
+  EXPECT_FALSE(viewer->AddTransformationID(FImageID)) << "only transformations";
+  ASSERT_TRUE(viewer->AddDataID(otherID)) << "a transformation dropped on the view becomes an outline";
+  ASSERT_TRUE(viewer->AddTransformationID(otherID));
+  EXPECT_EQ(viewer->GetTransformationIDs(), (TIntList{otherID}));
+  const auto outline = viewer->GetTransformationOutline(otherID);
+  ASSERT_EQ(outline.size(), 4u);
+  EXPECT_NEAR(outline[0].X, 10.5, 1e-12);
+  EXPECT_NEAR(outline[0].Y, -20.0, 1e-12);
+  EXPECT_NEAR(outline[2].X, 14.5, 1e-12);
+  EXPECT_NEAR(outline[2].Y, -22.0, 1e-12);
+  EXPECT_TRUE(viewer->IsDataUsed(viewer->GetImageColorID()));
+
+  ASSERT_EQ(FProject.SaveProjectToFile(FDir.File("outlines.oxp")), teNoError);
+  TProject loaded;
+  ASSERT_EQ(loaded.LoadProjectFromFile(FDir.File("outlines.oxp")), teNoError);
+  TVImageForm* again = nullptr;
+  for (size_t i = 0; i < loaded.ViewerList().size(); ++i)
+    if (auto* v = dynamic_cast<TVImageForm*>(loaded.GetViewer(i))) again = v;
+  ASSERT_NE(again, nullptr);
+  EXPECT_EQ(again->GetTransformationIDs(), (TIntList{otherID}));
+  again->AddToID(100);
+  EXPECT_EQ(again->GetTransformationIDs(), (TIntList{otherID + 100}));
+  again->ExchangeID(otherID + 100, 7);
+  EXPECT_EQ(again->GetTransformationIDs(), (TIntList{7}));
+
+  // Deleting the transformation takes its outline away.
+  ASSERT_TRUE(FProject.DeleteData(otherID));
+  EXPECT_TRUE(viewer->GetTransformationIDs().empty());
+}
+
+TEST_F(VimageTest, ATallWindowKeepsTheWorldsAspectAndLeavesBandsOnlyAboveAndBelow) {
+  // The picture is 4 × 1.5 µm: in a tall window it takes the whole width left by the margins (8 pixels on
+  // the left, the scale bar's 96 on the right) and is centred vertically at its own aspect ratio.
+  TVImageForm* viewer = Show({FImageID});
+  ASSERT_NE(viewer, nullptr);
+  TOpenGLView& view = viewer->GetOpenGLView();
+  view.SetViewportSize(300, 900);
+  double ax, ay, bx, by;
+  PixelToWorld(FProject, FSpaceID, -0.5, -0.5, ax, ay);
+  PixelToWorld(FProject, FSpaceID, kSizeX - 0.5, kSizeY - 0.5, bx, by);
+  const TOpenGLVector a = view.ProjectPoint(TVImageForm::WorldToModel(ax, ay));
+  const TOpenGLVector b = view.ProjectPoint(TVImageForm::WorldToModel(bx, by));
+  EXPECT_NEAR(a.X, 8, 0.5);
+  EXPECT_NEAR(b.X, 300 - 96, 0.5);
+  EXPECT_NEAR((b.X - a.X) / (a.Y - b.Y), 4.0 / 1.5, 1e-6);
+  EXPECT_NEAR((a.Y + b.Y) / 2, 450, 0.5);
+}
+
+TEST_F(VimageTest, SynchronisedZoomShowsTheSameWorldAreaInTheOtherViewer) {
+  // A second image of the same area with pixels half as large: 16 × 12 pixels of 0.25 × 0.125 µm whose
+  // pixel (0, 0) lies at world (9.875, 19.9375), so that its pixel edges meet the first image's.
+  auto fine = std::make_unique<TDSpaceTransformation>();
+  fine->SetID(FProject.GetNewDataID());
+  fine->ViewPort().SetScale({0.25, 0.125, 1});
+  fine->ViewPort().SetWorldOrigin({9.875, 19.9375, 0});
+  const int32_t fineID = fine->GetID();
+  FProject.AddData(std::move(fine));
+  const int32_t savedSpace = FSpaceID;
+  FSpaceID = fineID;
+  const int32_t fineImage = AddImage([](int32_t x, int32_t y) { return float(x * y); }, 16, 12);
+  FSpaceID = savedSpace;
+
+  TVImageForm* coarse = Show({FImageID});
+  TVImageForm* detailed = Show({fineImage});
+  TVImageForm* apart = Show({fineImage});
+  ASSERT_TRUE(coarse && detailed && apart);
+  coarse->ChangeSynchronizedZoomActive(true);
+  detailed->ChangeSynchronizedZoomActive(true);
+  ASSERT_TRUE(coarse->SetZoomWindow(2, 1, 5, 3));
+  int32_t sx, sy, ex, ey;
+  detailed->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{4, 2, 11, 7}));
+  apart->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{0, 0, 15, 11}))
+      << "not synchronised";
+  // And back: the coarse viewer follows the detailed one.
+  ASSERT_TRUE(detailed->SetZoomWindow(0, 0, 3, 1));
+  coarse->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{0, 0, 1, 0}));
+  detailed->GetZoomWindow(sx, sy, ex, ey);
+  EXPECT_EQ((std::vector<int32_t>{sx, sy, ex, ey}), (std::vector<int32_t>{0, 0, 3, 1})) << "no echo back";
 }

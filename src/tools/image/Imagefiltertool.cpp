@@ -8,6 +8,7 @@
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
 #include "data/Dtransformation.h"
+#include "project/Orvexdirectories.h"
 #include "project/Project.h"
 #include "project/Toolregistry.h"
 
@@ -428,6 +429,15 @@ bool TImageFilterForm::SaveCustomFilter(const std::string& fileName) {
   if (problem.empty()) return true;
   NotifyUser(problem, GetDialogName(), kSeverityError, false);
   return false;
+}
+
+std::string TImageFilterForm::UserFilterFolder() {
+  return TOrvexDirectories::User.UserImageFilters;
+}
+
+std::vector<std::string> TImageFilterForm::GetUserFilterFiles() {
+  const std::string folder = UserFilterFolder();
+  return folder.empty() ? std::vector<std::string>{} : ListCustomImageFilters(folder);
 }
 
 bool TImageFilterForm::LoadCustomFilter(const std::string& fileName) {

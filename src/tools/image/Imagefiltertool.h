@@ -77,6 +77,10 @@ public:
   /// coefficient text). False, with "Save failed !" / "Load failed !" told to the user, on failure.
   bool SaveCustomFilter(const std::string& fileName);
   bool LoadCustomFilter(const std::string& fileName);
+  /// The user image filter folder, where the window saves custom filters and lists them from.
+  static std::string UserFilterFolder();
+  /// The custom filter files of that folder (by their identification, sorted).
+  static std::vector<std::string> GetUserFilterFiles();
 
   std::vector<std::string> GetExtractCommands() const override;
   void GetDialogParameters(TTagControl& tag) override;

@@ -11,8 +11,10 @@
 #include "data/Dinterpretation.h"
 #include "data/Dtransformation.h"
 #include "data/Registerdata.h"
+#include "project/Orvexdirectories.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "support/TestSupport.h"
 
 #include <cmath>
 #include <filesystem>
@@ -543,4 +545,27 @@ TEST_F(ImageFilterToolTest, InteractivePreviewFollowsTheParametersAndLeavesNothi
   EXPECT_EQ(FProject.DataList().size(), before);
 }
 
+} // namespace
+
+namespace {
+TEST(ImageFilterUserFolderTest, TheWindowListsTheCustomFiltersOfTheUserImageFilterFolder) {
+  oxtest::TempDir dir;
+  const std::string saved = TOrvexDirectories::User.UserImageFilters;
+  TOrvexDirectories::User.UserImageFilters = dir.File("");
+  TCustomImageFilter filter;
+  filter.Size = 1;
+  filter.Divisor = 1;
+  filter.Buffer = {0, 0, 0, 0, 1, 0, 0, 0, 0};
+  ASSERT_EQ(SaveCustomImageFilter(dir.File("b.uif"), filter), "");
+  ASSERT_EQ(SaveCustomImageFilter(dir.File("a.uif"), filter), "");
+  std::ofstream(dir.File("notes.txt")) << "ORX_UICX not a filter";
+  EXPECT_EQ(TImageFilterForm::UserFilterFolder(), dir.File(""));
+  const std::vector<std::string> files = TImageFilterForm::GetUserFilterFiles();
+  ASSERT_EQ(files.size(), 2u) << "only files with the custom filter identification";
+  EXPECT_EQ(std::filesystem::path(files[0]).filename(), "a.uif");
+  EXPECT_EQ(std::filesystem::path(files[1]).filename(), "b.uif");
+  TOrvexDirectories::User.UserImageFilters.clear();
+  EXPECT_TRUE(TImageFilterForm::GetUserFilterFiles().empty()) << "no folder, no list";
+  TOrvexDirectories::User.UserImageFilters = saved;
+}
 } // namespace
