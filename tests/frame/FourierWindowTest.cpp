@@ -2,7 +2,7 @@
 // (a cosine along x), the amplitude viewer shows bright spots at the stripes' frequency either side of
 // frequency 0 in pixel (N/2, N/2) (N odd, so the rounding counts); the pen marks both spots in the amplitude
 // viewer's draw field, and one wait later the preview has lost its stripes. Screenshots are kept.
-#include "FrameTestSupport.h"
+#include "ViewerWindowSupport.h"
 #include "data/Dimage.h"
 #include "data/Dtransformation.h"
 #include "data/Registerdata.h"
@@ -26,41 +26,13 @@
 
 namespace {
 
-using oxframetest::WaitFor;
+using namespace oxframetest;
 
 constexpr int kN = 63;      // odd: frequency 0 at pixel 31
 constexpr int kPeriods = 9; // stripes across the image: spots at 31 +- 9
 
 double Stripes(int x) {
   return 2.0 + std::cos(2 * std::numbers::pi * kPeriods * x / kN);
-}
-
-TQtViewerWindow* WindowOfViewer(TVCustomForm* viewer) {
-  for (QWidget* widget : QApplication::topLevelWidgets())
-    if (auto* window = dynamic_cast<TQtViewerWindow*>(widget); window && window->Viewer() == viewer)
-      return window;
-  return nullptr;
-}
-
-QImage Grab(TQtOpenGLWidget* widget) {
-  const int before = widget->FrameCount();
-  widget->update();
-  WaitFor([&] { return widget->FrameCount() > before; });
-  return widget->grabFramebuffer().convertToFormat(QImage::Format_RGB888);
-}
-
-void Keep(const QImage& image, const std::string& name) {
-  std::filesystem::create_directories(ORVEX_SCREENSHOT_DIR);
-  image.save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/" + name + ".png"));
-}
-
-QPoint WindowPointOfPixel(TProject& project, const TDImage& image, TVImageForm& viewer, int32_t x,
-                          int32_t y) {
-  double wx, wy;
-  PixelToWorld(project, image.GetSpaceTransformationID(), x, y, wx, wy);
-  TOpenGLView& view = viewer.GetOpenGLView();
-  const TOpenGLVector p = view.ProjectPoint(TVImageForm::WorldToModel(wx, wy));
-  return {static_cast<int>(p.X), static_cast<int>(view.GetHeight() - p.Y)};
 }
 
 bool SameColour(const QImage& image, QPoint a, QPoint b, int tolerance = 6) {

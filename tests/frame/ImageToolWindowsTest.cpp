@@ -4,7 +4,7 @@
 // preview fills the stroke by line interpolation while every other pixel stays; the image filter window's
 // custom filter is saved through its file dialog, listed from the user image filter folder and loaded back,
 // and a file that is no custom filter is refused with "Load failed !". Screenshots are kept for a look.
-#include "FrameTestSupport.h"
+#include "ViewerWindowSupport.h"
 #include "data/Dcolorprofile.h"
 #include "data/Dimage.h"
 #include "data/Dtransformation.h"
@@ -43,8 +43,7 @@
 
 namespace {
 
-using oxframetest::TModalWatcher;
-using oxframetest::WaitFor;
+using namespace oxframetest;
 
 constexpr int32_t kSizeX = 32;
 constexpr int32_t kSizeY = 24;
@@ -75,19 +74,6 @@ QPushButton* ButtonOf(QWidget& window, const QString& text) {
   for (QPushButton* button : window.findChildren<QPushButton*>())
     if (button->text() == text) return button;
   return nullptr;
-}
-
-void Keep(const QImage& image, const std::string& name) {
-  std::filesystem::create_directories(ORVEX_SCREENSHOT_DIR);
-  image.save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/" + name + ".png"));
-}
-
-/// The widget's picture after a fresh frame.
-QImage Grab(TQtOpenGLWidget* widget) {
-  const int before = widget->FrameCount();
-  widget->update();
-  WaitFor([&] { return widget->FrameCount() > before; });
-  return widget->grabFramebuffer().convertToFormat(QImage::Format_RGB888);
 }
 
 /// Window point of the centre of pixel (x, y) of an image shown in view.

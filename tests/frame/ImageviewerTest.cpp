@@ -3,12 +3,12 @@
 // shared space cursor is drawn as a cross; and a viewer reopened from a saved project draws the same
 // picture; a click on a map's image picks the spectrum a graph viewer shows. The pictures are kept in the
 // screenshot folder for a look by eye.
+#include "ViewerWindowSupport.h"
 #include "data/Dcolorprofile.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dtransformation.h"
 #include "data/Registerdata.h"
-#include "frame/FrameTestSupport.h"
 #include "frame/Qtopenglwidget.h"
 #include "frame/Qtviewerwindow.h"
 #include "frame/Viewexport.h"
@@ -29,7 +29,7 @@
 
 namespace {
 
-using oxframetest::WaitFor;
+using namespace oxframetest;
 
 constexpr int32_t kSizeX = 16;
 constexpr int32_t kSizeY = 12;
@@ -47,29 +47,6 @@ TShownViewer ShowInWindow(TVImageForm* viewer) {
   shown.Widget = shown.Window->OpenGLWidget();
   if (shown.Widget) WaitFor([&] { return shown.Widget->FrameCount() > 0; });
   return shown;
-}
-
-/// The widget's picture after a fresh frame.
-QImage Grab(TQtOpenGLWidget* widget) {
-  const int before = widget->FrameCount();
-  widget->update();
-  WaitFor([&] { return widget->FrameCount() > before; });
-  return widget->grabFramebuffer().convertToFormat(QImage::Format_RGB888);
-}
-
-void Keep(const QImage& image, const std::string& name) {
-  std::filesystem::create_directories(ORVEX_SCREENSHOT_DIR);
-  image.save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/" + name + ".png"));
-}
-
-/// Window pixel (column, row from the top) at the centre of image pixel (x, y).
-QPoint WindowPointOfPixel(TProject& project, int32_t transformation, TVImageForm& viewer, int32_t x,
-                          int32_t y) {
-  double wx, wy;
-  PixelToWorld(project, transformation, x, y, wx, wy);
-  TOpenGLView& view = viewer.GetOpenGLView();
-  const TOpenGLVector p = view.ProjectPoint(TVImageForm::WorldToModel(wx, wy));
-  return {static_cast<int>(p.X), static_cast<int>(view.GetHeight() - p.Y)};
 }
 
 testing::AssertionResult ColourNear(const QImage& image, QPoint at, TColor expected) {

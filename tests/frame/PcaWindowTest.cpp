@@ -3,7 +3,7 @@
 // reconstructed Image" the preview image shows the scores of PC 0 (each pixel in the colour of its score);
 // "Add to Mask" puts the current PC into the PC mask, and Extract then writes the chosen results.
 // Screenshots are kept.
-#include "FrameTestSupport.h"
+#include "ViewerWindowSupport.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dtransformation.h"
@@ -33,37 +33,9 @@
 
 namespace {
 
-using oxframetest::WaitFor;
+using namespace oxframetest;
 
 constexpr int kSizeX = 24, kSizeY = 20, kPoints = 64;
-
-TQtViewerWindow* WindowOfViewer(TVCustomForm* viewer) {
-  for (QWidget* widget : QApplication::topLevelWidgets())
-    if (auto* window = dynamic_cast<TQtViewerWindow*>(widget); window && window->Viewer() == viewer)
-      return window;
-  return nullptr;
-}
-
-QImage Grab(TQtOpenGLWidget* widget) {
-  const int before = widget->FrameCount();
-  widget->update();
-  WaitFor([&] { return widget->FrameCount() > before; });
-  return widget->grabFramebuffer().convertToFormat(QImage::Format_RGB888);
-}
-
-void Keep(const QImage& image, const std::string& name) {
-  std::filesystem::create_directories(ORVEX_SCREENSHOT_DIR);
-  image.save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/" + name + ".png"));
-}
-
-QPoint WindowPointOfPixel(TProject& project, const TDImage& image, TVImageForm& viewer, int32_t x,
-                          int32_t y) {
-  double wx, wy;
-  PixelToWorld(project, image.GetSpaceTransformationID(), x, y, wx, wy);
-  TOpenGLView& view = viewer.GetOpenGLView();
-  const TOpenGLVector p = view.ProjectPoint(TVImageForm::WorldToModel(wx, wy));
-  return {static_cast<int>(p.X), static_cast<int>(view.GetHeight() - p.Y)};
-}
 
 /// The topmost strongly red pixel of each column (-1 where there is none): the first curve of a graph
 /// viewer is drawn in red.
