@@ -11,6 +11,10 @@
 #include <mutex>
 #include <random>
 #include <sstream>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <vector>
 
 // ---------------------------------------------------------------------------------------------
@@ -390,4 +394,25 @@ std::string SubtractDoubleArrayFromIntArrayTest() {
          for (int i = 0; i < n; ++i) a[i] -= static_cast<int>(b[i]);
        });
   return s.str();
+}
+
+bool AllFinite(const float* values, int64_t n) {
+  // A value is NaN or infinite exactly when its exponent bits are all set.
+  constexpr uint32_t kExponent = 0x7f800000u;
+  int64_t i = 0;
+#if defined(__SSE2__)
+  const __m128i exponent = _mm_set1_epi32(static_cast<int>(kExponent));
+  __m128i found = _mm_setzero_si128();
+  for (; i + 4 <= n; i += 4) {
+    const __m128i bits = _mm_loadu_si128(reinterpret_cast<const __m128i*>(values + i));
+    found = _mm_or_si128(found, _mm_cmpeq_epi32(_mm_and_si128(bits, exponent), exponent));
+  }
+  if (_mm_movemask_epi8(found) != 0) return false;
+#endif
+  for (; i < n; ++i) {
+    uint32_t bits;
+    std::memcpy(&bits, values + i, sizeof bits);
+    if ((bits & kExponent) == kExponent) return false;
+  }
+  return true;
 }

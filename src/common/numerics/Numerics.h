@@ -57,6 +57,8 @@ double GetInterpolatedBufferValue(const double* values, int n, double fraction);
 float GetInterpolatedBufferValue(const float* values, int n, double fraction);
 /// Relative position (0..1) at which a rising array reaches value.
 float GetInterpolatedBufferIndexPercentage(const float* values, int n, float value);
+/// True when none of the n values is NaN or infinite; four values at a time where the processor has vectors.
+bool AllFinite(const float* values, int64_t n);
 int ConvertIndexToPeriodicInterval(int i, int n);
 int ConvertIndexToMirrorPeriodicInterval(int i, int n);
 float GetValueFromArrayContinueBorder(int i, const float* values, int n);

@@ -1,6 +1,7 @@
 #include "tools/spectral/Graphfilterdialog.h"
 
 #include "common/OrvexException.h"
+#include "common/numerics/Numerics.h"
 #include "common/threads/Multicorecalc.h"
 #include "data/Dgraph.h"
 #include "project/Project.h"
@@ -34,7 +35,7 @@ bool ReadLine(const TDGraph& input, int y, float* buffer, std::string& problem) 
   for (int32_t x = 0; x < input.GetSizeX(); ++x) {
     float* spectrum = buffer + static_cast<size_t>(x) * length;
     input.GetSpectrum(x, y, spectrum, true);
-    if (!valid || !problem.empty()) continue;
+    if (!valid || !problem.empty() || AllFinite(spectrum, length)) continue;
     for (int32_t g = 0; g < length; ++g) {
       if (std::isfinite(spectrum[g])) continue;
       problem = GraphName(input) + ": the value at pixel (" + std::to_string(x) + ", " + std::to_string(y) +

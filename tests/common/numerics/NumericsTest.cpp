@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -387,3 +388,23 @@ TEST(Dithering, SumsArePreserved) {
 }
 
 } // namespace
+
+TEST(AllFinite, FindsNaNAndInfinitiesAtEveryPlaceOfTheVectorAndTheTail) {
+  const float specials[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::quiet_NaN()};
+  for (int64_t n : {1, 3, 4, 5, 8, 11}) {
+    std::vector<float> values(static_cast<size_t>(n), 1.0f);
+    // The largest finite values and the smallest subnormal are finite.
+    values[0] = std::numeric_limits<float>::max();
+    values[static_cast<size_t>(n - 1)] = -std::numeric_limits<float>::denorm_min();
+    EXPECT_TRUE(AllFinite(values.data(), n)) << n;
+    for (int64_t at = 0; at < n; ++at)
+      for (float special : specials) {
+        std::vector<float> bad = values;
+        bad[static_cast<size_t>(at)] = special;
+        EXPECT_FALSE(AllFinite(bad.data(), n)) << special << " at " << at << " of " << n;
+      }
+  }
+  EXPECT_TRUE(AllFinite(nullptr, 0));
+}
