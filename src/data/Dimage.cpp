@@ -391,7 +391,8 @@ TTagError TDImage::LoadDataFromTagFile(TFileHandle file, const TTagControl& pare
   t.LoadOrDefaultIntTag(file, "ZInterpretationID", own, &FZInterpretationID, 1, 0);
   // Line arrays must hold size Y values: refuse sizes the tags can't back before allocating.
   TTagControl probe;
-  if (probe.FindTag(file, "LineValid", own) < 1 || probe.End() - probe.Begin() < sizeY)
+  if (probe.FindTag(file, "LineValid", own) < 1 || probe.End() - probe.Begin() < sizeY ||
+      probe.End() > FileSize(file))
     return teReadFileError;
   FSizeX = sizeX;
   FSizeY = sizeY;
