@@ -10,6 +10,7 @@
 #include "frame/Qttoolwindow.h"
 #include "frame/Qtviewerwindow.h"
 #include "project/Project.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestSupport.h"
 #include "tools/Registertools.h"
 #include "tools/image/Imagefourierfilter.h"
@@ -47,11 +48,7 @@ protected:
     RegisterDataClasses();
     RegisterViewers();
     RegisterAllTools();
-    auto space = std::make_unique<TDSpaceTransformation>();
-    space->SetID(FProject.GetNewDataID());
-    space->ViewPort().SetScale({0.1, 0.1, 1});
-    const int32_t spaceID = space->GetID();
-    FProject.AddData(std::move(space));
+    const int32_t spaceID = oxtest::AddSpaceTransformation(FProject, {0.1, 0.1, 1});
     auto image = std::make_unique<TDImage>();
     image->SetID(FProject.GetNewDataID());
     image->SetCaption("Stripes");

@@ -15,6 +15,7 @@
 #include "frame/Viewexport.h"
 #include "imaging/Rasterfile.h"
 #include "project/Project.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
 #include "viewers/Vmultigraph.h"
@@ -87,11 +88,7 @@ protected:
     spectral->SetInterpretationID(interpretationID);
     const int32_t spectralID = spectral->GetID();
     FProject.AddData(std::move(spectral));
-    auto space = std::make_unique<TDSpaceTransformation>();
-    space->SetID(FProject.GetNewDataID());
-    space->ViewPort().SetScale({1.5, 1.5, 1.0});
-    FSpace = space->GetID();
-    FProject.AddData(std::move(space));
+    FSpace = oxtest::AddSpaceTransformation(FProject, {1.5, 1.5, 1.0});
     // A 3 x 2 stack: spectrum (x, y) is a Lorentzian of width 3 rel. 1/cm at the sample nearest to
     // 900 + 100 x + 50 y rel. 1/cm, height 100 + 10 x, over a background of 5.
     auto graph = std::make_unique<TDGraph>();

@@ -15,6 +15,7 @@
 #include "imaging/Rasterfile.h"
 #include "project/Demodataset.h"
 #include "project/Project.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
@@ -77,12 +78,7 @@ protected:
     RegisterViewers();
     oxtest::EnsureMemoryStrategy();
     // Square pixels of 0.5 µm, so that the picture keeps the image's proportions.
-    auto space = std::make_unique<TDSpaceTransformation>();
-    space->SetID(FProject.GetNewDataID());
-    space->ViewPort().SetScale({0.5, 0.5, 1});
-    space->ViewPort().SetWorldOrigin({-3, 2, 0});
-    FSpaceID = space->GetID();
-    FProject.AddData(std::move(space));
+    FSpaceID = oxtest::AddSpaceTransformation(FProject, {0.5, 0.5, 1}, {-3, 2, 0});
     auto image = std::make_unique<TDImage>();
     image->SetID(FProject.GetNewDataID());
     image->SetCaption("Gradient");

@@ -13,6 +13,7 @@
 #include "data/Registerdata.h"
 #include "opengl/Openglobjects.h"
 #include "project/Project.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
@@ -34,12 +35,7 @@ protected:
     RegisterViewers();
     oxtest::EnsureMemoryStrategy();
     // Pixels of 0.5 × 0.25 µm; pixel (0, 0) at world (10, 20).
-    auto space = std::make_unique<TDSpaceTransformation>();
-    space->SetID(FProject.GetNewDataID());
-    space->ViewPort().SetScale({0.5, 0.25, 1});
-    space->ViewPort().SetWorldOrigin({10, 20, 0});
-    FSpaceID = space->GetID();
-    FProject.AddData(std::move(space));
+    FSpaceID = oxtest::AddSpaceTransformation(FProject, {0.5, 0.25, 1}, {10, 20, 0});
     FImageID = AddImage([](int32_t x, int32_t y) { return float(x + 10 * y); });
   }
 
@@ -561,12 +557,7 @@ TEST_F(VimageTest, BoxLineAndCircleMarkersAndTheirWorldSizes) {
 
 TEST_F(VimageTest, TransformationOutlinesFollowTheirObjectsAndRoundTrip) {
   // A second area: a 4 × 2 pixel image of 1 µm pixels at world (11, 20.5).
-  auto other = std::make_unique<TDSpaceTransformation>();
-  other->SetID(FProject.GetNewDataID());
-  other->ViewPort().SetScale({1, 1, 1});
-  other->ViewPort().SetWorldOrigin({11, 20.5, 0});
-  const int32_t otherID = other->GetID();
-  FProject.AddData(std::move(other));
+  const int32_t otherID = oxtest::AddSpaceTransformation(FProject, {1, 1, 1}, {11, 20.5, 0});
   const int32_t savedSpace = FSpaceID;
   FSpaceID = otherID;
   AddImage([](int32_t, int32_t) { return 0.0f; }, 4, 2);
@@ -625,12 +616,7 @@ TEST_F(VimageTest, ATallWindowKeepsTheWorldsAspectAndLeavesBandsOnlyAboveAndBelo
 TEST_F(VimageTest, SynchronisedZoomShowsTheSameWorldAreaInTheOtherViewer) {
   // A second image of the same area with pixels half as large: 16 × 12 pixels of 0.25 × 0.125 µm whose
   // pixel (0, 0) lies at world (9.875, 19.9375), so that its pixel edges meet the first image's.
-  auto fine = std::make_unique<TDSpaceTransformation>();
-  fine->SetID(FProject.GetNewDataID());
-  fine->ViewPort().SetScale({0.25, 0.125, 1});
-  fine->ViewPort().SetWorldOrigin({9.875, 19.9375, 0});
-  const int32_t fineID = fine->GetID();
-  FProject.AddData(std::move(fine));
+  const int32_t fineID = oxtest::AddSpaceTransformation(FProject, {0.25, 0.125, 1}, {9.875, 19.9375, 0});
   const int32_t savedSpace = FSpaceID;
   FSpaceID = fineID;
   const int32_t fineImage = AddImage([](int32_t x, int32_t y) { return float(x * y); }, 16, 12);

@@ -14,6 +14,7 @@
 #include "project/Graphmasktoolbar.h"
 #include "project/Project.h"
 #include "project/Viewerwindow.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
@@ -80,10 +81,7 @@ protected:
     spectral->SetInterpretationID(FInterpretation);
     FSpectral = spectral->GetID();
     FProject.AddData(std::move(spectral));
-    auto space = std::make_unique<TDSpaceTransformation>();
-    space->SetID(FProject.GetNewDataID());
-    FSpace = space->GetID();
-    FProject.AddData(std::move(space));
+    FSpace = oxtest::AddSpaceTransformation(FProject);
     // Spectrum (0, 0) holds the bands, spectrum (1, 0) the same shifted up by 100 rel. 1/cm.
     FGraph = AddGraph("Bands", 2, [](int32_t x, double shift) {
       double v = 10;

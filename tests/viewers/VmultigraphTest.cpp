@@ -15,6 +15,7 @@
 #include "opengl/Openglgraph.h"
 #include "opengl/Openglobjects.h"
 #include "project/Project.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
@@ -67,12 +68,7 @@ protected:
     spectral->SetInterpretationID(scan.Interpretation);
     scan.XTransformation = spectral->GetID();
     project.AddData(std::move(spectral));
-    auto space = std::make_unique<TDSpaceTransformation>();
-    space->SetID(project.GetNewDataID());
-    space->ViewPort().SetScale({2.0, 2.0, 1.0});
-    space->ViewPort().SetWorldOrigin({10.0, 20.0, 0.0});
-    scan.Space = space->GetID();
-    project.AddData(std::move(space));
+    scan.Space = oxtest::AddSpaceTransformation(project, {2.0, 2.0, 1.0}, {10.0, 20.0, 0.0});
     scan.Graph = AddGraph(project, scan, sx, sy, sg, "Scan");
     return scan;
   }

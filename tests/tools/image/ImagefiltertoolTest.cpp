@@ -13,6 +13,7 @@
 #include "data/Registerdata.h"
 #include "project/Orvexdirectories.h"
 #include "project/Project.h"
+#include "support/SpaceTransformation.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 
@@ -220,11 +221,7 @@ TEST_F(ImageFilterToolTest, SobelGivesOneImagePerChosenOutputInPixelOrSpaceSteps
   EXPECT_EQ(Run(tool, {"Mode=Sobel", "SobelGxCheckBox=false", "SobelGCheckBox=false"}, {id}).size(), 2u);
 
   // Space based: a calibrated 0.5 x 0.25 µm pixel divides Gx by 0.5 and Gy by 0.25.
-  auto space = std::make_unique<TDSpaceTransformation>();
-  space->SetID(FProject.GetNewDataID());
-  space->ViewPort().SetScale({0.5, 0.25, 1.0});
-  const int32_t spaceID = space->GetID();
-  FProject.AddData(std::move(space));
+  const int32_t spaceID = oxtest::AddSpaceTransformation(FProject, {0.5, 0.25, 1.0});
   Image(id).SetSpaceTransformationID(spaceID);
   TImageFilterForm spaced;
   const TIntList ids = Run(

@@ -4,6 +4,7 @@
 #include "../../tools/spectral/slow/LargeMapSupport.h"
 #include "common/Standardmessage.h"
 #include "data/Dtransformation.h"
+#include "support/SpaceTransformation.h"
 #include "viewers/Viewershow.h"
 #include "viewers/Vmultigraph.h"
 
@@ -32,10 +33,7 @@ TEST(GraphViewerLargeStackTest, StepsHundredSpectraReadingOnlyWhatItShows) {
   const int32_t id = oxtest::AddLargeMap(project, [](int32_t x, int32_t y, int32_t g) {
     return static_cast<float>(x + oxtest::kLargeMapSize * y + g);
   });
-  auto space = std::make_unique<TDSpaceTransformation>();
-  space->SetID(project.GetNewDataID());
-  const int32_t spaceID = space->GetID();
-  project.AddData(std::move(space));
+  const int32_t spaceID = oxtest::AddSpaceTransformation(project);
   dynamic_cast<TDGraph*>(project.FindData(id))->SetSpaceTransformationID(spaceID);
 
   const double residentBefore = oxtest::ResidentMiB();
