@@ -9,8 +9,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <string>
+#include <utility>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace {
 
@@ -54,6 +61,95 @@ void BridgeGaps(const float* in, float* out, int n, TKeep keep) {
   }
 }
 
+// The per-spectrum loops of the fast methods run over thousands of points for every spectrum of a map,
+// so they are written four floats (two doubles) at a time where the processor has vectors; the plain
+// loops after them take the remaining points and are the whole code elsewhere.
+
+#if defined(__SSE2__)
+// Four mask flags as lanes of all ones (set) or all zeros (clear).
+inline __m128 MaskLanes(const bool* mask) {
+  int32_t bytes;
+  std::memcpy(&bytes, mask, sizeof bytes);
+  const __m128i zero = _mm_setzero_si128();
+  __m128i lanes = _mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero);
+  lanes = _mm_unpacklo_epi16(lanes, zero);
+  return _mm_castsi128_ps(_mm_cmpgt_epi32(lanes, zero));
+}
+
+// Two floats widened to doubles.
+inline __m128d LoadTwoAsDouble(const float* values) {
+  return _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(values))));
+}
+
+// y - b inside the change mask, 0 outside, for four points; a non-finite y outside the mask gives 0 too.
+inline void StoreBackgroundAndResult(const float* y, const bool* changeMask, __m128 b, float* background,
+                                     float* result) {
+  _mm_storeu_ps(background, b);
+  _mm_storeu_ps(result, _mm_and_ps(_mm_sub_ps(_mm_loadu_ps(y), b), MaskLanes(changeMask)));
+}
+#endif
+
+// rhs[j] = sum over i of basis row j times values, rows of n points; m rows in registers at once.
+template <int M>
+void MaskedBasisSumsOf(const double* basis, int n, const float* values, double* rhs) {
+  int i = 0;
+#if defined(__SSE2__)
+  __m128d sums[M];
+  for (int j = 0; j < M; ++j) sums[j] = _mm_setzero_pd();
+  // The rows spelled out one by one (not a loop), so that the sums stay in registers.
+  const auto addRows = [&]<size_t... J>(std::index_sequence<J...>, const __m128d v, int at) {
+    ((sums[J] = _mm_add_pd(sums[J], _mm_mul_pd(_mm_loadu_pd(basis + J * static_cast<size_t>(n) + at), v))),
+     ...);
+  };
+  for (; i + 2 <= n; i += 2) addRows(std::make_index_sequence<M>(), LoadTwoAsDouble(values + i), i);
+  for (int j = 0; j < M; ++j) {
+    double lanes[2];
+    _mm_storeu_pd(lanes, sums[j]);
+    rhs[j] = lanes[0] + lanes[1];
+  }
+#else
+  for (int j = 0; j < M; ++j) rhs[j] = 0.0;
+#endif
+  for (; i < n; ++i)
+    for (int j = 0; j < M; ++j) rhs[j] += basis[static_cast<size_t>(j) * n + i] * values[i];
+}
+
+// The polynomial with coefficients c (m of them) at every mapped index t, by Horner's rule, into out.
+template <int M>
+void EvaluatePolynomialOf(const double* t, int n, const double* c, float* out) {
+  int i = 0;
+#if defined(__SSE2__)
+  for (; i + 2 <= n; i += 2) {
+    const __m128d x = _mm_loadu_pd(t + i);
+    __m128d w = _mm_set1_pd(c[M - 1]);
+    for (int j = M - 2; j >= 0; --j) w = _mm_add_pd(_mm_mul_pd(w, x), _mm_set1_pd(c[j]));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), _mm_castps_si128(_mm_cvtpd_ps(w)));
+  }
+#endif
+  for (; i < n; ++i) {
+    double w = c[M - 1];
+    for (int j = M - 2; j >= 0; --j) w = w * t[i] + c[j];
+    out[i] = static_cast<float>(w);
+  }
+}
+
+// The number of rows as a template argument keeps the sums in registers.
+template <int M = 1>
+void MaskedBasisSums(const double* basis, int n, int m, const float* values, double* rhs) {
+  if constexpr (M <= TPolynomialBackgroundFit::kMaximumOrder + 1) {
+    if (m == M) return MaskedBasisSumsOf<M>(basis, n, values, rhs);
+    MaskedBasisSums<M + 1>(basis, n, m, values, rhs);
+  }
+}
+
+template <int M = 1>
+void EvaluatePolynomial(const double* t, int n, int m, const double* c, float* out) {
+  if constexpr (M <= TPolynomialBackgroundFit::kMaximumOrder + 1) {
+    if (m == M) return EvaluatePolynomialOf<M>(t, n, c, out);
+    EvaluatePolynomial<M + 1>(t, n, m, c, out);
+  }
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -73,13 +169,13 @@ bool TPolynomialBackgroundFit::Prepare(int length, const bool* fitMask, int orde
   // rounding may hide from the pivot test.
   if (FFitCount < m) return false;
 
-  FBasis.assign(static_cast<size_t>(m) * length, 0.0);
+  FMapped.assign(length, 0.0);
   FMaskedBasis.assign(static_cast<size_t>(m) * length, 0.0);
   for (int i = 0; i < length; ++i) {
     const long double t = MappedIndex(i, length);
+    FMapped[i] = static_cast<double>(t);
     long double p = 1.0L;
     for (int j = 0; j < m; ++j) {
-      FBasis[static_cast<size_t>(j) * length + i] = static_cast<double>(p);
       FMaskedBasis[static_cast<size_t>(j) * length + i] = fitMask[i] ? static_cast<double>(p) : 0.0;
       p *= t;
     }
@@ -106,28 +202,29 @@ bool TPolynomialBackgroundFit::Prepare(int length, const bool* fitMask, int orde
   return true;
 }
 
-void TPolynomialBackgroundFit::Fit(const float* values, float* out, long double* coefficients,
-                                   double* work) const {
+void TPolynomialBackgroundFit::Fit(const float* values, float* out, long double* coefficients) const {
   if (!FPrepared) throw OrvexException("TPolynomialBackgroundFit::Fit: the fit is not prepared");
   const int m = FOrder + 1, n = FLength;
-  // The right-hand side over the masked basis (zero outside the fit mask); a point with a zero basis value
-  // adds nothing, so a NaN outside the fit mask stays out of the fit. The sums of at most a few thousand
+  // The right-hand side over the masked basis (zero outside the fit mask). When every value is finite the
+  // products are summed without looking at the mask; otherwise a point with a zero basis value adds
+  // nothing, so a NaN outside the fit mask stays out of the fit. The sums of at most a few thousand
   // products of magnitude up to |y| stay far inside double precision.
-  for (int j = 0; j < m; ++j) {
-    const double* basis = FMaskedBasis.data() + static_cast<size_t>(j) * n;
-    double r = 0.0;
-    for (int i = 0; i < n; ++i) r += basis[i] != 0.0 ? basis[i] * values[i] : 0.0;
-    coefficients[j] = r;
+  double rhs[kMaximumOrder + 1];
+  if (AllFinite(values, n)) {
+    MaskedBasisSums(FMaskedBasis.data(), n, m, values, rhs);
+  } else {
+    for (int j = 0; j < m; ++j) {
+      const double* basis = FMaskedBasis.data() + static_cast<size_t>(j) * n;
+      double r = 0.0;
+      for (int i = 0; i < n; ++i) r += basis[i] != 0.0 ? basis[i] * values[i] : 0.0;
+      rhs[j] = r;
+    }
   }
+  for (int j = 0; j < m; ++j) coefficients[j] = rhs[j];
   lubksb(FMatrix.data(), m, FIndex.data(), coefficients);
-  const double c0 = static_cast<double>(coefficients[0]);
-  for (int i = 0; i < n; ++i) work[i] = c0;
-  for (int j = 1; j < m; ++j) {
-    const double c = static_cast<double>(coefficients[j]);
-    const double* basis = FBasis.data() + static_cast<size_t>(j) * n;
-    for (int i = 0; i < n; ++i) work[i] += c * basis[i];
-  }
-  for (int i = 0; i < n; ++i) out[i] = static_cast<float>(work[i]);
+  double c[kMaximumOrder + 1];
+  for (int j = 0; j < m; ++j) c[j] = static_cast<double>(coefficients[j]);
+  EvaluatePolynomial(FMapped.data(), n, m, c, out);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -138,7 +235,6 @@ TBackgroundScratch::TBackgroundScratch(int length) : FLength(length) {
     throw OrvexException("TBackgroundScratch::TBackgroundScratch: length " + std::to_string(length) +
                          " is below 1");
   for (auto* v : {&Work, &Fit, &PreviousFit, &Noise, &Mean}) v->assign(length, 0.0f);
-  DoubleWork.assign(length, 0.0);
   PointX.reserve(length + 2);
   PointY.reserve(length + 2);
   Coefficients.assign(TPolynomialBackgroundFit::kMaximumOrder + 1, 0.0L);
@@ -190,10 +286,17 @@ bool TBackgroundScratch::NoiseSpectrum(const float* y, float* noise) {
 
 void ApplyBackground(int length, const float* y, const bool* changeMask, const float* background,
                      float* result) {
-  for (int i = 0; i < length; ++i) result[i] = changeMask[i] ? y[i] - background[i] : 0.0f;
+  int i = 0;
+#if defined(__SSE2__)
+  for (; i + 4 <= length; i += 4)
+    _mm_storeu_ps(result + i, _mm_and_ps(_mm_sub_ps(_mm_loadu_ps(y + i), _mm_loadu_ps(background + i)),
+                                         MaskLanes(changeMask + i)));
+#endif
+  for (; i < length; ++i) result[i] = changeMask[i] ? y[i] - background[i] : 0.0f;
 }
 
 bool FitMaskValuesAreFinite(int length, const float* y, const bool* fitMask) {
+  if (AllFinite(y, length)) return true;
   for (int i = 0; i < length; ++i)
     if (fitMask[i] && !std::isfinite(y[i])) return false;
   return true;
@@ -206,9 +309,25 @@ TBackgroundStatus ConstantBackground(int length, const float* y, const bool* fit
     FillNaN(length, background, result);
     return TBackgroundStatus::NotFinite;
   }
-  for (int i = 0; i < length; ++i)
+  int i = 0;
+#if defined(__SSE2__)
+  if (reference) {
+    const __m128d c = _mm_set1_pd(constant);
+    for (; i + 4 <= length; i += 4) {
+      const __m128 low = _mm_cvtpd_ps(_mm_add_pd(c, LoadTwoAsDouble(reference + i)));
+      const __m128 high = _mm_cvtpd_ps(_mm_add_pd(c, LoadTwoAsDouble(reference + i + 2)));
+      StoreBackgroundAndResult(y + i, changeMask + i, _mm_movelh_ps(low, high), background + i, result + i);
+    }
+  } else {
+    const __m128 b = _mm_set1_ps(static_cast<float>(constant));
+    for (; i + 4 <= length; i += 4)
+      StoreBackgroundAndResult(y + i, changeMask + i, b, background + i, result + i);
+  }
+#endif
+  for (; i < length; ++i) {
     background[i] = static_cast<float>(constant + (reference ? static_cast<double>(reference[i]) : 0.0));
-  ApplyBackground(length, y, changeMask, background, result);
+    result[i] = changeMask[i] ? y[i] - background[i] : 0.0f;
+  }
   return TBackgroundStatus::Done;
 }
 
@@ -218,16 +337,34 @@ TBackgroundStatus MinimumBackground(int length, const float* y, const bool* fitM
     FillNaN(length, background, result);
     return TBackgroundStatus::NotFinite;
   }
-  bool any = false;
-  float minimum = 0.0f;
-  for (int i = 0; i < length; ++i) {
-    if (!fitMask[i]) continue;
-    if (!any || y[i] < minimum) minimum = y[i];
-    any = true;
+  // Points outside the fit mask count as +Inf; the fit-mask values are finite, so the minimum stays
+  // infinite exactly when the fit mask is empty.
+  constexpr float kNone = std::numeric_limits<float>::infinity();
+  float minimum = kNone;
+  int i = 0;
+#if defined(__SSE2__)
+  const __m128 none = _mm_set1_ps(kNone);
+  __m128 lanes = none;
+  for (; i + 4 <= length; i += 4) {
+    const __m128 in = MaskLanes(fitMask + i);
+    lanes = _mm_min_ps(lanes, _mm_or_ps(_mm_and_ps(in, _mm_loadu_ps(y + i)), _mm_andnot_ps(in, none)));
   }
-  const float b = any ? static_cast<float>(minimum + offset) : 0.0f;
-  std::fill(background, background + length, b);
-  ApplyBackground(length, y, changeMask, background, result);
+  float four[4];
+  _mm_storeu_ps(four, lanes);
+  minimum = std::min(std::min(four[0], four[1]), std::min(four[2], four[3]));
+#endif
+  for (; i < length; ++i)
+    if (fitMask[i] && y[i] < minimum) minimum = y[i];
+  const float b = minimum != kNone ? static_cast<float>(minimum + offset) : 0.0f;
+  i = 0;
+#if defined(__SSE2__)
+  for (; i + 4 <= length; i += 4)
+    StoreBackgroundAndResult(y + i, changeMask + i, _mm_set1_ps(b), background + i, result + i);
+#endif
+  for (; i < length; ++i) {
+    background[i] = b;
+    result[i] = changeMask[i] ? y[i] - b : 0.0f;
+  }
   return TBackgroundStatus::Done;
 }
 
@@ -241,7 +378,7 @@ TBackgroundStatus PolynomialBackground(const TPolynomialBackgroundFit& fit, cons
     FillNaN(n, background, result);
     return TBackgroundStatus::NotFinite;
   }
-  fit.Fit(y, background, scratch.Coefficients.data(), scratch.DoubleWork.data());
+  fit.Fit(y, background, scratch.Coefficients.data());
   ApplyBackground(n, y, changeMask, background, result);
   return TBackgroundStatus::Done;
 }
@@ -268,7 +405,7 @@ TBackgroundStatus AutoPolynomialBackground(const TPolynomialBackgroundFit& fit, 
   double d = 0, previousD = 0;
   int r = 0;
   for (; r < std::max(1, settings.MaximumRounds); ++r) {
-    fit.Fit(w, p, scratch.Coefficients.data(), scratch.DoubleWork.data());
+    fit.Fit(w, p, scratch.Coefficients.data());
     if (r > 0) {
       previousD = d;
       d = 0;

@@ -54,9 +54,8 @@ public:
   int FitMaskCount() const { return FFitCount; }
 
   /// The fitted polynomial through values at the fit-mask pixels, evaluated at every pixel into out.
-  /// coefficients needs Order() + 1 entries of scratch (it receives the coefficients in the mapped index),
-  /// work Length() doubles.
-  void Fit(const float* values, float* out, long double* coefficients, double* work) const;
+  /// coefficients needs Order() + 1 entries of scratch; it receives the coefficients in the mapped index.
+  void Fit(const float* values, float* out, long double* coefficients) const;
 
 private:
   bool FPrepared = false;
@@ -64,7 +63,7 @@ private:
   std::unique_ptr<bool[]> FFitMask;
   std::vector<long double> FMatrix; ///< LU of the normal matrix, (order+1)^2
   std::vector<int> FIndex;
-  std::vector<double> FBasis;       ///< t^j at every pixel, row j at j * length
+  std::vector<double> FMapped;      ///< the pixel index mapped to [-1, 1]
   std::vector<double> FMaskedBasis; ///< the same, zero outside the fit mask
 };
 
@@ -94,7 +93,6 @@ public:
 
   std::vector<float> Work, Fit, PreviousFit, Noise, Mean, PointX, PointY, Extended;
   std::vector<long double> Coefficients;
-  std::vector<double> DoubleWork;
 
 private:
   int FLength;

@@ -2,6 +2,7 @@
 
 #include "common/OrvexException.h"
 #include "common/Standardmessage.h"
+#include "common/numerics/Numerics.h"
 #include "common/threads/Multicorecalc.h"
 #include "data/Dgraph.h"
 #include "project/Graphmask.h"
@@ -246,6 +247,8 @@ TBackgroundStatus TGraphBackgroundSubtractionForm::Process(const TJob& job, cons
                                                            TBackgroundScratch& scratch,
                                                            std::vector<float>& clean) {
   const int n = job.Length;
+  // The usual spectrum is finite throughout and goes straight to the estimate.
+  if (AllFinite(spectrum, n)) return Estimate(job, spectrum, background, result, scratch);
   // NaN or Inf outside the fit mask must not reach the estimate (a product with a zero weight is still
   // NaN): the estimate sees 0 there, and the result keeps the point's own value minus the background.
   bool outsideNotFinite = false;

@@ -5,6 +5,7 @@
 
 #include "common/OrvexException.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -106,6 +107,72 @@ TEST(BackgroundConstantMinimum, ExactValuesAndMasks) {
   for (int i = 0; i < n; ++i) EXPECT_EQ(b[i], 2.25f);
   EXPECT_EQ(r[0], 0.75f);
   EXPECT_EQ(r[2], 0.0f);
+}
+
+// The kernels work four points at a time with a point-by-point tail: every length from 1 to 13 with
+// scattered masks must give what the point-by-point rules give, whichever lane a point falls in.
+TEST(BackgroundConstantMinimum, EveryLengthAndMaskPattern) {
+  std::mt19937 random(7);
+  std::uniform_real_distribution<float> value(-50.0f, 50.0f);
+  const float inf = std::numeric_limits<float>::infinity();
+  for (int n = 1; n <= 13; ++n) {
+    for (int pattern = 0; pattern < 6; ++pattern) {
+      std::vector<float> y(n), reference(n), b(n), r(n);
+      TBoolArray fit(n), change(n);
+      for (int i = 0; i < n; ++i) {
+        y[i] = value(random);
+        reference[i] = value(random);
+        fit[i] = (random() % 3) != 0;
+        change[i] = (random() % 2) != 0;
+      }
+      // A non-finite value outside both masks must not reach the result.
+      const int outside = static_cast<int>(random() % n);
+      fit[outside] = change[outside] = false;
+      y[outside] = pattern % 2 ? inf : -inf;
+
+      ASSERT_EQ(ConstantBackground(n, y.data(), fit, change, 1.5, reference.data(), b.data(), r.data()),
+                TBackgroundStatus::Done);
+      for (int i = 0; i < n; ++i) {
+        const float expected = static_cast<float>(1.5 + static_cast<double>(reference[i]));
+        ASSERT_EQ(b[i], expected) << n << " " << i;
+        ASSERT_EQ(r[i], change[i] ? y[i] - expected : 0.0f) << n << " " << i;
+      }
+      ASSERT_EQ(MinimumBackground(n, y.data(), fit, change, -0.5, b.data(), r.data()),
+                TBackgroundStatus::Done);
+      float minimum = inf;
+      for (int i = 0; i < n; ++i)
+        if (fit[i]) minimum = std::min(minimum, y[i]);
+      const float expected = minimum == inf ? 0.0f : static_cast<float>(minimum - 0.5);
+      for (int i = 0; i < n; ++i) {
+        ASSERT_EQ(b[i], expected) << n << " " << i;
+        ASSERT_EQ(r[i], change[i] ? y[i] - expected : 0.0f) << n << " " << i;
+      }
+      ApplyBackground(n, y.data(), change, reference.data(), r.data());
+      for (int i = 0; i < n; ++i) ASSERT_EQ(r[i], change[i] ? y[i] - reference[i] : 0.0f) << n << " " << i;
+    }
+  }
+}
+
+// The polynomial's sums run two points at a time and its evaluation two at a time: odd lengths and every
+// order must still meet the long-double reference.
+TEST(BackgroundPolynomial, OddLengthsEveryOrder) {
+  for (int n : {11, 12, 13, 37}) {
+    for (int order = 0; order <= 9 && order < n - 1; ++order) {
+      std::vector<float> y(n), b(n), r(n);
+      for (int i = 0; i < n; ++i) y[i] = static_cast<float>(10.0 + 3.0 * std::sin(0.7 * i) + 0.05 * i * i);
+      TBoolArray fit(n), change(n);
+      fit[n / 2] = false;
+      TBackgroundScratch scratch(n);
+      TPolynomialBackgroundFit poly;
+      ASSERT_TRUE(poly.Prepare(n, fit, order)) << n << " " << order;
+      ASSERT_EQ(PolynomialBackground(poly, y.data(), change, b.data(), r.data(), scratch),
+                TBackgroundStatus::Done);
+      const std::vector<long double> expected = ReferencePolynomial(y, fit, order);
+      for (int i = 0; i < n; ++i)
+        ASSERT_NEAR(b[i], static_cast<double>(expected[i]), 2e-5 * (1.0 + std::fabs(double(expected[i]))))
+            << n << " " << order << " " << i;
+    }
+  }
 }
 
 TEST(BackgroundConstantMinimum, EmptyMasks) {
