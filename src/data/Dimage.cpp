@@ -296,11 +296,16 @@ void TDImage::CalculateLineInformation(int32_t y) {
 }
 
 void TDImage::CalculateLineInformationForAllValidLines() {
+  for (int32_t y = 0; y < FSizeY; ++y)
+    if (GetLineValid(y) && GetLineChanged(y)) CalculateLineInformation(y);
+  CalculateImageStatistics();
+}
+
+void TDImage::CalculateImageStatistics() {
   double sum = 0, squares = 0;
   int64_t validLines = 0;
   for (int32_t y = 0; y < FSizeY; ++y) {
     if (!GetLineValid(y)) continue;
-    if (GetLineChanged(y)) CalculateLineInformation(y);
     sum += FLineSum[static_cast<size_t>(y)];
     squares += FLineSumSqr[static_cast<size_t>(y)];
     ++validLines;

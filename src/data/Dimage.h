@@ -71,8 +71,13 @@ public:
                                                   const float* values);
 
   /// @{ Statistics of the valid lines.
+  /// The fit line, average, sum and sum of squares of line y. Lines are independent: threads may
+  /// calculate distinct lines of one image at the same time.
   void CalculateLineInformation(int32_t y);
+  /// Recalculates every valid changed line, then CalculateImageStatistics.
   void CalculateLineInformationForAllValidLines();
+  /// Average and deviation of the image from the line information of its valid lines, as it stands.
+  void CalculateImageStatistics();
   double GetAverage() const { return FAverage; }
   double GetDeviation() const { return FDeviation; }
   double GetLineAverage(int32_t y) const { return FLineAverage[static_cast<size_t>(y)]; }

@@ -117,6 +117,28 @@ TAdvancedFitScratch::TAdvancedFitScratch(const TAdvancedFitInput& input)
   Errors.assign(np, 0.0);
 }
 
+namespace {
+
+/// The user's form of count results of np parameters, in place: for each good fit the native values and
+/// errors become the parameters and their errors (transform) and are put in the function's order (sort);
+/// failed fits stay as they are. native is scratch of np values.
+void TransformSortResults(const TFitFunction& f, int np, double* values, double* errors, const bool* good,
+                          int64_t count, bool transform, bool sort, double* native) {
+  for (int64_t e = 0; e < count; ++e) {
+    if (!good[e]) continue;
+    double* v = values + e * np;
+    double* er = errors + e * np;
+    if (transform) {
+      std::copy(v, v + np, native);
+      f.TransformNativeErrorToError(native, er); // needs the native values
+      f.TransformNativeParametersToParameters(v);
+    }
+    if (sort) f.SortParameters(v, er);
+  }
+}
+
+} // namespace
+
 bool FitOneSpectrum(const TAdvancedFitInput& input, void* threadData, const float* spectrum,
                     TAdvancedFitScratch& s, TFitFunctionErrorInfo& info, std::string& message) {
   const int n = input.FitPoints;
@@ -166,6 +188,11 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
       errors(start.size());
   std::vector<TFitFunctionErrorInfo> infos(static_cast<size_t>(kResultBlock));
   std::unique_ptr<bool[]> good(new bool[static_cast<size_t>(kResultBlock)]);
+  std::vector<double> transformedValues, transformedErrors, native(static_cast<size_t>(np));
+  if (input.TransformAndSort) {
+    transformedValues.resize(start.size());
+    transformedErrors.resize(start.size());
+  }
   int64_t blockFirst = first;
   int64_t inBlock = 0;
   auto flush = [&] {
@@ -174,6 +201,14 @@ int64_t FitSpectrumRange(const TAdvancedFitInput& input, int64_t first, int64_t 
     results.StartValues.SetValueArray(index, start.data(), count);
     results.Values.SetValueArray(index, values.data(), count);
     results.Errors.SetValueArray(index, errors.data(), count);
+    if (input.TransformAndSort) {
+      std::copy_n(values.begin(), count, transformedValues.begin());
+      std::copy_n(errors.begin(), count, transformedErrors.begin());
+      TransformSortResults(*input.Function, np, transformedValues.data(), transformedErrors.data(),
+                           good.get(), inBlock, true, true, native.data());
+      results.TransformedValues.SetValueArray(index, transformedValues.data(), count);
+      results.TransformedErrors.SetValueArray(index, transformedErrors.data(), count);
+    }
     results.ErrorInfo.SetValueArray(uint64_t(blockFirst), infos.data(), uint64_t(inBlock));
     results.FitGood.SetValueArray(uint64_t(blockFirst), good.get(), uint64_t(inBlock));
     // Counted per block: a shared counter touched by every thread after every spectrum costs more than a
@@ -500,7 +535,9 @@ TAdvancedFitStatus TAdvancedFittingCore::FitAll(int64_t spectra, int spectrumLen
   // and an unfinished run drops the arrays. Zeroing them first would touch all their memory once more, on
   // this thread alone before the calculation threads start.
   auto results = std::make_unique<TAdvancedFitResultArrays>(spectra, np, false);
-  const TAdvancedFitInput input = MakeInput(spectrumLength, reader);
+  TAdvancedFitInput input = MakeInput(spectrumLength, reader);
+  // The threads transform and sort their own results: no second pass over the arrays.
+  input.TransformAndSort = true;
   std::string lastMessage;
   const bool finished = RunMultiCore("", spectra, [&](TMCC& mcc, int thread, int first, int last) {
     mcc.ThreadProgressMax[static_cast<size_t>(thread)].store(last - first + 1, std::memory_order_relaxed);
@@ -522,8 +559,6 @@ TAdvancedFitStatus TAdvancedFittingCore::FitAll(int64_t spectra, int spectrumLen
   if (!finished) return TAdvancedFitStatus::Cancelled;
   FLastMessage = lastMessage;
   FResults = std::move(results);
-  CopyTransformSortResults(true, true);
-  if (!FResults) return TAdvancedFitStatus::Cancelled;
   return TAdvancedFitStatus::Done;
 }
 
@@ -641,14 +676,8 @@ void TAdvancedFittingCore::CopyTransformSortResults(bool transform, bool sort) {
             v[p] = values.GetNextValue();
             er[p] = errors.GetNextValue();
           }
-          if (good.GetNextValue()) {
-            if (transform) {
-              std::copy(v, v + np, native.begin());
-              f.TransformNativeErrorToError(native.data(), er); // needs the native values
-              f.TransformNativeParametersToParameters(v);
-            }
-            if (sort) f.SortParameters(v, er);
-          }
+          const bool fitGood = good.GetNextValue();
+          TransformSortResults(f, np, v, er, &fitGood, 1, transform, sort, native.data());
           mcc.OverallProgress.fetch_add(1, std::memory_order_relaxed);
           if (++inBlock == kResultBlock) flush();
         }
@@ -785,6 +814,8 @@ std::vector<std::unique_ptr<TDImage>> TAdvancedFittingCore::MultiCoreFillImages(
           line[static_cast<size_t>(x)] = v;
         }
         WriteImageLine(*images[i], y, line.data());
+        // The line's statistics while its values are at hand: no serial pass over every image after.
+        images[i]->CalculateLineInformation(y);
       }
       mcc.OverallProgress.fetch_add(1, std::memory_order_relaxed);
     }
@@ -795,7 +826,7 @@ std::vector<std::unique_ptr<TDImage>> TAdvancedFittingCore::MultiCoreFillImages(
       image->SetLineValid(y, lineValid[static_cast<size_t>(y)]);
       image->SetLineChanged(y, true);
     }
-    image->CalculateLineInformationForAllValidLines();
+    image->CalculateImageStatistics();
   }
   status = TAdvancedFitStatus::Done;
   return images;

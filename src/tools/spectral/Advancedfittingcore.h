@@ -86,6 +86,9 @@ struct TAdvancedFitInput {
   int FitPoints = 0;
   int SpectrumLength = 0;
   TAdvancedFitSpectrumReader ReadSpectrum;
+  /// When set, each thread also writes the transformed and sorted values and errors of its own elements
+  /// (what CopyTransformSortResults(true, true) gives), while they are still at hand.
+  bool TransformAndSort = false;
 };
 
 /// Per-thread working arrays of the fit loop.
@@ -209,8 +212,9 @@ public:
                                               std::string& message) const;
 
   /// Fits every spectrum of the graph: checks mask, rows and memory (Refused, with a one-line message),
-  /// creates the result arrays and runs MultiCoreAdvancedFitting, then CopyTransformSortResults. A cancel
-  /// drops the result arrays. The graph is only read.
+  /// creates the result arrays and runs MultiCoreAdvancedFitting, whose threads also transform and sort
+  /// their own results as CopyTransformSortResults(true, true) would. A cancel drops the result arrays. The
+  /// graph is only read.
   TAdvancedFitStatus FitAll(const TDGraph& graph, std::string& message);
   /// The same on any stack: spectra of spectrumLength points read by reader.
   TAdvancedFitStatus FitAll(int64_t spectra, int spectrumLength, const TAdvancedFitSpectrumReader& reader,

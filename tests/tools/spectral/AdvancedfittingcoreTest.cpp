@@ -439,9 +439,28 @@ TEST_F(AdvancedFittingCoreTest, UserFormAndSortingOfATwoGaussFunction) {
     EXPECT_NEAR(r.TransformedValues.GetValue(5, e), 6.0 * fwhm, 1e-3);
     EXPECT_NEAR(r.TransformedErrors.GetValue(2, e), fwhm * r.Errors.GetValue(5, e), 1e-12);
   }
+  // The run's threads transformed and sorted their results; the separate pass gives the same bytes.
+  const size_t entries = static_cast<size_t>(r.Spectra) * static_cast<size_t>(r.Parameters);
+  std::vector<double> fusedValues(entries), fusedErrors(entries), values(entries), errors(entries);
+  r.TransformedValues.GetValueArray(0, fusedValues.data(), entries);
+  r.TransformedErrors.GetValueArray(0, fusedErrors.data(), entries);
+  core.CopyTransformSortResults(true, true);
+  ASSERT_NE(core.GetResults(), nullptr);
+  core.GetResults()->TransformedValues.GetValueArray(0, values.data(), entries);
+  core.GetResults()->TransformedErrors.GetValueArray(0, errors.data(), entries);
+  EXPECT_EQ(fusedValues, values);
+  EXPECT_EQ(fusedErrors, errors);
+
   TAdvancedFitStatus status;
   auto images = core.MultiCoreFillImages(FProject, raw->GetID(), status);
-  EXPECT_NE(Find(images, "Pair (Fit Gauss: FWHM_0)"), nullptr);
+  TDImage* fwhmImage = Find(images, "Pair (Fit Gauss: FWHM_0)");
+  ASSERT_NE(fwhmImage, nullptr);
+  // Line statistics made by the filling threads equal a fresh pass over the finished image.
+  const double average = fwhmImage->GetAverage(), deviation = fwhmImage->GetDeviation();
+  EXPECT_NEAR(average, 4.0 * fwhm, 1e-3);
+  fwhmImage->CalculateLineInformationForAllValidLines();
+  EXPECT_EQ(fwhmImage->GetAverage(), average);
+  EXPECT_EQ(fwhmImage->GetDeviation(), deviation);
 
   // The curves of the parts: each is the offset plus one peak, so together they give the whole curve.
   core.ExtractFitCurves = true;
