@@ -49,6 +49,14 @@ public:
   static constexpr const char* kStartValuesToValues = ">>";
   static constexpr const char* kResetParams = "Reset Params";
   /// @}
+  /// @{ The preview range: points, start and stop of the fit curve's x axis, its reset to the input's
+  /// axis, and its following of the preview viewer's x cursor.
+  static constexpr const char* kPreviewPoints = "# of Points";
+  static constexpr const char* kPreviewStart = "Preview Start Value";
+  static constexpr const char* kPreviewStop = "Preview Stop Value";
+  static constexpr const char* kResetRange = "Reset Range";
+  static constexpr const char* kListen = "Listen";
+  /// @}
 
   TAdvancedFittingToolForm();
   ~TAdvancedFittingToolForm() override;
@@ -74,7 +82,8 @@ public:
   /// Opens the preview of the first input when the tool runs in a window.
   void Init(const TIntList* ids, const TIntList* extra, TProject* project = nullptr) override;
   void CleanUp() override;
-  /// A moved space cursor makes its spectrum the current one.
+  /// A moved space cursor makes its spectrum the current one; a moved x cursor of the preview viewer
+  /// sets an armed parameter or, with Listen, the preview range.
   void DoDataChange(TData* data) override;
   /// The current spectrum, its fit and the preview graphs; null while the tool isn't open in a window.
   TAdvancedFittingPreview* GetPreview() const;
