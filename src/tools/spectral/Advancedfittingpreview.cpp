@@ -508,8 +508,23 @@ void TAdvancedFittingPreview::ResetRange() {
        std::string(TAdvancedFittingToolForm::kPreviewStop) + "=" + Number(range.Stop)});
   FStoring = false;
   if (!IsOpen()) return;
-  DrawCurves(IsFitOnChange() ? FLastResult.FitOK : FCurveFromValue);
+  RedrawCurves();
   Changed();
+}
+
+void TAdvancedFittingPreview::RangeChanged() {
+  if (!IsOpen()) return;
+  RedrawCurves();
+  Changed();
+}
+
+void TAdvancedFittingPreview::RedrawCurves() {
+  const std::string status = FStatus;
+  DrawCurves(FLastResult.FitOK || (!IsFitOnChange() && FCurveFromValue));
+  // A drawable range clears an earlier complaint about the range; the fit's own status stays.
+  if (FStatus == status && !GetRange().IsValid()) return;
+  if (FStatus == status && status.rfind("Preview range is empty", 0) == 0)
+    FStatus = FLastResult.FitOK ? std::string(kFitSuccessful) : std::string(kNotFitted);
 }
 
 // --- Values from the cursor ------------------------------------------------------------------------------
@@ -555,7 +570,7 @@ void TAdvancedFittingPreview::XCursorMovedTo(double position) {
            std::string(TAdvancedFittingToolForm::kPreviewStop) + "=" + Number(range.Stop)});
       FStoring = false;
       if (FArmedRow < 0) {
-        DrawCurves(IsFitOnChange() ? FLastResult.FitOK : FCurveFromValue);
+        RedrawCurves();
         Changed();
       }
     }

@@ -99,6 +99,8 @@ public:
   TAdvancedFitPreviewRange GetRange() const;
   /// "Reset Range": the whole axis of the input, as many points as it has (at most 1000).
   void ResetRange();
+  /// The range changed: the curves are drawn on it anew, the last fit (and its status) stays.
+  void RangeChanged();
   /// The unit of the input's axis (the range's unit; empty without axis).
   const std::string& GetAxisUnit() const { return FAxisUnit; }
   /// The x positions of the fit curve graph as drawn last.
@@ -186,6 +188,8 @@ private:
   void StorePixel();
   /// The curve graphs from the last fit (Fit on Change) or the start values (Define Start Values).
   void DrawCurves(bool fromValues);
+  /// The curves as they stand: from the values after a good fit or when the preview radio says so.
+  void RedrawCurves();
   void CopySpectrumToDataGraph();
   /// The fit mask as a band over the data in the viewer (when the viewer shows mask bands).
   void ShowFitMask();

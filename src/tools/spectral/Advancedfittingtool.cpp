@@ -547,6 +547,15 @@ void TAdvancedFittingToolForm::DoParameterChanged(const TUserParameterList& chan
       FPreview->KeepAdvancedMode();
       return;
     }
+  // Only the preview range (or Listen) changed: the curve is drawn anew, the fit stays.
+  const bool onlyRange = std::all_of(changed.begin(), changed.end(), [](const TUserParameter* parameter) {
+    const std::string& name = parameter->GetName();
+    return name == kPreviewPoints || name == kPreviewStart || name == kPreviewStop || name == kListen;
+  });
+  if (!changed.empty() && onlyRange) {
+    FPreview->RangeChanged();
+    return;
+  }
   // A changed setting: Fit on Change refits the current spectrum, Define Start Values redraws its curve.
   FPreview->Update();
 }
