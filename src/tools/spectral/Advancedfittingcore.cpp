@@ -513,7 +513,9 @@ int64_t TAdvancedFittingCore::EstimateResultBytes(int64_t spectra, int spectrumL
     if (ExtractReplica && FFunction) curves += static_cast<int64_t>(FFunction->GetReplicaList().size());
   }
   return TAdvancedFitResultArrays::BytesNeeded(spectra, np) + images * spectra * int64_t(sizeof(float)) +
-         curves * spectra * spectrumLength * int64_t(sizeof(float));
+         curves * spectra *
+             (ExtractFitCurveWithInputDataSupportingPoints ? spectrumLength : CurveRange.Points) *
+             int64_t(sizeof(float));
 }
 
 bool TAdvancedFittingCore::IsEnoughMemoryAvailableForExtractImage(int64_t spectra, int spectrumLength,

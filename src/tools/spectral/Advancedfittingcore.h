@@ -244,7 +244,8 @@ public:
   /// Asked before every spectrum besides the controller's own cancel (may be null).
   const IProgressAndCancel* ExternalCancel = nullptr;
 
-  /// The estimate of a run over spectra spectra of length points: result arrays, images and curves.
+  /// The estimate of a run over spectra spectra of length points: result arrays, images and curves (of
+  /// the curve range's points when not on the input's).
   int64_t EstimateResultBytes(int64_t spectra, int spectrumLength) const;
   /// Refuses (false, message) when the estimate of a run doesn't fit in available bytes.
   bool IsEnoughMemoryAvailableForExtractImage(int64_t spectra, int spectrumLength, int64_t available,

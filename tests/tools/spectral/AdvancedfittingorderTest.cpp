@@ -283,7 +283,11 @@ TEST_F(AdvancedFittingRangeTest, TheCurveLiesOnTheRangeWithItsPointsAndResetRang
   const std::vector<double> whole = AxisOf(preview.GetFitGraphID());
   EXPECT_NEAR(whole.front(), map.front(), 1e-6);
   EXPECT_NEAR(whole.back(), map.back(), 1e-6);
+  // Closing takes the curve's axis with the preview graphs.
+  const int32_t table = fit->GetXTransformationID();
+  ASSERT_NE(dynamic_cast<const TDLUTTransformation*>(FProject.FindData(table)), nullptr);
   tool.CleanUp();
+  EXPECT_EQ(FProject.FindData(table), nullptr);
 }
 
 TEST(AdvancedFittingPreviewRange, AxisFromAxisAndFollowingTheCursor) {
@@ -495,6 +499,17 @@ TEST_F(AdvancedFittingRangeTest, FitCurvesOffTheInputPointsLieOnThePreviewRange)
     EXPECT_NEAR(axis.front(), 480, 1e-6);
     EXPECT_NEAR(axis.back(), 560, 1e-6);
   }
+}
+
+TEST(AdvancedFittingPreviewRange, TheMemoryEstimateCountsTheCurvesOnTheRange) {
+  TAdvancedFittingCore core;
+  core.SetFunction(TFitFunctionManager::CreateFitFunctionByClassName("TNLFitLorentz"));
+  core.ExtractFitCurves = true;
+  core.CurveRange.Points = 12;
+  const int64_t onInput = core.EstimateResultBytes(100, 512);
+  core.ExtractFitCurveWithInputDataSupportingPoints = false;
+  const int64_t onRange = core.EstimateResultBytes(100, 512);
+  EXPECT_EQ(onInput - onRange, int64_t(100) * (512 - 12) * int64_t(sizeof(float)));
 }
 
 TEST_F(AdvancedFittingRangeTest, FitSoonerAndLaterReachTheToolsRows) {

@@ -406,6 +406,28 @@ TEST_F(AdvancedFittingPreviewTest, ViewerShowsCurveOverDataWithTheFitMaskAsBand)
   tool.CleanUp(); // the viewer goes with the tool's clean-up
 }
 
+TEST_F(AdvancedFittingPreviewTest, ReplicasJoinTheViewerOnStartupOnlyWhenAskedTo) {
+  for (const bool show : {true, false}) {
+    TRecordingFactory factory;
+    factory.MaskSize = 512;
+    IToolViewerFactory* former = IToolViewerFactory::GetFactory();
+    IToolViewerFactory::SetFactory(&factory);
+    TAdvancedFittingToolForm tool;
+    TAdvancedFittingPreview& preview =
+        Open(tool,
+             {"Advanced Mode=true", "Function Settings=NumberOfFunctions=2",
+              std::string("Show all Replica on Startup=") + (show ? "true" : "false")},
+             "Gauss");
+    IToolViewerFactory::SetFactory(former);
+    ASSERT_NE(factory.Made, nullptr);
+    // Two parts: two replica graphs are made either way, and drawn.
+    ASSERT_EQ(preview.GetReplicaGraphIDs().size(), 2u);
+    for (int32_t id : preview.GetReplicaGraphIDs()) EXPECT_NE(FProject.FindData(id), nullptr);
+    EXPECT_EQ(factory.Made->Graphs.size(), show ? 4u : 2u) << show;
+    tool.CleanUp();
+  }
+}
+
 TEST(AdvancedFittingRowsText, ReadsBackToTheSameRows) {
   TAdvancedFittingCore core;
   auto function = TFitFunctionManager::CreateFitFunctionByClassName("TNLFitLorentz");
