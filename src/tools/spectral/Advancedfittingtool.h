@@ -7,7 +7,12 @@
 //   Function Settings  "NumberOfFunctions=2; WidthKind=FWHM"   (the function's settings, by name)
 //   Fit Parameters     "x0|Start Value=520; x0|Auto=false; y0|Vary=false; s|Lower Limit=none"
 // Columns of a row: Start Value, Value, Vary, Lower Limit, Upper Limit (a number or "none"), Auto,
-// Extract Value, Extract Error, Value if Fit Fails. The settings always apply before the rows.
+// Extract Value, Extract Error, Value if Fit Fails, Fit Order (the stage of a staged fit from which the
+// row varies, see TAdvancedFitParamSettings). The settings always apply before the rows.
+//
+// The preview range (# of Points, Preview Start Value, Preview Stop Value, in the unit of the input's
+// axis) is the even x axis the window draws the fit curve on, and the axis of extracted fit curves when
+// "Extract Fit Curve with Input Data Supporting Points" is off; start and stop both 0 mean the whole axis.
 #pragma once
 
 #include "project/Projectdialogform.h"
