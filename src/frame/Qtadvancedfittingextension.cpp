@@ -1,7 +1,9 @@
 // The Advanced Fitting Tool's own widgets in its window: the function list by category, the function's
 // settings, the parameter table, the statistics and fit status of the current spectrum, the extraction
 // switches of all rows and the user fit function file commands. Everything they show and do is the
-// tool's preview; the commands Fit Once, <<, >>, Reset Params and the extracts are the panel's buttons.
+// tool's preview; the commands Fit Once, <<, >>, Reset Params, Reset Range and the extracts are the
+// panel's buttons. A row's context menu moves it in the fit order ("Fit Sooner", "Fit Later"); a double
+// click on its name arms it to take its start value from the preview viewer's x cursor (again: ends).
 #include "frame/Qtparampanel.h"
 #include "frame/Qttoolwindow.h"
 #include "tools/spectral/Advancedfittingpreview.h"
@@ -16,6 +18,7 @@
 #include <QInputDialog>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QTableWidget>
@@ -42,12 +45,14 @@ enum TColumn {
   cExtractValue,
   cExtractError,
   cValueIfFitFails,
+  cFitOrder,
   cCount
 };
 
-const char* const kColumnCaptions[cCount] = {"Name",          "Start Value",       "Value", "Vary",
-                                             "Lower Limit",   "Upper Limit",       "Auto",  "Extract Value",
-                                             "Extract Error", "Value if Fit Fails"};
+const char* const kColumnCaptions[cCount] = {
+    "Name",          "Start Value",        "Value",    "Vary",
+    "Lower Limit",   "Upper Limit",        "Auto",     "Extract Value",
+    "Extract Error", "Value if Fit Fails", "Fit Order"};
 
 QString Number(double value, int digits) {
   if (std::isnan(value)) return "NaN";
@@ -115,6 +120,34 @@ public:
     FTable->setMinimumHeight(140);
     layout->addWidget(FTable);
     connect(FTable, &QTableWidget::itemChanged, this, [this](QTableWidgetItem* item) { CellChanged(item); });
+    // ParamFitOrderMenu: the row's place in the staged fit.
+    FTable->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(FTable, &QWidget::customContextMenuRequested, this, [this](const QPoint& at) {
+      const int row = FTable->rowAt(at.y());
+      if (row < 0) return;
+      QMenu menu(this);
+      menu.setObjectName("ParamFitOrderMenu");
+      QAction* sooner = menu.addAction("Fit Sooner");
+      QAction* later = menu.addAction("Fit Later");
+      const QAction* chosen = menu.exec(FTable->viewport()->mapToGlobal(at));
+      if (chosen == sooner) FPreview.FitSooner(row);
+      if (chosen == later) FPreview.FitLater(row);
+    });
+    // A double click on a name arms the row to take its start value from the x cursor.
+    connect(FTable, &QTableWidget::cellDoubleClicked, this, [this](int row, int column) {
+      if (column != cName) return;
+      if (FPreview.GetArmedRow() == row) {
+        FPreview.DisarmListen();
+        FWindow.MessageLine()->clear();
+      } else if (FPreview.ArmListen(row)) {
+        FWindow.MessageLine()->setText(
+            QString("%1 takes its start value from the x cursor (%2); double click its name again to end")
+                .arg(FTable->item(row, cName)->text(),
+                     QString::fromStdString(FitParamListenKindName(FPreview.GetListenKind(row)))));
+      } else {
+        FWindow.MessageLine()->setText(FTable->item(row, cName)->text() + " takes no value from the cursor");
+      }
+    });
 
     auto* extractRow = new QHBoxLayout;
     auto addButton = [this](QHBoxLayout* row, const QString& text, const QString& name, auto action) {
@@ -220,7 +253,27 @@ private:
                                ? "color: #006000"
                                : "color: #b00000");
     FPixel->setText(QString("Pixel %1, %2").arg(FPreview.GetPixelX()).arg(FPreview.GetPixelY()));
+    RefreshCaptions();
     FUpdating = false;
+  }
+
+  // Captions that depend on the state: the range's unit and the extract commands of the mode.
+  void RefreshCaptions() {
+    auto* layout = qobject_cast<QFormLayout*>(FWindow.Panel()->layout());
+    const std::string unit = FPreview.GetAxisUnit().empty() ? std::string("a.u.") : FPreview.GetAxisUnit();
+    auto label = [&](const char* name, const std::string& text) {
+      QWidget* control = FWindow.Panel()->ControlOf(name);
+      if (auto* caption = layout && control ? qobject_cast<QLabel*>(layout->labelForField(control)) : nullptr)
+        caption->setText(QString::fromStdString(text));
+    };
+    label(TAdvancedFittingToolForm::kPreviewStart, "Start Value [" + unit + "]:");
+    label(TAdvancedFittingToolForm::kPreviewStop, "Stop Value [" + unit + "]:");
+    auto button = [&](const char* name, const char* text) {
+      if (auto* b = qobject_cast<QPushButton*>(FWindow.Panel()->ControlOf(name))) b->setText(text);
+    };
+    const bool fitOnChange = FPreview.IsFitOnChange();
+    button(TProjectDialogForm::kExtract, fitOnChange ? "Fit and Extract Current" : "Extract Current");
+    button(TProjectDialogForm::kExtractAll, "Fit and Extract All");
   }
 
   void RefreshFunctions() {
@@ -280,6 +333,10 @@ private:
       check(cExtractValue, row.ExtractValue);
       check(cExtractError, row.ExtractError);
       text(cValueIfFitFails, Number(row.ValueIfFitFails, digits));
+      text(cFitOrder, QString::number(row.FitOrder + 1), false);
+      // The row armed to take its start value from the cursor stands out.
+      FTable->item(r, cName)->setBackground(r == FPreview.GetArmedRow() ? QBrush(QColor(255, 230, 120))
+                                                                        : QBrush());
     }
   }
 

@@ -17,11 +17,11 @@ list=$("$orvex" tools AdvancedFittingTool --json)
 check "tools exit" 0 $?
 check "tool" "AdvancedFittingTool TAdvancedFittingToolForm Advanced Fitting Tool" \
   "$(echo "$list" | py 't=d[0]; print(t["key"], t["class"], t["caption"])')"
-check "parameters" "Function,Function Settings,Fit Parameters,Fit Mask,Data Reduction,Extract Chi^2,Extract Fit Fail Mask,Extract Fit Curves,Extract Replica,Param Precision,Pixel X,Pixel Y,User Fit Functions File,Number of Threads,Fit Mode,Advanced Mode" \
+check "parameters" "Function,Function Settings,Fit Parameters,Fit Mask,Data Reduction,Extract Chi^2,Extract Fit Fail Mask,Extract Fit Curves,Extract Replica,Extract Fit Curve with Input Data Supporting Points,Show all Replica on Startup,Param Precision,Pixel X,Pixel Y,User Fit Functions File,Number of Threads,Fit Mode,Advanced Mode,# of Points,Preview Start Value,Preview Stop Value,Listen" \
   "$(echo "$list" | py 'print(",".join(p["name"] for p in d[0]["parameters"]))')"
 check "function default and choices" "Gauss Gauss,Lorentz,PsdVoigt1,PsdVoigt2,ExpDecay,Polynom,User Defined" \
   "$(echo "$list" | py 'p=d[0]["parameters"][0]; print(p["default"], ",".join(p["choices"]))')"
-check "commands" "Fit Once,<<,>>,Reset Params,Extract,Extract All,Extract Curves" \
+check "commands" "Reset Range,Fit Once,<<,>>,Reset Params,Extract,Extract All,Extract Curves" \
   "$(echo "$list" | py 'print(",".join(c["name"] for c in d[0]["commands"]))')"
 
 # --- Lorentz on the silicon band: median centre where silicon dominates, against its known position

@@ -1,7 +1,9 @@
 // The Advanced Fitting Tool's window on the demo map: Lorentz chosen in the function list, the fit mask
 // around the silicon band at 520 rel. 1/cm, the space cursor on a silicon pixel, "Fit Once": the status
-// reads "Fit Successful", the statistics are filled, and the preview viewer draws the fitted curve (blue)
-// over the data (red) with its apex at the fitted band position. Screenshots of the window and the viewer.
+// reads "Fit Successful", the statistics are filled, and the preview viewer draws the fitted curve (red)
+// over the data (blue) with its apex at the fitted band position. Then the rows' fit order, a start value
+// taken from the x cursor, the extract captions of each mode, and the fit curve drawn over a narrower
+// preview range only. Screenshots of the window and the viewer.
 #include "FrameTestSupport.h"
 #include "data/Dcursor.h"
 #include "data/Dgraph.h"
@@ -25,9 +27,12 @@
 
 #include <QApplication>
 #include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QFormLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QTableWidget>
 #include <QTreeWidget>
 #include <cmath>
@@ -171,6 +176,17 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   QApplication::processEvents();
   EXPECT_EQ(tool->GetStringParameter("Fit Mask"), "480:560");
 
+  // The preview range over the band with many points, so that the curve's apex is drawn where it lies.
+  auto* points0 = qobject_cast<QSpinBox*>(window->Panel()->ControlOf("# of Points"));
+  auto* start0 = qobject_cast<QDoubleSpinBox*>(window->Panel()->ControlOf("Preview Start Value"));
+  auto* stop0 = qobject_cast<QDoubleSpinBox*>(window->Panel()->ControlOf("Preview Stop Value"));
+  ASSERT_TRUE(points0 && start0 && stop0);
+  points0->setValue(1000);
+  start0->setValue(kLow);
+  stop0->setValue(kHigh);
+  QApplication::processEvents();
+  ASSERT_EQ(preview->GetCurveAxis().size(), 1000u);
+
   // The space cursor on the pixel with most silicon: that spectrum becomes the current one.
   int px = 0, py = 0;
   SiliconPixel(px, py);
@@ -218,7 +234,7 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   std::string error;
   ASSERT_TRUE(RenderViewOffscreen(viewer->GetOpenGLView(), kWidth, kHeight, picture, error)) << error;
   Save(picture, *window, "advanced_fitting_fit_once");
-  // The curve is drawn at the map's own points: its apex lies within a point spacing of the centre.
+  // The curve's apex lies within a point spacing of the map's axis from the centre.
   TAdvancedFittingCore core;
   tool->ConfigureForGraph(*dynamic_cast<const TDGraph*>(FProject.FindData(FIDs.Map)), core);
   const std::vector<double>& axis = core.GetAxis();
@@ -263,6 +279,98 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   QApplication::processEvents();
   EXPECT_DOUBLE_EQ(preview->Rows()[static_cast<size_t>(offsetRow)].StartValue, 600.0);
   EXPECT_NE(tool->GetStringParameter("Fit Parameters").find("y0|Start Value=600"), std::string::npos);
+
+  // The extract commands are named by the mode: no fit happens in Define Start Values.
+  auto* extract = qobject_cast<QPushButton*>(window->Panel()->ControlOf("Extract"));
+  ASSERT_NE(extract, nullptr);
+  EXPECT_EQ(extract->text().toStdString(), "Extract Current");
+  auto* extractAll = qobject_cast<QPushButton*>(window->Panel()->ControlOf("Extract All"));
+  ASSERT_NE(extractAll, nullptr);
+  EXPECT_EQ(extractAll->text().toStdString(), "Fit and Extract All");
+  // The preview range's captions name the axis unit.
+  auto* panelLayout = qobject_cast<QFormLayout*>(window->Panel()->layout());
+  ASSERT_NE(panelLayout, nullptr);
+  auto* startLabel =
+      qobject_cast<QLabel*>(panelLayout->labelForField(window->Panel()->ControlOf("Preview Start Value")));
+  ASSERT_NE(startLabel, nullptr);
+  EXPECT_EQ(startLabel->text().toStdString(), "Start Value [" + preview->GetAxisUnit() + "]:");
+  EXPECT_FALSE(preview->GetAxisUnit().empty());
+
+  // Fit Later on the centre's row: a stage of its own after the others, shown in the Fit Order column.
+  int centreRow = -1;
+  for (int r = 0; r < table->rowCount(); ++r)
+    if (table->item(r, 0)->text() == "x0") centreRow = r;
+  ASSERT_GE(centreRow, 0);
+  ASSERT_EQ(table->horizontalHeaderItem(10)->text().toStdString(), "Fit Order");
+  ASSERT_TRUE(preview->FitLater(centreRow));
+  QApplication::processEvents();
+  EXPECT_EQ(table->item(centreRow, 10)->text().toStdString(), "2");
+  EXPECT_EQ(table->item(offsetRow, 10)->text().toStdString(), "1");
+
+  // A double click on the centre's name arms it; the viewer's x cursor then sets its start value.
+  emit table->cellDoubleClicked(centreRow, 0);
+  QApplication::processEvents();
+  EXPECT_EQ(preview->GetArmedRow(), centreRow);
+  viewer->SetCursor(523.0);
+  QApplication::processEvents();
+  EXPECT_NEAR(preview->Rows()[static_cast<size_t>(centreRow)].StartValue, 523.0, 1e-6);
+  EXPECT_NE(table->item(centreRow, 1)->text().toStdString().find("523"), std::string::npos);
+  emit table->cellDoubleClicked(centreRow, 0);
+  QApplication::processEvents();
+  EXPECT_EQ(preview->GetArmedRow(), -1);
+
+  // The fitted curve over a narrower range only, 60 points from 505 to 535, on the same view 480..560.
+  ASSERT_TRUE(fitOnce->isEnabled());
+  fitOnce->click();
+  QApplication::processEvents();
+  EXPECT_EQ(status->text().toStdString(), "Fit Successful");
+  points0->setValue(60);
+  start0->setValue(505);
+  stop0->setValue(535);
+  QApplication::processEvents();
+  ASSERT_EQ(preview->GetCurveAxis().size(), 60u);
+  EXPECT_DOUBLE_EQ(preview->GetCurveAxis().front(), 505);
+  EXPECT_DOUBLE_EQ(preview->GetCurveAxis().back(), 535);
+  ASSERT_TRUE(viewer->SetXRange(kLow, kHigh));
+  TOpenGLBitmap ranged;
+  ASSERT_TRUE(RenderViewOffscreen(viewer->GetOpenGLView(), kWidth, kHeight, ranged, error)) << error;
+  Save(ranged, *window, "advanced_fitting_preview_range");
+  // Red (the curve) only between the columns of 505 and 535; the data (blue) on both sides of them.
+  int redInside = 0, redOutside = 0, blueLeft = 0, blueRight = 0;
+  const int left = static_cast<int>(std::floor(ColumnOf(505))) - 2;
+  const int right = static_cast<int>(std::ceil(ColumnOf(535))) + 2;
+  for (int y = TVMultiGraphForm::kMarginTop; y < kHeight - TVMultiGraphForm::kMarginBottom; ++y)
+    for (int x = TVMultiGraphForm::kMarginLeft; x < kWidth - TVMultiGraphForm::kMarginRight; ++x) {
+      const uint8_t* p = &ranged.Pixels[(static_cast<size_t>(y) * ranged.Width + x) * 3];
+      if (IsRed(p)) ++(x >= left && x <= right ? redInside : redOutside);
+      if (IsBlue(p) && x < left) ++blueLeft;
+      if (IsBlue(p) && x > right) ++blueRight;
+    }
+  EXPECT_GT(redInside, 50);
+  EXPECT_EQ(redOutside, 0);
+  // It is the fitted curve still: the range changes the drawing, not the fit.
+  EXPECT_EQ(status->text().toStdString(), "Fit Successful");
+  const TGraphDrawInformation& shownNow = viewer->GetGraphInfo(1);
+  const auto [rangedX, rangedY] = Topmost(ranged, IsRed);
+  EXPECT_NEAR(rangedX, ColumnOf(centre), columns + 1);
+  EXPECT_NEAR(rangedY,
+              TVMultiGraphForm::kMarginTop +
+                  (shownNow.DisplayMaxY - peak) / (shownNow.DisplayMaxY - shownNow.DisplayMinY) * plot,
+              0.05 * plot);
+  EXPECT_GT(blueLeft, 10);
+  EXPECT_GT(blueRight, 10);
+  // Reset Range: the whole axis again.
+  QPushButton* reset = ButtonOf(*window, "Reset Range");
+  ASSERT_NE(reset, nullptr);
+  reset->click();
+  QApplication::processEvents();
+  EXPECT_GT(preview->GetCurveAxis().size(), 60u);
+  EXPECT_NEAR(start0->value(), preview->GetRange().Start, 1e-6);
+
+  // Fit on Change: the extract command fits first.
+  mode->setCurrentText(TAdvancedFittingPreview::kFitOnChange);
+  QApplication::processEvents();
+  EXPECT_EQ(extract->text().toStdString(), "Fit and Extract Current");
 
   const int32_t fitGraph = preview->GetFitGraphID();
   window->close();

@@ -3,6 +3,7 @@
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
 #include "common/memory/Memorymanagement.h"
+#include "common/numerics/Chisqrminimizer.h"
 #include "common/numerics/Numerics.h"
 #include "common/threads/Multicorecalc.h"
 #include "common/threads/Progressandcancel.h"
@@ -10,6 +11,8 @@
 #include "data/Dcustom.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
+#include "data/Dinterpretation.h"
+#include "data/Dtransformation.h"
 
 #include <algorithm>
 #include <climits>
@@ -78,6 +81,83 @@ std::vector<int> MaskPointIndices(const std::vector<bool>& mask) {
 }
 
 // ---------------------------------------------------------------------------------------------------------
+// Fit order
+
+void NormalizeFitOrder(std::vector<TAdvancedFitParamSettings>& rows) {
+  std::vector<int> orders;
+  for (const TAdvancedFitParamSettings& row : rows) orders.push_back(row.FitOrder);
+  std::sort(orders.begin(), orders.end());
+  orders.erase(std::unique(orders.begin(), orders.end()), orders.end());
+  for (TAdvancedFitParamSettings& row : rows)
+    row.FitOrder =
+        static_cast<int>(std::lower_bound(orders.begin(), orders.end(), row.FitOrder) - orders.begin());
+}
+
+bool FitSooner(std::vector<TAdvancedFitParamSettings>& rows, int index) {
+  if (index < 0 || index >= static_cast<int>(rows.size())) return false;
+  NormalizeFitOrder(rows);
+  TAdvancedFitParamSettings& moved = rows[static_cast<size_t>(index)];
+  if (moved.FitOrder > 0) {
+    --moved.FitOrder;
+  } else {
+    // Already in the first stage: the others go one stage later, so that this row is fitted alone first.
+    for (TAdvancedFitParamSettings& row : rows)
+      if (&row != &moved) ++row.FitOrder;
+  }
+  NormalizeFitOrder(rows);
+  return true;
+}
+
+bool FitLater(std::vector<TAdvancedFitParamSettings>& rows, int index) {
+  if (index < 0 || index >= static_cast<int>(rows.size())) return false;
+  NormalizeFitOrder(rows);
+  ++rows[static_cast<size_t>(index)].FitOrder;
+  NormalizeFitOrder(rows);
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Preview range
+
+bool TAdvancedFitPreviewRange::IsValid() const {
+  return Points >= 2 && Points <= kMaxPoints && std::isfinite(Start) && std::isfinite(Stop) &&
+         std::fabs(Start) <= kLimit && std::fabs(Stop) <= kLimit && Start != Stop;
+}
+
+std::vector<double> TAdvancedFitPreviewRange::Axis() const {
+  std::vector<double> axis;
+  if (!IsValid()) return axis;
+  axis.resize(static_cast<size_t>(Points));
+  const double step = (Stop - Start) / (Points - 1);
+  for (int i = 0; i < Points; ++i) axis[static_cast<size_t>(i)] = Start + step * i;
+  axis.back() = Stop; // exactly, whatever the rounding of the steps
+  return axis;
+}
+
+TAdvancedFitPreviewRange TAdvancedFitPreviewRange::FromAxis(const std::vector<double>& axis) {
+  TAdvancedFitPreviewRange range;
+  if (axis.size() < 2 || !std::isfinite(axis.front()) || !std::isfinite(axis.back()) ||
+      axis.front() == axis.back()) {
+    range.Points = 2;
+    range.Start = 0;
+    range.Stop = 1;
+    return range;
+  }
+  range.Points = static_cast<int>(std::min<size_t>(axis.size(), kMaxPoints));
+  range.Start = std::clamp(axis.front(), -kLimit, kLimit);
+  range.Stop = std::clamp(axis.back(), -kLimit, kLimit);
+  return range;
+}
+
+bool TAdvancedFitPreviewRange::FollowCursor(double x) {
+  if (!std::isfinite(x) || std::fabs(x) > kLimit) return false;
+  const bool start = std::fabs(x - Start) <= std::fabs(x - Stop);
+  if (x == (start ? Stop : Start)) return false;
+  (start ? Start : Stop) = x;
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------
 // Result arrays
 
 TAdvancedFitResultArrays::TAdvancedFitResultArrays(int64_t spectra, int parameters, bool zero)
@@ -137,6 +217,58 @@ void TransformSortResults(const TFitFunction& f, int np, double* values, double*
   }
 }
 
+// The fit of the points in s.Y: one CalculateThread, or with fit orders of several stages one per stage
+// on the function's minimizer, its vary flags narrowed to the stage and restored afterwards.
+bool FitInStages(const TAdvancedFitInput& input, void* threadData, TAdvancedFitScratch& s,
+                 TFitFunctionErrorInfo& info, std::string& message) {
+  const int n = input.FitPoints;
+  const int np = input.Function->GetNumberOfParameters();
+  auto fit = [&] {
+    return input.Function->CalculateThread(threadData, s.Start.data(), s.Values.data(), s.Errors.data(), n,
+                                           input.FitX, s.Y.data(), s.Sigma.data(), info, message);
+  };
+  auto* minimizer =
+      dynamic_cast<TNLFitFunction*>(input.Function) ? static_cast<TChiSqrMinimizer*>(threadData) : nullptr;
+  if (!input.FitOrder || !minimizer || minimizer->GetNumberOfParameters() != np) return fit();
+  // The stages: the distinct orders of the varied parameters.
+  std::vector<int> stages;
+  for (int i = 0; i < np; ++i)
+    if (minimizer->GetVaryParameter(i)) stages.push_back(input.FitOrder[i]);
+  std::sort(stages.begin(), stages.end());
+  stages.erase(std::unique(stages.begin(), stages.end()), stages.end());
+  if (stages.size() < 2) return fit();
+
+  std::vector<char> vary(static_cast<size_t>(np)), estimate(static_cast<size_t>(np));
+  std::vector<double> start(static_cast<size_t>(np));
+  for (int i = 0; i < np; ++i) {
+    vary[static_cast<size_t>(i)] = minimizer->GetVaryParameter(i);
+    estimate[static_cast<size_t>(i)] = minimizer->GetUseEstimatedParameter(i);
+    start[static_cast<size_t>(i)] = minimizer->GetStartParameter(i);
+  }
+  std::vector<double> used(static_cast<size_t>(np));
+  bool good = true;
+  for (size_t k = 0; k < stages.size() && good; ++k) {
+    for (int i = 0; i < np; ++i)
+      minimizer->SetVaryParameter(i, vary[static_cast<size_t>(i)] && input.FitOrder[i] <= stages[k]);
+    good = fit();
+    // The start values a spectrum used are those of the first stage (its estimates included).
+    if (k == 0) used = s.Start;
+    if (good && k + 1 < stages.size())
+      for (int i = 0; i < np; ++i) {
+        // The next stage starts where this one ended, without a new estimate.
+        minimizer->SetStartParameter(i, s.Values[static_cast<size_t>(i)]);
+        minimizer->SetUseEstimatedParameter(i, false);
+      }
+  }
+  for (int i = 0; i < np; ++i) {
+    minimizer->SetVaryParameter(i, vary[static_cast<size_t>(i)]);
+    minimizer->SetUseEstimatedParameter(i, estimate[static_cast<size_t>(i)]);
+    minimizer->SetStartParameter(i, start[static_cast<size_t>(i)]);
+  }
+  s.Start = used;
+  return good;
+}
+
 } // namespace
 
 bool FitOneSpectrum(const TAdvancedFitInput& input, void* threadData, const float* spectrum,
@@ -155,8 +287,7 @@ bool FitOneSpectrum(const TAdvancedFitInput& input, void* threadData, const floa
     std::fill(s.Start.begin(), s.Start.end(), 0.0);
     message = "Fit Error (the spectrum holds values that are not numbers)";
   } else {
-    good = input.Function->CalculateThread(threadData, s.Start.data(), s.Values.data(), s.Errors.data(), n,
-                                           input.FitX, s.Y.data(), s.Sigma.data(), info, message);
+    good = FitInStages(input, threadData, s, info, message);
     if (good &&
         !(AllFinite(s.Values.data(), np) && AllFinite(s.Errors.data(), np) && std::isfinite(info.ChiSqr))) {
       good = false;
@@ -359,6 +490,8 @@ void TAdvancedFittingCore::ApplyRowsToFunction() {
     p.UpperLimit = r.UpperLimit;
     p.StartValueAutoDetect = r.Auto;
   }
+  FFitOrder.assign(static_cast<size_t>(FFunction->GetNumberOfParameters()), 0);
+  for (int i = 0; i < n; ++i) FFitOrder[static_cast<size_t>(i)] = FRows[static_cast<size_t>(i)].FitOrder;
 }
 
 int TAdvancedFittingCore::GetNumberOfVariedParameters() const {
@@ -411,7 +544,9 @@ int64_t TAdvancedFittingCore::EstimateResultBytes(int64_t spectra, int spectrumL
     if (ExtractReplica && FFunction) curves += static_cast<int64_t>(FFunction->GetReplicaList().size());
   }
   return TAdvancedFitResultArrays::BytesNeeded(spectra, np) + images * spectra * int64_t(sizeof(float)) +
-         curves * spectra * spectrumLength * int64_t(sizeof(float));
+         curves * spectra *
+             (ExtractFitCurveWithInputDataSupportingPoints ? spectrumLength : CurveRange.Points) *
+             int64_t(sizeof(float));
 }
 
 bool TAdvancedFittingCore::IsEnoughMemoryAvailableForExtractImage(int64_t spectra, int spectrumLength,
@@ -470,6 +605,9 @@ TAdvancedFitInput TAdvancedFittingCore::MakeInput(int spectrumLength,
   input.FitPointIndex = FFitPointIndex.data();
   input.FitX = FFitX.data();
   input.FitPoints = GetNumberOfFitPoints();
+  input.FitOrder = FFitOrder.size() == static_cast<size_t>(FFunction ? FFunction->GetNumberOfParameters() : 0)
+                       ? FFitOrder.data()
+                       : nullptr;
   input.SpectrumLength = spectrumLength;
   input.ReadSpectrum = std::move(reader);
   return input;
@@ -832,6 +970,39 @@ std::vector<std::unique_ptr<TDImage>> TAdvancedFittingCore::MultiCoreFillImages(
   return images;
 }
 
+bool TAdvancedFittingCore::MakeCurveRangeAxis(IDataProject& project, int32_t graphID,
+                                              std::vector<double>& axis, int32_t& transformationID,
+                                              int32_t& interpretationID) const {
+  const auto* input = dynamic_cast<const TDGraph*>(project.FindData(graphID));
+  if (!input || !CurveRange.IsValid()) return false;
+  axis = CurveRange.Axis();
+  const auto* transformation =
+      dynamic_cast<const TDTransformation*>(project.FindData(input->GetXTransformationID()));
+  interpretationID = input->GetXInterpretationID() != 0 ? input->GetXInterpretationID()
+                     : transformation                   ? transformation->GetInterpretationID()
+                                                        : 0;
+  const auto* interpretation = dynamic_cast<const TDInterpretation*>(project.FindData(interpretationID));
+  std::vector<double> standard(axis.size());
+  for (size_t g = 0; g < axis.size(); ++g)
+    standard[g] = interpretation ? interpretation->ToStandard(axis[g]) : axis[g];
+  auto table = std::make_unique<TDLUTTransformation>();
+  if (transformation) {
+    table->SetUnitKind(transformation->GetUnitKind());
+    table->SetStandardUnit(transformation->GetStandardUnit());
+  }
+  table->SetInterpretationID(interpretationID);
+  try {
+    table->SetLUT(standard.data(), static_cast<int32_t>(standard.size()));
+  } catch (const OrvexException&) {
+    return false;
+  }
+  table->SetCaption(std::string(kToolName) + " Curve Axis");
+  table->SetID(project.GetNewDataID());
+  transformationID = table->GetID();
+  project.AddData(std::move(table));
+  return true;
+}
+
 std::vector<std::unique_ptr<TDGraph>>
 TAdvancedFittingCore::MultiCoreExtractFitCurve(IDataProject& project, int32_t graphID,
                                                TAdvancedFitStatus& status) {
@@ -840,9 +1011,9 @@ TAdvancedFittingCore::MultiCoreExtractFitCurve(IDataProject& project, int32_t gr
   if (!FResults || !FFunction) return curves;
   int32_t sizeX = 0, sizeY = 0, length = 0;
   std::vector<bool> lineValid;
-  if (!ExtractFitCurveWithInputDataSupportingPoints ||
-      !ReadGraphLayout(project, graphID, sizeX, sizeY, length, lineValid) ||
-      int64_t(sizeX) * sizeY != FResults->Spectra) {
+  if (!ReadGraphLayout(project, graphID, sizeX, sizeY, length, lineValid) ||
+      int64_t(sizeX) * sizeY != FResults->Spectra ||
+      (!ExtractFitCurveWithInputDataSupportingPoints && !CurveRange.IsValid())) {
     status = TAdvancedFitStatus::Refused;
     return curves;
   }
@@ -850,6 +1021,16 @@ TAdvancedFittingCore::MultiCoreExtractFitCurve(IDataProject& project, int32_t gr
   for (int32_t g = 0; g < length; ++g)
     axis[static_cast<size_t>(g)] =
         static_cast<int32_t>(FAxis.size()) == length ? FAxis[static_cast<size_t>(g)] : double(g);
+  // Off the input's points the curves lie on the even axis of the curve range: a table transformation
+  // of its positions in the input's standard unit, read through the input's interpretation.
+  int32_t rangeTransformationID = 0, rangeInterpretationID = 0;
+  if (!ExtractFitCurveWithInputDataSupportingPoints) {
+    if (!MakeCurveRangeAxis(project, graphID, axis, rangeTransformationID, rangeInterpretationID)) {
+      status = TAdvancedFitStatus::Refused; // the range doesn't map to the input's axis
+      return curves;
+    }
+    length = static_cast<int32_t>(axis.size());
+  }
 
   // -1: the whole function; 0, 1, ...: one part of a composite function.
   std::vector<int> replicas = {-1};
@@ -869,6 +1050,11 @@ TAdvancedFittingCore::MultiCoreExtractFitCurve(IDataProject& project, int32_t gr
     if (!graph) {
       status = TAdvancedFitStatus::Refused;
       return {};
+    }
+    if (rangeTransformationID != 0) {
+      graph->SetFieldSize(sizeX, sizeY, TDataFieldKind::Float, length);
+      graph->SetXTransformationID(rangeTransformationID);
+      graph->SetXInterpretationID(rangeInterpretationID);
     }
     curves.push_back(std::move(graph));
   }

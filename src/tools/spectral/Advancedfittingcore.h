@@ -40,6 +40,42 @@ struct TAdvancedFitParamSettings {
   bool ExtractError = true;
   /// What the value image shows for a spectrum whose fit failed (the error image shows -1).
   double ValueIfFitFails = std::numeric_limits<double>::quiet_NaN();
+  /// The stage of a staged fit in which this parameter starts to vary (0 the first). A fit runs one
+  /// stage per distinct value among the varied rows, in rising order: stage k varies the rows of order
+  /// up to k, the others stay at their start values (or estimates), and each stage starts from the
+  /// values the one before found. The last stage varies every varied row, so values, errors and
+  /// chi-square are those of a full fit, reached by a path the user chose (a peak's height and width
+  /// settled before its position, say). All rows of one order: the plain single fit.
+  int FitOrder = 0;
+};
+
+/// @{ "Fit Sooner" and "Fit Later" on row index: the row moves one stage earlier (a row already in the
+/// first stage gets a stage of its own before all others) or one stage later (a row alone in the last
+/// stage stays). The orders are renumbered 0, 1, 2 ... without gaps afterwards. False when index is no row.
+bool FitSooner(std::vector<TAdvancedFitParamSettings>& rows, int index);
+bool FitLater(std::vector<TAdvancedFitParamSettings>& rows, int index);
+/// The orders renumbered 0, 1, 2 ... keeping their sequence.
+void NormalizeFitOrder(std::vector<TAdvancedFitParamSettings>& rows);
+/// @}
+
+/// The even x axis of the fit curve preview: points positions from start to stop (both included).
+struct TAdvancedFitPreviewRange {
+  static constexpr int kMaxPoints = 1000;
+  static constexpr double kLimit = 1e20; ///< start and stop lie within -kLimit .. kLimit
+  int Points = kMaxPoints;
+  double Start = 0;
+  double Stop = 0;
+  /// Two points or more, up to kMaxPoints, start and stop finite, within the limit and different.
+  bool IsValid() const;
+  /// The positions; empty when not valid.
+  std::vector<double> Axis() const;
+  /// "Reset Range": the whole of a spectral axis (its first and last position, in its direction) with as
+  /// many points as it has, at most kMaxPoints. An axis of fewer than two positions gives 0 .. 1.
+  static TAdvancedFitPreviewRange FromAxis(const std::vector<double>& axis);
+  /// "Listen": the end of the range nearer to the x cursor's position x moves there (the start on a
+  /// tie), so that clicking near each end sets the range; the points stay. False (range unchanged) when
+  /// x isn't finite, lies outside the limit or on the other end.
+  bool FollowCursor(double x);
 };
 
 /// @{ Fit mask and data reduction.
@@ -84,6 +120,8 @@ struct TAdvancedFitInput {
   const int* FitPointIndex = nullptr; ///< spectral index of each fit point
   const double* FitX = nullptr;       ///< axis position of each fit point
   int FitPoints = 0;
+  /// The fit order of each parameter (see TAdvancedFitParamSettings::FitOrder); null: one stage.
+  const int* FitOrder = nullptr;
   int SpectrumLength = 0;
   TAdvancedFitSpectrumReader ReadSpectrum;
   /// When set, each thread also writes the transformed and sorted values and errors of its own elements
@@ -102,7 +140,8 @@ struct TAdvancedFitScratch {
 /// points) with threadData from Function->ThreadPrepare. A spectrum with a non-finite value among its fit
 /// points fails without a fit, a fit with non-finite results fails after it; warnings (the iteration limit)
 /// count as failures. On failure values and errors are zero and the chi-square in info is NaN. message gets
-/// the function's status text.
+/// the function's status text. With fit orders of more than one stage the stages run one after the other
+/// on the same minimizer (see TAdvancedFitParamSettings::FitOrder); a failed stage fails the spectrum.
 bool FitOneSpectrum(const TAdvancedFitInput& input, void* threadData, const float* spectrum,
                     TAdvancedFitScratch& scratch, TFitFunctionErrorInfo& info, std::string& message);
 
@@ -193,8 +232,11 @@ public:
   bool ExtractFitFailMask = true;
   bool ExtractFitCurves = false;
   bool ExtractReplica = false;
-  /// Fit curves on the input's own axis; the even axis of a preview range is not offered yet.
+  /// Fit curves on the input's own axis; off: on the even axis of CurveRange.
   bool ExtractFitCurveWithInputDataSupportingPoints = true;
+  /// The axis of the extracted fit curves when they are not on the input's points (the tool's preview
+  /// range), in the unit of the input's axis.
+  TAdvancedFitPreviewRange CurveRange;
   ///@}
 
   ///@{ Running.
@@ -205,7 +247,8 @@ public:
   /// Asked before every spectrum besides the controller's own cancel (may be null).
   const IProgressAndCancel* ExternalCancel = nullptr;
 
-  /// The estimate of a run over spectra spectra of length points: result arrays, images and curves.
+  /// The estimate of a run over spectra spectra of length points: result arrays, images and curves (of
+  /// the curve range's points when not on the input's).
   int64_t EstimateResultBytes(int64_t spectra, int spectrumLength) const;
   /// Refuses (false, message) when the estimate of a run doesn't fit in available bytes.
   bool IsEnoughMemoryAvailableForExtractImage(int64_t spectra, int spectrumLength, int64_t available,
@@ -240,12 +283,19 @@ public:
   /// " (Fit " + function + ": " + name + ")" and so on. Line validity follows the graph's.
   std::vector<std::unique_ptr<TDImage>> MultiCoreFillImages(IDataProject& project, int32_t graphID,
                                                             TAdvancedFitStatus& status);
-  /// A graph of the input's size with the fitted curve of every spectrum on the input's axis (NaN for
-  /// failed spectra), and with ExtractReplica one more per part of a composite function. Caption suffix
+  /// A graph of the input's size with the fitted curve of every spectrum on the input's axis, or on the
+  /// even axis of CurveRange (a new table transformation added to project) (NaN for failed spectra), and with
+  /// ExtractReplica one more per part of a composite function. Caption suffix
   /// ": Curves)" and ": Curves <part>)".
   std::vector<std::unique_ptr<TDGraph>> MultiCoreExtractFitCurve(IDataProject& project, int32_t graphID,
                                                                  TAdvancedFitStatus& status);
   ///@}
+
+  /// The even axis of CurveRange for curves of the graph graphID: its positions (the input's axis unit)
+  /// and a new table transformation of them in the input's standard unit, added to project, with the
+  /// interpretation the curves take. False when the range isn't valid or doesn't map to the axis.
+  bool MakeCurveRangeAxis(IDataProject& project, int32_t graphID, std::vector<double>& axis,
+                          int32_t& transformationID, int32_t& interpretationID) const;
 
   /// " (Fit " + function name + ": " + ending + ")".
   std::string CaptionSuffix(const std::string& ending) const;
@@ -270,6 +320,7 @@ private:
   std::vector<bool> FReducedMask;
   std::vector<int> FFitPointIndex;
   std::vector<double> FFitX;
+  std::vector<int> FFitOrder;
   std::unique_ptr<TAdvancedFitResultArrays> FResults;
   std::string FLastMessage;
 };

@@ -3,7 +3,10 @@
 #include "common/OrvexException.h"
 #include "common/Saveandload.h"
 #include "common/numerics/Fitfunctionmanager.h"
+#include "data/Dcursor.h"
 #include "data/Dgraph.h"
+#include "data/Dinterpretation.h"
+#include "data/Dtransformation.h"
 #include "project/Graphmask.h"
 #include "project/Project.h"
 #include "project/Viewerbase.h"
@@ -26,6 +29,7 @@ constexpr const char* kPixelY = "Pixel Y";
 constexpr const char* kParamPrecision = "Param Precision";
 constexpr const char* kUserFitFunctionsFile = "User Fit Functions File";
 constexpr const char* kUserCategory = "User";
+constexpr const char* kShowAllReplica = "Show all Replica on Startup";
 
 std::string Number(double value) {
   if (std::isnan(value)) return "nan";
@@ -76,6 +80,7 @@ std::string FitParameterText(const std::vector<TAdvancedFitParamSettings>& rows)
     add(row.Name, "Extract Value", Bool(row.ExtractValue));
     add(row.Name, "Extract Error", Bool(row.ExtractError));
     add(row.Name, "Value if Fit Fails", Number(row.ValueIfFitFails));
+    add(row.Name, "Fit Order", std::to_string(row.FitOrder));
   }
   return text;
 }
@@ -113,17 +118,49 @@ void TAdvancedFittingPreview::Open(int32_t graphID) {
     FGraphID = 0;
     return;
   }
+  // The unit of the input's axis and its cursor: the preview range and the listening speak of them.
+  TGraphMaskAxis axis;
+  std::string error;
+  FAxisUnit = GetGraphMaskAxis(*project, graphID, "", axis, error) ? axis.Unit : std::string();
+  const auto* transformation =
+      dynamic_cast<const TDTransformation*>(project->FindData(graph->GetXTransformationID()));
+  FXInterpretationID = graph->GetXInterpretationID() != 0 ? graph->GetXInterpretationID()
+                       : transformation                   ? transformation->GetInterpretationID()
+                                                          : 0;
+  const auto* interpretation = dynamic_cast<const TDInterpretation*>(project->FindData(FXInterpretationID));
+  FXCursorClass = interpretation   ? GetCursorClassNameForUnitKind(interpretation->GetUnitKind())
+                  : transformation ? GetCursorClassNameForUnitKind(transformation->GetUnitKind())
+                                   : std::string();
+  // The fit curve's own x axis: a table of the range's positions in the input's standard unit, read
+  // through the input's interpretation, so that the viewer places curve and data alike.
+  auto table = std::make_unique<TDLUTTransformation>();
+  if (transformation) {
+    table->SetUnitKind(transformation->GetUnitKind());
+    table->SetStandardUnit(transformation->GetStandardUnit());
+  }
+  table->SetInterpretationID(FXInterpretationID);
+  table->SetCaption("Fit Preview Axis");
+  table->SetID(project->GetNewDataID());
+  FCurveTransformationID = table->GetID();
+  FTool.AddDataToProject(std::move(table));
+  fit->SetXTransformationID(FCurveTransformationID);
+  fit->SetXInterpretationID(graph->GetXInterpretationID());
   FDataGraphID = data->GetID();
   FFitGraphID = fit->GetID();
   FTool.AddDataToProject(std::move(data));
   FTool.AddDataToProject(std::move(fit));
   CopySpectrumToDataGraph();
   Reconfigure();
+  // A range never set is the whole axis.
+  if (FTool.GetFloatParameter(TAdvancedFittingToolForm::kPreviewStart) == 0 &&
+      FTool.GetFloatParameter(TAdvancedFittingToolForm::kPreviewStop) == 0)
+    ResetRange();
   MakeReplicaGraphs();
   if (IToolViewerFactory* factory = IToolViewerFactory::GetFactory()) {
     // The curve first: it is drawn over the data, where it is judged.
     std::vector<int32_t> more{FDataGraphID};
-    more.insert(more.end(), FReplicaGraphIDs.begin(), FReplicaGraphIDs.end());
+    if (FTool.GetBoolParameter(kShowAllReplica))
+      more.insert(more.end(), FReplicaGraphIDs.begin(), FReplicaGraphIDs.end());
     FViewer = FTool.AddCustomForm(factory->CreateGraphViewer(*project, FFitGraphID, more));
     // Data and curves on one y axis, so that the curve is seen where it lies on the data.
     if (FViewer && FViewer->GetCFI()) FViewer->GetCFI()->SetParameterValuesFromText({"OnlyOneYAxis=True"});
@@ -139,8 +176,13 @@ void TAdvancedFittingPreview::Open(int32_t graphID) {
 void TAdvancedFittingPreview::Close() {
   FMaskBand.reset();
   FMaskShown = false;
-  FGraphID = FDataGraphID = FFitGraphID = 0;
+  FGraphID = FDataGraphID = FFitGraphID = FCurveTransformationID = FXInterpretationID = 0;
   FReplicaGraphIDs.clear();
+  FXCursorClass.clear();
+  FAxisUnit.clear();
+  FCurveAxis.clear();
+  FArmedRow = -1;
+  FListenPositions.clear();
   FViewer = nullptr;
   FLastResult = TAdvancedFitPointResult();
   FStatus = kNotFitted;
@@ -302,6 +344,20 @@ bool TAdvancedFittingPreview::SetRow(int index, const TAdvancedFitParamSettings&
   return true;
 }
 
+bool TAdvancedFittingPreview::FitSooner(int index) {
+  if (!Reconfigure() || !::FitSooner(FCore.Rows(), index)) return false;
+  StoreRows();
+  Update();
+  return true;
+}
+
+bool TAdvancedFittingPreview::FitLater(int index) {
+  if (!Reconfigure() || !::FitLater(FCore.Rows(), index)) return false;
+  StoreRows();
+  Update();
+  return true;
+}
+
 void TAdvancedFittingPreview::SetAllExtract(bool values, bool on) {
   if (!Reconfigure()) return;
   for (TAdvancedFitParamSettings& row : FCore.Rows()) (values ? row.ExtractValue : row.ExtractError) = on;
@@ -353,7 +409,7 @@ void TAdvancedFittingPreview::MakeReplicaGraphs() {
     if (!graph) continue;
     FReplicaGraphIDs.push_back(graph->GetID());
     FTool.AddDataToProject(std::move(graph));
-    if (FViewer) FViewer->AddDataID(FReplicaGraphIDs.back());
+    if (FViewer && FTool.GetBoolParameter(kShowAllReplica)) FViewer->AddDataID(FReplicaGraphIDs.back());
   }
 }
 
@@ -363,8 +419,14 @@ void TAdvancedFittingPreview::DrawCurves(bool fromValues) {
   const TFitFunction* function = FCore.GetFunction();
   if (!fit || !function) return;
   MakeReplicaGraphs();
-  const std::vector<double>& axis = FCore.GetAxis();
-  const size_t length = static_cast<size_t>(fit->GetSizeGraph());
+  const TAdvancedFitPreviewRange range = GetRange();
+  const std::vector<double> axis = range.Axis();
+  if (axis.empty()) {
+    FStatus = "Preview range is empty (Start Value equals Stop Value)";
+    return;
+  }
+  if (!SizeCurveGraphs(axis)) return;
+  const size_t length = axis.size();
   std::vector<double> p;
   for (const TAdvancedFitParamSettings& row : FCore.Rows())
     p.push_back(fromValues ? row.Value : row.StartValue);
@@ -373,7 +435,7 @@ void TAdvancedFittingPreview::DrawCurves(bool fromValues) {
     std::vector<float> values(length, static_cast<float>(nan));
     try {
       for (size_t g = 0; g < length; ++g) {
-        const double x = g < axis.size() ? axis[g] : static_cast<double>(g);
+        const double x = axis[g];
         values[g] = SafeDoubleToFloat(replica < 0 ? function->GetFunctionValue(p.data(), x)
                                                   : function->GetReplicaValue(p.data(), x, replica));
       }
@@ -389,6 +451,199 @@ void TAdvancedFittingPreview::DrawCurves(bool fromValues) {
   for (size_t r = 0; r < FReplicaGraphIDs.size(); ++r)
     if (auto* replica = dynamic_cast<TDGraph*>(project.FindData(FReplicaGraphIDs[r])))
       fill(*replica, static_cast<int>(r));
+}
+
+bool TAdvancedFittingPreview::SizeCurveGraphs(const std::vector<double>& axis) {
+  TProject& project = *FTool.GetProject();
+  auto* table = dynamic_cast<TDLUTTransformation*>(project.FindData(FCurveTransformationID));
+  if (!table) return false;
+  const auto* interpretation = dynamic_cast<const TDInterpretation*>(project.FindData(FXInterpretationID));
+  std::vector<double> standard(axis.size());
+  for (size_t g = 0; g < axis.size(); ++g)
+    standard[g] = interpretation ? interpretation->ToStandard(axis[g]) : axis[g];
+  if (standard != table->GetLUT()) {
+    try {
+      table->SetLUT(standard.data(), static_cast<int32_t>(standard.size()));
+    } catch (const OrvexException&) {
+      FStatus = "Preview Error (the range can't be shown on this axis)";
+      return false;
+    }
+    table->DoDataChange(TDataChangeInfo::DataChanged);
+  }
+  std::vector<int32_t> ids{FFitGraphID};
+  ids.insert(ids.end(), FReplicaGraphIDs.begin(), FReplicaGraphIDs.end());
+  for (int32_t id : ids)
+    if (auto* graph = dynamic_cast<TDGraph*>(project.FindData(id))) {
+      if (graph->GetSizeGraph() != static_cast<int32_t>(axis.size()) || graph->GetSizeX() != 1 ||
+          graph->GetSizeY() != 1)
+        graph->SetFieldSize(1, 1, TDataFieldKind::Float, static_cast<int32_t>(axis.size()));
+      graph->SetXTransformationID(FCurveTransformationID);
+      graph->SetXInterpretationID(FXInterpretationID);
+    }
+  FCurveAxis = axis;
+  return true;
+}
+
+// --- The preview range -----------------------------------------------------------------------------------
+
+TAdvancedFitPreviewRange TAdvancedFittingPreview::GetRange() const {
+  TAdvancedFitPreviewRange range;
+  range.Points = FTool.GetIntParameter(TAdvancedFittingToolForm::kPreviewPoints);
+  range.Start = FTool.GetFloatParameter(TAdvancedFittingToolForm::kPreviewStart);
+  range.Stop = FTool.GetFloatParameter(TAdvancedFittingToolForm::kPreviewStop);
+  if (range.Start == 0 && range.Stop == 0) {
+    const int points = range.Points;
+    range = TAdvancedFitPreviewRange::FromAxis(FCore.GetAxis());
+    range.Points = points;
+  }
+  return range;
+}
+
+void TAdvancedFittingPreview::ResetRange() {
+  const TAdvancedFitPreviewRange range = TAdvancedFitPreviewRange::FromAxis(FCore.GetAxis());
+  FStoring = true;
+  FTool.Parameters().SetParameterValuesFromText(
+      {std::string(TAdvancedFittingToolForm::kPreviewPoints) + "=" + std::to_string(range.Points),
+       std::string(TAdvancedFittingToolForm::kPreviewStart) + "=" + Number(range.Start),
+       std::string(TAdvancedFittingToolForm::kPreviewStop) + "=" + Number(range.Stop)});
+  FStoring = false;
+  if (!IsOpen()) return;
+  RedrawCurves();
+  Changed();
+}
+
+void TAdvancedFittingPreview::RangeChanged() {
+  if (!IsOpen()) return;
+  RedrawCurves();
+  Changed();
+}
+
+void TAdvancedFittingPreview::RedrawCurves() {
+  const std::string status = FStatus;
+  DrawCurves(FLastResult.FitOK || (!IsFitOnChange() && FCurveFromValue));
+  // A drawable range clears an earlier complaint about the range; the fit's own status stays.
+  if (FStatus == status && !GetRange().IsValid()) return;
+  if (FStatus == status && status.rfind("Preview range is empty", 0) == 0)
+    FStatus = FLastResult.FitOK ? std::string(kFitSuccessful) : std::string(kNotFitted);
+}
+
+// --- Values from the cursor ------------------------------------------------------------------------------
+
+TFitParamListenKind TAdvancedFittingPreview::GetListenKind(int index) const {
+  TFitFunction* function = FCore.GetFunction();
+  const TFitParam* param = function ? function->GetParam(index) : nullptr;
+  return param ? param->ListenKind : TFitParamListenKind::NoListen;
+}
+
+bool TAdvancedFittingPreview::ArmListen(int index) {
+  if (GetListenKind(index) == TFitParamListenKind::NoListen) return false;
+  FArmedRow = index;
+  FListenPositions.clear();
+  Changed();
+  return true;
+}
+
+void TAdvancedFittingPreview::DisarmListen() {
+  if (FArmedRow < 0) return;
+  FArmedRow = -1;
+  FListenPositions.clear();
+  Changed();
+}
+
+bool TAdvancedFittingPreview::XCursorChanged(const TDCursor& cursor) {
+  if (!IsOpen() || FXCursorClass.empty() || cursor.GetClassNameA() != FXCursorClass) return false;
+  const auto* interpretation =
+      dynamic_cast<const TDInterpretation*>(FTool.GetProject()->FindData(FXInterpretationID));
+  const double position = cursor.GetPosition(0);
+  XCursorMovedTo(interpretation ? interpretation->StandardTo(position) : position);
+  return true;
+}
+
+void TAdvancedFittingPreview::XCursorMovedTo(double position) {
+  if (!IsOpen() || !std::isfinite(position)) return;
+  if (FTool.GetBoolParameter(TAdvancedFittingToolForm::kListen)) {
+    TAdvancedFitPreviewRange range = GetRange();
+    if (range.FollowCursor(position)) {
+      FStoring = true;
+      FTool.Parameters().SetParameterValuesFromText(
+          {std::string(TAdvancedFittingToolForm::kPreviewStart) + "=" + Number(range.Start),
+           std::string(TAdvancedFittingToolForm::kPreviewStop) + "=" + Number(range.Stop)});
+      FStoring = false;
+      if (FArmedRow < 0) {
+        RedrawCurves();
+        Changed();
+      }
+    }
+  }
+  if (FArmedRow < 0 || !Reconfigure()) return;
+  FListenPositions.push_back(position);
+  if (FListenPositions.size() > 2) FListenPositions.erase(FListenPositions.begin());
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double last = FListenPositions.back();
+  const double first = FListenPositions.size() == 2 ? FListenPositions.front() : nan;
+  double value = nan;
+  switch (GetListenKind(FArmedRow)) {
+  case TFitParamListenKind::XAxis:
+    value = last;
+    break;
+  case TFitParamListenKind::YAxis:
+    value = SpectrumValueAt(last);
+    break;
+  case TFitParamListenKind::XDiff:
+    value = last - first;
+    break;
+  case TFitParamListenKind::XDiffAbsolute:
+    value = std::fabs(last - first);
+    break;
+  case TFitParamListenKind::YDiff:
+    value = SpectrumValueAt(last) - SpectrumValueAt(first);
+    break;
+  case TFitParamListenKind::YDiffAbsolute:
+    value = std::fabs(SpectrumValueAt(last) - SpectrumValueAt(first));
+    break;
+  case TFitParamListenKind::Area:
+    value = std::isnan(first) ? nan : SpectrumAreaBetween(first, last);
+    break;
+  default:
+    break;
+  }
+  if (!std::isfinite(value)) return; // a difference needs a second position
+  // The value is the user's form of the parameter; the rows hold the native one.
+  std::vector<TAdvancedFitParamSettings>& rows = FCore.Rows();
+  std::vector<double> start;
+  for (const TAdvancedFitParamSettings& row : rows) start.push_back(row.StartValue);
+  FCore.GetFunction()->TransformNativeParametersToParameters(start.data());
+  start[static_cast<size_t>(FArmedRow)] = value;
+  FCore.GetFunction()->TransformParametersToNativeParameters(start.data());
+  for (size_t i = 0; i < rows.size(); ++i)
+    if (std::isfinite(start[i])) rows[i].StartValue = start[i];
+  StoreRows();
+  Update();
+}
+
+double TAdvancedFittingPreview::SpectrumValueAt(double x) const {
+  const auto* data = dynamic_cast<const TDGraph*>(FTool.GetProject()->FindData(FDataGraphID));
+  const std::vector<double>& axis = FCore.GetAxis();
+  if (!data || axis.empty() || !std::isfinite(x)) return std::numeric_limits<double>::quiet_NaN();
+  size_t nearest = 0;
+  for (size_t g = 1; g < axis.size(); ++g)
+    if (std::fabs(axis[g] - x) < std::fabs(axis[nearest] - x)) nearest = g;
+  return data->GetField(0, 0, static_cast<int32_t>(nearest));
+}
+
+double TAdvancedFittingPreview::SpectrumAreaBetween(double a, double b) const {
+  const auto* data = dynamic_cast<const TDGraph*>(FTool.GetProject()->FindData(FDataGraphID));
+  const std::vector<double>& axis = FCore.GetAxis();
+  if (!data || axis.size() < 2) return std::numeric_limits<double>::quiet_NaN();
+  const double low = std::min(a, b), high = std::max(a, b);
+  double area = 0;
+  for (size_t g = 1; g < axis.size(); ++g) {
+    const double x0 = axis[g - 1], x1 = axis[g];
+    if (std::min(x0, x1) < low || std::max(x0, x1) > high) continue; // only steps wholly inside
+    area += 0.5 * (double(data->GetField(0, 0, int32_t(g - 1))) + data->GetField(0, 0, int32_t(g))) *
+            std::fabs(x1 - x0);
+  }
+  return area;
 }
 
 // --- What the window shows -------------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <vector>
 
 class TAdvancedFittingToolForm;
+class TDCursor;
 class TGraphMask;
 class TFitFunctionManager;
 class TVCustomForm;
@@ -82,11 +83,51 @@ public:
   void ResetParams();
   /// Writes one row (the window's table); false with a message when the row set is refused.
   bool SetRow(int index, const TAdvancedFitParamSettings& row, std::string& problem);
+  /// "Fit Sooner" / "Fit Later" on row index (see TAdvancedFitParamSettings::FitOrder); false when
+  /// index is no row.
+  bool FitSooner(int index);
+  bool FitLater(int index);
   /// All Extract Value (or Extract Error) switches on or off.
   void SetAllExtract(bool values, bool on);
   const std::vector<TAdvancedFitParamSettings>& Rows() const { return FCore.Rows(); }
   /// The short names in the user form, one per row.
   std::vector<std::string> RowNames() const;
+  ///@}
+
+  ///@{ The preview range: the even x axis the fit curve and the replicas are drawn on, in the unit of
+  /// the input's axis. Start and stop both 0 (as declared) mean the whole axis.
+  TAdvancedFitPreviewRange GetRange() const;
+  /// "Reset Range": the whole axis of the input, as many points as it has (at most 1000).
+  void ResetRange();
+  /// The range changed: the curves are drawn on it anew, the last fit (and its status) stays.
+  void RangeChanged();
+  /// The unit of the input's axis (the range's unit; empty without axis).
+  const std::string& GetAxisUnit() const { return FAxisUnit; }
+  /// The x positions of the fit curve graph as drawn last.
+  const std::vector<double>& GetCurveAxis() const { return FCurveAxis; }
+  ///@}
+
+  ///@{ Taking values from the preview viewer's x cursor.
+  /// The class of the x cursor of the input's axis (empty without one).
+  const std::string& GetXCursorClassName() const { return FXCursorClass; }
+  /// Arms row index to take its Start Value from the x cursor by its parameter's listen kind (one armed
+  /// row at a time; a row whose parameter doesn't listen is refused): "X-Axis" the cursor position,
+  /// "Y-Axis" the current spectrum's value at the point nearest to it, and from the last two positions
+  /// of the cursor "X-Diff" (later minus earlier), "X-Diff Absolute", "Y-Diff", "Y-Diff Absolute"
+  /// and "Area" (the trapezoid area of the spectrum between them). The value is taken in the user form
+  /// of the parameter. It stays armed until DisarmListen.
+  bool ArmListen(int index);
+  /// Ends the listening of the armed row.
+  void DisarmListen();
+  /// The armed row, -1 for none.
+  int GetArmedRow() const { return FArmedRow; }
+  /// The listen kind of row index ("No Listen" for none).
+  TFitParamListenKind GetListenKind(int index) const;
+  /// A cursor changed: when it is the x cursor of the input's axis, the armed row takes its value and,
+  /// with Listen, the nearer end of the preview range follows (XCursorMovedTo with its position in the
+  /// axis unit); false for any other cursor.
+  bool XCursorChanged(const TDCursor& cursor);
+  void XCursorMovedTo(double position);
   ///@}
 
   ///@{ What the window shows.
@@ -147,10 +188,18 @@ private:
   void StorePixel();
   /// The curve graphs from the last fit (Fit on Change) or the start values (Define Start Values).
   void DrawCurves(bool fromValues);
+  /// The curves as they stand: from the values after a good fit or when the preview radio says so.
+  void RedrawCurves();
   void CopySpectrumToDataGraph();
   /// The fit mask as a band over the data in the viewer (when the viewer shows mask bands).
   void ShowFitMask();
   void MakeReplicaGraphs();
+  /// The fit curve graph (and replicas) sized to the preview range, their x axis its positions.
+  bool SizeCurveGraphs(const std::vector<double>& axis);
+  /// The current spectrum's value at the point nearest to x; NaN without one.
+  double SpectrumValueAt(double x) const;
+  /// The area under the current spectrum from a to b (trapezoids over its points in between).
+  double SpectrumAreaBetween(double a, double b) const;
   void ClearResult(const std::string& status);
 
   TAdvancedFittingToolForm& FTool;
@@ -160,6 +209,13 @@ private:
   int32_t FPixelX = 0, FPixelY = 0;
   int32_t FDataGraphID = 0, FFitGraphID = 0;
   std::vector<int32_t> FReplicaGraphIDs;
+  int32_t FCurveTransformationID = 0;
+  std::string FXCursorClass;
+  int32_t FXInterpretationID = 0;
+  std::string FAxisUnit;
+  std::vector<double> FCurveAxis;
+  int FArmedRow = -1;
+  std::vector<double> FListenPositions; ///< the last cursor positions since arming, at most two
   TVCustomForm* FViewer = nullptr;
   std::unique_ptr<TGraphMask> FMaskBand;
   bool FMaskShown = false;

@@ -39,6 +39,8 @@ constexpr const char* kUserFitFunctionsFile = "User Fit Functions File";
 constexpr const char* kNumberOfThreads = "Number of Threads";
 constexpr const char* kFitMode = "Fit Mode";
 constexpr const char* kAdvancedMode = "Advanced Mode";
+constexpr const char* kShowAllReplica = "Show all Replica on Startup";
+constexpr const char* kExtractWithSupportingPoints = "Extract Fit Curve with Input Data Supporting Points";
 
 // The functions the tool offers, in the manager's order: class name for creation, function name for
 // the user.
@@ -286,6 +288,9 @@ bool SetColumn(TAdvancedFitParamSettings& row, const std::string& column, const 
   } else if (column == "Value if Fit Fails") {
     ok = ReadNumber(value, number);
     if (ok) row.ValueIfFitFails = number;
+  } else if (column == "Fit Order") {
+    ok = ReadNumber(value, number) && number >= 0 && number <= 1000 && number == std::floor(number);
+    if (ok) row.FitOrder = static_cast<int>(number);
   } else {
     error = "unknown column \"" + column + "\" of row \"" + row.Name + "\"";
     return false;
@@ -383,6 +388,8 @@ bool Configure(const TUserParameterAdministrator& parameters, TAdvancedFittingCo
     core.ExtractReplica = p->GetParameter();
   if (const auto* p = Find<TUserIntParameter>(parameters, kNumberOfThreads))
     core.NumberOfThreads = p->GetParameter();
+  if (const auto* p = Find<TUserBoolParameter>(parameters, kExtractWithSupportingPoints))
+    core.ExtractFitCurveWithInputDataSupportingPoints = p->GetParameter();
   parameter.clear();
   return true;
 }
@@ -426,7 +433,8 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
     t.AddString(kFitParameters, "Fit Parameters", "")
         .SetDescription("Row settings: \"<parameter>|<column>=<value>\" items separated by ';'; columns "
                         "Start Value, Value, Vary, Lower Limit, Upper Limit (number or none), Auto, "
-                        "Extract Value, Extract Error, Value if Fit Fails");
+                        "Extract Value, Extract Error, Value if Fit Fails, Fit Order (the stage from "
+                        "which the parameter varies, 0 the first)");
     t.AddString(kFitMask, "Fit Mask", "all")
         .SetDescription("Points fitted: \"all\", \"none\", \"lo:hi\" in the axis unit, \"lo:hi px\", "
                         "\"graph:ID\", comma-separated");
@@ -439,6 +447,10 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
         .SetDescription("Extract also makes the fitted curves");
     t.AddBool(kExtractReplica, "Extract Replica", false)
         .SetDescription("With the curves, one more curve graph per part of a composite function");
+    t.AddBool(kExtractWithSupportingPoints, "Extract Fit Curve with Input Data Supporting Points", true)
+        .SetDescription("The extracted fit curves lie on the input's points; off: on the preview range");
+    t.AddBool(kShowAllReplica, "Show all Replica on Startup", true)
+        .SetDescription("The preview viewer shows the parts of a composite function beside its curve");
     t.AddInt(kParamPrecision, "Param Precision:", 6)
         .SetLimits(2, 12)
         .SetDescription("Significant digits of the values in the text of a fitted spectrum");
@@ -458,6 +470,23 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
             "Values: the curve follows the start values");
     t.AddBool(kAdvancedMode, "Advanced Mode", false)
         .SetDescription("Offers the functions of several parts and their settings");
+    // The x axis of the preview curve: an even range of the input's axis unit.
+    t.AddInt(TAdvancedFittingToolForm::kPreviewPoints, "# of Points:", TAdvancedFitPreviewRange::kMaxPoints)
+        .SetLimits(2, TAdvancedFitPreviewRange::kMaxPoints)
+        .SetDescription("Points of the preview fit curve");
+    t.AddFloat(TAdvancedFittingToolForm::kPreviewStart, "Start Value:", 0)
+        .SetLimits(-TAdvancedFitPreviewRange::kLimit, TAdvancedFitPreviewRange::kLimit)
+        .SetDescription("First x of the preview fit curve (the input's axis unit); with Stop Value 0 "
+                        "too the whole axis");
+    t.AddFloat(TAdvancedFittingToolForm::kPreviewStop, "Stop Value:", 0)
+        .SetLimits(-TAdvancedFitPreviewRange::kLimit, TAdvancedFitPreviewRange::kLimit)
+        .SetDescription("Last x of the preview fit curve");
+    t.AddTrigger(TAdvancedFittingToolForm::kResetRange, "Reset Range")
+        .SetDescription("The preview range becomes the whole axis of the input");
+    t.AddBool(TAdvancedFittingToolForm::kListen, "Listen", false)
+        .SetDescription("The preview range follows the x cursor of the preview viewer: from the cursor "
+                        "to its difference position")
+        .SetSaved(false);
     t.AddTrigger(TAdvancedFittingToolForm::kFitOnce, "Fit Once");
     t.AddTrigger(TAdvancedFittingToolForm::kValuesToStartValues, "<<")
         .SetDescription("The fitted values become the start values");
@@ -502,8 +531,11 @@ TAdvancedFittingPreview* TAdvancedFittingToolForm::GetPreview() const {
 }
 
 void TAdvancedFittingToolForm::DoDataChange(TData* data) {
-  if (!data || !data->InheritsFrom(TDSpaceCursor::kClassName) || !FPreview->IsOpen()) return;
-  FPreview->FollowSpaceCursor();
+  if (!data || !FPreview->IsOpen()) return;
+  if (data->InheritsFrom(TDSpaceCursor::kClassName))
+    FPreview->FollowSpaceCursor();
+  else if (const auto* cursor = dynamic_cast<const TDCursor*>(data))
+    FPreview->XCursorChanged(*cursor);
 }
 
 void TAdvancedFittingToolForm::DoParameterChanged(const TUserParameterList& changed) {
@@ -515,6 +547,15 @@ void TAdvancedFittingToolForm::DoParameterChanged(const TUserParameterList& chan
       FPreview->KeepAdvancedMode();
       return;
     }
+  // Only the preview range (or Listen) changed: the curve is drawn anew, the fit stays.
+  const bool onlyRange = std::all_of(changed.begin(), changed.end(), [](const TUserParameter* parameter) {
+    const std::string& name = parameter->GetName();
+    return name == kPreviewPoints || name == kPreviewStart || name == kPreviewStop || name == kListen;
+  });
+  if (!changed.empty() && onlyRange) {
+    FPreview->RangeChanged();
+    return;
+  }
   // A changed setting: Fit on Change refits the current spectrum, Define Start Values redraws its curve.
   FPreview->Update();
 }
@@ -547,9 +588,11 @@ bool TAdvancedFittingToolForm::ConfigureCore(TAdvancedFittingCore& core, std::st
 
 bool TAdvancedFittingToolForm::DoCommand(const std::string& name) {
   if (name == kFitOnce || name == kValuesToStartValues || name == kStartValuesToValues ||
-      name == kResetParams) {
+      name == kResetParams || name == kResetRange) {
     if (!FPreview->IsOpen()) return false;
-    if (name == kFitOnce)
+    if (name == kResetRange)
+      FPreview->ResetRange();
+    else if (name == kFitOnce)
       FPreview->FitOnce();
     else if (name == kValuesToStartValues)
       FPreview->CopyValuesToStartValues();
@@ -616,6 +659,15 @@ void TAdvancedFittingToolForm::ConfigureForGraph(const TDGraph& graph, TAdvanced
   }
   core.SetAxis(axis.Values);
   core.SetFitMask(mask);
+  // The curves off the input's points lie on the preview range; start and stop 0 mean the whole axis.
+  core.CurveRange.Points = GetIntParameter(kPreviewPoints);
+  core.CurveRange.Start = GetFloatParameter(kPreviewStart);
+  core.CurveRange.Stop = GetFloatParameter(kPreviewStop);
+  if (core.CurveRange.Start == 0 && core.CurveRange.Stop == 0) {
+    const int points = core.CurveRange.Points;
+    core.CurveRange = TAdvancedFitPreviewRange::FromAxis(core.GetAxis());
+    core.CurveRange.Points = points;
+  }
 }
 
 bool TAdvancedFittingToolForm::FitGraph(const TDGraph& graph, bool images, bool curves, std::string& report) {
@@ -690,8 +742,17 @@ std::string TAdvancedFittingToolForm::FitPoint(const TDGraph& graph, int32_t x, 
                        core.GetFunction()->FunctionName + ", " + where;
     auto curve = TDGraph::CreateResultGraph(project, graph.GetID(), true, TDataFieldKind::Float, info);
     if (!curve) throw OrvexException(GetDialogName() + ": " + name + ": the curve graph can't be made");
-    const std::vector<double>& axis = core.GetAxis();
-    std::vector<float> values(static_cast<size_t>(graph.GetSizeGraph()),
+    std::vector<double> axis = core.GetAxis();
+    if (!GetBoolParameter(kExtractWithSupportingPoints)) {
+      // On the even axis of the preview range.
+      int32_t transformationID = 0, interpretationID = 0;
+      if (!core.MakeCurveRangeAxis(project, graph.GetID(), axis, transformationID, interpretationID))
+        throw OrvexException(GetDialogName() + ": the preview range can't be an axis of " + name);
+      curve->SetFieldSize(1, 1, TDataFieldKind::Float, static_cast<int32_t>(axis.size()));
+      curve->SetXTransformationID(transformationID);
+      curve->SetXInterpretationID(interpretationID);
+    }
+    std::vector<float> values(static_cast<size_t>(curve->GetSizeGraph()),
                               std::numeric_limits<float>::quiet_NaN());
     if (result.FitOK)
       for (size_t g = 0; g < values.size(); ++g)

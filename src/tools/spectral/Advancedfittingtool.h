@@ -7,7 +7,12 @@
 //   Function Settings  "NumberOfFunctions=2; WidthKind=FWHM"   (the function's settings, by name)
 //   Fit Parameters     "x0|Start Value=520; x0|Auto=false; y0|Vary=false; s|Lower Limit=none"
 // Columns of a row: Start Value, Value, Vary, Lower Limit, Upper Limit (a number or "none"), Auto,
-// Extract Value, Extract Error, Value if Fit Fails. The settings always apply before the rows.
+// Extract Value, Extract Error, Value if Fit Fails, Fit Order (the stage of a staged fit from which the
+// row varies, see TAdvancedFitParamSettings). The settings always apply before the rows.
+//
+// The preview range (# of Points, Preview Start Value, Preview Stop Value, in the unit of the input's
+// axis) is the even x axis the window draws the fit curve on, and the axis of extracted fit curves when
+// "Extract Fit Curve with Input Data Supporting Points" is off; start and stop both 0 mean the whole axis.
 #pragma once
 
 #include "project/Projectdialogform.h"
@@ -49,6 +54,14 @@ public:
   static constexpr const char* kStartValuesToValues = ">>";
   static constexpr const char* kResetParams = "Reset Params";
   /// @}
+  /// @{ The preview range: points, start and stop of the fit curve's x axis, its reset to the input's
+  /// axis, and its following of the preview viewer's x cursor.
+  static constexpr const char* kPreviewPoints = "# of Points";
+  static constexpr const char* kPreviewStart = "Preview Start Value";
+  static constexpr const char* kPreviewStop = "Preview Stop Value";
+  static constexpr const char* kResetRange = "Reset Range";
+  static constexpr const char* kListen = "Listen";
+  /// @}
 
   TAdvancedFittingToolForm();
   ~TAdvancedFittingToolForm() override;
@@ -74,7 +87,8 @@ public:
   /// Opens the preview of the first input when the tool runs in a window.
   void Init(const TIntList* ids, const TIntList* extra, TProject* project = nullptr) override;
   void CleanUp() override;
-  /// A moved space cursor makes its spectrum the current one.
+  /// A moved space cursor makes its spectrum the current one; a moved x cursor of the preview viewer
+  /// sets an armed parameter or, with Listen, the preview range.
   void DoDataChange(TData* data) override;
   /// The current spectrum, its fit and the preview graphs; null while the tool isn't open in a window.
   TAdvancedFittingPreview* GetPreview() const;

@@ -118,12 +118,29 @@ TEST_F(AdvancedFittingPreviewTest, FitOnceTakesTheFittedValuesAndStatistics) {
   const auto* data = dynamic_cast<const TDGraph*>(FProject.FindData(preview.GetDataGraphID()));
   const auto* map = dynamic_cast<const TDGraph*>(FProject.FindData(FIDs.Map));
   ASSERT_TRUE(fit && data && map);
+  // The curve lies on the preview range, by default the whole axis with as many points as it has.
+  const std::vector<double>& curveAxis = preview.GetCurveAxis();
+  ASSERT_EQ(fit->GetSizeGraph(), static_cast<int>(curveAxis.size()));
+  ASSERT_EQ(curveAxis.size(), 512u);
+  TAdvancedFittingCore core2;
+  tool.ConfigureForGraph(*map, core2);
+  EXPECT_DOUBLE_EQ(curveAxis.front(), core2.GetAxis().front());
+  EXPECT_DOUBLE_EQ(curveAxis.back(), core2.GetAxis().back());
+  std::vector<double> fitted;
+  for (const auto& row : rows) fitted.push_back(row.Value);
+  for (int g : {0, 200, 511})
+    EXPECT_FLOAT_EQ(fit->GetField(0, 0, g),
+                    static_cast<float>(core2.GetFunction()->GetFunctionValue(fitted.data(), curveAxis[g])));
+  // The fitted model at the map's points: at its highest one it passes near the data (the band stands
+  // far above the noise).
   int apex = 0;
-  for (int g = 1; g < fit->GetSizeGraph(); ++g)
-    if (fit->GetField(0, 0, g) > fit->GetField(0, 0, apex)) apex = g;
+  auto model = [&](int g) {
+    return core2.GetFunction()->GetFunctionValue(fitted.data(), core2.GetAxis()[g]);
+  };
+  for (int g = 1; g < data->GetSizeGraph(); ++g)
+    if (model(g) > model(apex)) apex = g;
   EXPECT_FLOAT_EQ(data->GetField(0, 0, apex), map->GetField(5, 3, apex));
-  // At the apex the curve passes near the data (the band stands far above the noise).
-  EXPECT_NEAR(fit->GetField(0, 0, apex), data->GetField(0, 0, apex), 0.15 * data->GetField(0, 0, apex));
+  EXPECT_NEAR(model(apex), data->GetField(0, 0, apex), 0.15 * data->GetField(0, 0, apex));
 }
 
 TEST_F(AdvancedFittingPreviewTest, ArrowsCopyBetweenValuesAndStartValuesAndResetParamsRestores) {
@@ -189,8 +206,8 @@ TEST_F(AdvancedFittingPreviewTest, DefineStartValuesDrawsTheStartCurve) {
   const auto& graph = *dynamic_cast<const TDGraph*>(FProject.FindData(FIDs.Map));
   tool.ConfigureForGraph(graph, core);
   for (int g : {0, 100, 300, 511})
-    EXPECT_FLOAT_EQ(fit->GetField(0, 0, g),
-                    static_cast<float>(core.GetFunction()->GetFunctionValue(p.data(), core.GetAxis()[g])))
+    EXPECT_FLOAT_EQ(fit->GetField(0, 0, g), static_cast<float>(core.GetFunction()->GetFunctionValue(
+                                                p.data(), preview.GetCurveAxis()[g])))
         << g;
   // The preview choice "Value": the curve of the Value column (still the function's own values here).
   std::vector<double> v;
@@ -198,12 +215,12 @@ TEST_F(AdvancedFittingPreviewTest, DefineStartValuesDrawsTheStartCurve) {
   ASSERT_NE(v, p);
   preview.SetCurveFromValue(true);
   for (int g : {0, 100, 300, 511})
-    EXPECT_FLOAT_EQ(fit->GetField(0, 0, g),
-                    static_cast<float>(core.GetFunction()->GetFunctionValue(v.data(), core.GetAxis()[g])))
+    EXPECT_FLOAT_EQ(fit->GetField(0, 0, g), static_cast<float>(core.GetFunction()->GetFunctionValue(
+                                                v.data(), preview.GetCurveAxis()[g])))
         << g;
   preview.SetCurveFromValue(false);
-  EXPECT_FLOAT_EQ(fit->GetField(0, 0, 300),
-                  static_cast<float>(core.GetFunction()->GetFunctionValue(p.data(), core.GetAxis()[300])));
+  EXPECT_FLOAT_EQ(fit->GetField(0, 0, 300), static_cast<float>(core.GetFunction()->GetFunctionValue(
+                                                p.data(), preview.GetCurveAxis()[300])));
 }
 
 TEST_F(AdvancedFittingPreviewTest, CursorMoveRefitsWithFitOnChangeOnly) {
@@ -387,6 +404,28 @@ TEST_F(AdvancedFittingPreviewTest, ViewerShowsCurveOverDataWithTheFitMaskAsBand)
       EXPECT_FALSE(factory.Made->Mask[g]);
     }
   tool.CleanUp(); // the viewer goes with the tool's clean-up
+}
+
+TEST_F(AdvancedFittingPreviewTest, ReplicasJoinTheViewerOnStartupOnlyWhenAskedTo) {
+  for (const bool show : {true, false}) {
+    TRecordingFactory factory;
+    factory.MaskSize = 512;
+    IToolViewerFactory* former = IToolViewerFactory::GetFactory();
+    IToolViewerFactory::SetFactory(&factory);
+    TAdvancedFittingToolForm tool;
+    TAdvancedFittingPreview& preview =
+        Open(tool,
+             {"Advanced Mode=true", "Function Settings=NumberOfFunctions=2",
+              std::string("Show all Replica on Startup=") + (show ? "true" : "false")},
+             "Gauss");
+    IToolViewerFactory::SetFactory(former);
+    ASSERT_NE(factory.Made, nullptr);
+    // Two parts: two replica graphs are made either way, and drawn.
+    ASSERT_EQ(preview.GetReplicaGraphIDs().size(), 2u);
+    for (int32_t id : preview.GetReplicaGraphIDs()) EXPECT_NE(FProject.FindData(id), nullptr);
+    EXPECT_EQ(factory.Made->Graphs.size(), show ? 4u : 2u) << show;
+    tool.CleanUp();
+  }
 }
 
 TEST(AdvancedFittingRowsText, ReadsBackToTheSameRows) {
