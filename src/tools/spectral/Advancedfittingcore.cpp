@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <functional>
 #include <iomanip>
 #include <sstream>
 
@@ -227,9 +228,10 @@ bool FitInStages(const TAdvancedFitInput& input, void* threadData, TAdvancedFitS
     return input.Function->CalculateThread(threadData, s.Start.data(), s.Values.data(), s.Errors.data(), n,
                                            input.FitX, s.Y.data(), s.Sigma.data(), info, message);
   };
+  if (!input.FitOrder) return fit();
   auto* minimizer =
       dynamic_cast<TNLFitFunction*>(input.Function) ? static_cast<TChiSqrMinimizer*>(threadData) : nullptr;
-  if (!input.FitOrder || !minimizer || minimizer->GetNumberOfParameters() != np) return fit();
+  if (!minimizer || minimizer->GetNumberOfParameters() != np) return fit();
   // The stages: the distinct orders of the varied parameters.
   std::vector<int> stages;
   for (int i = 0; i < np; ++i)
@@ -605,9 +607,11 @@ TAdvancedFitInput TAdvancedFittingCore::MakeInput(int spectrumLength,
   input.FitPointIndex = FFitPointIndex.data();
   input.FitX = FFitX.data();
   input.FitPoints = GetNumberOfFitPoints();
-  input.FitOrder = FFitOrder.size() == static_cast<size_t>(FFunction ? FFunction->GetNumberOfParameters() : 0)
-                       ? FFitOrder.data()
-                       : nullptr;
+  // One order for every row is one stage: the fit loop then doesn't look at the orders at all.
+  const bool staged =
+      FFitOrder.size() == static_cast<size_t>(FFunction ? FFunction->GetNumberOfParameters() : 0) &&
+      std::adjacent_find(FFitOrder.begin(), FFitOrder.end(), std::not_equal_to<>()) != FFitOrder.end();
+  input.FitOrder = staged ? FFitOrder.data() : nullptr;
   input.SpectrumLength = spectrumLength;
   input.ReadSpectrum = std::move(reader);
   return input;
