@@ -7,6 +7,7 @@
 #include <cmath>
 #include <string>
 #include <thread>
+#include <utility>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
@@ -101,6 +102,104 @@ __attribute__((target("avx2,fma"))) void MicroKernelVector(const float* vec, con
   _mm256_storeu_ps(out + 80, c31);
   _mm256_storeu_ps(out + 88, c32);
 }
+
+// The column form for processors with 32 vector registers: the micro-tiles q = 0..count-1 of one column
+// panel, all wholly below the diagonal, one after the other. Micro-tile q's bc panel is at bc + q * bcStep
+// and its corner of c at c + q * 4 ldc. A micro-tile's sums go to c while the next one is being
+// multiplied: each of the first twelve steps adds one of the twelve finished vectors, so the conversions
+// and additions run beside the multiply-adds instead of after them (in 16 registers there is no room for
+// both sets of sums). The last micro-tile's sums are added after its loop.
+#define OX_RANKUPDATE_WIDE __attribute__((target("avx2,fma,avx512f,avx512vl")))
+OX_RANKUPDATE_WIDE __attribute__((always_inline)) inline void AddToWide(double* dst, __m256 v) {
+  _mm256_storeu_pd(dst, _mm256_add_pd(_mm256_loadu_pd(dst), _mm256_cvtps_pd(_mm256_castps256_ps128(v))));
+  _mm256_storeu_pd(dst + 4,
+                   _mm256_add_pd(_mm256_loadu_pd(dst + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))));
+}
+
+// One step of the micro-tile at v, b: three column vectors times four broadcast row values into the twelve
+// named sums (named, not an array, so that they stay in registers).
+#define OX_WIDE_STEP(v, b)                                                                                   \
+  do {                                                                                                       \
+    const __m256 a0 = _mm256_loadu_ps(v), a1 = _mm256_loadu_ps((v) + 8), a2 = _mm256_loadu_ps((v) + 16);     \
+    __m256 x = _mm256_broadcast_ss(b);                                                                       \
+    c00 = _mm256_fmadd_ps(a0, x, c00);                                                                       \
+    c01 = _mm256_fmadd_ps(a1, x, c01);                                                                       \
+    c02 = _mm256_fmadd_ps(a2, x, c02);                                                                       \
+    x = _mm256_broadcast_ss((b) + 1);                                                                        \
+    c10 = _mm256_fmadd_ps(a0, x, c10);                                                                       \
+    c11 = _mm256_fmadd_ps(a1, x, c11);                                                                       \
+    c12 = _mm256_fmadd_ps(a2, x, c12);                                                                       \
+    x = _mm256_broadcast_ss((b) + 2);                                                                        \
+    c20 = _mm256_fmadd_ps(a0, x, c20);                                                                       \
+    c21 = _mm256_fmadd_ps(a1, x, c21);                                                                       \
+    c22 = _mm256_fmadd_ps(a2, x, c22);                                                                       \
+    x = _mm256_broadcast_ss((b) + 3);                                                                        \
+    c30 = _mm256_fmadd_ps(a0, x, c30);                                                                       \
+    c31 = _mm256_fmadd_ps(a1, x, c31);                                                                       \
+    c32 = _mm256_fmadd_ps(a2, x, c32);                                                                       \
+  } while (false)
+
+OX_RANKUPDATE_WIDE void MicroKernelColumnWide(const float* vec, const float* bc, std::ptrdiff_t bcStep,
+                                              int count, int kc, double* c, std::ptrdiff_t ldc) {
+  // Sums of the micro-tile being multiplied (cRT: row R, part T) and of the one before it (dRT).
+  __m256 d00 = _mm256_setzero_ps(), d01 = d00, d02 = d00, d10 = d00, d11 = d00, d12 = d00, d20 = d00,
+         d21 = d00, d22 = d00, d30 = d00, d31 = d00, d32 = d00;
+  double* done = nullptr;
+  const auto addAllDone = [&] {
+    AddToRow(done, d00, d01, d02);
+    AddToRow(done + ldc, d10, d11, d12);
+    AddToRow(done + 2 * ldc, d20, d21, d22);
+    AddToRow(done + 3 * ldc, d30, d31, d32);
+  };
+  for (int q = 0; q < count; ++q) {
+    const float* b = bc + q * bcStep;
+    __m256 c00 = _mm256_setzero_ps(), c01 = c00, c02 = c00, c10 = c00, c11 = c00, c12 = c00, c20 = c00,
+           c21 = c00, c22 = c00, c30 = c00, c31 = c00, c32 = c00;
+    int s = 0;
+    if (done && kc >= 12) {
+      // Step i also adds finished vector i of the micro-tile before.
+      OX_WIDE_STEP(vec, b);
+      AddToWide(done, d00);
+      OX_WIDE_STEP(vec + kVec, b + kBc);
+      AddToWide(done + 8, d01);
+      OX_WIDE_STEP(vec + 2 * kVec, b + 2 * kBc);
+      AddToWide(done + 16, d02);
+      OX_WIDE_STEP(vec + 3 * kVec, b + 3 * kBc);
+      AddToWide(done + ldc, d10);
+      OX_WIDE_STEP(vec + 4 * kVec, b + 4 * kBc);
+      AddToWide(done + ldc + 8, d11);
+      OX_WIDE_STEP(vec + 5 * kVec, b + 5 * kBc);
+      AddToWide(done + ldc + 16, d12);
+      OX_WIDE_STEP(vec + 6 * kVec, b + 6 * kBc);
+      AddToWide(done + 2 * ldc, d20);
+      OX_WIDE_STEP(vec + 7 * kVec, b + 7 * kBc);
+      AddToWide(done + 2 * ldc + 8, d21);
+      OX_WIDE_STEP(vec + 8 * kVec, b + 8 * kBc);
+      AddToWide(done + 2 * ldc + 16, d22);
+      OX_WIDE_STEP(vec + 9 * kVec, b + 9 * kBc);
+      AddToWide(done + 3 * ldc, d30);
+      OX_WIDE_STEP(vec + 10 * kVec, b + 10 * kBc);
+      AddToWide(done + 3 * ldc + 8, d31);
+      OX_WIDE_STEP(vec + 11 * kVec, b + 11 * kBc);
+      AddToWide(done + 3 * ldc + 16, d32);
+      s = 12;
+    } else if (done) {
+      addAllDone();
+    }
+    for (; s < kc; ++s) OX_WIDE_STEP(vec + s * kVec, b + s * kBc);
+    d00 = c00, d01 = c01, d02 = c02, d10 = c10, d11 = c11, d12 = c12;
+    d20 = c20, d21 = c21, d22 = c22, d30 = c30, d31 = c31, d32 = c32;
+    done = c + q * kBc * ldc;
+  }
+  if (done) addAllDone();
+}
+#undef OX_WIDE_STEP
+
+bool HasWideVectorRegisters() {
+  static const bool has =
+      HasVectorFMA() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
+  return has;
+}
 #endif
 
 } // namespace
@@ -116,7 +215,9 @@ TSymmetricRankUpdate::TSymmetricRankUpdate(int pointCount, int maxBlockLength, T
   VecPanels = (M + VecWidth - 1) / VecWidth;
   BcPanels = (M + BcWidth - 1) / BcWidth;
   Vector = UseVectorPath(path);
-#ifndef OX_RANKUPDATE_X86
+#ifdef OX_RANKUPDATE_X86
+  Wide = Vector && path == TKernelPath::Auto && HasWideVectorRegisters();
+#else
   Vector = false;
 #endif
   const std::size_t chunks = (MaxK + MaxSpectraPerPartialSum - 1) / MaxSpectraPerPartialSum;
@@ -242,32 +343,54 @@ void TSymmetricRankUpdate::UpdateMicroTiles(int rowBegin, int rowEnd, int colBeg
       const int c0 = p * kVec;
       const std::ptrdiff_t chunk = s0 / MaxSpectraPerPartialSum;
       const float* vec = VecPack.data() + (chunk * VecPanels + p) * MaxSpectraPerPartialSum * kVec;
-      for (int q = qFirst; q < qEnd; ++q) {
-        const int r0 = q * kBc;
-        if (c0 > r0 + kBc - 1) continue; // wholly above the diagonal
-        const float* bc = BcPack.data() + (chunk * BcPanels + q) * MaxSpectraPerPartialSum * kBc;
-        double* corner = c + r0 * ldc + c0;
-        const bool full = r0 + kBc <= M && c0 + kVec - 1 <= r0;
+      int q = qFirst;
 #ifdef OX_RANKUPDATE_X86
-        if (Vector) {
-          if (full) {
-            MicroKernelVector(vec, bc, kc, nullptr, corner, ldc);
-            continue;
-          }
-          MicroKernelVector(vec, bc, kc, out, nullptr, 0);
-        } else {
-          MicroKernelPlain(vec, bc, kc, out);
+      if (Wide) {
+        // The run of micro-tiles wholly below the diagonal and inside the matrix goes in one call.
+        int qFull = std::max(qFirst, (c0 + kVec - 1 + kBc - 1) / kBc);
+        const int qFullEnd = std::min(qEnd, M / kBc);
+        if (qFull < qFullEnd) {
+          const float* bc = BcPack.data() + (chunk * BcPanels + qFull) * MaxSpectraPerPartialSum * kBc;
+          MicroKernelColumnWide(vec, bc, MaxSpectraPerPartialSum * kBc, qFullEnd - qFull, kc,
+                                c + qFull * kBc * ldc + c0, ldc);
         }
-#else
-        MicroKernelPlain(vec, bc, kc, out);
-#endif
-        for (int r = 0; r < kBc && r0 + r < M; ++r) {
-          const int tEnd = std::min(kVec, r0 + r - c0 + 1);
-          double* dst = corner + r * ldc;
-          for (int t = 0; t < tEnd; ++t) dst[t] += static_cast<double>(out[r * kVec + t]);
+        // The others, nearer the diagonal or at the matrix edge, go one by one below.
+        for (; q < qEnd; ++q) {
+          if (q >= qFull && q < qFullEnd) continue;
+          UpdateOneMicroTile(chunk, p, q, kc, vec, c, ldc, out);
         }
+        continue;
       }
+#endif
+      for (; q < qEnd; ++q) UpdateOneMicroTile(chunk, p, q, kc, vec, c, ldc, out);
     }
+  }
+}
+
+void TSymmetricRankUpdate::UpdateOneMicroTile(std::ptrdiff_t chunk, int p, int q, int kc, const float* vec,
+                                              double* c, std::ptrdiff_t ldc, float* out) const {
+  const int c0 = p * kVec, r0 = q * kBc;
+  if (c0 > r0 + kBc - 1) return; // wholly above the diagonal
+  const float* bc = BcPack.data() + (chunk * BcPanels + q) * MaxSpectraPerPartialSum * kBc;
+  double* corner = c + r0 * ldc + c0;
+  const bool full = r0 + kBc <= M && c0 + kVec - 1 <= r0;
+#ifdef OX_RANKUPDATE_X86
+  if (Vector) {
+    if (full) {
+      MicroKernelVector(vec, bc, kc, nullptr, corner, ldc);
+      return;
+    }
+    MicroKernelVector(vec, bc, kc, out, nullptr, 0);
+  } else {
+    MicroKernelPlain(vec, bc, kc, out);
+  }
+#else
+  MicroKernelPlain(vec, bc, kc, out);
+#endif
+  for (int r = 0; r < kBc && r0 + r < M; ++r) {
+    const int tEnd = std::min(kVec, r0 + r - c0 + 1);
+    double* dst = corner + r * ldc;
+    for (int t = 0; t < tEnd; ++t) dst[t] += static_cast<double>(out[r * kVec + t]);
   }
 }
 

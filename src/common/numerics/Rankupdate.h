@@ -34,6 +34,9 @@ public:
   int BlockLength() const { return K; }
   /// True when the tiles run on the vector units.
   bool UsesVectorPath() const { return Vector; }
+  /// True when they use the form for 32 vector registers, which adds each micro-tile's sums to the matrix
+  /// while the next one is multiplied.
+  bool UsesWideRegisters() const { return Wide; }
 
   /// Number of tiles of the lower triangle, numbered row by row: (0,0), (1,0), (1,1), (2,0), ...
   int TileCount() const { return TileRows * (TileRows + 1) / 2; }
@@ -69,6 +72,10 @@ private:
 
   void UpdateMicroTiles(int rowBegin, int rowEnd, int colBegin, int colEnd, double* c,
                         std::ptrdiff_t ldc) const;
+  /// Micro-tile (q, p) of one chunk of the block; out is scratch for a tile that is cut by the diagonal
+  /// or the matrix edge.
+  void UpdateOneMicroTile(std::ptrdiff_t chunk, int p, int q, int kc, const float* vec, double* c,
+                          std::ptrdiff_t ldc, float* out) const;
 
   int M = 0;
   int MaxK = 0;
@@ -77,6 +84,7 @@ private:
   int VecPanels = 0;
   int BcPanels = 0;
   bool Vector = false;
+  bool Wide = false;
   // Spectrum s = 64 c + j (chunk c of one partial sum), panel p of 24 columns:
   // VecPack[((c * VecPanels + p) * 64 + j) * 24 + t] = b[s][24 p + t] (zero beyond m).
   std::vector<float> VecPack;

@@ -54,7 +54,8 @@ TEST(SymmetricRankUpdate, MatchesPlainLoopAtTileAndPanelEdges) {
   const int sizes[][2] = {{1, 1},   {3, 3},     {4, 256},  {5, 257},  {23, 63},  {24, 64},
                           {25, 65}, {16, 1},    {49, 300}, {95, 20},  {96, 513}, {97, 64},
                           {193, 9}, {250, 260}, {7, 31},   {191, 95}, {98, 33}};
-  for (TKernelPath path : {TKernelPath::Auto, TKernelPath::Plain}) {
+  // Auto takes the 32-register column form where the processor has it, Vector16 the 16-register form.
+  for (TKernelPath path : {TKernelPath::Auto, TKernelPath::Vector16, TKernelPath::Plain}) {
     for (const auto& size : sizes) {
       const int m = size[0], k = size[1];
       const std::vector<float> b = IntegerSpectra(k, m, 100u + m * 7u + k);
@@ -66,8 +67,8 @@ TEST(SymmetricRankUpdate, MatchesPlainLoopAtTileAndPanelEdges) {
           if (col <= r && c[r * m + col] != ref[r * m + col]) ++wrong;
           if (col > r && c[r * m + col] != kCanary) ++touched;
         }
-      EXPECT_EQ(wrong, 0) << "m=" << m << " k=" << k << " plain=" << (path == TKernelPath::Plain);
-      EXPECT_EQ(touched, 0) << "m=" << m << " k=" << k << " plain=" << (path == TKernelPath::Plain);
+      EXPECT_EQ(wrong, 0) << "m=" << m << " k=" << k << " path=" << static_cast<int>(path);
+      EXPECT_EQ(touched, 0) << "m=" << m << " k=" << k << " path=" << static_cast<int>(path);
     }
   }
 }
