@@ -145,12 +145,13 @@ OX_RANKUPDATE_WIDE void MicroKernelColumnWide(const float* vec, const float* bc,
   __m256 d00 = _mm256_setzero_ps(), d01 = d00, d02 = d00, d10 = d00, d11 = d00, d12 = d00, d20 = d00,
          d21 = d00, d22 = d00, d30 = d00, d31 = d00, d32 = d00;
   double* done = nullptr;
-  const auto addAllDone = [&] {
-    AddToRow(done, d00, d01, d02);
-    AddToRow(done + ldc, d10, d11, d12);
-    AddToRow(done + 2 * ldc, d20, d21, d22);
-    AddToRow(done + 3 * ldc, d30, d31, d32);
-  };
+#define OX_WIDE_ADD_ALL_DONE()                                                                               \
+  do {                                                                                                       \
+    AddToRow(done, d00, d01, d02);                                                                           \
+    AddToRow(done + ldc, d10, d11, d12);                                                                     \
+    AddToRow(done + 2 * ldc, d20, d21, d22);                                                                 \
+    AddToRow(done + 3 * ldc, d30, d31, d32);                                                                 \
+  } while (false)
   for (int q = 0; q < count; ++q) {
     const float* b = bc + q * bcStep;
     __m256 c00 = _mm256_setzero_ps(), c01 = c00, c02 = c00, c10 = c00, c11 = c00, c12 = c00, c20 = c00,
@@ -184,15 +185,16 @@ OX_RANKUPDATE_WIDE void MicroKernelColumnWide(const float* vec, const float* bc,
       AddToWide(done + 3 * ldc + 16, d32);
       s = 12;
     } else if (done) {
-      addAllDone();
+      OX_WIDE_ADD_ALL_DONE();
     }
     for (; s < kc; ++s) OX_WIDE_STEP(vec + s * kVec, b + s * kBc);
     d00 = c00, d01 = c01, d02 = c02, d10 = c10, d11 = c11, d12 = c12;
     d20 = c20, d21 = c21, d22 = c22, d30 = c30, d31 = c31, d32 = c32;
     done = c + q * kBc * ldc;
   }
-  if (done) addAllDone();
+  if (done) OX_WIDE_ADD_ALL_DONE();
 }
+#undef OX_WIDE_ADD_ALL_DONE
 #undef OX_WIDE_STEP
 
 bool HasWideVectorRegisters() {
