@@ -59,8 +59,9 @@ std::int64_t PCAStartMemoryBytes(int sizeX, int sizeY, int pointCount);
 /// CalculateThread on every thread, then Finish.
 class TPCACore {
 public:
-  /// Spectra of one block of the covariance.
-  static constexpr int MaxBlockLength = 2000;
+  /// Spectra of one block of the covariance: 512 keep the packed copies of a block (4 MiB for 1024 points)
+  /// near the processor while every tile of the block reads them.
+  static constexpr int MaxBlockLength = 512;
 
   TPCACore();
   ~TPCACore();
