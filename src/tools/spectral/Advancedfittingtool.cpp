@@ -428,6 +428,7 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
                         "Start Value, Value, Vary, Lower Limit, Upper Limit (number or none), Auto, "
                         "Extract Value, Extract Error, Value if Fit Fails");
     t.AddString(kFitMask, "Fit Mask", "all")
+        .SetSpectralMask()
         .SetDescription("Points fitted: \"all\", \"none\", \"lo:hi\" in the axis unit, \"lo:hi px\", "
                         "\"graph:ID\", comma-separated");
     t.AddInt(kDataReduction, "Data Reduction", 1)
