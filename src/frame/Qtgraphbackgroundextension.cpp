@@ -144,10 +144,10 @@ public:
       if (WindowOfViewer(viewer)) continue;
       const bool small = viewer == c.Intensity;
       auto* shown = new TQtViewerWindow(viewer, nullptr);
-      shown->resize(small ? 320 : 700, small ? 320 : 460);
+      shown->resize(small ? 720 : 700, small ? 420 : 460);
       shown->move(left, top);
       shown->ShowViewerWindow(false);
-      left += (small ? 320 : 700) + 10;
+      left += (small ? 720 : 700) + 10;
     }
   }
 

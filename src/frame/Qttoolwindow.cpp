@@ -158,7 +158,12 @@ void TQtToolWindow::LinkMasks() {
     link->ShowBand();
     FMaskLinks[name] = std::move(link);
   }
-  if (!FMaskLinks.empty()) SelectMaskForDrawing(FMaskLinks.begin()->first);
+  // Drawing starts on the first mask of the declaration.
+  for (const TParameterDeclaration& declaration : FTool.Declaration().GetDeclarations())
+    if (FMaskLinks.count(declaration.Name)) {
+      SelectMaskForDrawing(declaration.Name);
+      break;
+    }
 }
 
 void TQtToolWindow::UnlinkMasks() {

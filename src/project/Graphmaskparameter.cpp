@@ -72,8 +72,12 @@ void TGraphMaskParameterLink::ShowState(bool /*enabled*/, bool /*visible*/,
 
 void TGraphMaskParameterLink::SetMultiMask(int32_t graphID, int bandIndex, int firstPoint, int lastPoint,
                                            const bool* mask) {
-  if (IGraphMaskViewer* viewer = FViewer ? FViewer() : nullptr)
-    viewer->SetMultiMask(graphID, bandIndex, firstPoint, lastPoint, mask);
+  IGraphMaskViewer* viewer = FViewer ? FViewer() : nullptr;
+  if (!viewer) return;
+  // A mask over every point shows no band: tinting the whole plot tells nothing and dims the curves.
+  bool everyPoint = mask != nullptr;
+  for (int i = 0; everyPoint && i < FMask->GetMaskSize(); ++i) everyPoint = mask[i];
+  viewer->SetMultiMask(graphID, bandIndex, firstPoint, lastPoint, everyPoint ? nullptr : mask);
 }
 
 void TGraphMaskParameterLink::HideMarker() {

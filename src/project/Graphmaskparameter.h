@@ -1,7 +1,8 @@
 // A tool's mask parameter (a mask text such as "500:560, 990:1010") tied to a TGraphMask over the spectrum
 // a graph viewer shows: the text read into the mask whenever the parameter changes, and every change of
 // the mask (a toolbar button, drawing in the viewer) written back as one change of the parameter. The
-// mask shows as one band of the viewer. Toolkit-free, so that a window only has to place the widgets.
+// mask shows as one band of the viewer, except while it holds every point. Toolkit-free, so that a window
+// only has to place the widgets.
 #pragma once
 
 #include "common/parameters/Userparameter.h"
@@ -50,7 +51,8 @@ public:
   void ShowParameter(const TUserParameter& parameter) override;
   void ShowState(bool enabled, bool visible, TUserParameterFontColor fontColor) override;
   /// @}
-  /// @{ IGraphMaskViewer: what the mask shows goes on to the current viewer, if any.
+  /// @{ IGraphMaskViewer: what the mask shows goes on to the current viewer, if any; a mask of every
+  /// point goes as none (no band).
   void SetMultiMask(int32_t graphID, int bandIndex, int firstPoint, int lastPoint, const bool* mask) override;
   void HideMarker() override;
   /// @}
