@@ -200,3 +200,10 @@ TEST_F(GraphBackgroundReferenceTest, AutoPolynomialOnALongSpectrumSaysNothing) {
   ASSERT_TRUE(FTool.Parameters().SetParameterValuesFromText({"Method=Auto Polynomial"}).empty());
   EXPECT_FALSE(Told(TGraphBackgroundSubtractionForm::kAutoPolynomialTooSmallMessage));
 }
+
+TEST(GraphBackgroundMasks, BothMasksAreMarkedAsSpectralMasks) {
+  const TParameterTable& table = TGraphBackgroundSubtractionForm::Declaration();
+  EXPECT_TRUE(table.FindDeclaration("Fit Mask")->SpectralMask);
+  EXPECT_TRUE(table.FindDeclaration("Change Mask")->SpectralMask);
+  EXPECT_FALSE(table.FindDeclaration("Order")->SpectralMask);
+}
