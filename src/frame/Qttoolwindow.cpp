@@ -96,8 +96,10 @@ TQtToolWindow::TQtToolWindow(TProjectDialogForm& tool, QWidget* parent)
   };
   connect(FDataSet, &QComboBox::activated, this, [this](int index) {
     if (TDataSetChanger* changer = DataSetChangerOf(FTool))
-      if (index >= 0 && index < static_cast<int>(changer->GetIDs().size()))
+      if (index >= 0 && index < static_cast<int>(changer->GetIDs().size())) {
         changer->Select(changer->GetIDs()[index]);
+        LinkMasks(); // the masks follow the spectrum the preview shows now
+      }
   });
   tool.SetWindow(this);
 }
@@ -134,6 +136,9 @@ void TQtToolWindow::AddMaskToolBars() {
 }
 
 void TQtToolWindow::LinkMasks() {
+  // A user drawing masks on the preview goes on drawing into the masks made anew.
+  const TVMultiGraphForm* before = PreviewGraphViewerOf(FTool);
+  const bool drawing = before && before->GetGraphMouseMode() == TGraphMouseMode::Mask && !FMaskLinks.empty();
   UnlinkMasks();
   auto* graphs = dynamic_cast<TProjectGraphProcessingDialogForm*>(&FTool);
   TVMultiGraphForm* viewer = PreviewGraphViewerOf(FTool);
@@ -164,6 +169,7 @@ void TQtToolWindow::LinkMasks() {
       SelectMaskForDrawing(declaration.Name);
       break;
     }
+  if (drawing) viewer->SetGraphMouseMode(TGraphMouseMode::Mask);
 }
 
 void TQtToolWindow::UnlinkMasks() {
@@ -174,7 +180,6 @@ void TQtToolWindow::UnlinkMasks() {
   }
   for (auto& [name, bar] : FMaskBars) bar->SetGraphMask(nullptr, 0);
   FMaskLinks.clear();
-  FDrawnMask.clear();
 }
 
 TQtGraphMaskToolBar* TQtToolWindow::MaskToolBarOf(const std::string& name) const {
@@ -195,7 +200,6 @@ void TQtToolWindow::SelectMaskForDrawing(const std::string& name) {
   const bool drawing = viewer->GetGraphMouseMode() == TGraphMouseMode::Mask;
   viewer->SetMaskTool(&link->Mask(), false);
   if (drawing) viewer->SetGraphMouseMode(TGraphMouseMode::Mask);
-  FDrawnMask = name;
 }
 
 void TQtToolWindow::SetTitle(const std::string& title) {

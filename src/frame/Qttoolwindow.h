@@ -64,7 +64,6 @@ private:
   QVBoxLayout* FExtra = nullptr;
   std::map<std::string, TQtGraphMaskToolBar*> FMaskBars;
   std::map<std::string, std::unique_ptr<TGraphMaskParameterLink>> FMaskLinks;
-  std::string FDrawnMask;
 };
 
 /// What a tool adds to its generated window, called once when the window is made.

@@ -30,6 +30,7 @@
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
+#include <QToolButton>
 #include <cmath>
 
 #include <gtest/gtest.h>
@@ -196,6 +197,25 @@ TEST_F(BackgroundWindowTest, MasksShowOnThePreviewFollowDrawingAndTheReferenceCo
   EXPECT_TRUE(Near(At(picture, column(1050), row), BandOnWhite(0), 4));
   EXPECT_EQ(tool->GetStringParameter("Change Mask"), "1700:1850");
   window->grab().save(QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/background_window.png"));
+
+  // A click on the change mask's toolbar works on that mask and hands it to the preview for drawing.
+  changeBar->Button(TGraphMaskCommand::InvertAll)->click();
+  QApplication::processEvents();
+  EXPECT_EQ(preview->GetMaskTool(), &window->MaskLinkOf("Change Mask")->Mask());
+  EXPECT_EQ(preview->GetGraphMouseMode(), TGraphMouseMode::Mask);
+  const std::string inverted = tool->GetStringParameter("Change Mask");
+  EXPECT_EQ(qobject_cast<QLineEdit*>(window->Panel()->ControlOf("Change Mask"))->text().toStdString(),
+            inverted);
+  ASSERT_TRUE(ReadGraphMaskForGraph(FProject, FIDs.Map, inverted, "", points, error)) << error;
+  for (size_t i = 0; i < points.size(); ++i)
+    ASSERT_EQ(points[i], !(axis.Values[i] >= 1700 && axis.Values[i] <= 1850)) << i;
+  EXPECT_EQ(tool->GetStringParameter("Fit Mask"), fitText);
+  changeBar->Button(TGraphMaskCommand::SetAll)->click();
+  EXPECT_EQ(tool->GetStringParameter("Change Mask"), "all");
+  // A mask over every point shows no band: the change mask's part of the plot is white again.
+  picture = oxframetest::Grab(previewWindow->OpenGLWidget());
+  EXPECT_TRUE(Near(At(picture, column(1775), row), {255, 255, 255}, 2));
+  EXPECT_TRUE(Near(At(picture, column(1050), row), BandOnWhite(0), 4));
 
   // "Drop Spectrum" with none held says how to use it.
   QPushButton* drop = ButtonOf(*window, "Drop Spectrum");
