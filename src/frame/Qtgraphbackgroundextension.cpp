@@ -4,6 +4,7 @@
 // The tool's viewers, the preview graph and the intensity image with its draw field, get windows beside
 // the tool's window.
 #include "common/Standardmessage.h"
+#include "frame/Qtparampanel.h"
 #include "frame/Qttoolwindow.h"
 #include "frame/Qtviewerwindow.h"
 #include "tools/spectral/Graphbackgroundsubtraction.h"
@@ -52,6 +53,7 @@ TQtViewerWindow* WindowOfViewer(TVCustomForm* viewer) {
 // The state of the window's own part: the intensity viewer of the tool's current opening.
 struct TBackgroundControls {
   TGraphBackgroundSubtractionForm* Tool = nullptr;
+  TQtToolWindow* Window = nullptr;
   QPushButton* Drop = nullptr;
   QPushButton* Average = nullptr;
   TVImageForm* Intensity = nullptr;
@@ -65,6 +67,11 @@ struct TBackgroundControls {
   }
   void UpdateDropCaption() const {
     Drop->setText(Tool->GetIsActive() && Tool->HasReferenceSpectrum() ? "Clear Spectrum" : "Drop Spectrum");
+  }
+  // After the buttons set the reference: its field shows the new ID, the button its caption.
+  void ShowReference() const {
+    Window->Panel()->Refresh();
+    UpdateDropCaption();
   }
 };
 
@@ -117,7 +124,7 @@ public:
     std::string reason = "Drop one graph of a single spectrum.";
     if (ids.size() != 1 || !c.Tool->SetReferenceSpectrum(ids.front(), reason))
       Tell(*c.Tool, reason, kSeverityWarning);
-    c.UpdateDropCaption();
+    c.ShowReference();
   }
 
   // The intensity image with its draw field for the tool's current opening, and windows for the tool's
@@ -163,7 +170,7 @@ public:
     std::string message;
     if (pixels.empty() || c.Tool->GetMaskAverage(pixels, message) == 0)
       Tell(*c.Tool, message.empty() ? TGraphBackgroundSubtractionForm::kMaskEmptyMessage : message);
-    c.UpdateDropCaption();
+    c.ShowReference();
   }
 
 private:
@@ -171,39 +178,42 @@ private:
   TReferenceCaption FCaption;
 };
 
+// The buttons under the parameters and the watcher of the button and the window.
+void ExtendBackgroundWindow(TQtToolWindow& window, TProjectDialogForm& form) {
+  auto* tool = dynamic_cast<TGraphBackgroundSubtractionForm*>(&form);
+  if (!tool) return;
+  auto controls = std::make_shared<TBackgroundControls>();
+  controls->Tool = tool;
+  controls->Window = &window;
+  auto* row = new QHBoxLayout;
+  controls->Drop = new QPushButton("Drop Spectrum", &window);
+  controls->Drop->setObjectName("Drop Spectrum");
+  controls->Drop->setAcceptDrops(true);
+  row->addWidget(controls->Drop);
+  controls->Average = new QPushButton("Get Mask Average", &window);
+  controls->Average->setObjectName("Get Mask Average");
+  row->addWidget(controls->Average);
+  row->addStretch();
+  window.ExtraArea()->addLayout(row);
+
+  auto* watcher = new TBackgroundWatcher(&window, controls);
+  controls->Drop->installEventFilter(watcher);
+  window.installEventFilter(watcher);
+  QObject::connect(controls->Drop, &QPushButton::clicked, watcher, [controls] {
+    TBackgroundControls& c = *controls;
+    if (!c.Tool->GetIsActive()) return;
+    if (c.Tool->HasReferenceSpectrum())
+      c.Tool->ClearReferenceSpectrum();
+    else
+      Tell(*c.Tool, TGraphBackgroundSubtractionForm::kDropSpectrumMessage);
+    c.ShowReference();
+  });
+  QObject::connect(controls->Average, &QPushButton::clicked, watcher,
+                   [watcher] { watcher->GetMaskAverage(); });
+}
+
 } // namespace
 
 void RegisterGraphBackgroundWindowExtension() {
-  RegisterToolWindowExtension("GraphBackgroundSubtraction",
-                              [](TQtToolWindow& window, TProjectDialogForm& form) {
-                                auto* tool = dynamic_cast<TGraphBackgroundSubtractionForm*>(&form);
-                                if (!tool) return;
-                                auto controls = std::make_shared<TBackgroundControls>();
-                                controls->Tool = tool;
-                                auto* row = new QHBoxLayout;
-                                controls->Drop = new QPushButton("Drop Spectrum", &window);
-                                controls->Drop->setObjectName("Drop Spectrum");
-                                controls->Drop->setAcceptDrops(true);
-                                row->addWidget(controls->Drop);
-                                controls->Average = new QPushButton("Get Mask Average", &window);
-                                controls->Average->setObjectName("Get Mask Average");
-                                row->addWidget(controls->Average);
-                                row->addStretch();
-                                window.ExtraArea()->addLayout(row);
-
-                                auto* watcher = new TBackgroundWatcher(&window, controls);
-                                controls->Drop->installEventFilter(watcher);
-                                window.installEventFilter(watcher);
-                                QObject::connect(controls->Drop, &QPushButton::clicked, watcher, [controls] {
-                                  TBackgroundControls& c = *controls;
-                                  if (!c.Tool->GetIsActive()) return;
-                                  if (c.Tool->HasReferenceSpectrum())
-                                    c.Tool->ClearReferenceSpectrum();
-                                  else
-                                    Tell(*c.Tool, TGraphBackgroundSubtractionForm::kDropSpectrumMessage);
-                                  c.UpdateDropCaption();
-                                });
-                                QObject::connect(controls->Average, &QPushButton::clicked, watcher,
-                                                 [watcher] { watcher->GetMaskAverage(); });
-                              });
+  RegisterToolWindowExtension("GraphBackgroundSubtraction", ExtendBackgroundWindow);
 }

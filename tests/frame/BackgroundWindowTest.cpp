@@ -30,6 +30,7 @@
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QToolButton>
 #include <cmath>
 
@@ -278,6 +279,9 @@ TEST_F(BackgroundWindowTest, MasksShowOnThePreviewFollowDrawingAndTheReferenceCo
   reference->GetSpectrum(0, 0, s.data());
   for (int i : {0, 300, 700, 1023}) EXPECT_NEAR(s[i], sum[i] / drawn, 1e-3 * std::fabs(sum[i] / drawn)) << i;
   EXPECT_EQ(drop->text(), "Clear Spectrum");
+  auto* referenceField = qobject_cast<QSpinBox*>(window->Panel()->ControlOf("Reference Spectrum"));
+  ASSERT_TRUE(referenceField);
+  EXPECT_EQ(referenceField->value(), reference->GetID());
   window->grab().save(
       QString::fromStdString(std::string(ORVEX_SCREENSHOT_DIR) + "/background_window_reference.png"));
 
@@ -287,6 +291,7 @@ TEST_F(BackgroundWindowTest, MasksShowOnThePreviewFollowDrawingAndTheReferenceCo
   QApplication::processEvents();
   EXPECT_FALSE(tool->HasReferenceSpectrum());
   EXPECT_EQ(drop->text(), "Drop Spectrum");
+  EXPECT_EQ(referenceField->value(), 0);
   // A drag enters the button, then drops there, as the toolkit delivers them.
   auto dragAndDrop = [drop](const QMimeData& mime) {
     QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
