@@ -104,6 +104,11 @@ json DescribeTool(const TToolEntry& entry) {
   for (const TParameterDeclaration* command : tool->GetCommands())
     j["commands"].push_back({{"name", command->Name}, {"caption", command->Caption}});
   j["parameters"] = json::parse(ParametersToJson(tool->Parameters()));
+  // A mask text over the input's spectral points says so; its kind stays "string".
+  for (json& parameter : j["parameters"])
+    if (const TParameterDeclaration* d = tool->Declaration().FindDeclaration(parameter.value("name", ""));
+        d && d->SpectralMask)
+      parameter["spectralMask"] = true;
   return j;
 }
 

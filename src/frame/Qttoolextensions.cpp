@@ -3,6 +3,7 @@
 #include "frame/Qttoolwindow.h"
 
 void RegisterAdvancedFittingWindowExtension();
+void RegisterGraphBackgroundWindowExtension();
 void RegisterImageFilterWindowExtension();
 void RegisterImageFourierFilterWindowExtension();
 void RegisterImageRepairWindowExtension();
@@ -10,6 +11,7 @@ void RegisterPCAWindowExtension();
 
 void RegisterToolWindowExtensions() {
   RegisterAdvancedFittingWindowExtension();
+  RegisterGraphBackgroundWindowExtension();
   RegisterImageFilterWindowExtension();
   RegisterImageFourierFilterWindowExtension();
   RegisterImageRepairWindowExtension();

@@ -3,13 +3,17 @@
 
 #include "common/Standardmessage.h"
 #include "frame/Mainwindow.h"
+#include "frame/Qtgraphmasktoolbar.h"
 #include "frame/Qtparampanel.h"
+#include "project/Graphmaskparameter.h"
 #include "project/Processingdialogforms.h"
 #include "project/Project.h"
 #include "project/Toolregistry.h"
+#include "viewers/Vmultigraph.h"
 
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QFormLayout>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QMenu>
@@ -40,6 +44,12 @@ std::string FolderCaption(const std::string& folder) {
   return folder;
 }
 
+// The graph viewer of a graph tool's preview, null for other tools and while the tool is closed.
+TVMultiGraphForm* PreviewGraphViewerOf(TProjectDialogForm& tool) {
+  auto* graphs = dynamic_cast<TProjectGraphProcessingDialogForm*>(&tool);
+  return graphs ? dynamic_cast<TVMultiGraphForm*>(graphs->GetPreviewViewer()) : nullptr;
+}
+
 } // namespace
 
 // --- Window --------------------------------------------------------------------------------------------
@@ -54,6 +64,7 @@ TQtToolWindow::TQtToolWindow(TProjectDialogForm& tool, QWidget* parent)
   layout->addWidget(FDataSet);
   FPanel = new TQtParamPanel(tool.Parameters(), this);
   layout->addWidget(FPanel);
+  AddMaskToolBars();
   FExtra = new QVBoxLayout;
   layout->addLayout(FExtra);
   FMessage = new QLabel(this);
@@ -85,14 +96,110 @@ TQtToolWindow::TQtToolWindow(TProjectDialogForm& tool, QWidget* parent)
   };
   connect(FDataSet, &QComboBox::activated, this, [this](int index) {
     if (TDataSetChanger* changer = DataSetChangerOf(FTool))
-      if (index >= 0 && index < static_cast<int>(changer->GetIDs().size()))
+      if (index >= 0 && index < static_cast<int>(changer->GetIDs().size())) {
         changer->Select(changer->GetIDs()[index]);
+        LinkMasks(); // the masks follow the spectrum the preview shows now
+      }
   });
   tool.SetWindow(this);
 }
 
 TQtToolWindow::~TQtToolWindow() {
+  UnlinkMasks();
   FTool.SetWindow(nullptr);
+}
+
+// --- Spectral masks --------------------------------------------------------------------------------------
+
+void TQtToolWindow::AddMaskToolBars() {
+  auto* form = qobject_cast<QFormLayout*>(FPanel->layout());
+  if (!form || !dynamic_cast<TProjectGraphProcessingDialogForm*>(&FTool)) return;
+  int band = 0;
+  for (const TParameterDeclaration& declaration : FTool.Declaration().GetDeclarations()) {
+    if (!declaration.SpectralMask) continue;
+    QWidget* edit = FPanel->ControlOf(declaration.Name);
+    int row = -1;
+    QFormLayout::ItemRole role;
+    if (edit) form->getWidgetPosition(edit, &row, &role);
+    if (row < 0) continue;
+    // The n-th mask shows as band n of the preview, so its toolbar carries that band's colour.
+    auto* bar = new TQtGraphMaskToolBar(FPanel, nullptr, band++, 20);
+    bar->setObjectName(QString::fromStdString(declaration.Name + " Toolbar"));
+    const std::string name = declaration.Name;
+    for (int c = static_cast<int>(TGraphMaskCommand::Set); c <= static_cast<int>(TGraphMaskCommand::Extract);
+         ++c)
+      connect(bar->Button(static_cast<TGraphMaskCommand>(c)), &QToolButton::pressed, this,
+              [this, name] { SelectMaskForDrawing(name); });
+    form->insertRow(row + 1, QString(), bar);
+    FMaskBars[name] = bar;
+  }
+}
+
+void TQtToolWindow::LinkMasks() {
+  // A user drawing masks on the preview goes on drawing into the masks made anew.
+  const TVMultiGraphForm* before = PreviewGraphViewerOf(FTool);
+  const bool drawing = before && before->GetGraphMouseMode() == TGraphMouseMode::Mask && !FMaskLinks.empty();
+  UnlinkMasks();
+  auto* graphs = dynamic_cast<TProjectGraphProcessingDialogForm*>(&FTool);
+  TVMultiGraphForm* viewer = PreviewGraphViewerOf(FTool);
+  if (!graphs || !viewer || !FTool.GetProject() || FMaskBars.empty()) return;
+  TProjectDialogForm* tool = &FTool;
+  auto source = [tool]() -> IGraphMaskViewer* { return PreviewGraphViewerOf(*tool); };
+  for (auto& [name, bar] : FMaskBars) {
+    auto* parameter = dynamic_cast<TUserStringParameter*>(FTool.Parameters().GetUserParameterByName(name));
+    if (!parameter) continue;
+    std::unique_ptr<TGraphMaskParameterLink> link;
+    try {
+      link = std::make_unique<TGraphMaskParameterLink>(*parameter, *FTool.GetProject(),
+                                                       graphs->GetOriginalGraphID(),
+                                                       bar->Logic().GetColorIndex(), source);
+    } catch (const std::exception&) {
+      continue; // no spectrum to mask: the toolbar stays without mask
+    }
+    link->OnTextWritten = [this] { FPanel->Refresh(); };
+    viewer->LinkMaskControls(link->Mask());
+    bar->SetGraphMask(&link->Mask(), 0);
+    bar->Logic().SetProject(FTool.GetProject());
+    link->ShowBand();
+    FMaskLinks[name] = std::move(link);
+  }
+  // Drawing starts on the first mask of the declaration.
+  for (const TParameterDeclaration& declaration : FTool.Declaration().GetDeclarations())
+    if (FMaskLinks.count(declaration.Name)) {
+      SelectMaskForDrawing(declaration.Name);
+      break;
+    }
+  if (drawing) viewer->SetGraphMouseMode(TGraphMouseMode::Mask);
+}
+
+void TQtToolWindow::UnlinkMasks() {
+  if (TVMultiGraphForm* viewer = PreviewGraphViewerOf(FTool)) {
+    for (auto& [name, link] : FMaskLinks)
+      if (viewer->GetMaskTool() == &link->Mask()) viewer->SetMaskTool(nullptr);
+    viewer->ClearMultiMasks(dynamic_cast<TProjectGraphProcessingDialogForm&>(FTool).GetOriginalGraphID());
+  }
+  for (auto& [name, bar] : FMaskBars) bar->SetGraphMask(nullptr, 0);
+  FMaskLinks.clear();
+}
+
+TQtGraphMaskToolBar* TQtToolWindow::MaskToolBarOf(const std::string& name) const {
+  const auto it = FMaskBars.find(name);
+  return it == FMaskBars.end() ? nullptr : it->second;
+}
+
+TGraphMaskParameterLink* TQtToolWindow::MaskLinkOf(const std::string& name) const {
+  const auto it = FMaskLinks.find(name);
+  return it == FMaskLinks.end() ? nullptr : it->second.get();
+}
+
+void TQtToolWindow::SelectMaskForDrawing(const std::string& name) {
+  TGraphMaskParameterLink* link = MaskLinkOf(name);
+  TVMultiGraphForm* viewer = PreviewGraphViewerOf(FTool);
+  if (!link || !viewer) return;
+  // The viewer keeps its mouse mode: the user draws after choosing mask mode there.
+  const bool drawing = viewer->GetGraphMouseMode() == TGraphMouseMode::Mask;
+  viewer->SetMaskTool(&link->Mask(), false);
+  if (drawing) viewer->SetGraphMouseMode(TGraphMouseMode::Mask);
 }
 
 void TQtToolWindow::SetTitle(const std::string& title) {
@@ -114,12 +221,14 @@ void TQtToolWindow::FillDataSetBox() {
 void TQtToolWindow::ShowWindow() {
   FillDataSetBox();
   FMessage->clear();
+  LinkMasks();
   FPanel->Refresh();
   show();
   raise();
 }
 
 void TQtToolWindow::HideWindow() {
+  UnlinkMasks();
   hide();
 }
 
@@ -138,6 +247,7 @@ void TQtToolWindow::CenterOnPrimaryMonitor() {
 }
 
 void TQtToolWindow::closeEvent(QCloseEvent* event) {
+  UnlinkMasks();
   FTool.WindowClosed();
   event->accept();
 }

@@ -14,6 +14,8 @@
 class QComboBox;
 class QLabel;
 class QVBoxLayout;
+class TGraphMaskParameterLink;
+class TQtGraphMaskToolBar;
 class TQtParamPanel;
 class TProject;
 
@@ -35,18 +37,33 @@ public:
   /// The area between the parameters and the message line where a tool's own widgets go (its statistics,
   /// file buttons, ...), filled by the tool's window extension.
   QVBoxLayout* ExtraArea() const { return FExtra; }
+  /// The mask toolbar under the text field of a spectral mask parameter (null for other parameters).
+  TQtGraphMaskToolBar* MaskToolBarOf(const std::string& name) const;
+  /// The link of a spectral mask parameter to its mask over the preview spectrum, while the tool is
+  /// open on a graph with a preview graph viewer (null otherwise).
+  TGraphMaskParameterLink* MaskLinkOf(const std::string& name) const;
+  /// Hands the mask of the parameter to the preview viewer: mask drawing there changes it.
+  void SelectMaskForDrawing(const std::string& name);
 
 protected:
   void closeEvent(class QCloseEvent* event) override;
 
 private:
   void FillDataSetBox();
+  /// One toolbar row under each spectral mask parameter's text field.
+  void AddMaskToolBars();
+  /// Ties each spectral mask parameter to a mask over the preview spectrum of the open tool.
+  void LinkMasks();
+  /// Unties them; the preview viewer, if still there, no longer draws into them.
+  void UnlinkMasks();
 
   TProjectDialogForm& FTool;
   TQtParamPanel* FPanel = nullptr;
   QLabel* FMessage = nullptr;
   QComboBox* FDataSet = nullptr;
   QVBoxLayout* FExtra = nullptr;
+  std::map<std::string, TQtGraphMaskToolBar*> FMaskBars;
+  std::map<std::string, std::unique_ptr<TGraphMaskParameterLink>> FMaskLinks;
 };
 
 /// What a tool adds to its generated window, called once when the window is made.

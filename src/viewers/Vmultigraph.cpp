@@ -2714,15 +2714,9 @@ void TVMultiGraphForm::SetMaskTool(TGraphMask* mask, bool keepMaskMode) {
     SetGraphMouseMode(TGraphMouseMode::Cursor);
 }
 
-TGraphMask* TVMultiGraphForm::CreateGraphMaskForCurrentGraph() {
-  const TDGraph* graph = FindGraph(FAKGraphIndex);
-  if (!graph || graph->GetSizeGraph() < 1) return nullptr;
-  DeleteGraphMask();
-  FOwnMask = std::make_unique<TGraphMask>(this, graph->GetSizeGraph(), 1, graph->GetID());
-  FOwnMask->ClearAll();
-  FOwnMask->SetGraphFormInfo(this, 0);
+void TVMultiGraphForm::LinkMaskControls(TGraphMask& mask) {
   // The toolbar's range is the part on view, its one value the point under the x cursor.
-  const int32_t id = graph->GetID();
+  const int32_t id = mask.GetGraphID();
   auto visible = [this, id](bool last) {
     const int32_t index = IndexOfGraphID(id);
     const std::vector<double>& x = GetXValues(index);
@@ -2736,8 +2730,18 @@ TGraphMask* TVMultiGraphForm::CreateGraphMaskForCurrentGraph() {
       }
     return last ? end : first;
   };
-  FOwnMask->SetRangeControls([visible] { return visible(false); }, [visible] { return visible(true); });
-  FOwnMask->SetOneValueControls([this, id] { return PointOfX(IndexOfGraphID(id), GetCursorX()); });
+  mask.SetRangeControls([visible] { return visible(false); }, [visible] { return visible(true); });
+  mask.SetOneValueControls([this, id] { return PointOfX(IndexOfGraphID(id), GetCursorX()); });
+}
+
+TGraphMask* TVMultiGraphForm::CreateGraphMaskForCurrentGraph() {
+  const TDGraph* graph = FindGraph(FAKGraphIndex);
+  if (!graph || graph->GetSizeGraph() < 1) return nullptr;
+  DeleteGraphMask();
+  FOwnMask = std::make_unique<TGraphMask>(this, graph->GetSizeGraph(), 1, graph->GetID());
+  FOwnMask->ClearAll();
+  FOwnMask->SetGraphFormInfo(this, 0);
+  LinkMaskControls(*FOwnMask);
   TGraphMask* mask = FOwnMask.get();
   SetMaskTool(mask, true);
   mask->MaskChanged();

@@ -332,6 +332,10 @@ public:
   /// tool that gives its mask here must take it back (null) before the mask goes.
   void SetMaskTool(TGraphMask* mask, bool keepMaskMode = true);
   TGraphMask* GetMaskTool() const { return FMaskTool; }
+  /// Gives mask, whose graph this viewer shows, the viewer's range and value: its range buttons take the
+  /// points on view, its one-value buttons the point under the x cursor. A tool does this for a mask it
+  /// hands to SetMaskTool.
+  void LinkMaskControls(TGraphMask& mask);
   /// A mask of the viewer's own over the active graph, shown as its band and drawn in mask mode.
   TGraphMask* CreateGraphMaskForCurrentGraph();
   void DeleteGraphMask();

@@ -28,6 +28,8 @@ check "its parameter" "Formula string x1 None" \
   "$(echo "$list" | py 'p=[t for t in d if t["key"]=="GraphCalculator"][0]["parameters"][0]; print(p["name"], p["kind"], p["default"], p["unit"])')"
 check "its commands" "Calculate Preview,Extract,Extract All" \
   "$(echo "$list" | py 'print(",".join(c["name"] for c in [t for t in d if t["key"]=="GraphCalculator"][0]["commands"]))')"
+check "spectral masks marked, still strings" "Order None,Fit Mask string True,Change Mask string True" \
+  "$(echo "$list" | py 't=[t for t in d if t["key"]=="GraphBackgroundSubtraction"][0]; print(",".join(p["name"]+(" "+p["kind"] if "Mask" in p["name"] else "")+" "+str(p.get("spectralMask")) for p in t["parameters"] if p["name"] in ("Fit Mask","Change Mask","Order")))')"
 check "one tool in any case" "GraphCalculator" "$("$orvex" tools graphcalculator --json | py 'print(d[0]["key"])')"
 contains "text listing" "Formula (string) default x1" "$("$orvex" tools TGraphCalculatorForm)"
 

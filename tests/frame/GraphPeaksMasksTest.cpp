@@ -292,9 +292,19 @@ TEST_F(GraphPeaksMasksTest, TheBackgroundToolPreviewsSpectrumAndBackground) {
   EXPECT_LT(above, static_cast<int>(spectrum.size() / 20));
   // Both are drawn on one scale: the spectrum red, the background blue.
   ASSERT_TRUE(preview->GetCFI()->SetParameterValuesFromText({"OnlyOneYAxis=true"}).empty());
+  // The tool's window shows its preview in a window of its own; the picture is taken there.
+  TQtViewerWindow* shown = nullptr;
+  for (QWidget* widget : QApplication::topLevelWidgets())
+    if (auto* w = dynamic_cast<TQtViewerWindow*>(widget); w && w->Viewer() == preview) shown = w;
+  ASSERT_TRUE(shown);
+  shown->OpenGLWidget()->setFixedSize(kWidth, kHeight);
+  const int frames = shown->OpenGLWidget()->FrameCount();
+  shown->OpenGLWidget()->update();
+  ASSERT_TRUE(WaitFor([&] { return shown->OpenGLWidget()->FrameCount() > frames; }));
   TOpenGLBitmap picture;
-  std::string error;
-  ASSERT_TRUE(RenderViewOffscreen(preview->GetOpenGLView(), kWidth, kHeight, picture, error)) << error;
+  ASSERT_TRUE(preview->GetOpenGLView().ExportBitmap(1.0, picture));
+  ASSERT_EQ(picture.Width, kWidth);
+  ASSERT_EQ(picture.Height, kHeight);
   SaveScreenshot(picture, "background_preview");
   const int red = CountColour(picture, 0, kWidth - 1, 0, kHeight - 1, RGBOf(TColorList::GetColor(0)), 60);
   const int blue = CountColour(picture, 0, kWidth - 1, 0, kHeight - 1, RGBOf(TColorList::GetColor(1)), 60);

@@ -39,6 +39,13 @@ TParameterDeclaration& TParameterDeclaration::SetSaved(bool saved) {
   return *this;
 }
 
+TParameterDeclaration& TParameterDeclaration::SetSpectralMask() {
+  if (Kind != TParameterKind::String)
+    throw OrvexException("parameter " + Name + ": only a string parameter holds a mask text");
+  SpectralMask = true;
+  return *this;
+}
+
 // ---------------------------------------------------------------------------------------------
 // TParameterTable
 

@@ -45,6 +45,9 @@ struct TParameterDeclaration {
   double Step = 0; ///< small increment (0: the kind's own); the large one is ten steps
   std::vector<TParameterChoice> Choices;
   bool Saved = true; ///< false: the value is not written with the settings, and a load keeps it
+  /// A string in the mask text form over the spectral points of the input graph ("all", "lo:hi", ...):
+  /// tool windows show a mask toolbar for it and its bands over the preview spectrum.
+  bool SpectralMask = false;
 
   TParameterDeclaration& SetLimits(double lower, double upper);
   TParameterDeclaration& SetLowerLimit(double lower);
@@ -53,6 +56,8 @@ struct TParameterDeclaration {
   TParameterDeclaration& SetUnit(const std::string& unit);
   TParameterDeclaration& SetDescription(const std::string& description);
   TParameterDeclaration& SetSaved(bool saved);
+  /// Marks a string parameter as a mask over spectral points; a programming error for other kinds.
+  TParameterDeclaration& SetSpectralMask();
 };
 
 /// The declarations of one component (a tool, a viewer, a fit function, an export filter), in the order

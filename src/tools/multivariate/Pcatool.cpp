@@ -103,6 +103,7 @@ TParameterTable& TPCAForm::Declaration() {
   static TParameterTable table = [] {
     TParameterTable t;
     t.AddString(kSpectrumMask, "Spectrum Mask", "all")
+        .SetSpectralMask()
         .SetDescription("Points that take part: \"all\", \"none\", \"lo:hi\" in the axis unit, \"lo:hi px\", "
                         "\"graph:ID\", comma-separated");
     t.AddBool(kUseDrawField, "Use Draw Field", false)

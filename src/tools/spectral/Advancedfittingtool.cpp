@@ -436,6 +436,7 @@ TParameterTable& TAdvancedFittingToolForm::Declaration() {
                         "Extract Value, Extract Error, Value if Fit Fails, Fit Order (the stage from "
                         "which the parameter varies, 0 the first)");
     t.AddString(kFitMask, "Fit Mask", "all")
+        .SetSpectralMask()
         .SetDescription("Points fitted: \"all\", \"none\", \"lo:hi\" in the axis unit, \"lo:hi px\", "
                         "\"graph:ID\", comma-separated");
     t.AddInt(kDataReduction, "Data Reduction", 1)

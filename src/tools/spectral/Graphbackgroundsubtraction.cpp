@@ -5,6 +5,7 @@
 #include "common/numerics/Numerics.h"
 #include "common/threads/Multicorecalc.h"
 #include "data/Dgraph.h"
+#include "data/Dimage.h"
 #include "project/Graphmask.h"
 #include "project/Project.h"
 #include "project/Toolregistry.h"
@@ -42,7 +43,7 @@ TParameterTable& TGraphBackgroundSubtractionForm::Declaration() {
                {"Auto Average", 6}})
         .SetDescription("How the background of each spectrum is estimated");
     t.AddFloat("Constant Value", "Constant Value:", 0.0).SetDescription("Constant: added to the reference");
-    t.AddInt("Reference Spectrum", "Reference Spectrum", 0)
+    t.AddInt(kReferenceSpectrum, "Reference Spectrum", 0)
         .SetLimits(0, std::numeric_limits<int32_t>::max())
         .SetDescription(
             "Constant: ID of a one-spectrum graph of the inputs' length subtracted as well; 0 none");
@@ -66,10 +67,12 @@ TParameterTable& TGraphBackgroundSubtractionForm::Declaration() {
         .SetLimits(1, 1000)
         .SetDescription("Auto Average: half width of the box in points");
     t.AddString(kFitMask, "Fit Mask:", "all")
+        .SetSpectralMask()
         .SetDescription(
             "The points the background is fitted to: all, none, lo:hi in the axis unit, lo:hi px, "
             "graph:ID");
     t.AddString(kChangeMask, "Change Mask:", "all")
+        .SetSpectralMask()
         .SetDescription("The points the result keeps (the others become 0), in the same form");
     t.AddTrigger(kCalculatePreview, "Calculate Preview");
     t.AddTrigger(kExtract, "Extract");
@@ -106,14 +109,136 @@ bool TGraphBackgroundSubtractionForm::DoCommand(const std::string& name) {
   }
 }
 
-void TGraphBackgroundSubtractionForm::DoParameterChanged(const TUserParameterList& /*changed*/) {
-  if (GetIsActive() && Interactive && !ConfigurationOnly) UpdatePreview();
+void TGraphBackgroundSubtractionForm::DoParameterChanged(const TUserParameterList& changed) {
+  if (!GetIsActive() || !Interactive || ConfigurationOnly) return;
+  // Choosing the automatic polynomial for a spectrum too short for it: the user hears why the preview
+  // stays empty.
+  if (!changed.empty() && changed.front()->GetName() == "Method" &&
+      GetIntParameter("Method") == static_cast<int32_t>(TGraphBackgroundSubtractionKind::AutoPolynomial))
+    if (const auto* input = dynamic_cast<const TDGraph*>(GetProject()->FindData(GetCurrentID()));
+        input && input->GetSizeGraph() < kAutoPolynomialMinimumPoints)
+      NotifyUser(kAutoPolynomialTooSmallMessage, GetDialogName(), kSeverityWarning, false);
+  UpdatePreview();
+}
+
+bool AverageSpectrumOverPixels(const TDGraph& graph, const std::vector<bool>& pixels,
+                               std::vector<float>& average, int64_t& count) {
+  average.clear();
+  count = 0;
+  const int32_t sizeX = graph.GetSizeX(), sizeY = graph.GetSizeY(), n = graph.GetSizeGraph();
+  if (n < 1 || pixels.size() != static_cast<size_t>(sizeX) * static_cast<size_t>(sizeY)) return false;
+  std::vector<double> sum(static_cast<size_t>(n), 0.0);
+  std::vector<float> spectrum(static_cast<size_t>(n));
+  for (int32_t y = 0; y < sizeY; ++y) {
+    if (!graph.GetLineValid(y)) continue;
+    for (int32_t x = 0; x < sizeX; ++x) {
+      if (!pixels[static_cast<size_t>(y) * sizeX + x]) continue;
+      graph.GetSpectrum(x, y, spectrum.data());
+      for (int32_t i = 0; i < n; ++i) sum[static_cast<size_t>(i)] += spectrum[static_cast<size_t>(i)];
+      ++count;
+    }
+  }
+  if (count == 0) return false;
+  average.resize(static_cast<size_t>(n));
+  for (int32_t i = 0; i < n; ++i)
+    average[static_cast<size_t>(i)] = static_cast<float>(sum[static_cast<size_t>(i)] / count);
+  return true;
+}
+
+bool TGraphBackgroundSubtractionForm::HasReferenceSpectrum() const {
+  return GetIntParameter(kReferenceSpectrum) != 0;
+}
+
+bool TGraphBackgroundSubtractionForm::SetReferenceSpectrum(int32_t id, std::string& reason) {
+  const auto* graph = GetProject() ? dynamic_cast<const TDGraph*>(GetProject()->FindData(id)) : nullptr;
+  if (!graph) {
+    reason = "Reference Spectrum: no graph has the ID " + std::to_string(id);
+    return false;
+  }
+  if (graph->GetNumberOfSpectra() != 1) {
+    reason = "Reference Spectrum: " + GraphName(*graph) + " holds " +
+             std::to_string(graph->GetNumberOfSpectra()) + " spectra, not one";
+    return false;
+  }
+  Parameters().SetParameterValuesFromText({std::string(kReferenceSpectrum) + "=" + std::to_string(id)});
+  if (GetIntParameter(kReferenceSpectrum) != id) {
+    reason = "Reference Spectrum: " + std::to_string(id) + " was not taken";
+    return false;
+  }
+  return true;
+}
+
+void TGraphBackgroundSubtractionForm::ClearReferenceSpectrum() {
+  Parameters().SetParameterValuesFromText({std::string(kReferenceSpectrum) + "=0"});
+}
+
+int32_t TGraphBackgroundSubtractionForm::GetMaskAverage(const std::vector<bool>& pixels,
+                                                        std::string& message) {
+  const auto* input =
+      GetProject() ? dynamic_cast<const TDGraph*>(GetProject()->FindData(GetCurrentID())) : nullptr;
+  if (!input) {
+    message = GetDialogName() + ": no input graph";
+    return 0;
+  }
+  std::vector<float> average;
+  int64_t count = 0;
+  if (!AverageSpectrumOverPixels(*input, pixels, average, count)) {
+    message = kMaskEmptyMessage;
+    return 0;
+  }
+  std::unique_ptr<TDGraph> graph =
+      TDGraph::CreateNewGraph(GetProject(), input->GetID(), true, TDataFieldKind::Float,
+                              TDataSaveMode::Always, "Mask Average (" + input->GetCaption() + ")");
+  if (!graph) {
+    message = GetDialogName() + ": no graph for the mask average of " + GraphName(*input);
+    return 0;
+  }
+  graph->SetFieldSize(1, 1, TDataFieldKind::Float, input->GetSizeGraph());
+  graph->SetSpectrum(0, 0, average.data());
+  graph->SetAllLinesValid();
+  const int32_t id = graph->GetID();
+  GetProject()->AddData(std::move(graph));
+  std::string reason;
+  if (!SetReferenceSpectrum(id, reason)) {
+    message = reason;
+    return 0;
+  }
+  return id;
+}
+
+int32_t TGraphBackgroundSubtractionForm::MakeIntensityImage() {
+  const auto* input =
+      GetProject() ? dynamic_cast<const TDGraph*>(GetProject()->FindData(GetCurrentID())) : nullptr;
+  if (!input) return 0;
+  std::unique_ptr<TDImage> image =
+      TDImage::CreateNewImage(GetProject(), input->GetID(), TDataFieldKind::Float, TDataSaveMode::Never,
+                              "Intensity (" + input->GetCaption() + ")");
+  if (!image) return 0;
+  const int32_t sizeX = input->GetSizeX(), sizeY = input->GetSizeY(), n = input->GetSizeGraph();
+  image->SetFieldSize(sizeX, sizeY, TDataFieldKind::Float);
+  std::vector<float> spectrum(static_cast<size_t>(std::max(n, 0)));
+  for (int32_t y = 0; y < sizeY; ++y) {
+    const bool valid = input->GetLineValid(y);
+    for (int32_t x = 0; x < sizeX; ++x) {
+      double sum = 0;
+      if (valid) {
+        input->GetSpectrum(x, y, spectrum.data());
+        for (float v : spectrum)
+          if (std::isfinite(v)) sum += v;
+      }
+      image->SetField(x, y, static_cast<float>(sum));
+    }
+    image->SetLineValid(y, valid);
+  }
+  const int32_t id = image->GetID();
+  AddDataToProject(std::move(image));
+  return id;
 }
 
 bool TGraphBackgroundSubtractionForm::ReadReference(int length, std::vector<float>& reference,
                                                     std::string& error) const {
   reference.clear();
-  const int32_t id = GetIntParameter("Reference Spectrum");
+  const int32_t id = GetIntParameter(kReferenceSpectrum);
   if (id == 0) return true;
   const auto* graph = dynamic_cast<const TDGraph*>(GetProject()->FindData(id));
   if (!graph) {

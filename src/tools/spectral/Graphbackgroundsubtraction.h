@@ -13,7 +13,14 @@
 #include <string>
 #include <vector>
 
+class TDGraph;
 class TToolRegistry;
+
+/// The average spectrum of graph over the pixels whose flag is set (pixels holds size X x size Y flags,
+/// pixel (x, y) at x + y * size X); pixels on invalid lines don't count. count is the number of spectra
+/// averaged. False, with average empty, when the flags don't fit the graph or no pixel counts.
+bool AverageSpectrumOverPixels(const TDGraph& graph, const std::vector<bool>& pixels,
+                               std::vector<float>& average, int64_t& count);
 
 class TGraphBackgroundSubtractionForm : public TProjectGraphProcessingDialogForm {
 public:
@@ -21,6 +28,15 @@ public:
   static constexpr const char* kCaptionSuffix = " (Background Subtracted)";
   static constexpr const char* kBackgroundCaptionSuffix = " (Background)";
   static constexpr const char* kExtractBackground = "Extract Background";
+  static constexpr const char* kReferenceSpectrum = "Reference Spectrum";
+  static constexpr const char* kDropSpectrumMessage =
+      "Drop a single spectrum on this button to use it for constant subtraction.";
+  static constexpr const char* kMaskEmptyMessage =
+      "The mask is empty. Edit the mask to define which pixels should be averaged.";
+  static constexpr const char* kAutoPolynomialTooSmallMessage =
+      "The number of pixels is too small for Auto Polynomial background subtraction.";
+  /// The smallest spectrum the automatic polynomial method works on.
+  static constexpr int kAutoPolynomialMinimumPoints = 16;
 
   TGraphBackgroundSubtractionForm();
   ~TGraphBackgroundSubtractionForm() override;
@@ -35,6 +51,22 @@ public:
   /// Fits the automatic polynomial method made over the last run, and the spectra it ran on.
   int64_t GetAutoPolynomialRounds() const { return FRounds.load(); }
   int64_t GetAutoPolynomialSpectra() const { return FRoundSpectra.load(); }
+
+  /// @{ The reference spectrum of the constant method ("Reference Spectrum", a graph ID, 0 none).
+  bool HasReferenceSpectrum() const;
+  /// Graph id becomes the reference when it is a graph of one spectrum; false with the reason otherwise.
+  bool SetReferenceSpectrum(int32_t id, std::string& reason);
+  void ClearReferenceSpectrum();
+  /// The average of the current input over the set pixels (size X x size Y flags, x + y * size X)
+  /// becomes a new graph of one spectrum in the project, "Mask Average (" + caption + ")", and the
+  /// reference spectrum. Its ID; 0 with the user's message in message when no pixel of a valid line is
+  /// set.
+  int32_t GetMaskAverage(const std::vector<bool>& pixels, std::string& message);
+  /// @}
+  /// A new image of the open tool holding the summed intensity of each spectrum of the current input
+  /// (invalid lines stay invalid); removed with the tool's other temporary objects. Its ID, 0 without
+  /// an input.
+  int32_t MakeIntensityImage();
 
 protected:
   bool DoCommand(const std::string& name) override;
