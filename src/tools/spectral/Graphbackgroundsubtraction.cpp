@@ -9,6 +9,7 @@
 #include "project/Graphmask.h"
 #include "project/Project.h"
 #include "project/Toolregistry.h"
+#include "project/Viewerbase.h"
 
 #include <algorithm>
 #include <cmath>
@@ -94,6 +95,10 @@ void TGraphBackgroundSubtractionForm::Init(const TIntList* ids, const TIntList* 
   TProjectGraphProcessingDialogForm::Init(ids, extra, project);
   if (TData* preview = GetIsActive() ? GetProject()->FindData(GetPreviewGraphID()) : nullptr)
     preview->SetCaption("Background Preview");
+  // Spectrum and background are read against one another: one y axis for both, so that a background that
+  // runs away outside its fit mask is seen to do so instead of being scaled onto the spectrum.
+  if (TVCustomForm* viewer = GetPreviewViewer(); viewer && viewer->GetCFI())
+    viewer->GetCFI()->SetParameterValuesFromText({"OnlyOneYAxis=True"});
 }
 
 bool TGraphBackgroundSubtractionForm::DoCommand(const std::string& name) {
