@@ -71,6 +71,7 @@ void ShowViewers(TQtToolWindow& window, TProjectDialogForm& tool) {
   int left = window.frameGeometry().right() + 10;
   const int top = window.frameGeometry().top();
   for (TVCustomForm* viewer : tool.GetCustomForms()) {
+    if (TQtViewerWindow::WindowOf(viewer)) continue;
     auto* shown = new TQtViewerWindow(viewer, nullptr);
     shown->resize(600, 520);
     shown->move(left, top);

@@ -42,14 +42,6 @@ std::vector<int32_t> DroppedIDs(const QMimeData* mime) {
   return {};
 }
 
-// The window that shows viewer, null when it has none.
-TQtViewerWindow* WindowOfViewer(TVCustomForm* viewer) {
-  for (QWidget* widget : QApplication::topLevelWidgets())
-    if (auto* window = dynamic_cast<TQtViewerWindow*>(widget); window && window->Viewer() == viewer)
-      return window;
-  return nullptr;
-}
-
 // The state of the window's own part: the intensity viewer of the tool's current opening.
 struct TBackgroundControls {
   TGraphBackgroundSubtractionForm* Tool = nullptr;
@@ -148,7 +140,7 @@ public:
     int left = toolWindow.frameGeometry().right() + 10;
     const int top = toolWindow.frameGeometry().top();
     for (TVCustomForm* viewer : c.Tool->GetCustomForms()) {
-      if (WindowOfViewer(viewer)) continue;
+      if (TQtViewerWindow::WindowOf(viewer)) continue;
       const bool small = viewer == c.Intensity;
       auto* shown = new TQtViewerWindow(viewer, nullptr);
       shown->resize(small ? 720 : 700, small ? 420 : 460);

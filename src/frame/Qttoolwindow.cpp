@@ -5,6 +5,7 @@
 #include "frame/Mainwindow.h"
 #include "frame/Qtgraphmasktoolbar.h"
 #include "frame/Qtparampanel.h"
+#include "frame/Qtviewerwindow.h"
 #include "project/Graphmaskparameter.h"
 #include "project/Processingdialogforms.h"
 #include "project/Project.h"
@@ -44,10 +45,10 @@ std::string FolderCaption(const std::string& folder) {
   return folder;
 }
 
-// The graph viewer of a graph tool's preview, null for other tools and while the tool is closed.
+// The graph viewer in which a tool shows and draws its spectral masks, null for other tools and while the
+// tool is closed.
 TVMultiGraphForm* PreviewGraphViewerOf(TProjectDialogForm& tool) {
-  auto* graphs = dynamic_cast<TProjectGraphProcessingDialogForm*>(&tool);
-  return graphs ? dynamic_cast<TVMultiGraphForm*>(graphs->GetPreviewViewer()) : nullptr;
+  return dynamic_cast<TVMultiGraphForm*>(tool.GetSpectralMaskViewer());
 }
 
 } // namespace
@@ -113,7 +114,7 @@ TQtToolWindow::~TQtToolWindow() {
 
 void TQtToolWindow::AddMaskToolBars() {
   auto* form = qobject_cast<QFormLayout*>(FPanel->layout());
-  if (!form || !dynamic_cast<TProjectGraphProcessingDialogForm*>(&FTool)) return;
+  if (!form || !FTool.HasSpectralMaskViewer()) return;
   int band = 0;
   for (const TParameterDeclaration& declaration : FTool.Declaration().GetDeclarations()) {
     if (!declaration.SpectralMask) continue;
@@ -140,9 +141,9 @@ void TQtToolWindow::LinkMasks() {
   const TVMultiGraphForm* before = PreviewGraphViewerOf(FTool);
   const bool drawing = before && before->GetGraphMouseMode() == TGraphMouseMode::Mask && !FMaskLinks.empty();
   UnlinkMasks();
-  auto* graphs = dynamic_cast<TProjectGraphProcessingDialogForm*>(&FTool);
   TVMultiGraphForm* viewer = PreviewGraphViewerOf(FTool);
-  if (!graphs || !viewer || !FTool.GetProject() || FMaskBars.empty()) return;
+  const int32_t graphID = FTool.GetSpectralMaskGraphID();
+  if (!viewer || graphID == 0 || !FTool.GetProject() || FMaskBars.empty()) return;
   TProjectDialogForm* tool = &FTool;
   auto source = [tool]() -> IGraphMaskViewer* { return PreviewGraphViewerOf(*tool); };
   for (auto& [name, bar] : FMaskBars) {
@@ -150,8 +151,7 @@ void TQtToolWindow::LinkMasks() {
     if (!parameter) continue;
     std::unique_ptr<TGraphMaskParameterLink> link;
     try {
-      link = std::make_unique<TGraphMaskParameterLink>(*parameter, *FTool.GetProject(),
-                                                       graphs->GetOriginalGraphID(),
+      link = std::make_unique<TGraphMaskParameterLink>(*parameter, *FTool.GetProject(), graphID,
                                                        bar->Logic().GetColorIndex(), source);
     } catch (const std::exception&) {
       continue; // no spectrum to mask: the toolbar stays without mask
@@ -176,7 +176,7 @@ void TQtToolWindow::UnlinkMasks() {
   if (TVMultiGraphForm* viewer = PreviewGraphViewerOf(FTool)) {
     for (auto& [name, link] : FMaskLinks)
       if (viewer->GetMaskTool() == &link->Mask()) viewer->SetMaskTool(nullptr);
-    viewer->ClearMultiMasks(dynamic_cast<TProjectGraphProcessingDialogForm&>(FTool).GetOriginalGraphID());
+    viewer->ClearMultiMasks(FTool.GetSpectralMaskGraphID());
   }
   for (auto& [name, bar] : FMaskBars) bar->SetGraphMask(nullptr, 0);
   FMaskLinks.clear();
@@ -225,6 +225,21 @@ void TQtToolWindow::ShowWindow() {
   FPanel->Refresh();
   show();
   raise();
+  ShowToolViewers();
+}
+
+void TQtToolWindow::ShowToolViewers() {
+  int left = frameGeometry().right() + 10;
+  int top = frameGeometry().top();
+  for (TVCustomForm* viewer : FTool.GetCustomForms()) {
+    if (TQtViewerWindow::WindowOf(viewer)) continue;
+    auto* shown = new TQtViewerWindow(viewer, nullptr);
+    shown->resize(700, 460);
+    shown->move(left, top);
+    shown->ShowViewerWindow(false);
+    left += 40;
+    top += 40;
+  }
 }
 
 void TQtToolWindow::HideWindow() {

@@ -44,6 +44,9 @@ public:
   TGraphMaskParameterLink* MaskLinkOf(const std::string& name) const;
   /// Hands the mask of the parameter to the preview viewer: mask drawing there changes it.
   void SelectMaskForDrawing(const std::string& name);
+  /// Gives each viewer of the tool that has no window yet its own window, to the right of the tool's
+  /// window (the tool's viewers stay out of the project's windows and go with the tool).
+  void ShowToolViewers();
 
 protected:
   void closeEvent(class QCloseEvent* event) override;

@@ -11,6 +11,7 @@
 #include "viewers/Vmultigraph.h"
 #include "viewers/Vtext.h"
 
+#include <QApplication>
 #include <QCloseEvent>
 #include <QDragEnterEvent>
 #include <QDropEvent>
@@ -29,6 +30,14 @@
 #include <QWindow>
 
 std::function<std::vector<int32_t>(const QMimeData*)> TQtViewerWindow::DecodeIDs;
+
+TQtViewerWindow* TQtViewerWindow::WindowOf(const TVCustomForm* viewer) {
+  if (!viewer) return nullptr;
+  for (QWidget* widget : QApplication::topLevelWidgets())
+    if (auto* window = dynamic_cast<TQtViewerWindow*>(widget); window && window->Viewer() == viewer)
+      return window;
+  return nullptr;
+}
 
 TQtViewerWindow::TQtViewerWindow(TVCustomForm* viewer, QWidget* mainWindow)
     : QWidget(mainWindow, Qt::Window), FViewer(viewer) {

@@ -52,6 +52,8 @@ public:
   std::function<void(TVCustomForm*)> OnFreeViewer;
   /// Called when the viewer was destroyed (the window goes as well).
   std::function<void(TVCustomForm*)> OnViewerGone;
+  /// The window that shows viewer, null when it has none.
+  static TQtViewerWindow* WindowOf(const TVCustomForm* viewer);
   /// Parses dropped IDs of this session; empty when the drop isn't ours.
   static std::function<std::vector<int32_t>(const class QMimeData*)> DecodeIDs;
 

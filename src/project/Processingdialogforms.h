@@ -75,6 +75,10 @@ public:
   void Init(const TIntList* ids, const TIntList* extra, TProject* project = nullptr) override;
   void CleanUp() override;
   void DoRemoveData(TData* data) override;
+  /// The preview viewer over the original spectrum: where the spectral masks are shown and drawn.
+  bool HasSpectralMaskViewer() const override { return true; }
+  TVCustomForm* GetSpectralMaskViewer() const override { return FPreviewViewer; }
+  int32_t GetSpectralMaskGraphID() const override { return FOriginalGraphID; }
   void DoDataChange(TData* data) override;
   void EnableDisableCalculations(bool extract, bool extractAll, TIntList* ids) override;
   bool IsDataUsed(int32_t id) const override;

@@ -138,6 +138,13 @@ public:
   /// Enables the frame's commands; the tool's own follow its calls.
   virtual void EnableDisableCalculations(bool extract, bool extractAll, TIntList* ids);
   virtual bool IsDataUsed(int32_t id) const;
+  /// True when the tool previews spectra in a graph viewer over which its spectral mask parameters can be
+  /// shown and drawn (its window then gives each of them a mask toolbar).
+  virtual bool HasSpectralMaskViewer() const { return false; }
+  /// That viewer and the graph whose points the masks cover, as they are now: null and 0 while there is
+  /// none (before Init, after CleanUp).
+  virtual TVCustomForm* GetSpectralMaskViewer() const { return nullptr; }
+  virtual int32_t GetSpectralMaskGraphID() const { return 0; }
   /// True when inactive; an active tool asks "Confirm Dialog Closing".
   virtual bool IsCleanUpAllowed();
   /// The window was closed: CleanUp when active and CleanUpOnClose.

@@ -5,17 +5,19 @@
 // taken from the x cursor, the extract captions of each mode, and the fit curve drawn over a narrower
 // preview range only. Screenshots of the window and the viewer.
 #include "FrameTestSupport.h"
+#include "ViewerWindowSupport.h"
 #include "data/Dcursor.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dtransformation.h"
 #include "data/Registerdata.h"
-#include "frame/Offscreenview.h"
 #include "frame/Qtparampanel.h"
 #include "frame/Qttoolwindow.h"
 #include "frame/Viewexport.h"
 #include "imaging/Rasterfile.h"
 #include "project/Demodataset.h"
+#include "project/Graphmask.h"
+#include "project/Graphmaskparameter.h"
 #include "project/Project.h"
 #include "support/TestSupport.h"
 #include "tools/Registertools.h"
@@ -29,6 +31,7 @@
 #include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QFormLayout>
+#include <QImage>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -36,6 +39,7 @@
 #include <QTableWidget>
 #include <QTreeWidget>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 
 #include <gtest/gtest.h>
@@ -126,6 +130,24 @@ protected:
     cursor->SetPosition(1, wy);
   }
 
+  /// A fresh picture of the viewer as its window shows it, kWidth x kHeight, rows from the top.
+  static bool PictureOf(TVCustomForm* viewer, TOpenGLBitmap& bitmap) {
+    TQtViewerWindow* shown = oxframetest::WindowOfViewer(viewer);
+    if (!shown || !shown->OpenGLWidget()) return false;
+    shown->show();
+    shown->OpenGLWidget()->setFixedSize(kWidth, kHeight);
+    if (!WaitFor([&] { return shown->OpenGLWidget()->FrameCount() > 0; })) return false;
+    const QImage image = oxframetest::Grab(shown->OpenGLWidget());
+    if (image.width() != kWidth || image.height() != kHeight) return false;
+    bitmap.Width = kWidth;
+    bitmap.Height = kHeight;
+    bitmap.Pixels.resize(static_cast<size_t>(kWidth) * kHeight * 3);
+    for (int y = 0; y < kHeight; ++y)
+      std::memcpy(&bitmap.Pixels[static_cast<size_t>(y) * kWidth * 3], image.constScanLine(y),
+                  static_cast<size_t>(kWidth) * 3);
+    return true;
+  }
+
   void Save(const TOpenGLBitmap& bitmap, QWidget& window, const std::string& name) {
     std::filesystem::create_directories(ORVEX_SCREENSHOT_DIR);
     std::string error;
@@ -175,6 +197,11 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   emit mask->editingFinished();
   QApplication::processEvents();
   EXPECT_EQ(tool->GetStringParameter("Fit Mask"), "480:560");
+  // The fit mask has its toolbar under its field and is tied to the preview's spectrum.
+  EXPECT_NE(window->MaskToolBarOf("Fit Mask"), nullptr);
+  TGraphMaskParameterLink* maskLink = window->MaskLinkOf("Fit Mask");
+  ASSERT_NE(maskLink, nullptr);
+  EXPECT_EQ(maskLink->Mask().GetGraphID(), preview->GetDataGraphID());
 
   // The preview range over the band with many points, so that the curve's apex is drawn where it lies.
   auto* points0 = qobject_cast<QSpinBox*>(window->Panel()->ControlOf("# of Points"));
@@ -230,9 +257,9 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   EXPECT_EQ(viewer->GetGraphInfo(0).GraphID, preview->GetFitGraphID());
   EXPECT_EQ(viewer->GetGraphInfo(1).GraphID, preview->GetDataGraphID());
   ASSERT_TRUE(viewer->SetXRange(kLow, kHigh));
+  // The tool gave its preview viewer a window beside its own.
   TOpenGLBitmap picture;
-  std::string error;
-  ASSERT_TRUE(RenderViewOffscreen(viewer->GetOpenGLView(), kWidth, kHeight, picture, error)) << error;
+  ASSERT_TRUE(PictureOf(viewer, picture));
   Save(picture, *window, "advanced_fitting_fit_once");
   // The curve's apex lies within a point spacing of the map's axis from the centre.
   TAdvancedFittingCore core;
@@ -333,7 +360,7 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   EXPECT_DOUBLE_EQ(preview->GetCurveAxis().back(), 535);
   ASSERT_TRUE(viewer->SetXRange(kLow, kHigh));
   TOpenGLBitmap ranged;
-  ASSERT_TRUE(RenderViewOffscreen(viewer->GetOpenGLView(), kWidth, kHeight, ranged, error)) << error;
+  ASSERT_TRUE(PictureOf(viewer, ranged));
   Save(ranged, *window, "advanced_fitting_preview_range");
   // Red (the curve) only between the columns of 505 and 535; the data (blue) on both sides of them.
   int redInside = 0, redOutside = 0, blueLeft = 0, blueRight = 0;
@@ -371,6 +398,32 @@ TEST_F(AdvancedFittingWindowTest, LorentzOnTheSiliconBandFitOnceDrawsTheCurveOnT
   mode->setCurrentText(TAdvancedFittingPreview::kFitOnChange);
   QApplication::processEvents();
   EXPECT_EQ(extract->text().toStdString(), "Fit and Extract Current");
+
+  // Drawn with the mouse in the preview's mask mode, 600 … 620 joins the fit mask.
+  viewer->SetGraphMouseMode(TGraphMouseMode::Mask);
+  EXPECT_EQ(viewer->GetMaskTool(), &maskLink->Mask());
+  ASSERT_TRUE(viewer->SetXRange(450, 650));
+  TOpenGLView& view = viewer->GetOpenGLView();
+  const int from = static_cast<int>(std::lround(viewer->XToWindow(600)));
+  const int to = static_cast<int>(std::lround(viewer->XToWindow(620)));
+  view.MouseDown(from, kHeight / 2, TOpenGLMouseButton::Left, {});
+  view.MouseMove(to, kHeight / 2, {});
+  view.MouseUp(to, kHeight / 2, TOpenGLMouseButton::Left, {});
+  QApplication::processEvents();
+  std::vector<bool> drawn;
+  std::string maskError;
+  ASSERT_TRUE(
+      ReadGraphMaskForGraph(FProject, FIDs.Map, tool->GetStringParameter("Fit Mask"), "", drawn, maskError))
+      << maskError;
+  int inTyped = 0, inDrawn = 0, elsewhere = 0;
+  for (size_t g = 0; g < drawn.size(); ++g) {
+    if (!drawn[g]) continue;
+    const double x = axis[g];
+    (x >= 480 && x <= 560 ? inTyped : x >= 595 && x <= 625 ? inDrawn : elsewhere)++;
+  }
+  EXPECT_GT(inTyped, 10);
+  EXPECT_GT(inDrawn, 3) << tool->GetStringParameter("Fit Mask");
+  EXPECT_EQ(elsewhere, 0);
 
   const int32_t fitGraph = preview->GetFitGraphID();
   window->close();

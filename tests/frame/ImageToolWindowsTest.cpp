@@ -145,7 +145,9 @@ TEST_F(ImageToolWindowsTest, TheMedianPreviewOfTheTopographyIsItsThreeByThreeMed
   // The preview viewer shows the median values in its profile's colours.
   auto* viewer = dynamic_cast<TVImageForm*>(tool->PreviewImages().front().Viewer);
   ASSERT_NE(viewer, nullptr);
-  auto* shown = new TQtViewerWindow(viewer, nullptr);
+  // The tool gave its preview viewer a window beside its own.
+  TQtViewerWindow* shown = TQtViewerWindow::WindowOf(viewer);
+  ASSERT_NE(shown, nullptr);
   shown->resize(520, 420);
   shown->ShowViewerWindow(true);
   TQtOpenGLWidget* widget = shown->OpenGLWidget();
@@ -165,7 +167,6 @@ TEST_F(ImageToolWindowsTest, TheMedianPreviewOfTheTopographyIsItsThreeByThreeMed
     EXPECT_NEAR(seen.green(), int((c >> 8) & 0xFF), 2) << x << ", " << y;
     EXPECT_NEAR(seen.blue(), int((c >> 16) & 0xFF), 2) << x << ", " << y;
   }
-  delete shown;
 }
 
 TEST_F(ImageToolWindowsTest, AStrokeDrawnInTheMaskFieldIsRepairedInThePreview) {

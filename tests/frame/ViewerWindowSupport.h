@@ -20,10 +20,7 @@ namespace oxframetest {
 
 /// The window that shows viewer, null when it has none.
 inline TQtViewerWindow* WindowOfViewer(TVCustomForm* viewer) {
-  for (QWidget* widget : QApplication::topLevelWidgets())
-    if (auto* window = dynamic_cast<TQtViewerWindow*>(widget); window && window->Viewer() == viewer)
-      return window;
-  return nullptr;
+  return TQtViewerWindow::WindowOf(viewer);
 }
 
 /// The widget's picture after a fresh frame.

@@ -164,18 +164,12 @@ void TAdvancedFittingPreview::Open(int32_t graphID) {
     FViewer = FTool.AddCustomForm(factory->CreateGraphViewer(*project, FFitGraphID, more));
     // Data and curves on one y axis, so that the curve is seen where it lies on the data.
     if (FViewer && FViewer->GetCFI()) FViewer->GetCFI()->SetParameterValuesFromText({"OnlyOneYAxis=True"});
-    if (auto* bands = dynamic_cast<IGraphMaskViewer*>(FViewer)) {
-      FMaskBand = std::make_unique<TGraphMask>(nullptr, graph->GetSizeGraph(), 1, FDataGraphID);
-      FMaskBand->SetGraphFormInfo(bands, 0);
-    }
   }
   StorePixel();
   Update();
 }
 
 void TAdvancedFittingPreview::Close() {
-  FMaskBand.reset();
-  FMaskShown = false;
   FGraphID = FDataGraphID = FFitGraphID = FCurveTransformationID = FXInterpretationID = 0;
   FReplicaGraphIDs.clear();
   FXCursorClass.clear();
@@ -234,21 +228,7 @@ bool TAdvancedFittingPreview::Reconfigure() {
     ClearResult(e.what());
     return false;
   }
-  ShowFitMask();
   return true;
-}
-
-void TAdvancedFittingPreview::ShowFitMask() {
-  if (!FMaskBand || FMaskBand->GetMaskSize() < 1) return;
-  const std::vector<bool>& mask = FCore.GetFitMask();
-  std::unique_ptr<bool[]> flags(new bool[static_cast<size_t>(FMaskBand->GetMaskSize())]);
-  for (int g = 0; g < FMaskBand->GetMaskSize(); ++g)
-    flags[static_cast<size_t>(g)] =
-        mask.empty() || (static_cast<size_t>(g) < mask.size() && mask[static_cast<size_t>(g)]);
-  // Only a changed mask is sent: the viewer redraws its bands for each.
-  if (FMaskBand->IsMaskEqual(flags.get(), 0) && FMaskShown) return;
-  FMaskBand->SetMask(flags.get());
-  FMaskShown = true;
 }
 
 bool TAdvancedFittingPreview::FitOnce() {

@@ -15,7 +15,6 @@
 
 class TAdvancedFittingToolForm;
 class TDCursor;
-class TGraphMask;
 class TFitFunctionManager;
 class TVCustomForm;
 
@@ -191,8 +190,6 @@ private:
   /// The curves as they stand: from the values after a good fit or when the preview radio says so.
   void RedrawCurves();
   void CopySpectrumToDataGraph();
-  /// The fit mask as a band over the data in the viewer (when the viewer shows mask bands).
-  void ShowFitMask();
   void MakeReplicaGraphs();
   /// The fit curve graph (and replicas) sized to the preview range, their x axis its positions.
   bool SizeCurveGraphs(const std::vector<double>& axis);
@@ -217,8 +214,6 @@ private:
   int FArmedRow = -1;
   std::vector<double> FListenPositions; ///< the last cursor positions since arming, at most two
   TVCustomForm* FViewer = nullptr;
-  std::unique_ptr<TGraphMask> FMaskBand;
-  bool FMaskShown = false;
   bool FCurveFromValue = false;
   TAdvancedFitPointResult FLastResult;
   std::string FStatus = kNotFitted;

@@ -531,6 +531,16 @@ TAdvancedFittingPreview* TAdvancedFittingToolForm::GetPreview() const {
   return FPreview->IsOpen() ? FPreview.get() : nullptr;
 }
 
+TVCustomForm* TAdvancedFittingToolForm::GetSpectralMaskViewer() const {
+  const TAdvancedFittingPreview* preview = GetPreview();
+  return preview ? preview->GetViewer() : nullptr;
+}
+
+int32_t TAdvancedFittingToolForm::GetSpectralMaskGraphID() const {
+  const TAdvancedFittingPreview* preview = GetPreview();
+  return preview ? preview->GetDataGraphID() : 0;
+}
+
 void TAdvancedFittingToolForm::DoDataChange(TData* data) {
   if (!data || !FPreview->IsOpen()) return;
   if (data->InheritsFrom(TDSpaceCursor::kClassName))

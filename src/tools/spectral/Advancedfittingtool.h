@@ -94,6 +94,10 @@ public:
   TAdvancedFittingPreview* GetPreview() const;
   /// The same whether open or not (the window connects to it once).
   TAdvancedFittingPreview& Preview() const { return *FPreview; }
+  /// The fit mask is shown and drawn on the preview viewer, over the current spectrum's graph.
+  bool HasSpectralMaskViewer() const override { return true; }
+  TVCustomForm* GetSpectralMaskViewer() const override;
+  int32_t GetSpectralMaskGraphID() const override;
 
   /// Failed fits of the last run, summed over its inputs.
   int64_t GetNumberOfFailedFits() const { return FFailedFits; }
