@@ -10,6 +10,7 @@
 #include "data/Dtransformation.h"
 #include "project/Demodataset.h"
 #include "project/Graphmask.h"
+#include "project/Graphmaskparameter.h"
 #include "project/Projectdialogform.h"
 #include "project/Viewerbase.h"
 #include "support/TestSupport.h"
@@ -376,7 +377,17 @@ TEST_F(AdvancedFittingPreviewTest, ViewerShowsCurveOverDataWithTheFitMaskAsBand)
   ASSERT_EQ(factory.Made->Graphs.size(), 2u); // Lorentz has no replicas
   EXPECT_EQ(factory.Made->Graphs[0], preview.GetFitGraphID());
   EXPECT_EQ(factory.Made->Graphs[1], preview.GetDataGraphID());
-  // The band: the points of the mask 480:560 over the data graph.
+  // The tool names this viewer and the data graph for its spectral masks; tied there as a window ties
+  // them, the band is the points of the mask 480:560 over the data graph.
+  EXPECT_TRUE(tool.HasSpectralMaskViewer());
+  ASSERT_EQ(tool.GetSpectralMaskViewer(), factory.Made);
+  ASSERT_EQ(tool.GetSpectralMaskGraphID(), preview.GetDataGraphID());
+  auto* parameter = dynamic_cast<TUserStringParameter*>(tool.Parameters().GetUserParameterByName("Fit Mask"));
+  ASSERT_NE(parameter, nullptr);
+  TGraphMaskParameterLink link(*parameter, FProject, tool.GetSpectralMaskGraphID(), 0, [&tool] {
+    return dynamic_cast<IGraphMaskViewer*>(tool.GetSpectralMaskViewer());
+  });
+  link.ShowBand();
   EXPECT_EQ(factory.Made->MaskGraph, preview.GetDataGraphID());
   EXPECT_EQ(factory.Made->Band, 0);
   TAdvancedFittingCore core;
