@@ -170,22 +170,6 @@ void LinkDrawField(TPCAForm& tool, TVImageForm& viewer) {
   };
 }
 
-// The tool's viewers are kept out of the project's windows (they belong to the tool): they get windows
-// here, cascaded to the right of the tool's window, and go with their viewers at the clean-up.
-void ShowViewers(TQtToolWindow& window, TProjectDialogForm& tool) {
-  int left = window.frameGeometry().right() + 10;
-  int top = window.frameGeometry().top();
-  for (TVCustomForm* viewer : tool.GetCustomForms()) {
-    if (TQtViewerWindow::WindowOf(viewer)) continue;
-    auto* shown = new TQtViewerWindow(viewer, nullptr);
-    shown->resize(700, 460);
-    shown->move(left, top);
-    shown->ShowViewerWindow(false);
-    left += 40;
-    top += 40;
-  }
-}
-
 } // namespace
 
 void RegisterPCAWindowExtension() {
@@ -265,7 +249,7 @@ void RegisterPCAWindowExtension() {
         const QSignalBlocker block(controls->ShowReconstructed);
         controls->ShowReconstructed->setChecked(tool->GetShowReconstructedImage());
       }
-      ShowViewers(*w, *tool);
+      w->ShowToolViewers();
       Refresh(*w, *tool, *controls);
     };
   });

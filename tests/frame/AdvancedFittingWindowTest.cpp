@@ -51,11 +51,7 @@ using oxframetest::WaitFor;
 constexpr int kWidth = 640, kHeight = 400;
 constexpr double kLow = 480, kHigh = 560; // the x range shown, rel. 1/cm
 
-QPushButton* ButtonOf(QWidget& window, const QString& text) {
-  for (QPushButton* button : window.findChildren<QPushButton*>())
-    if (button->text() == text) return button;
-  return nullptr;
-}
+using oxframetest::ButtonOf;
 
 // The colours of the curves, also where the fit mask's transparent band lies over them: the curve's own
 // channel stands well above the other two (the pale band alone has none that does).

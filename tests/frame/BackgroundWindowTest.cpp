@@ -73,11 +73,7 @@ int CountColour(const QImage& image, TRGB want, int tolerance) {
   return n;
 }
 
-QPushButton* ButtonOf(QWidget& window, const QString& text) {
-  for (QPushButton* button : window.findChildren<QPushButton*>())
-    if (button->text() == text) return button;
-  return nullptr;
-}
+using oxframetest::ButtonOf;
 
 class BackgroundWindowTest : public ::testing::Test {
 protected:

@@ -3,6 +3,8 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QPushButton>
+#include <QString>
 #include <QTimer>
 #include <QWidget>
 #include <functional>
@@ -36,6 +38,13 @@ inline bool WaitFor(const std::function<bool()>& done, int maxMs = 10000) {
   timer.start();
   while (!done() && timer.elapsed() < maxMs) QApplication::processEvents(QEventLoop::AllEvents, 20);
   return done();
+}
+
+/// The push button of window with the caption text, null when there is none.
+inline QPushButton* ButtonOf(QWidget& window, const QString& text) {
+  for (QPushButton* button : window.findChildren<QPushButton*>())
+    if (button->text() == text) return button;
+  return nullptr;
 }
 
 } // namespace oxframetest

@@ -70,11 +70,7 @@ float Median3x3(const std::vector<float>& v, int32_t x, int32_t y) {
   return window[4];
 }
 
-QPushButton* ButtonOf(QWidget& window, const QString& text) {
-  for (QPushButton* button : window.findChildren<QPushButton*>())
-    if (button->text() == text) return button;
-  return nullptr;
-}
+using oxframetest::ButtonOf;
 
 /// Window point of the centre of pixel (x, y) of an image shown in view.
 QPoint PointOfPixel(TProject& project, int32_t imageID, TOpenGLView& view, int32_t x, int32_t y) {

@@ -52,11 +52,7 @@ std::vector<int> CurveRows(const QImage& image) {
   return rows;
 }
 
-QPushButton* ButtonOf(QWidget& window, const QString& text) {
-  for (QPushButton* button : window.findChildren<QPushButton*>())
-    if (button->text() == text) return button;
-  return nullptr;
-}
+using oxframetest::ButtonOf;
 
 class PcaWindowTest : public ::testing::Test {
 protected:

@@ -39,11 +39,7 @@ bool HasRefusedRed(const QImage& image) {
   return count > 50;
 }
 
-QPushButton* ButtonOf(QWidget& window, const QString& text) {
-  for (QPushButton* button : window.findChildren<QPushButton*>())
-    if (button->text() == text) return button;
-  return nullptr;
-}
+using oxframetest::ButtonOf;
 
 class ToolWindowTest : public ::testing::Test {
 protected:
