@@ -903,6 +903,7 @@ bool AskUserYesNo(const std::string& text, const std::string& caption,
 
 void NotifyUser(const std::string& text, const std::string& caption,
                 TStandardMessageSeverityCategory severity, bool nonBlocking) {
-  TMessageProxy::MsgProxySingleton()->IssueMessage(
-      TBlockingNotification::CreateAndInit(text, caption, severity), nonBlocking);
+  // A notification asks nothing: whatever reply comes back is not needed, and is freed here.
+  std::unique_ptr<IStandardMessageReply> reply(TMessageProxy::MsgProxySingleton()->IssueMessage(
+      TBlockingNotification::CreateAndInit(text, caption, severity), nonBlocking));
 }
