@@ -203,6 +203,16 @@ void TDataField::SetValueArray(const int32_t* index, const float* values, int64_
   });
 }
 
+const float* TDataField::GetFloatReadPointer(const int32_t* index, int64_t& available) const {
+  available = 0;
+  if (FKind != TDataFieldKind::Float || !FMemory) return nullptr;
+  uint64_t bytes = 0;
+  const void* p = FMemory->GetReadPointer(static_cast<uint64_t>(ByteOffset(index)), bytes);
+  if (!p) return nullptr;
+  available = static_cast<int64_t>(bytes / sizeof(float));
+  return static_cast<const float*>(p);
+}
+
 void TDataField::GetValueArray(const int32_t* index, float* values, int64_t count) const {
   int64_t offset = ByteOffset(index);
   if (FKind == TDataFieldKind::Float) {

@@ -60,6 +60,9 @@ public:
   void SetValueArray(const int32_t* index, const float* values, int64_t count);
   void GetValueArray(const int32_t* index, float* values, int64_t count) const;
   /// @}
+  /// The float values from index on, in place, for reading only: null unless the field holds floats and
+  /// its memory lies in one piece there; available gets how many values follow without a break.
+  const float* GetFloatReadPointer(const int32_t* index, int64_t& available) const;
 
   /// @{ Raw access for one kind only; on another kind a set writes nothing and a get gives zero.
   void SetBoolValue(const int32_t* index, bool value);

@@ -119,6 +119,23 @@ void TDGraph::GetSpectrum(int32_t x, int32_t y, float* values, bool ignoreValid)
   FField->GetValueArray(index, values, FSizeGraph);
 }
 
+const float* TDGraph::GetSpectraPartReadPointer(int32_t x, int32_t y, int32_t first, int32_t count,
+                                                int32_t& spectra) const {
+  if (x < 0 || x >= FSizeX || y < 0 || y >= FSizeY || first < 0 || count < 1 || first + count > FSizeGraph ||
+      spectra < 1 || y + spectra > FSizeY)
+    throw OrvexException(GetCaption() + ": TDGraph::GetSpectraPartReadPointer: wrong indices or Range: x = " +
+                         std::to_string(x) + ", y = " + std::to_string(y));
+  const int32_t index[2] = {x, y * FSizeGraph + first};
+  int64_t available = 0;
+  const float* p = FField ? FField->GetFloatReadPointer(index, available) : nullptr;
+  if (!p || available < count) {
+    spectra = 0;
+    return nullptr;
+  }
+  spectra = static_cast<int32_t>(std::min<int64_t>(spectra, 1 + (available - count) / FSizeGraph));
+  return p;
+}
+
 void TDGraph::GetPartOfSpectrum(int32_t x, int32_t y, int32_t first, int32_t count, float* values,
                                 bool ignoreValid) const {
   if (x < 0 || x >= FSizeX || y < 0 || y >= FSizeY || first < 0 || count < 0 || first + count > FSizeGraph)

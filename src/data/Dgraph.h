@@ -54,6 +54,12 @@ public:
   void SetSpectrum(int32_t x, int32_t y, const float* values);
   /// Zeros on an invalid line unless ignoreValid; wrong indices throw.
   void GetSpectrum(int32_t x, int32_t y, float* values, bool ignoreValid = false) const;
+  /// Points first .. first + count - 1 of the spectra (x, y), (x, y + 1), ... read in place: the part of
+  /// spectrum (x, y), the next spectrum's part a spectrum length further. spectra is how many are wanted,
+  /// and receives how many lie in one piece of memory (at least 1); null (spectra 0) when the graph's
+  /// memory can't be read in place. Line validity is not looked at.
+  const float* GetSpectraPartReadPointer(int32_t x, int32_t y, int32_t first, int32_t count,
+                                         int32_t& spectra) const;
   void GetPartOfSpectrum(int32_t x, int32_t y, int32_t first, int32_t count, float* values,
                          bool ignoreValid = false) const;
   /// Spectrum of flat element e = x + y * size X.

@@ -105,8 +105,26 @@ bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel*
   const int32_t sizeX = FGraph.GetSizeX();
   const bool parallel = rows * tile >= kParallelValues && rows >= 2 * kAlign;
 
+  // Rows r0..r1 of a tile turned straight out of the graph's memory, a run of spectra that follow one
+  // another there at a time; false (with part of the rows turned) when the memory can't be read in place.
+  auto turnInPlace = [&](int64_t r0, int64_t r1, int32_t first, int64_t count, float* target) {
+    for (int64_t r = r0; r < r1;) {
+      const int64_t e = FElements[static_cast<size_t>(r)];
+      int64_t run = 1; // the next rows are the next spectra of the same column of the map
+      while (r + run < r1 && FElements[static_cast<size_t>(r + run)] == e + run * sizeX) ++run;
+      auto spectra = static_cast<int32_t>(run);
+      const float* source =
+          FGraph.GetSpectraPartReadPointer(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX),
+                                           first, static_cast<int32_t>(count), spectra);
+      if (!source) return false;
+      TransposeFloats(source, points, target + r, rows, spectra, count);
+      r += spectra;
+    }
+    return true;
+  };
   // Rows r0..r1 of a tile: their parts of the spectra, then turned into the tile's columns r0..r1.
   auto readAndTurn = [&](int64_t r0, int64_t r1, int32_t first, int64_t count, float* target) {
+    if (turnInPlace(r0, r1, first, count, target)) return;
     for (int64_t r = r0; r < r1; ++r) {
       const int64_t e = FElements[static_cast<size_t>(r)];
       FGraph.GetPartOfSpectrum(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first,

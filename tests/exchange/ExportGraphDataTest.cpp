@@ -8,6 +8,7 @@
 #include "data/Registerdata.h"
 #include "support/TestDataObjects.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -129,4 +130,70 @@ TEST_F(GraphPointReaderTest, ASmallSelectionRunsOnOneThreadWithTheSameValues) {
   EXPECT_EQ(got[1], Value(0, 0, 0));
   EXPECT_EQ(got[2], Value(7, 3, 0));
   EXPECT_EQ(got[3 * (kPoints - 1) + 2], Value(7, 3, kPoints - 1));
+}
+
+// The parts of spectra that follow one another in memory are turned in place: a graph of one block gives a
+// whole column of the map at once, and the values are those GetPartOfSpectrum copies.
+TEST_F(GraphPointReaderTest, SpectraPartsAreReadInPlaceWhereTheyLieTogether) {
+  int32_t spectra = kSizeY;
+  const float* part = FGraphObject->GetSpectraPartReadPointer(3, 0, 10, 20, spectra);
+  ASSERT_NE(part, nullptr) << "a graph of more than 2 MiB lies in one block of the heap strategy";
+  EXPECT_EQ(spectra, kSizeY);
+  std::vector<float> copy(20);
+  for (int32_t y : {0, 1, 77, kSizeY - 1}) {
+    FGraphObject->GetPartOfSpectrum(3, y, 10, 20, copy.data(), true);
+    for (int32_t k = 0; k < 20; ++k)
+      ASSERT_EQ(part[static_cast<int64_t>(y) * kPoints + k], copy[static_cast<size_t>(k)]) << y << " " << k;
+  }
+  spectra = 5;
+  EXPECT_NE(FGraphObject->GetSpectraPartReadPointer(0, kSizeY - 5, 0, kPoints, spectra), nullptr);
+  EXPECT_EQ(spectra, 5);
+  spectra = 6; // one spectrum past the last line
+  EXPECT_ANY_THROW(FGraphObject->GetSpectraPartReadPointer(0, kSizeY - 5, 0, kPoints, spectra));
+}
+
+// A small graph lies in pages of their own: runs stop at a page's end and a part that crosses one is
+// copied instead; elements in any order still give every point's values in element order.
+TEST_F(GraphPointReaderTest, SmallGraphsAndAnyElementOrderGiveTheSameValues) {
+  // 85 KiB: the first 64 KiB page ends in column 19, in the part of its spectrum y = 5.
+  constexpr int32_t sx = 25, sy = 23, points = 37;
+  TDGraph small;
+  small.SetFieldSize(sx, sy, TDataFieldKind::Float, points);
+  std::vector<float> spectrum(points);
+  for (int32_t y = 0; y < sy; ++y)
+    for (int32_t x = 0; x < sx; ++x) {
+      for (int32_t g = 0; g < points; ++g) spectrum[static_cast<size_t>(g)] = float(x * 1000 + y) + g / 64.0f;
+      small.SetSpectrum(x, y, spectrum.data());
+    }
+  int32_t spectra = sy;
+  ASSERT_NE(small.GetSpectraPartReadPointer(0, 0, 0, points, spectra), nullptr);
+  EXPECT_EQ(spectra, sy) << "column 0 lies in the first page";
+  spectra = sy;
+  ASSERT_NE(small.GetSpectraPartReadPointer(19, 0, 0, points, spectra), nullptr);
+  EXPECT_EQ(spectra, 5) << "the first page ends in spectrum (19, 5)";
+  spectra = 1;
+  EXPECT_EQ(small.GetSpectraPartReadPointer(19, 5, 0, points, spectra), nullptr) << "it crosses the page end";
+  EXPECT_EQ(spectra, 0);
+  for (bool reversed : {false, true}) {
+    std::vector<int64_t> elements;
+    for (int32_t x = 0; x < sx; ++x)
+      for (int32_t y = 0; y < sy; ++y) elements.push_back(x + int64_t(y) * sx);
+    if (reversed) std::reverse(elements.begin(), elements.end());
+    TGraphPointReader reader(small, elements, 3 * 8 * int64_t(sx) * sy * 4);
+    bool wrong = false;
+    EXPECT_TRUE(reader.RunBlocks(
+        [&](int32_t first, int32_t n, const float* values, int64_t count) {
+          for (int32_t k = 0; k < n && !wrong; ++k)
+            for (int64_t r = 0; r < count && !wrong; ++r) {
+              const int64_t e = elements[static_cast<size_t>(r)];
+              const float expected = float((e % sx) * 1000 + e / sx) + (first + k) / 64.0f;
+              if (values[k * count + r] != expected) {
+                ADD_FAILURE() << "point " << first + k << ", element " << e << (reversed ? " reversed" : "");
+                wrong = true;
+              }
+            }
+          return true;
+        },
+        nullptr));
+  }
 }

@@ -62,6 +62,18 @@ void TPartialMemoryFromHeapArray::GetDataAtAddressEx(uint64_t address, void* des
   }
 }
 
+const void* TPartialMemoryFromHeapArray::GetReadPointer(uint64_t address, uint64_t& available) const {
+  available = 0;
+  if (address >= FTotalBytes) return nullptr;
+  if (FContiguousBlock) {
+    available = FTotalBytes - address;
+    return FContiguousBlock + address;
+  }
+  const THeapFragment& fragment = FFragments[address / FPageSize];
+  available = fragment.EndAddress - address;
+  return fragment.Block + (address - fragment.StartAddress);
+}
+
 void TPartialMemoryFromHeapArray::SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) {
   auto* from = static_cast<const uint8_t*>(source);
   while (size > 0) {

@@ -30,6 +30,8 @@ public:
   void GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) override;
   void SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) override;
   void ClearData() override;
+  /// A large array is one block: any range of it; otherwise the rest of one fragment.
+  const void* GetReadPointer(uint64_t address, uint64_t& available) const override;
 
   uint64_t TotalBytes() const { return FTotalBytes; }
   uint32_t NumberOfFragments() const { return uint32_t(FFragments.size()); }

@@ -27,6 +27,15 @@ public:
   virtual void SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) = 0;
   /// Every byte of the array's pages becomes 0.
   virtual void ClearData() = 0;
+  /// Where the bytes from address on lie in memory, for reading them in place: the pointer, and in
+  /// available how many bytes follow it without a break. Null (the default, and for a strategy whose pages
+  /// move) when the bytes must be fetched with GetDataAtAddressEx. The pointer holds while the array
+  /// lives and is not resized.
+  virtual const void* GetReadPointer(uint64_t address, uint64_t& available) const {
+    (void)address;
+    available = 0;
+    return nullptr;
+  }
 };
 
 /// Called for every page when it is given out and when it comes back: the page's byte address
