@@ -16,6 +16,7 @@
 #include "imaging/Rasterfile.h"
 #include "project/Project.h"
 #include "support/SpaceTransformation.h"
+#include "support/SpectralAxis.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
 #include "viewers/Vmultigraph.h"
@@ -75,27 +76,15 @@ protected:
   void SetUp() override {
     RegisterDataClasses();
     RegisterViewers();
-    auto interpretation = std::make_unique<TDSpectralInterpretation>();
-    interpretation->SetID(FProject.GetNewDataID());
-    interpretation->SetExcitationWaveLength(kExcitation);
-    interpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
-    const int32_t interpretationID = interpretation->GetID();
-    FProject.AddData(std::move(interpretation));
-    auto spectral = std::make_unique<TDSpectralTransformation>();
-    spectral->SetID(FProject.GetNewDataID());
-    spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
-    spectral->SetPolynom(kNmStart, kNmStep, 0.0);
-    spectral->SetInterpretationID(interpretationID);
-    const int32_t spectralID = spectral->GetID();
-    FProject.AddData(std::move(spectral));
+    const oxtest::TSpectralAxisIDs axis = oxtest::AddSpectralAxis(FProject, kExcitation, kNmStart, kNmStep);
     FSpace = oxtest::AddSpaceTransformation(FProject, {1.5, 1.5, 1.0});
     // A 3 x 2 stack: spectrum (x, y) is a Lorentzian of width 3 rel. 1/cm at the sample nearest to
     // 900 + 100 x + 50 y rel. 1/cm, height 100 + 10 x, over a background of 5.
     auto graph = std::make_unique<TDGraph>();
     graph->SetID(FProject.GetNewDataID());
     graph->SetFieldSize(3, 2, TDataFieldKind::Float, kPoints);
-    graph->SetXTransformationID(spectralID);
-    graph->SetXInterpretationID(interpretationID);
+    graph->SetXTransformationID(axis.Transformation);
+    graph->SetXInterpretationID(axis.Interpretation);
     graph->SetSpaceTransformationID(FSpace);
     graph->SetCaption("Lorentzians");
     std::vector<float> s(kPoints);

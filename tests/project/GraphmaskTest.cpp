@@ -6,6 +6,7 @@
 #include "data/Dinterpretation.h"
 #include "data/Dtransformation.h"
 #include "project/Project.h"
+#include "support/SpectralAxis.h"
 #include "support/TestDataObjects.h"
 
 #include <algorithm>
@@ -62,23 +63,12 @@ class GraphMaskTest : public ::testing::Test {
 protected:
   void SetUp() override {
     oxtest::EnsureMemoryStrategy();
-    auto interpretation = std::make_unique<TDSpectralInterpretation>();
-    interpretation->SetID(Project.GetNewDataID());
-    interpretation->SetExcitationWaveLength(kExcitation);
-    interpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
-    Interpretation = interpretation.get();
-    Project.AddData(std::move(interpretation));
-    auto spectral = std::make_unique<TDSpectralTransformation>();
-    spectral->SetID(Project.GetNewDataID());
-    spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
-    spectral->SetPolynom(540.0, 0.5, -1e-3);
-    spectral->SetInterpretationID(Interpretation->GetID());
-    const int32_t spectralID = spectral->GetID();
-    Project.AddData(std::move(spectral));
+    const oxtest::TSpectralAxisIDs axis = oxtest::AddSpectralAxis(Project, kExcitation, 540.0, 0.5, -1e-3);
+    Interpretation = dynamic_cast<TDSpectralInterpretation*>(Project.FindData(axis.Interpretation));
     auto graph = std::make_unique<TDGraph>();
     graph->SetID(Project.GetNewDataID());
     graph->SetFieldSize(2, 1, TDataFieldKind::Float, kPoints);
-    graph->SetXTransformationID(spectralID);
+    graph->SetXTransformationID(axis.Transformation);
     graph->SetXInterpretationID(Interpretation->GetID());
     graph->SetCaption("Raman");
     GraphID = graph->GetID();

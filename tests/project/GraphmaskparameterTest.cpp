@@ -9,6 +9,7 @@
 #include "data/Dtransformation.h"
 #include "project/Graphmasktoolbar.h"
 #include "project/Project.h"
+#include "support/SpectralAxis.h"
 #include "support/TestDataObjects.h"
 
 #include <vector>
@@ -56,24 +57,13 @@ class GraphMaskParameterTest : public ::testing::Test {
 protected:
   void SetUp() override {
     oxtest::EnsureMemoryStrategy();
-    auto interpretation = std::make_unique<TDSpectralInterpretation>();
-    interpretation->SetID(Project.GetNewDataID());
-    interpretation->SetExcitationWaveLength(kExcitation);
-    interpretation->SetUnitIndex(TDSpectralInterpretation::suNanometer);
-    const int32_t interpretationID = interpretation->GetID();
-    Project.AddData(std::move(interpretation));
-    auto spectral = std::make_unique<TDSpectralTransformation>();
-    spectral->SetID(Project.GetNewDataID());
-    spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
-    spectral->SetPolynom(600.0, 1.0, 0.0);
-    spectral->SetInterpretationID(interpretationID);
-    const int32_t spectralID = spectral->GetID();
-    Project.AddData(std::move(spectral));
+    const oxtest::TSpectralAxisIDs axis =
+        oxtest::AddSpectralAxis(Project, kExcitation, 600.0, 1.0, 0.0, TDSpectralInterpretation::suNanometer);
     auto graph = std::make_unique<TDGraph>();
     graph->SetID(Project.GetNewDataID());
     graph->SetFieldSize(1, 1, TDataFieldKind::Float, kPoints);
-    graph->SetXTransformationID(spectralID);
-    graph->SetXInterpretationID(interpretationID);
+    graph->SetXTransformationID(axis.Transformation);
+    graph->SetXInterpretationID(axis.Interpretation);
     GraphID = graph->GetID();
     Project.AddData(std::move(graph));
     Parameter.OnParameterChanged = [this](const TUserParameterList&, bool) { ++Changes; };

@@ -10,6 +10,7 @@
 #include "project/Graphmaskparameter.h"
 #include "project/Graphmasktoolbar.h"
 #include "project/Project.h"
+#include "support/SpectralAxis.h"
 #include "support/TestDataObjects.h"
 #include "viewers/Viewershow.h"
 #include "viewers/Vmultigraph.h"
@@ -33,24 +34,12 @@ protected:
     RegisterViewers();
     TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(
         new TFixedAnswerToAllMessages_MessagingStrategy(kAnswerYes));
-    auto interpretation = std::make_unique<TDSpectralInterpretation>();
-    interpretation->SetID(FProject.GetNewDataID());
-    interpretation->SetExcitationWaveLength(kExcitation);
-    interpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
-    const int32_t interpretationID = interpretation->GetID();
-    FProject.AddData(std::move(interpretation));
-    auto spectral = std::make_unique<TDSpectralTransformation>();
-    spectral->SetID(FProject.GetNewDataID());
-    spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
-    spectral->SetPolynom(kNmStart, kNmStep, 0.0);
-    spectral->SetInterpretationID(interpretationID);
-    const int32_t spectralID = spectral->GetID();
-    FProject.AddData(std::move(spectral));
+    const oxtest::TSpectralAxisIDs axis = oxtest::AddSpectralAxis(FProject, kExcitation, kNmStart, kNmStep);
     auto graph = std::make_unique<TDGraph>();
     graph->SetID(FProject.GetNewDataID());
     graph->SetFieldSize(1, 1, TDataFieldKind::Float, kPoints);
-    graph->SetXTransformationID(spectralID);
-    graph->SetXInterpretationID(interpretationID);
+    graph->SetXTransformationID(axis.Transformation);
+    graph->SetXInterpretationID(axis.Interpretation);
     std::vector<float> s(kPoints);
     for (int32_t g = 0; g < kPoints; ++g) s[static_cast<size_t>(g)] = 10.0f + static_cast<float>(g % 50);
     graph->SetSpectrum(0, 0, s.data());

@@ -15,6 +15,7 @@
 #include "project/Project.h"
 #include "project/Viewerwindow.h"
 #include "support/SpaceTransformation.h"
+#include "support/SpectralAxis.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
@@ -68,19 +69,9 @@ protected:
     RegisterViewers();
     TMessageProxy::MsgProxySingleton()->SetMessagingStrategy(
         new TFixedAnswerToAllMessages_MessagingStrategy(kAnswerYes));
-    auto interpretation = std::make_unique<TDSpectralInterpretation>();
-    interpretation->SetID(FProject.GetNewDataID());
-    interpretation->SetExcitationWaveLength(kExcitation);
-    interpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
-    FInterpretation = interpretation->GetID();
-    FProject.AddData(std::move(interpretation));
-    auto spectral = std::make_unique<TDSpectralTransformation>();
-    spectral->SetID(FProject.GetNewDataID());
-    spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
-    spectral->SetPolynom(kNmStart, kNmStep, 0.0);
-    spectral->SetInterpretationID(FInterpretation);
-    FSpectral = spectral->GetID();
-    FProject.AddData(std::move(spectral));
+    const oxtest::TSpectralAxisIDs axis = oxtest::AddSpectralAxis(FProject, kExcitation, kNmStart, kNmStep);
+    FInterpretation = axis.Interpretation;
+    FSpectral = axis.Transformation;
     FSpace = oxtest::AddSpaceTransformation(FProject);
     // Spectrum (0, 0) holds the bands, spectrum (1, 0) the same shifted up by 100 rel. 1/cm.
     FGraph = AddGraph("Bands", 2, [](int32_t x, double shift) {

@@ -16,6 +16,7 @@
 #include "opengl/Openglobjects.h"
 #include "project/Project.h"
 #include "support/SpaceTransformation.h"
+#include "support/SpectralAxis.h"
 #include "support/TestDataObjects.h"
 #include "support/TestSupport.h"
 #include "viewers/Viewershow.h"
@@ -55,19 +56,9 @@ protected:
 
   static TScan MakeScan(TProject& project, int32_t sx, int32_t sy, int32_t sg) {
     TScan scan;
-    auto interpretation = std::make_unique<TDSpectralInterpretation>();
-    interpretation->SetID(project.GetNewDataID());
-    interpretation->SetExcitationWaveLength(kExcitation);
-    interpretation->SetUnitIndex(TDSpectralInterpretation::suRelativeWavenumber);
-    scan.Interpretation = interpretation->GetID();
-    project.AddData(std::move(interpretation));
-    auto spectral = std::make_unique<TDSpectralTransformation>();
-    spectral->SetID(project.GetNewDataID());
-    spectral->SetSpectralTransformationType(TSpectralTransformationType::Polynomial);
-    spectral->SetPolynom(kNmStart, kNmStep, 0.0);
-    spectral->SetInterpretationID(scan.Interpretation);
-    scan.XTransformation = spectral->GetID();
-    project.AddData(std::move(spectral));
+    const oxtest::TSpectralAxisIDs axis = oxtest::AddSpectralAxis(project, kExcitation, kNmStart, kNmStep);
+    scan.Interpretation = axis.Interpretation;
+    scan.XTransformation = axis.Transformation;
     scan.Space = oxtest::AddSpaceTransformation(project, {2.0, 2.0, 1.0}, {10.0, 20.0, 0.0});
     scan.Graph = AddGraph(project, scan, sx, sy, sg, "Scan");
     return scan;
