@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -246,6 +247,10 @@ TTagError TSafeFileWriter::Commit() {
                                                   : "cannot write " + shown + ": " + FileErrorReason(error));
   }
   if (FileWritesAborted()) return Fail(teWriteFileError, "saving " + shown + " cancelled");
+  if (!FOptions.SyncToDisk && ExchangeWithTarget()) {
+    FErrorText.clear();
+    return teNoError;
+  }
   // rename() replaces the target atomically: at no moment is there no file of that name.
   if (::rename(FTempName.c_str(), FTarget.c_str()) != 0) {
     const int error = errno;
@@ -261,6 +266,25 @@ TTagError TSafeFileWriter::Commit() {
   if (FOptions.SyncToDisk) SyncFolder(FolderOf(FTarget));
   FErrorText.clear();
   return teNoError;
+}
+
+bool TSafeFileWriter::ExchangeWithTarget() {
+  // Swapping the two names is as atomic as a rename, but the file system does not push the new file's
+  // unwritten data to disk first, as ext4 does when a rename replaces a file (a 256 MiB file: 0.17 s
+  // instead of 0.01 s). That flush is what a save without flushing chose not to wait for.
+  struct stat st {};
+  if (::lstat(FTarget.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false; // nothing to swap with
+  if (::renameat2(AT_FDCWD, FTempName.c_str(), AT_FDCWD, FTarget.c_str(), RENAME_EXCHANGE) != 0)
+    return false; // not offered by this file system: a rename does it
+  // The temporary's name now holds the old file. Its slot stays claimed until it is gone, so that a signal
+  // in between removes it as well; after a kill it is a stale temporary, which the next save removes.
+  ::unlink(FTempName.c_str());
+  ReleasePendingSlot(FSlot);
+  FSlot = -1;
+  FTempName.clear();
+  ::close(FFile);
+  FFile = kInvalidFileHandle;
+  return true;
 }
 
 void TSafeFileWriter::Abandon() {

@@ -31,7 +31,8 @@ public:
   /// (left by a killed process) are removed first.
   TTagError Open(const std::string& target, const TSafeWriteOptions& options = {});
   TFileHandle Handle() const { return FFile; }
-  /// Flushes, renames over the target with the old file's permission bits, flushes the folder.
+  /// Flushes, renames over the target with the old file's permission bits, flushes the folder. Without
+  /// flushing, an existing target is swapped with the temporary instead, and the old file removed.
   TTagError Commit();
   /// Removes the temporary; the target stays as it was. Safe to call more than once.
   void Abandon();
@@ -44,6 +45,9 @@ public:
 
 private:
   TTagError Fail(TTagError error, const std::string& text);
+  /// Without flushing: swaps the complete temporary with an existing target and removes the old file.
+  /// False (nothing changed) when there is no target or the file system can't swap names.
+  bool ExchangeWithTarget();
 
   std::string FTarget;   ///< the file that is replaced (a link's destination)
   std::string FTempName; ///< empty when no temporary exists

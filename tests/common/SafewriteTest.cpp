@@ -186,6 +186,38 @@ TEST(SafeWrite, ALinkIsWrittenThroughAndStaysALink) {
   EXPECT_TRUE(OtherFiles(dir, {"real", "link.oxp", "dangling.oxp"}).empty());
 }
 
+TEST(SafeWrite, WithoutFlushingTheOldFileIsSwappedOutWithItsBitsAndLinksKept) {
+  // Without flushing an existing target is exchanged with the temporary rather than renamed over.
+  oxtest::TempDir dir;
+  const TSafeWriteOptions quick{false};
+  const std::string target = dir.File("quick.oxp");
+  ASSERT_EQ(WriteFileSafely(target, Writes("first"), nullptr, quick), teNoError); // no target yet
+  ASSERT_EQ(::chmod(target.c_str(), 0640), 0);
+  const int reader = ::open(target.c_str(), O_RDONLY);
+  ASSERT_GE(reader, 0);
+  std::string error;
+  ASSERT_EQ(WriteFileSafely(target, Writes("second, longer"), &error, quick), teNoError);
+  EXPECT_TRUE(error.empty());
+  EXPECT_EQ(oxtest::ReadFileBytes(target), "second, longer");
+  EXPECT_EQ(ModeOf(target), 0640u);
+  // The old file was replaced, not written into: who had it open still reads it whole.
+  char old[16] = {};
+  EXPECT_EQ(::pread(reader, old, sizeof old, 0), 5);
+  EXPECT_STREQ(old, "first");
+  ::close(reader);
+  EXPECT_TRUE(OtherFiles(dir, {"quick.oxp"}).empty());
+
+  fs::create_directories(dir.Path() / "real");
+  oxtest::WriteFileBytes(dir.File("real/data.oxp"), "old");
+  const std::string link = dir.File("link.oxp");
+  fs::create_symlink("real/data.oxp", link);
+  ASSERT_EQ(WriteFileSafely(link, Writes("through the link"), nullptr, quick), teNoError);
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(oxtest::ReadFileBytes(dir.File("real/data.oxp")), "through the link");
+  EXPECT_TRUE(OtherFiles(dir, {"quick.oxp", "real", "link.oxp"}).empty());
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.Path() / "real"), fs::directory_iterator()), 1);
+}
+
 TEST(SafeWrite, ReadOnlyTargetsFoldersAndMissingFoldersAreRefusedWithTheReason) {
   oxtest::TempDir dir;
   const std::string readOnly = dir.File("ro.oxp");
