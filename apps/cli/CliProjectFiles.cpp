@@ -3,6 +3,7 @@
 
 #include "common/Saveandload.h"
 #include "common/Tagvalidate.h"
+#include "common/memory/Memorymanagement.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
 #include "data/Dinterpretation.h"
@@ -50,6 +51,10 @@ bool Printable(const std::string& text) {
 } // namespace
 
 TLoadedFile LoadProjectOrDataFile(const std::string& fileName, bool forAppend) {
+  // A command runs briefly and mostly looks at little of the data: large arrays stay in the file until
+  // they are used, and a save of them unchanged copies file to file (convert and append never hold them
+  // in memory). A file changed in place meanwhile is noticed, and such a save fails.
+  TMemoryManagement::DeferArrayLoading = true;
   TLoadedFile loaded;
   loaded.FileName = fileName;
   loaded.Project = std::make_unique<TProject>();

@@ -128,6 +128,8 @@ std::string FileErrorReason(int errorNumber) {
     return "the reader of the output has gone";
   case EIO:
     return "input/output error";
+  case ESTALE:
+    return "a file the data was still to be read from was changed since it was loaded";
   default: {
     char buffer[256];
     const char* text = ::strerror_r(errorNumber, buffer, sizeof buffer);

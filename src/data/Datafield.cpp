@@ -331,6 +331,17 @@ TTagError TDataField::SaveDataToFile(TFileHandle file, IProgressAndCancel* progr
 
 TTagError TDataField::LoadDataFromFile(TFileHandle file, IProgressAndCancel* progress) {
   const int64_t total = GetSizeInBytes();
+  if (TMemoryManagement::DeferArrayLoading && total > 0) {
+    // The bytes stay in the file until they are used or saved; the file position moves past them.
+    const int64_t position = FilePosition(file);
+    if (position >= 0 && FMemory->DeferContentsFromFile(file, static_cast<uint64_t>(position)) &&
+        FileSeek(file, position + total, TSeekOrigin::Begin) == position + total) {
+      SetProgress(progress, total / FElementSize, total / FElementSize);
+      return teNoError;
+    }
+    FMemory->ClearData(); // forgets a note that was taken
+    if (position < 0 || FileSeek(file, position, TSeekOrigin::Begin) != position) return teReadFileError;
+  }
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
     if (IsCancelled(progress)) return teUnspecificError;

@@ -2,6 +2,8 @@
 #include "data/Datafield.h"
 
 #include "common/OrvexException.h"
+#include "common/memory/Memorymanagement.h"
+#include "common/memory/Memorystrategyheap.h"
 #include "support/TestDataObjects.h"
 #include "support/TestProgress.h"
 #include "support/TestSupport.h"
@@ -121,6 +123,57 @@ TEST_F(DatafieldTest, FileRoundTripAndOldForm) {
   ASSERT_EQ(data.FindTag(in, "Data", list), 1);
   EXPECT_EQ(data.End(), data.Begin()); // a field of range 0 saves an empty "Data" tag
   CloseFile(in);
+}
+
+TEST_F(DatafieldTest, DeferredLoadingReadsWhatIsUsedAndSavesTheSameFile) {
+  // 2^20 floats: large enough to wait in the file; a small field behind it must still be found.
+  const auto name = FDir.File("large.oxt"), copy = FDir.File("copy.oxt");
+  const int32_t count = 1 << 20;
+  std::vector<float> values(count);
+  for (int32_t i = 0; i < count; ++i) values[size_t(i)] = float(i % 9973) * 0.5f - 7.0f;
+  const int32_t zero[1] = {0};
+  TDataField field({count}, TDataFieldKind::Float), small({3}, TDataFieldKind::Float);
+  field.SetValueArray(zero, values.data(), count);
+  const float three[3] = {1.5f, 2.5f, 3.5f};
+  small.SetValueArray(zero, three, 3);
+  auto write = [&](const std::string& fileName, const TDataField& large) {
+    TFileHandle f = CreateTagFile(fileName, "ORX_TEST");
+    TTagControl root;
+    root.WriteTag(f, "Root", TTagKind::TagList);
+    ASSERT_EQ(SaveDataFieldToTagFile(f, "Large", large), 1);
+    ASSERT_EQ(SaveDataFieldToTagFile(f, "Small", small), 1);
+    root.CloseWriteTag(f);
+    CloseFile(f);
+  };
+  write(name, field);
+
+  struct TRestore {
+    ~TRestore() { TMemoryManagement::DeferArrayLoading = false; }
+  } restore;
+  TMemoryManagement::DeferArrayLoading = true;
+  const int deferredBefore = TPartialMemoryFromHeapArray::DeferredArrays();
+  TFileHandle in = kInvalidFileHandle;
+  TTagControl readRoot;
+  ASSERT_EQ(OpenTagFileForReading(name, {"ORX_TEST"}, in, readRoot), 1);
+  std::unique_ptr<TDataField> large, behind;
+  ASSERT_EQ(LoadDataFieldFromTagFile(in, "Large", readRoot, large), 1);
+  ASSERT_EQ(LoadDataFieldFromTagFile(in, "Small", readRoot, behind), 1);
+  CloseFile(in); // the large field holds the file open itself
+  EXPECT_EQ(TPartialMemoryFromHeapArray::DeferredArrays(), deferredBefore + 1); // the small one was read
+  const int32_t probe[1] = {count - 1};
+  EXPECT_EQ(large->GetValue(probe), values.back());
+  float got[3] = {};
+  behind->GetValueArray(zero, got, 3);
+  EXPECT_EQ(got[2], 3.5f);
+  // Saved again (mostly straight from the first file), it reads back value for value.
+  write(copy, *large);
+  TMemoryManagement::DeferArrayLoading = false;
+  ASSERT_EQ(OpenTagFileForReading(copy, {"ORX_TEST"}, in, readRoot), 1);
+  ASSERT_EQ(LoadDataFieldFromTagFile(in, "Large", readRoot, large), 1);
+  CloseFile(in);
+  std::vector<float> back(count);
+  large->GetValueArray(zero, back.data(), count);
+  EXPECT_TRUE(back == values);
 }
 
 TEST_F(DatafieldTest, SizesThatDontMatchTheDataAreRefused) {

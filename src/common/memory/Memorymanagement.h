@@ -4,6 +4,7 @@
 
 #include "common/memory/Partialmemory.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -49,6 +50,11 @@ public:
   static inline int MemoryMappedFileMapSizeMB = 512;
   static inline int AWEMemorySizeGB = 16;
   static inline int AWEMemoryMapSizeMB = 512;
+  /// Large arrays loaded from a file keep their bytes in the file until they are first used; saving
+  /// them unchanged copies file to file. For commands that load and save again without looking at the
+  /// data (convert, append): they then never hold the data in memory. Off for the workbench, where a
+  /// file may change on disk while the project is open.
+  static inline std::atomic<bool> DeferArrayLoading{false};
 
   /// Reads the options file; a TTagError (1 or more success, -6 can't open, -4 wrong identification).
   static int LoadOptionsFromFile();

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <new>
 
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -33,23 +35,152 @@ uint64_t TransferFile(int fileDescriptor, uint8_t* memory, uint64_t size, bool t
   return moved;
 }
 
+// Copies size bytes of one file from offset on to another at its position, in the system (no copy passes
+// through this process). Returns the bytes copied; unsupported (nothing copied, another way must be taken)
+// when the system can't copy between these files.
+uint64_t CopyBetweenFiles(int from, uint64_t offset, int to, uint64_t size, bool& unsupported) {
+  unsupported = false;
+  uint64_t copied = 0;
+  auto position = static_cast<off_t>(offset);
+  while (copied < size) {
+    if (FileWritesAborted()) break;
+    const size_t chunk = size_t(std::min<uint64_t>(size - copied, 1u << 26));
+    const ssize_t result = ::copy_file_range(from, &position, to, nullptr, chunk, 0);
+    if (result < 0 && errno == EINTR) continue;
+    if (result < 0 && copied == 0 &&
+        (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP || errno == EBADF)) {
+      unsupported = true;
+      break;
+    }
+    if (result < 0) SetLastFileError(errno);
+    if (result <= 0) break; // 0: the source ended early
+    copied += uint64_t(result);
+  }
+  return copied;
+}
+
+// Arrays whose contents wait in a file: each holds the file open, so their number is bounded.
+constexpr int kMaxDeferredArrays = 256;
+std::atomic<int> gDeferredArrays{0};
+
 } // namespace
 
 TPartialMemoryFromHeapArray::~TPartialMemoryFromHeapArray() {
+  DropDeferred();
   if (FAllocator) FAllocator->FreeArray(this);
 }
 
+int TPartialMemoryFromHeapArray::DeferredArrays() {
+  return gDeferredArrays.load();
+}
+
+bool TPartialMemoryFromHeapArray::DeferContentsFromFile(int fileDescriptor, uint64_t fileOffset) {
+  if (!FContiguousBlock || FDeferred.load()) return false;
+  if (gDeferredArrays.fetch_add(1) >= kMaxDeferredArrays) {
+    gDeferredArrays.fetch_sub(1);
+    return false;
+  }
+  // A descriptor of its own: the loader closes its one, and a save that replaces the file by name leaves
+  // this one on the old contents.
+  const int file = ::fcntl(fileDescriptor, F_DUPFD_CLOEXEC, 0);
+  struct stat st {};
+  if (file < 0 || ::fstat(file, &st) != 0 || !S_ISREG(st.st_mode) ||
+      uint64_t(st.st_size) < fileOffset + FTotalBytes) {
+    if (file >= 0) ::close(file);
+    gDeferredArrays.fetch_sub(1);
+    return false;
+  }
+  std::lock_guard lock(FDeferLock);
+  const auto pages = static_cast<uint32_t>(FFragments.size());
+  FPageLoaded.reset(new std::atomic<bool>[pages]);
+  for (uint32_t i = 0; i < pages; ++i) FPageLoaded[i].store(false, std::memory_order_relaxed);
+  FPagesWaiting = pages;
+  FDeferredFile = file;
+  FDeferredOffset = fileOffset;
+  FDeferredFileSize = st.st_size;
+  FDeferredModified[0] = st.st_mtim.tv_sec;
+  FDeferredModified[1] = st.st_mtim.tv_nsec;
+  FDeferredLost = false;
+  FDeferred.store(true, std::memory_order_release);
+  return true;
+}
+
+bool TPartialMemoryFromHeapArray::DeferredFileUnchanged() const {
+  struct stat st {};
+  // Writing changes the modification time (the link count and status time change when the file is
+  // replaced by name, which leaves these contents as they were).
+  return ::fstat(FDeferredFile, &st) == 0 && st.st_size == FDeferredFileSize &&
+         st.st_mtim.tv_sec == FDeferredModified[0] && st.st_mtim.tv_nsec == FDeferredModified[1];
+}
+
+void TPartialMemoryFromHeapArray::DropDeferredLocked() const {
+  if (!FDeferred.load()) return;
+  ::close(FDeferredFile);
+  FDeferredFile = -1;
+  FPagesWaiting = 0;
+  FDeferred.store(false, std::memory_order_release);
+  gDeferredArrays.fetch_sub(1);
+}
+
+void TPartialMemoryFromHeapArray::DropDeferred() const {
+  std::lock_guard lock(FDeferLock);
+  DropDeferredLocked();
+}
+
+void TPartialMemoryFromHeapArray::LoadWaitingPages(uint64_t address, uint64_t size) const {
+  if (size == 0 || address >= FTotalBytes) return;
+  const uint64_t first = address / FPageSize;
+  const uint64_t last = std::min<uint64_t>((address + size - 1) / FPageSize, FFragments.size() - 1);
+  auto loaded = [this](uint64_t page) { return FPageLoaded[page].load(std::memory_order_acquire); };
+  bool waiting = false;
+  for (uint64_t page = first; page <= last && !waiting; ++page) waiting = !loaded(page);
+  if (!waiting) return;
+
+  std::lock_guard lock(FDeferLock);
+  if (!FDeferred.load()) return; // another thread loaded the last pages
+  const bool unchanged = DeferredFileUnchanged();
+  for (uint64_t page = first; page <= last;) {
+    if (loaded(page)) {
+      ++page;
+      continue;
+    }
+    // A run of waiting pages in one read.
+    uint64_t end = page + 1;
+    while (end <= last && !loaded(end)) ++end;
+    const uint64_t from = page * FPageSize, to = std::min<uint64_t>(end * FPageSize, FTotalBytes);
+    uint64_t moved = 0;
+    while (unchanged && from + moved < to) {
+      const ssize_t result = ::pread(FDeferredFile, FContiguousBlock + from + moved,
+                                     size_t(to - from - moved), off_t(FDeferredOffset + from + moved));
+      if (result < 0 && errno == EINTR) continue;
+      if (result <= 0) break;
+      moved += uint64_t(result);
+    }
+    if (from + moved < to) {
+      std::memset(FContiguousBlock + from + moved, 0, to - from - moved);
+      FDeferredLost = true;
+    }
+    for (uint64_t p = page; p < end; ++p) FPageLoaded[p].store(true, std::memory_order_release);
+    FPagesWaiting -= uint32_t(end - page);
+    page = end;
+  }
+  if (FPagesWaiting == 0) DropDeferredLocked();
+}
+
 void TPartialMemoryFromHeapArray::GetDataAtAddress(uint64_t address, void* destination, uint32_t size) {
+  Materialize(address, size);
   const THeapFragment& fragment = FFragments[address / FPageSize];
   std::memcpy(destination, fragment.Block + (address - fragment.StartAddress), size);
 }
 
 void TPartialMemoryFromHeapArray::SetDataAtAddress(uint64_t address, const void* source, uint32_t size) {
+  Materialize(address, size); // the rest of the page stays what the file holds
   const THeapFragment& fragment = FFragments[address / FPageSize];
   std::memcpy(fragment.Block + (address - fragment.StartAddress), source, size);
 }
 
 void TPartialMemoryFromHeapArray::GetDataAtAddressEx(uint64_t address, void* destination, uint64_t size) {
+  Materialize(address, size);
   auto* target = static_cast<uint8_t*>(destination);
   while (size > 0) {
     const THeapFragment& fragment = FFragments[address / FPageSize];
@@ -63,6 +194,8 @@ void TPartialMemoryFromHeapArray::GetDataAtAddressEx(uint64_t address, void* des
 }
 
 const void* TPartialMemoryFromHeapArray::GetReadPointer(uint64_t address, uint64_t& available) const {
+  // Who reads in place reads much: all of it comes in.
+  Materialize(0, FTotalBytes);
   available = 0;
   if (address >= FTotalBytes) return nullptr;
   if (FContiguousBlock) {
@@ -75,6 +208,7 @@ const void* TPartialMemoryFromHeapArray::GetReadPointer(uint64_t address, uint64
 }
 
 void TPartialMemoryFromHeapArray::SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) {
+  Materialize(address, size);
   auto* from = static_cast<const uint8_t*>(source);
   while (size > 0) {
     const THeapFragment& fragment = FFragments[address / FPageSize];
@@ -106,14 +240,59 @@ bool TPartialMemoryFromHeapArray::TransferContents(int fileDescriptor, uint64_t 
 }
 
 bool TPartialMemoryFromHeapArray::LoadContentsFromFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  Materialize(address, size); // the bytes around the loaded range stay what they were
   return TransferContents(fileDescriptor, address, size, true);
 }
 
 bool TPartialMemoryFromHeapArray::SaveContentsToFile(int fileDescriptor, uint64_t address, uint64_t size) {
+  if (FDeferred.load(std::memory_order_acquire)) {
+    std::unique_lock lock(FDeferLock);
+    if (FDeferred.load()) {
+      if (!DeferredFileUnchanged()) {
+        SetLastFileError(ESTALE); // the file the contents were to come from was changed in place
+        return false;
+      }
+      // Runs of pages still in the file go file to file, the loaded ones from memory.
+      const uint64_t end = address + size;
+      auto inFileAt = [this](uint64_t at) {
+        return !FPageLoaded[at / FPageSize].load(std::memory_order_acquire);
+      };
+      while (address < end) {
+        const bool inFile = inFileAt(address);
+        uint64_t next = (address / FPageSize + 1) * FPageSize;
+        while (next < end && inFileAt(next) == inFile) next += FPageSize;
+        const uint64_t count = std::min(next, end) - address;
+        bool moved = false;
+        if (inFile) {
+          bool unsupported = false;
+          const uint64_t copied =
+              CopyBetweenFiles(FDeferredFile, FDeferredOffset + address, fileDescriptor, count, unsupported);
+          if (unsupported) {
+            // This system copies no bytes between these files: they come into memory and go from there.
+            lock.unlock();
+            LoadWaitingPages(address, end - address);
+            return SaveContentsToFile(fileDescriptor, address, end - address);
+          }
+          moved = copied == count;
+        } else {
+          moved = TransferFile(fileDescriptor, FContiguousBlock + address, count, false) == count;
+        }
+        if (!moved) return false;
+        address += count;
+      }
+      return true;
+    }
+  }
+  if (FDeferredLost) {
+    SetLastFileError(ESTALE);
+    return false;
+  }
   return TransferContents(fileDescriptor, address, size, false);
 }
 
 void TPartialMemoryFromHeapArray::ClearData() {
+  DropDeferred();
+  FDeferredLost = false;
   for (const THeapFragment& fragment : FFragments) std::memset(fragment.Block, 0, fragment.Size);
 }
 

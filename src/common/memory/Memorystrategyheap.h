@@ -3,7 +3,9 @@
 
 #include "common/memory/Partialmemoryallocator.h"
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -32,6 +34,12 @@ public:
   void ClearData() override;
   /// A large array is one block: any range of it; otherwise the rest of one fragment.
   const void* GetReadPointer(uint64_t address, uint64_t& available) const override;
+  /// Only a large array (one block) defers, and only so many at once that the open files stay few.
+  bool DeferContentsFromFile(int fileDescriptor, uint64_t fileOffset) override;
+  /// True while the contents wait in the file.
+  bool IsDeferred() const { return FDeferred.load(std::memory_order_acquire); }
+  /// Arrays of the process whose contents wait in a file now.
+  static int DeferredArrays();
 
   uint64_t TotalBytes() const { return FTotalBytes; }
   uint32_t NumberOfFragments() const { return uint32_t(FFragments.size()); }
@@ -40,6 +48,18 @@ public:
 private:
   /// Moves size bytes at address between the file and the fragments; read: from the file into memory.
   bool TransferContents(int fileDescriptor, uint64_t address, uint64_t size, bool read);
+  /// Reads the pages of [address, address + size) that still wait in the file into the block (each page
+  /// once, whichever thread comes first). Contents that can't be read, or a file changed since, leave
+  /// zeros and make every later save fail.
+  void Materialize(uint64_t address, uint64_t size) const {
+    if (FDeferred.load(std::memory_order_acquire)) LoadWaitingPages(address, size);
+  }
+  void LoadWaitingPages(uint64_t address, uint64_t size) const;
+  /// The deferred file is still what it was when the contents were noted.
+  bool DeferredFileUnchanged() const;
+  /// Forgets the deferred contents (closes the file); FDeferLock held.
+  void DropDeferredLocked() const;
+  void DropDeferred() const;
   friend class TPartialMemoryFromHeapAllocator;
   explicit TPartialMemoryFromHeapArray(TPartialMemoryFromHeapAllocator* allocator) : FAllocator(allocator) {}
 
@@ -51,6 +71,17 @@ private:
   uint64_t FContiguousBytes = 0; ///< the block's size, rounded to whole huge pages
   uint64_t FTotalBytes = 0;
   uint32_t FPageSize = kPartialMemoryPageSize;
+
+  // Deferred contents: the file (a descriptor of its own), where they start, and what the file was.
+  mutable std::atomic<bool> FDeferred{false};
+  mutable std::mutex FDeferLock;
+  mutable std::unique_ptr<std::atomic<bool>[]> FPageLoaded; ///< per page: its bytes are in the block
+  mutable uint32_t FPagesWaiting = 0;
+  mutable int FDeferredFile = -1;
+  uint64_t FDeferredOffset = 0;
+  int64_t FDeferredFileSize = 0;
+  int64_t FDeferredModified[2] = {0, 0}; ///< modification time, seconds and nanoseconds
+  mutable bool FDeferredLost = false;    ///< the contents could not be read: saves fail
 };
 
 /// Allocator of the heap strategy. Its limit bounds the sum of all arrays.

@@ -27,6 +27,16 @@ public:
   virtual void SetDataAtAddressEx(uint64_t address, const void* source, uint64_t size) = 0;
   /// Every byte of the array's pages becomes 0.
   virtual void ClearData() = 0;
+  /// Takes note that the whole array is the bytes of the open file from fileOffset on, without reading
+  /// them: they are read when the array is first used, or go file to file when it is saved unchanged
+  /// (a project loaded and saved again never holds them in memory). The file must not change in place
+  /// meanwhile; if it does, the save fails instead of writing other bytes. False (nothing noted, the
+  /// default) when the strategy keeps no such notes or the file can't be kept open; the caller then loads.
+  virtual bool DeferContentsFromFile(int fileDescriptor, uint64_t fileOffset) {
+    (void)fileDescriptor;
+    (void)fileOffset;
+    return false;
+  }
   /// Where the bytes from address on lie in memory, for reading them in place: the pointer, and in
   /// available how many bytes follow it without a break. Null (the default, and for a strategy whose pages
   /// move) when the bytes must be fetched with GetDataAtAddressEx. The pointer holds while the array
