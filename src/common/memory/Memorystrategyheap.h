@@ -80,8 +80,8 @@ private:
   mutable int FDeferredFile = -1;
   uint64_t FDeferredOffset = 0;
   int64_t FDeferredFileSize = 0;
-  int64_t FDeferredModified[2] = {0, 0}; ///< modification time, seconds and nanoseconds
-  mutable bool FDeferredLost = false;    ///< the contents could not be read: saves fail
+  int64_t FDeferredModified[2] = {0, 0};          ///< modification time, seconds and nanoseconds
+  mutable std::atomic<bool> FDeferredLost{false}; ///< the contents could not be read: saves fail
 };
 
 /// Allocator of the heap strategy. Its limit bounds the sum of all arrays.
