@@ -9,8 +9,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <future>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 const TDInterpretation* AxisInterpretation(const IDataProject& project, int32_t transformationID,
                                            int32_t interpretationID) {
@@ -97,68 +100,111 @@ bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel*
   int64_t tilePoints = FTileBytes / 3 / (rows * static_cast<int64_t>(sizeof(float)));
   tilePoints = std::max<int64_t>(kAlign, tilePoints / kAlign * kAlign);
   const int32_t tile = static_cast<int32_t>(std::min<int64_t>(tilePoints, points));
-  // Not value-initialised: every value is read before it is used.
-  const std::unique_ptr<float[]> spectra(new float[static_cast<size_t>(rows * tile)]);
-  const std::unique_ptr<float[]> byPoint[2] = {
-      std::unique_ptr<float[]>(new float[static_cast<size_t>(rows * tile)]),
-      std::unique_ptr<float[]>(new float[static_cast<size_t>(rows * tile)])};
+  const int32_t tiles = (points + tile - 1) / tile;
+  const size_t tileValues = static_cast<size_t>(rows * tile);
+  // Not value-initialised: every value is read before it is used. The buffers of the parts, one per tile
+  // in work, are touched only for spectra that can't be read in place.
+  const std::unique_ptr<float[]> parts[2] = {std::unique_ptr<float[]>(new float[tileValues]),
+                                             std::unique_ptr<float[]>(new float[tileValues])};
+  const std::unique_ptr<float[]> byPoint[2] = {std::unique_ptr<float[]>(new float[tileValues]),
+                                               std::unique_ptr<float[]>(new float[tileValues])};
   const int32_t sizeX = FGraph.GetSizeX();
-  const bool parallel = rows * tile >= kParallelValues && rows >= 2 * kAlign;
+  auto firstOf = [tile](int32_t n) { return n * tile; };
+  auto countOf = [tile, points](int32_t n) { return std::min(tile, points - n * tile); };
 
-  // Rows r0..r1 of a tile turned straight out of the graph's memory, a run of spectra that follow one
+  // Rows r0..r1 of tile n turned straight out of the graph's memory, a run of spectra that follow one
   // another there at a time; false (with part of the rows turned) when the memory can't be read in place.
-  auto turnInPlace = [&](int64_t r0, int64_t r1, int32_t first, int64_t count, float* target) {
+  auto turnInPlace = [&](int64_t r0, int64_t r1, int32_t n, float* target) {
+    const int32_t first = firstOf(n), count = countOf(n);
     for (int64_t r = r0; r < r1;) {
       const int64_t e = FElements[static_cast<size_t>(r)];
       int64_t run = 1; // the next rows are the next spectra of the same column of the map
       while (r + run < r1 && FElements[static_cast<size_t>(r + run)] == e + run * sizeX) ++run;
       auto spectra = static_cast<int32_t>(run);
-      const float* source =
-          FGraph.GetSpectraPartReadPointer(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX),
-                                           first, static_cast<int32_t>(count), spectra);
+      const float* source = FGraph.GetSpectraPartReadPointer(
+          static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first, count, spectra);
       if (!source) return false;
       TransposeFloats(source, points, target + r, rows, spectra, count);
       r += spectra;
     }
     return true;
   };
-  // Rows r0..r1 of a tile: their parts of the spectra, then turned into the tile's columns r0..r1.
-  auto readAndTurn = [&](int64_t r0, int64_t r1, int32_t first, int64_t count, float* target) {
-    if (turnInPlace(r0, r1, first, count, target)) return;
+  // Rows r0..r1 of tile n: their parts of the spectra, then turned into the tile's columns r0..r1.
+  auto readAndTurn = [&](int64_t r0, int64_t r1, int32_t n) {
+    float* target = byPoint[n % 2].get();
+    if (turnInPlace(r0, r1, n, target)) return;
+    float* part = parts[n % 2].get();
+    const int32_t first = firstOf(n), count = countOf(n);
     for (int64_t r = r0; r < r1; ++r) {
       const int64_t e = FElements[static_cast<size_t>(r)];
-      FGraph.GetPartOfSpectrum(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first,
-                               static_cast<int32_t>(count), spectra.get() + r * count, true);
+      FGraph.GetPartOfSpectrum(static_cast<int32_t>(e % sizeX), static_cast<int32_t>(e / sizeX), first, count,
+                               part + r * count, true);
     }
-    TransposeFloats(spectra.get() + r0 * count, count, target + r0, rows, r1 - r0, count);
+    TransposeFloats(part + r0 * count, count, target + r0, rows, r1 - r0, count);
   };
 
-  std::future<bool> writing; // the store of the tile before
-  auto finishWriting = [&writing] { return !writing.valid() || writing.get(); };
-  for (int32_t first = 0, n = 0; first < points; first += tile, ++n) {
-    if (progress && progress->IsCancelled()) {
-      finishWriting();
-      return false;
+  if (rows * tile < kParallelValues || rows < 2 * kAlign) {
+    for (int32_t n = 0; n < tiles; ++n) {
+      if (IsCancelled(progress)) return false;
+      readAndTurn(0, rows, n);
+      if (!store(firstOf(n), countOf(n), byPoint[n % 2].get(), rows)) return false;
+      if (progress) progress->AddProgress(rows * countOf(n));
     }
-    const int64_t count = std::min(tile, points - first);
-    float* target = byPoint[n % 2].get();
-    if (parallel) {
-      // The two halves of the rows on two threads.
-      const int64_t half = rows / 2;
-      std::future<void> other = std::async(std::launch::async, readAndTurn, half, rows, first, count, target);
-      readAndTurn(0, half, first, count, target);
-      other.get();
-    } else {
-      readAndTurn(0, rows, first, count, target);
-    }
-    if (progress) progress->AddProgress(rows * count);
-    if (!finishWriting()) return false;
-    if (parallel)
-      writing = std::async(std::launch::async, [&store, first, count, target, rows] {
-        return store(first, static_cast<int32_t>(count), target, rows);
-      });
-    else if (!store(first, static_cast<int32_t>(count), target, rows))
-      return false;
+    return true;
   }
-  return finishWriting();
+
+  // Every thread takes what is due: the store of the oldest turned tile when nobody stores, else the next
+  // chunk of rows of the tile being turned. Tile n + 2 is turned only once tile n is stored (it takes its
+  // buffer), and stores go one at a time in order. Work is handed out in small pieces, so a thread that
+  // stores or is held up leaves the turning to the others instead of keeping them waiting.
+  const int64_t chunkRows = std::max(kAlign, (rows / 16 + kAlign - 1) / kAlign * kAlign);
+  std::mutex lock;
+  std::condition_variable changed;
+  std::vector<int64_t> rowsTurned(static_cast<size_t>(tiles), 0);
+  int32_t turning = 0, storing = 0; // the tile whose rows are handed out; the next tile to store
+  int64_t nextRow = 0;
+  bool storeBusy = false, stop = false, ok = true;
+  auto work = [&] {
+    std::unique_lock guard(lock);
+    while (!stop && storing < tiles) {
+      if (!storeBusy && rowsTurned[static_cast<size_t>(storing)] == rows) {
+        const int32_t n = storing;
+        storeBusy = true;
+        guard.unlock();
+        // A cancel keeps the tiles not yet stored from the file; a refused store ends the run.
+        const bool cancelled = IsCancelled(progress);
+        const bool stored = !cancelled && store(firstOf(n), countOf(n), byPoint[n % 2].get(), rows);
+        if (stored && progress) progress->AddProgress(rows * countOf(n));
+        guard.lock();
+        storeBusy = false;
+        if (stored)
+          ++storing;
+        else
+          stop = true, ok = false;
+        changed.notify_all();
+      } else if (turning < tiles && turning < storing + 2) {
+        if (nextRow == 0 && IsCancelled(progress)) {
+          stop = true, ok = false;
+          changed.notify_all();
+          break;
+        }
+        const int32_t n = turning;
+        const int64_t r0 = nextRow, r1 = std::min(rows, r0 + chunkRows);
+        nextRow = r1;
+        if (nextRow == rows) ++turning, nextRow = 0;
+        guard.unlock();
+        readAndTurn(r0, r1, n);
+        guard.lock();
+        if ((rowsTurned[static_cast<size_t>(n)] += r1 - r0) == rows) changed.notify_all();
+      } else {
+        changed.wait(guard);
+      }
+    }
+  };
+  const unsigned processors = std::max(2u, std::thread::hardware_concurrency());
+  std::vector<std::thread> helpers;
+  for (unsigned i = 1; i < std::min(processors, 4u); ++i) helpers.emplace_back(work);
+  work();
+  for (auto& helper : helpers) helper.join();
+  return ok;
 }

@@ -32,10 +32,11 @@ bool ExportLineScanValues(const IDataProject& project, const TDGraph& graph, int
 
 /// Reads the spectra of the given elements (e = x + y·SizeX) in tiles of consecutive points through a
 /// bounded buffer, each value once, and hands every point's values to store in the order of elements.
-/// Large tiles are read and turned on two threads while the tile before is stored on a third, so store is
-/// called from another thread than the caller's (one call at a time, in order of points).
-/// Returns false when store returns false or progress asks to cancel (checked between tiles); progress
-/// rises by the number of values read.
+/// Large tiles are read and turned by several threads in small pieces while one of them stores the tile
+/// before, so store may be called from any of these threads (one call at a time, in order of points).
+/// Returns false when store returns false or progress asks to cancel (checked before each tile is turned
+/// and before it is stored: no tile is stored after the cancel); progress rises by the values of each tile
+/// stored.
 class TGraphPointReader {
 public:
   /// store(point, values, count): the values of all elements at one point.

@@ -1,4 +1,4 @@
-// The graph point reader: every point's values in element order, for tiles read and turned on two threads
+// The graph point reader: every point's values in element order, for tiles read and turned by several threads
 // while the tile before is stored, with a tile that doesn't divide the points; stores arrive one at a
 // time in order of points; a refused store and a cancel end the run.
 #include "exchange/Exportgraphdata.h"
