@@ -115,13 +115,19 @@ int main(int argc, char** argv) {
   }
   for (const bool sync : {false, true}) {
     // Export and raw write take turns, three times each after one warm-up export; the best of each counts,
-    // since other work on the machine only ever adds time.
+    // since other work on the machine only ever adds time. Both write a new file (the one before is
+    // removed untimed): replacing a file costs the removal of the old one besides, printed apart.
     TRun best = Export(manager, "Matlab", ids.Map, mat, sync);
-    best.Seconds = 1e30;
+    TRun replacing = best;
+    replacing.Seconds = best.Seconds = 1e30;
     double rawBest = 1e30, rawCpuBest = 1e30;
     for (int i = 0; i < 3; ++i) {
+      const TRun over = Export(manager, "Matlab", ids.Map, mat, sync); // over the file of the last run
+      if (over.Seconds >= 0 && over.Seconds < replacing.Seconds) replacing = over;
+      ::unlink(mat.c_str());
       const TRun run = Export(manager, "Matlab", ids.Map, mat, sync);
       if (run.Seconds >= 0 && run.Seconds < best.Seconds) best = run;
+      ::unlink(raw.c_str());
       double cpu = 0;
       const double seconds = RawWrite(raw, best.Bytes, sync, cpu);
       rawBest = std::min(rawBest, seconds);
@@ -129,9 +135,9 @@ int main(int argc, char** argv) {
     }
     std::printf(
         "%s fsync: MAT export %.3f s (%.0f MiB/s, %.3f s CPU), raw write of the same %lld bytes %.3f s "
-        "(%.3f s CPU), ratio %.2f\n",
+        "(%.3f s CPU), ratio %.2f; MAT export over an existing file %.3f s\n",
         sync ? "with" : "without", best.Seconds, best.Bytes / 1048576.0 / best.Seconds, best.CpuSeconds,
-        static_cast<long long>(best.Bytes), rawBest, rawCpuBest, best.Seconds / rawBest);
+        static_cast<long long>(best.Bytes), rawBest, rawCpuBest, best.Seconds / rawBest, replacing.Seconds);
   }
   const TRun ascii = Export(manager, "Graph ASCII", ids.Map, txt, false);
   std::printf("Graph ASCII: %.3f s, %.2f million values/s, %.0f MiB of text\n", ascii.Seconds,

@@ -76,6 +76,59 @@ bool ExportLineScanValues(const IDataProject& project, const TDGraph& graph, int
   return true;
 }
 
+namespace {
+
+// The point-wise buffers of a run are kept for the next one: fresh memory costs the system a fault and
+// clearing for each of its pages, for two 8 MiB buffers about 4 ms, a sixteenth of a 256 MiB export.
+struct TTileBuffer {
+  std::unique_ptr<float[]> Values;
+  size_t Size = 0;
+};
+constexpr size_t kKeptTileBufferBytes = size_t(64) << 20; // at most this much waits
+std::mutex gKeptTileBuffersLock;
+std::vector<TTileBuffer> gKeptTileBuffers;
+
+// A buffer of at least values floats (not cleared): a kept one not more than twice as large, or a new one.
+TTileBuffer TakeTileBuffer(size_t values) {
+  {
+    std::lock_guard guard(gKeptTileBuffersLock);
+    for (auto it = gKeptTileBuffers.begin(); it != gKeptTileBuffers.end(); ++it)
+      if (it->Size >= values && it->Size / 2 <= values) {
+        TTileBuffer buffer = std::move(*it);
+        gKeptTileBuffers.erase(it);
+        return buffer;
+      }
+  }
+  return {std::unique_ptr<float[]>(new float[values]), values};
+}
+
+// Keeps a buffer for the next run when there is room (the oldest make room).
+void KeepTileBuffer(TTileBuffer&& buffer) {
+  if (buffer.Size * sizeof(float) > kKeptTileBufferBytes) return;
+  std::lock_guard guard(gKeptTileBuffersLock);
+  gKeptTileBuffers.push_back(std::move(buffer));
+  size_t kept = 0;
+  for (const auto& b : gKeptTileBuffers) kept += b.Size * sizeof(float);
+  while (kept > kKeptTileBufferBytes) {
+    kept -= gKeptTileBuffers.front().Size * sizeof(float);
+    gKeptTileBuffers.erase(gKeptTileBuffers.begin());
+  }
+}
+
+// The two point-wise buffers of one run, given back for the next when the run ends.
+struct TTileBufferPair {
+  explicit TTileBufferPair(size_t values) : Buffers{TakeTileBuffer(values), TakeTileBuffer(values)} {}
+  ~TTileBufferPair() {
+    for (auto& buffer : Buffers) KeepTileBuffer(std::move(buffer));
+  }
+  TTileBufferPair(const TTileBufferPair&) = delete;
+  TTileBufferPair& operator=(const TTileBufferPair&) = delete;
+  float* operator[](int32_t n) const { return Buffers[n % 2].Values.get(); }
+  TTileBuffer Buffers[2];
+};
+
+} // namespace
+
 TGraphPointReader::TGraphPointReader(const TDGraph& graph, std::vector<int64_t> elements, int64_t tileBytes)
     : FGraph(graph), FElements(std::move(elements)), FTileBytes(tileBytes) {}
 
@@ -106,8 +159,7 @@ bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel*
   // in work, are touched only for spectra that can't be read in place.
   const std::unique_ptr<float[]> parts[2] = {std::unique_ptr<float[]>(new float[tileValues]),
                                              std::unique_ptr<float[]>(new float[tileValues])};
-  const std::unique_ptr<float[]> byPoint[2] = {std::unique_ptr<float[]>(new float[tileValues]),
-                                               std::unique_ptr<float[]>(new float[tileValues])};
+  const TTileBufferPair byPoint(tileValues);
   const int32_t sizeX = FGraph.GetSizeX();
   auto firstOf = [tile](int32_t n) { return n * tile; };
   auto countOf = [tile, points](int32_t n) { return std::min(tile, points - n * tile); };
@@ -131,7 +183,7 @@ bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel*
   };
   // Rows r0..r1 of tile n: their parts of the spectra, then turned into the tile's columns r0..r1.
   auto readAndTurn = [&](int64_t r0, int64_t r1, int32_t n) {
-    float* target = byPoint[n % 2].get();
+    float* target = byPoint[n];
     if (turnInPlace(r0, r1, n, target)) return;
     float* part = parts[n % 2].get();
     const int32_t first = firstOf(n), count = countOf(n);
@@ -147,7 +199,7 @@ bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel*
     for (int32_t n = 0; n < tiles; ++n) {
       if (IsCancelled(progress)) return false;
       readAndTurn(0, rows, n);
-      if (!store(firstOf(n), countOf(n), byPoint[n % 2].get(), rows)) return false;
+      if (!store(firstOf(n), countOf(n), byPoint[n], rows)) return false;
       if (progress) progress->AddProgress(rows * countOf(n));
     }
     return true;
@@ -173,7 +225,7 @@ bool TGraphPointReader::RunBlocks(const TStorePoints& store, IProgressAndCancel*
         guard.unlock();
         // A cancel keeps the tiles not yet stored from the file; a refused store ends the run.
         const bool cancelled = IsCancelled(progress);
-        const bool stored = !cancelled && store(firstOf(n), countOf(n), byPoint[n % 2].get(), rows);
+        const bool stored = !cancelled && store(firstOf(n), countOf(n), byPoint[n], rows);
         if (stored && progress) progress->AddProgress(rows * countOf(n));
         guard.lock();
         storeBusy = false;
