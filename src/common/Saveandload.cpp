@@ -266,6 +266,24 @@ int64_t ReadAllBytes(TFileHandle file, void* data, int64_t size) {
   return total;
 }
 
+int64_t ReadBytesAt(TFileHandle file, void* data, int64_t size, int64_t offset) {
+  if (size < 0 || offset < 0) return -1;
+  auto* p = static_cast<char*>(data);
+  int64_t total = 0;
+  while (total < size) {
+    const size_t chunk = static_cast<size_t>(std::min<int64_t>(size - total, int64_t(1) << 30));
+    const ssize_t n = ::pread(file, p + total, chunk, static_cast<off_t>(offset + total));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      SetLastFileError(errno);
+      return -1;
+    }
+    if (n == 0) break;
+    total += n;
+  }
+  return total;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Windows-1252 <-> UTF-8
 

@@ -71,6 +71,8 @@ bool RenameFileByName(const std::string& from, const std::string& to);
 bool WriteAllBytes(TFileHandle file, const void* data, int64_t size);
 /// Reads up to size bytes (looping over partial reads); returns bytes read, or -1 on a read error.
 int64_t ReadAllBytes(TFileHandle file, void* data, int64_t size);
+/// Reads up to size bytes at offset, leaving the file position alone; returns bytes read, or -1.
+int64_t ReadBytesAt(TFileHandle file, void* data, int64_t size, int64_t offset);
 
 /// The system's reason of the last failed open, read or write of any thread (errno), 0 when none since
 /// ClearLastFileError. Only for the words of a message: the result codes decide.

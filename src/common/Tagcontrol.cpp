@@ -5,6 +5,7 @@
 #include "common/Safewrite.h"
 
 #include <cstring>
+#include <vector>
 
 namespace {
 // Nesting deeper than this is taken for a corrupt file; real files nest a few dozen levels.
@@ -89,6 +90,32 @@ TTagError TTagControl::CloseWriteTag(TFileHandle file) {
 
 TTagError TTagControl::SaveValueTag(TFileHandle file, const std::string& name, TTagKind kind,
                                     const void* values, int64_t bytes) {
+  // A small tag is put together in memory and written at once, the same bytes as header, values and the
+  // patched end one after another: a project has thousands of them.
+  constexpr int64_t kSmallTag = 4096;
+  if (bytes >= 0 && bytes <= kSmallTag) {
+    const std::string raw = Utf8ToCp1252(name);
+    const int64_t position = FilePosition(file);
+    if (position < 0) return teWriteFileError;
+    const auto length = static_cast<int32_t>(raw.size());
+    FKind = kind;
+    FBegin = position + 4 + length + kHeaderTail;
+    FEnd = FBegin + bytes;
+    std::vector<char> tag(static_cast<size_t>(FEnd - position));
+    char* at = tag.data();
+    auto put = [&at](const void* data, size_t size) {
+      if (size > 0) std::memcpy(at, data, size);
+      at += size;
+    };
+    put(&length, 4);
+    put(raw.data(), raw.size());
+    put(&kind, 4);
+    put(&FBegin, 8);
+    put(&FEnd, 8);
+    put(values, static_cast<size_t>(bytes));
+    if (!WriteAllBytes(file, tag.data(), static_cast<int64_t>(tag.size()))) return teWriteFileError;
+    return FileSeek(file, 0, TSeekOrigin::End) < 0 ? teWriteFileError : teNoError;
+  }
   TTagError result = WriteTag(file, name, kind);
   if (result < 1) return result;
   if (bytes > 0 && !WriteAllBytes(file, values, bytes)) return teWriteFileError;
@@ -125,11 +152,13 @@ TTagError TTagControl::SaveBoolTag(TFileHandle file, const std::string& name, co
 }
 
 TTagError TTagControl::SaveAnsiStringTag(TFileHandle file, const std::string& name, const std::string& text) {
-  TTagError result = WriteTag(file, name, TTagKind::AnsiString);
-  if (result < 1) return result;
-  result = SaveAnsiStringToFile(file, text);
-  if (result < 1) return result;
-  return CloseWriteTag(file);
+  // The value as SaveAnsiStringToFile writes it: the length, then the Windows-1252 bytes.
+  const std::string bytes = Utf8ToCp1252(text);
+  const auto length = static_cast<int32_t>(bytes.size());
+  std::string value(4, '\0');
+  std::memcpy(value.data(), &length, 4);
+  value += bytes;
+  return SaveValueTag(file, name, TTagKind::AnsiString, value.data(), static_cast<int64_t>(value.size()));
 }
 
 TTagError TTagControl::SaveDoubleAndFloatTag(TFileHandle file, const std::string& name, const double* values,
@@ -175,41 +204,63 @@ TTagError TTagControl::SaveList(TFileHandle file, const std::string& name, const
 // ---------------------------------------------------------------------------------------------
 // Reading
 
-TTagError TTagControl::ReadTag(TFileHandle file, std::string& name) {
-  int32_t length = 0;
-  const int64_t got = ReadAllBytes(file, &length, 4);
+TTagError TTagControl::ReadTagAt(TFileHandle file, int64_t position, std::string& name, int64_t& headerEnd) {
+  // One read takes the name's length, the name and the rest of the header, unless the name is long: a
+  // file of many tags is searched with one system call a tag.
+  constexpr int64_t kShortHeader = 256;
+  char buffer[kShortHeader];
+  const int64_t got = ReadBytesAt(file, buffer, kShortHeader, position);
   if (got < 0) return teReadFileError;
-  if (got != 4 || length < 0) return teTagNotFound;
-  const int64_t position = FilePosition(file);
-  const int64_t size = FileSize(file);
-  // The name and the rest of the header must fit in the file; refuse before allocating the name.
-  if (position < 0 || size < 0 || static_cast<int64_t>(length) + kHeaderTail > size - position)
-    return teTagNotFound;
-  std::string bytes(static_cast<size_t>(length), '\0');
+  if (got < 4) return teTagNotFound;
+  int32_t length = 0;
+  std::memcpy(&length, buffer, 4);
+  if (length < 0) return teTagNotFound;
   struct {
     int32_t kind;
     int64_t begin;
     int64_t end;
   } __attribute__((packed)) header{};
   static_assert(sizeof(header) == kHeaderTail);
-  if (ReadAllBytes(file, bytes.data(), length) != length ||
-      ReadAllBytes(file, &header, kHeaderTail) != kHeaderTail)
-    return teTagNotFound;
+  const int64_t needed = 4 + static_cast<int64_t>(length) + kHeaderTail;
+  std::string bytes;
+  if (needed <= got) {
+    bytes.assign(buffer + 4, static_cast<size_t>(length));
+    std::memcpy(&header, buffer + 4 + length, kHeaderTail);
+  } else {
+    if (got < kShortHeader) return teTagNotFound; // the file ends inside the header
+    // The name and the rest of the header must fit in the file; refuse before allocating the name.
+    const int64_t size = FileSize(file);
+    if (size < 0 || needed > size - position) return teTagNotFound;
+    bytes.resize(static_cast<size_t>(length));
+    if (ReadBytesAt(file, bytes.data(), length, position + 4) != length ||
+        ReadBytesAt(file, &header, kHeaderTail, position + 4 + length) != kHeaderTail)
+      return teTagNotFound;
+  }
   const size_t nul = bytes.find('\0');
   if (nul != std::string::npos) bytes.resize(nul);
   name = Cp1252ToUtf8(bytes);
   FKind = static_cast<TTagKind>(header.kind);
   FBegin = header.begin;
   FEnd = header.end;
+  headerEnd = position + needed;
   return teNoError;
+}
+
+TTagError TTagControl::ReadTag(TFileHandle file, std::string& name) {
+  const int64_t position = FilePosition(file);
+  if (position < 0) return teReadFileError;
+  int64_t headerEnd = 0;
+  const TTagError result = ReadTagAt(file, position, name, headerEnd);
+  if (result < 1) return result;
+  return FileSeek(file, headerEnd, TSeekOrigin::Begin) < 0 ? teReadFileError : teNoError;
 }
 
 TTagError TTagControl::FindTag(TFileHandle file, const std::string& name, const TTagControl& parent) {
   int64_t pos = parent.FBegin;
   std::string found;
   while (pos >= parent.FBegin && pos < parent.FEnd) {
-    if (FileSeek(file, pos, TSeekOrigin::Begin) < 0) return teReadFileError;
-    const TTagError result = ReadTag(file, found);
+    int64_t headerEnd = 0;
+    const TTagError result = ReadTagAt(file, pos, found, headerEnd);
     if (result < 1) return result;
     // Every walk must advance: a tag whose payload doesn't lie behind its own header ends it.
     if (FBegin <= pos || FEnd < FBegin) return teTagNotFound;
@@ -420,7 +471,9 @@ TTagError TTagControl::LoadTagListFromFile(TFileHandle file) {
 
 TTagError TTagControl::LoadTagListFromFileAtDepth(TFileHandle file, int64_t fileSize, int depth) {
   const int64_t headerPos = FilePosition(file);
-  const TTagError result = ReadTag(file, FName);
+  if (headerPos < 0) return teReadFileError;
+  int64_t headerEnd = 0; // what follows is read at known places: the file position may stay where it is
+  const TTagError result = ReadTagAt(file, headerPos, FName, headerEnd);
   if (result < 1) return result;
   // A payload that lies before its header, runs backwards or beyond the file is corrupt.
   if (FBegin <= headerPos || FEnd < FBegin || FEnd > fileSize || depth > kMaxTreeDepth) return teTagNotFound;

@@ -209,6 +209,9 @@ public:
   void CopyFrom(const TTagControl& source);
 
 private:
+  /// Reads the header at position without moving the file position; headerEnd receives where the header
+  /// ends.
+  TTagError ReadTagAt(TFileHandle file, int64_t position, std::string& name, int64_t& headerEnd);
   TTagError SaveValueTag(TFileHandle file, const std::string& name, TTagKind kind, const void* values,
                          int64_t bytes);
   template <typename T>

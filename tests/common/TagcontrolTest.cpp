@@ -310,6 +310,59 @@ TEST_F(TagFileTest, TruncatedAndCorruptFilesNeverCrash) {
   CloseFile(f);
 }
 
+TEST_F(TagFileTest, NamesOfEveryLengthAroundOneReadAreFoundAndCutFilesRefused) {
+  // A header is read in one piece of 256 bytes unless the name is longer: names on both sides of that
+  // edge, values written at once (up to 4 KiB) and the long way, and a file that ends in such a header.
+  std::vector<std::string> names;
+  for (size_t length : {1, 200, 227, 231, 232, 233, 240, 300, 5000})
+    names.push_back(std::string(length, 'n'));
+  const std::string big(5000, 'v');
+  const auto fileName = Write("names.oxt", [&](TFileHandle f) {
+    TTagControl t;
+    for (size_t i = 0; i < names.size(); ++i) {
+      const int32_t value = static_cast<int32_t>(i) + 100;
+      EXPECT_EQ(t.SaveIntTag(f, names[i], value), 1);
+    }
+    EXPECT_EQ(t.SaveAnsiStringTag(f, "Big", big), 1);
+    EXPECT_EQ(t.SaveAnsiStringTag(f, "Small", "klein"), 1);
+  });
+  TTagControl root, t;
+  TFileHandle f = Open(fileName, root);
+  for (size_t i = names.size(); i-- > 0;) { // from the back: every search walks all tags before
+    int32_t value = 0;
+    EXPECT_EQ(t.LoadIntTag(f, names[i], root, &value), 1) << names[i].size();
+    EXPECT_EQ(value, static_cast<int32_t>(i) + 100) << names[i].size();
+  }
+  std::string text;
+  EXPECT_EQ(t.LoadAnsiStringTag(f, "Big", root, text), 1);
+  EXPECT_EQ(text, big);
+  EXPECT_EQ(t.LoadAnsiStringTag(f, "Small", root, text), 1);
+  EXPECT_EQ(text, "klein");
+  // ReadTag leaves the file at the payload.
+  ASSERT_EQ(FileSeek(f, root.Begin(), TSeekOrigin::Begin), root.Begin());
+  std::string first;
+  ASSERT_EQ(t.ReadTag(f, first), 1);
+  EXPECT_EQ(first, names[0]);
+  EXPECT_EQ(FilePosition(f), t.Begin());
+  CloseFile(f);
+
+  // Cut inside the header of the tag with the 300-byte name, and inside that of the 240-byte one.
+  const std::string bytes = oxtest::ReadFileBytes(fileName);
+  for (const std::string& cutName : {names[7], names[6]}) {
+    const size_t at = bytes.find(cutName);
+    ASSERT_NE(at, std::string::npos);
+    const std::string damaged = FDir.File("cut.oxt");
+    oxtest::WriteFileBytes(damaged, bytes.substr(0, at + cutName.size() + 10));
+    TTagControl cutRoot;
+    TFileHandle g = kInvalidFileHandle;
+    ASSERT_EQ(OpenTagFileForReading(damaged, {"ORX_TEST"}, g, cutRoot), 1);
+    int32_t value = 0;
+    EXPECT_EQ(t.LoadIntTag(g, cutName, cutRoot, &value), -1) << cutName.size();
+    EXPECT_EQ(t.LoadIntTag(g, names[0], cutRoot, &value), 1); // what comes before is still there
+    CloseFile(g);
+  }
+}
+
 TEST_F(TagFileTest, HugeNameLengthIsRefusedWithoutAllocating) {
   std::string bytes = "ORX_TEST";
   const int32_t hugeLength = 0x7ffffff0;
