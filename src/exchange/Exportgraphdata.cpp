@@ -10,10 +10,14 @@
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <vector>
+
+#include <sys/mman.h>
 
 const TDInterpretation* AxisInterpretation(const IDataProject& project, int32_t transformationID,
                                            int32_t interpretationID) {
@@ -80,8 +84,11 @@ namespace {
 
 // The point-wise buffers of a run are kept for the next one: fresh memory costs the system a fault and
 // clearing for each of its pages, for two 8 MiB buffers about 4 ms, a sixteenth of a 256 MiB export.
+struct TFreeFloats {
+  void operator()(float* values) const { std::free(values); }
+};
 struct TTileBuffer {
-  std::unique_ptr<float[]> Values;
+  std::unique_ptr<float[], TFreeFloats> Values;
   size_t Size = 0;
 };
 constexpr size_t kKeptTileBufferBytes = size_t(64) << 20; // at most this much waits
@@ -99,7 +106,16 @@ TTileBuffer TakeTileBuffer(size_t values) {
         return buffer;
       }
   }
-  return {std::unique_ptr<float[]>(new float[values]), values};
+  // A large buffer lies on huge pages: the turning writes a tile's points far apart, and the system's copy
+  // to the file walks all of it; with pages of 4 KiB either would go through thousands of them.
+  constexpr size_t kHugePage = size_t(2) << 20;
+  size_t bytes = values * sizeof(float);
+  const bool huge = bytes >= kHugePage;
+  if (huge) bytes = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+  auto* block = static_cast<float*>(huge ? std::aligned_alloc(kHugePage, bytes) : std::malloc(bytes));
+  if (!block) throw std::bad_alloc();
+  if (huge) ::madvise(block, bytes, MADV_HUGEPAGE);
+  return {std::unique_ptr<float[], TFreeFloats>(block), bytes / sizeof(float)};
 }
 
 // Keeps a buffer for the next run when there is room (the oldest make room).
