@@ -4,8 +4,11 @@
 
 #include "data/Dgraph.h"
 #include "data/Registerdata.h"
+#include "project/Demodataset.h"
 #include "project/Project.h"
 #include "support/TestDataObjects.h"
+#include "tools/spectral/Advancedfittingpreview.h"
+#include "tools/spectral/Advancedfittingtool.h"
 
 #include <cmath>
 #include <string>
@@ -63,6 +66,34 @@ protected:
   size_t ObjectCount() const { return FProject.GetIDListOfAllData().size(); }
 
   TProject FProject;
+};
+
+/// The demo project with a map of sx × sy spectra of 512 points, and the tool opened on that map the way a
+/// window opens it.
+class AdvancedFittingDemoFixture : public AdvancedFittingFixture {
+protected:
+  void CreateDemo(int sx, int sy) {
+    TDemoOptions options;
+    options.SizeX = sx;
+    options.SizeY = sy;
+    options.SizeGraph = 512;
+    FIDs = CreateDemoProject(FProject, options);
+  }
+
+  /// Sets the function and a fit mask over the silicon band, then the settings given, and opens the tool.
+  TAdvancedFittingPreview& Open(TAdvancedFittingToolForm& tool, const std::vector<std::string>& settings,
+                                const std::string& function = "Lorentz") {
+    std::vector<std::string> all{"Function=" + function, "Fit Mask=480:560"};
+    all.insert(all.end(), settings.begin(), settings.end());
+    EXPECT_TRUE(tool.Parameters().SetParameterValuesFromText(all).empty());
+    const TIntList ids{FIDs.Map};
+    tool.Init(&ids, nullptr, &FProject);
+    TAdvancedFittingPreview* preview = tool.GetPreview();
+    EXPECT_NE(preview, nullptr);
+    return *preview;
+  }
+
+  TDemoIDs FIDs;
 };
 
 } // namespace oxtest

@@ -178,26 +178,18 @@ TEST(AdvancedFittingFitOrder, AnOrderFindsABandThatASingleFitMisses) {
 
 // --- Preview range, listening and extraction on the demo map --------------------------------------------
 
-class AdvancedFittingRangeTest : public oxtest::AdvancedFittingFixture {
+class AdvancedFittingRangeTest : public oxtest::AdvancedFittingDemoFixture {
 protected:
   void SetUp() override {
-    AdvancedFittingFixture::SetUp();
-    TDemoOptions options;
-    options.SizeX = 6;
-    options.SizeY = 4;
-    options.SizeGraph = 512;
-    FIDs = CreateDemoProject(FProject, options);
+    AdvancedFittingDemoFixture::SetUp();
+    CreateDemo(6, 4);
   }
 
+  /// Opened to define start values.
   TAdvancedFittingPreview& Open(TAdvancedFittingToolForm& tool, const std::vector<std::string>& settings) {
-    std::vector<std::string> all{"Function=Lorentz", "Fit Mask=480:560", "Fit Mode=Define Start Values"};
+    std::vector<std::string> all{"Fit Mode=Define Start Values"};
     all.insert(all.end(), settings.begin(), settings.end());
-    EXPECT_TRUE(tool.Parameters().SetParameterValuesFromText(all).empty());
-    const TIntList ids{FIDs.Map};
-    tool.Init(&ids, nullptr, &FProject);
-    TAdvancedFittingPreview* preview = tool.GetPreview();
-    EXPECT_NE(preview, nullptr);
-    return *preview;
+    return AdvancedFittingDemoFixture::Open(tool, all);
   }
 
   std::vector<double> MapAxis(const TAdvancedFittingToolForm& tool) {
@@ -229,8 +221,6 @@ protected:
     ASSERT_NE(interpretation, nullptr);
     cursor->SetPosition(0, interpretation->ToStandard(x));
   }
-
-  TDemoIDs FIDs;
 };
 
 TEST_F(AdvancedFittingRangeTest, TheCurveLiesOnTheRangeWithItsPointsAndResetRangeTakesTheWholeAxis) {

@@ -23,28 +23,11 @@
 
 namespace {
 
-class AdvancedFittingPreviewTest : public oxtest::AdvancedFittingFixture {
+class AdvancedFittingPreviewTest : public oxtest::AdvancedFittingDemoFixture {
 protected:
   void SetUp() override {
-    AdvancedFittingFixture::SetUp();
-    TDemoOptions options;
-    options.SizeX = 8;
-    options.SizeY = 6;
-    options.SizeGraph = 512;
-    FIDs = CreateDemoProject(FProject, options);
-  }
-
-  /// Opens the tool on the demo map in a window's way, with the settings given first.
-  TAdvancedFittingPreview& Open(TAdvancedFittingToolForm& tool, const std::vector<std::string>& settings,
-                                const std::string& function = "Lorentz") {
-    std::vector<std::string> all{"Function=" + function, "Fit Mask=480:560"};
-    all.insert(all.end(), settings.begin(), settings.end());
-    EXPECT_TRUE(tool.Parameters().SetParameterValuesFromText(all).empty());
-    const TIntList ids{FIDs.Map};
-    tool.Init(&ids, nullptr, &FProject);
-    TAdvancedFittingPreview* preview = tool.GetPreview();
-    EXPECT_NE(preview, nullptr);
-    return *preview;
+    AdvancedFittingDemoFixture::SetUp();
+    CreateDemo(8, 6);
   }
 
   /// The same spectrum fitted by the core alone from the tool's present settings.
@@ -75,8 +58,6 @@ protected:
       if (name == label) return text;
     return "(missing)";
   }
-
-  TDemoIDs FIDs;
 };
 
 TEST_F(AdvancedFittingPreviewTest, FitOnceTakesTheFittedValuesAndStatistics) {
