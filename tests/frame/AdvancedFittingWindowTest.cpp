@@ -88,15 +88,7 @@ double ColumnOf(double x) {
 
 class AdvancedFittingWindowTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    RegisterAllTools();
-    RegisterViewers();
-    TDemoOptions options;
-    options.SizeX = 16;
-    options.SizeY = 12;
-    FIDs = CreateDemoProject(FProject, options);
-  }
+  void SetUp() override { FIDs = oxframetest::CreateWorkbenchDemo(FProject, 16, 12); }
   void TearDown() override { TQtToolHost::Instance().CloseAll(); }
 
   /// The pixel where silicon's true abundance is largest.

@@ -77,16 +77,7 @@ using oxframetest::ButtonOf;
 
 class BackgroundWindowTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    RegisterViewers();
-    RegisterAllTools();
-    TDemoOptions options;
-    options.SizeX = 20;
-    options.SizeY = 20;
-    options.SizeGraph = 1024;
-    FIDs = CreateDemoProject(FProject, options);
-  }
+  void SetUp() override { FIDs = oxframetest::CreateWorkbenchDemo(FProject, 20, 20, 1024); }
   void TearDown() override { TQtToolHost::Instance().CloseAll(); }
 
   void SetText(TQtToolWindow& window, const std::string& name, const std::string& text) {

@@ -1,6 +1,12 @@
 // Helpers of the workbench tests: answering modal boxes as a user would, waiting for events, screenshots.
 #pragma once
 
+#include "data/Registerdata.h"
+#include "project/Demodataset.h"
+#include "project/Project.h"
+#include "tools/Registertools.h"
+#include "viewers/Viewershow.h"
+
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QPushButton>
@@ -45,6 +51,21 @@ inline QPushButton* ButtonOf(QWidget& window, const QString& text) {
   for (QPushButton* button : window.findChildren<QPushButton*>())
     if (button->text() == text) return button;
   return nullptr;
+}
+
+/// Registers the data classes, viewers and tools, and fills project with the demo data set: a map of
+/// sizeX × sizeY spectra of sizeGraph points.
+inline TDemoIDs CreateWorkbenchDemo(TProject& project, int32_t sizeX, int32_t sizeY, int32_t sizeGraph = 1024,
+                                    uint64_t seed = 1) {
+  RegisterDataClasses();
+  RegisterViewers();
+  RegisterAllTools();
+  TDemoOptions options;
+  options.SizeX = sizeX;
+  options.SizeY = sizeY;
+  options.SizeGraph = sizeGraph;
+  options.Seed = seed;
+  return CreateDemoProject(project, options);
 }
 
 } // namespace oxframetest

@@ -72,15 +72,7 @@ int CountColour(const TOpenGLBitmap& b, int x0, int x1, int y0, int y1, TRGB wan
 
 class GraphPeaksMasksTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    RegisterViewers();
-    TDemoOptions options;
-    options.SizeX = 20;
-    options.SizeY = 20;
-    options.SizeGraph = 1024;
-    FIDs = CreateDemoProject(FProject, options);
-  }
+  void SetUp() override { FIDs = oxframetest::CreateWorkbenchDemo(FProject, 20, 20, 1024); }
 
   /// A graph viewer on the map in a window of the test's size, the cursor on spectrum (x, y).
   TVMultiGraphForm* ShowMap(int32_t x, int32_t y) {

@@ -4,6 +4,7 @@
 // preview fills the stroke by line interpolation while every other pixel stays; the image filter window's
 // custom filter is saved through its file dialog, listed from the user image filter folder and loaded back,
 // and a file that is no custom filter is refused with "Load failed !". Screenshots are kept for a look.
+#include "FrameTestSupport.h"
 #include "ViewerWindowSupport.h"
 #include "data/Dcolorprofile.h"
 #include "data/Dimage.h"
@@ -90,15 +91,8 @@ void SendMouse(QWidget* widget, QEvent::Type type, QPoint at) {
 class ImageToolWindowsTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    RegisterDataClasses();
-    RegisterViewers();
-    RegisterAllTools();
     oxtest::EnsureMemoryStrategy();
-    TDemoOptions options;
-    options.SizeX = kSizeX;
-    options.SizeY = kSizeY;
-    options.SizeGraph = 16;
-    FIDs = CreateDemoProject(FProject, options);
+    FIDs = oxframetest::CreateWorkbenchDemo(FProject, kSizeX, kSizeY, 16);
     FSavedFilterFolder = TOrvexDirectories::User.UserImageFilters;
     TOrvexDirectories::User.UserImageFilters = FDir.File("UserImageFilters/");
   }

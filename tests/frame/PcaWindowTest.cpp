@@ -3,6 +3,7 @@
 // reconstructed Image" the preview image shows the scores of PC 0 (each pixel in the colour of its score);
 // "Add to Mask" puts the current PC into the PC mask, and Extract then writes the chosen results.
 // Screenshots are kept.
+#include "FrameTestSupport.h"
 #include "ViewerWindowSupport.h"
 #include "data/Dgraph.h"
 #include "data/Dimage.h"
@@ -56,17 +57,7 @@ using oxframetest::ButtonOf;
 
 class PcaWindowTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    RegisterViewers();
-    RegisterAllTools();
-    TDemoOptions options;
-    options.SizeX = kSizeX;
-    options.SizeY = kSizeY;
-    options.SizeGraph = kPoints;
-    options.Seed = 3;
-    FIDs = CreateDemoProject(FProject, options);
-  }
+  void SetUp() override { FIDs = oxframetest::CreateWorkbenchDemo(FProject, kSizeX, kSizeY, kPoints, 3); }
   void TearDown() override { TQtToolHost::Instance().CloseAll(); }
 
   TProject FProject;

@@ -43,15 +43,7 @@ using oxframetest::ButtonOf;
 
 class ToolWindowTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    RegisterDataClasses();
-    RegisterAllTools();
-    TDemoOptions options;
-    options.SizeX = 16;
-    options.SizeY = 12;
-    options.SizeGraph = 64;
-    FIDs = CreateDemoProject(FProject, options);
-  }
+  void SetUp() override { FIDs = oxframetest::CreateWorkbenchDemo(FProject, 16, 12, 64); }
   void TearDown() override { TQtToolHost::Instance().CloseAll(); }
 
   void Save(QWidget& window, const std::string& name) {
