@@ -2,13 +2,10 @@
 // draw field (the pen marks the frequencies that "Free Hand" removes), the filtered preview beside it, and
 // the timer that recalculates the preview a moment after the last change.
 #include "frame/Qttoolwindow.h"
-#include "frame/Qtviewerwindow.h"
 #include "tools/image/Imagefourierfilter.h"
 #include "viewers/Vimage.h"
 
-#include <QGuiApplication>
 #include <QPointer>
-#include <QScreen>
 #include <QTimer>
 #include <memory>
 
@@ -65,21 +62,6 @@ void LinkStrokes(TImageFourierFilterForm& tool, TVImageForm& viewer) {
   };
 }
 
-// The tool's viewers are kept out of the project's windows (they belong to the tool): they get windows
-// here, side by side to the right of the tool's window, and go with their viewers at the clean-up.
-void ShowViewers(TQtToolWindow& window, TProjectDialogForm& tool) {
-  int left = window.frameGeometry().right() + 10;
-  const int top = window.frameGeometry().top();
-  for (TVCustomForm* viewer : tool.GetCustomForms()) {
-    if (TQtViewerWindow::WindowOf(viewer)) continue;
-    auto* shown = new TQtViewerWindow(viewer, nullptr);
-    shown->resize(600, 520);
-    shown->move(left, top);
-    shown->ShowViewerWindow(false);
-    left += 610;
-  }
-}
-
 } // namespace
 
 void RegisterImageFourierFilterWindowExtension() {
@@ -99,7 +81,9 @@ void RegisterImageFourierFilterWindowExtension() {
         ShowMarks(*tool, *amplitude);
         LinkStrokes(*tool, *amplitude);
       }
-      ShowViewers(*static_cast<TQtToolWindow*>(guard.data()), *tool);
+      static_cast<TQtToolWindow*>(guard.data())->ShowToolViewers([](TVCustomForm*) {
+        return QSize(600, 520);
+      });
     };
     tool->OnPreviewUpdated = [tool] {
       if (TVImageForm* amplitude = ViewerOfImage(*tool, tool->GetAmplitudeImageID()))

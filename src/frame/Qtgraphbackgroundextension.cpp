@@ -137,17 +137,9 @@ public:
         c.Intensity->SetImageMouseMode(TImageMouseMode::DrawPen);
       }
     }
-    int left = toolWindow.frameGeometry().right() + 10;
-    const int top = toolWindow.frameGeometry().top();
-    for (TVCustomForm* viewer : c.Tool->GetCustomForms()) {
-      if (TQtViewerWindow::WindowOf(viewer)) continue;
-      const bool small = viewer == c.Intensity;
-      auto* shown = new TQtViewerWindow(viewer, nullptr);
-      shown->resize(small ? 720 : 700, small ? 420 : 460);
-      shown->move(left, top);
-      shown->ShowViewerWindow(false);
-      left += (small ? 720 : 700) + 10;
-    }
+    static_cast<TQtToolWindow&>(toolWindow).ShowToolViewers([&c](TVCustomForm* viewer) {
+      return viewer == c.Intensity ? QSize(720, 420) : QSize(700, 460);
+    });
   }
 
   void GetMaskAverage() {

@@ -228,17 +228,17 @@ void TQtToolWindow::ShowWindow() {
   ShowToolViewers();
 }
 
-void TQtToolWindow::ShowToolViewers() {
+void TQtToolWindow::ShowToolViewers(const std::function<QSize(TVCustomForm*)>& sizeOf) {
   int left = frameGeometry().right() + 10;
-  int top = frameGeometry().top();
+  const int top = frameGeometry().top();
   for (TVCustomForm* viewer : FTool.GetCustomForms()) {
     if (TQtViewerWindow::WindowOf(viewer)) continue;
+    const QSize size = sizeOf ? sizeOf(viewer) : QSize(700, 460);
     auto* shown = new TQtViewerWindow(viewer, nullptr);
-    shown->resize(700, 460);
+    shown->resize(size);
     shown->move(left, top);
     shown->ShowViewerWindow(false);
-    left += 40;
-    top += 40;
+    left += size.width() + 10;
   }
 }
 

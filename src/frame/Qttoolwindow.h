@@ -6,6 +6,7 @@
 
 #include "project/Projectdialogform.h"
 
+#include <QSize>
 #include <QWidget>
 #include <functional>
 #include <map>
@@ -44,9 +45,10 @@ public:
   TGraphMaskParameterLink* MaskLinkOf(const std::string& name) const;
   /// Hands the mask of the parameter to the preview viewer: mask drawing there changes it.
   void SelectMaskForDrawing(const std::string& name);
-  /// Gives each viewer of the tool that has no window yet its own window, to the right of the tool's
-  /// window (the tool's viewers stay out of the project's windows and go with the tool).
-  void ShowToolViewers();
+  /// Gives each viewer of the tool that has no window yet its own window, side by side to the right of the
+  /// tool's window (the tool's viewers stay out of the project's windows and go with the tool). sizeOf
+  /// gives a viewer's window size; without it each is 700 × 460.
+  void ShowToolViewers(const std::function<QSize(TVCustomForm*)>& sizeOf = {});
 
 protected:
   void closeEvent(class QCloseEvent* event) override;
