@@ -247,12 +247,9 @@ TTagError TSafeFileWriter::Commit() {
                                                   : "cannot write " + shown + ": " + FileErrorReason(error));
   }
   if (FileWritesAborted()) return Fail(teWriteFileError, "saving " + shown + " cancelled");
-  if (!FOptions.SyncToDisk && ExchangeWithTarget()) {
-    FErrorText.clear();
-    return teNoError;
-  }
   // rename() replaces the target atomically: at no moment is there no file of that name.
-  if (::rename(FTempName.c_str(), FTarget.c_str()) != 0) {
+  const bool swapped = !FOptions.SyncToDisk && ExchangeWithTarget();
+  if (!swapped && ::rename(FTempName.c_str(), FTarget.c_str()) != 0) {
     const int error = errno;
     return Fail(teWriteFileError, FileWritesAborted()
                                       ? "saving " + shown + " cancelled"
@@ -279,11 +276,6 @@ bool TSafeFileWriter::ExchangeWithTarget() {
   // The temporary's name now holds the old file. Its slot stays claimed until it is gone, so that a signal
   // in between removes it as well; after a kill it is a stale temporary, which the next save removes.
   ::unlink(FTempName.c_str());
-  ReleasePendingSlot(FSlot);
-  FSlot = -1;
-  FTempName.clear();
-  ::close(FFile);
-  FFile = kInvalidFileHandle;
   return true;
 }
 

@@ -45,8 +45,9 @@ public:
 
 private:
   TTagError Fail(TTagError error, const std::string& text);
-  /// Without flushing: swaps the complete temporary with an existing target and removes the old file.
-  /// False (nothing changed) when there is no target or the file system can't swap names.
+  /// Without flushing: swaps the complete temporary with an existing target and removes the old file
+  /// (under the temporary's name now). False (nothing changed) when there is no target or the file system
+  /// can't swap names.
   bool ExchangeWithTarget();
 
   std::string FTarget;   ///< the file that is replaced (a link's destination)

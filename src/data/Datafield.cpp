@@ -334,13 +334,15 @@ TTagError TDataField::LoadDataFromFile(TFileHandle file, IProgressAndCancel* pro
   if (TMemoryManagement::DeferArrayLoading && total > 0) {
     // The bytes stay in the file until they are used or saved; the file position moves past them.
     const int64_t position = FilePosition(file);
-    if (position >= 0 && FMemory->DeferContentsFromFile(file, static_cast<uint64_t>(position)) &&
-        FileSeek(file, position + total, TSeekOrigin::Begin) == position + total) {
-      SetProgress(progress, total / FElementSize, total / FElementSize);
-      return teNoError;
+    if (position < 0) return teReadFileError;
+    if (FMemory->DeferContentsFromFile(file, static_cast<uint64_t>(position))) {
+      if (FileSeek(file, position + total, TSeekOrigin::Begin) == position + total) {
+        SetProgress(progress, total / FElementSize, total / FElementSize);
+        return teNoError;
+      }
+      FMemory->ClearData(); // forgets the note: the bytes are read below after all
+      if (FileSeek(file, position, TSeekOrigin::Begin) != position) return teReadFileError;
     }
-    FMemory->ClearData(); // forgets a note that was taken
-    if (position < 0 || FileSeek(file, position, TSeekOrigin::Begin) != position) return teReadFileError;
   }
   const int64_t chunk = std::max<int64_t>(total / 128, 0x100000);
   for (int64_t offset = 0; offset < total;) {
